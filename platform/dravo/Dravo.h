@@ -1,0 +1,106 @@
+#pragma once
+
+#include <functional>
+#include <memory>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "platform/value/Value.h"
+
+// Dravo, the application and plug-in registry: what is installed, under which UUID, inside which application. Its store
+// in the state directory keeps UUIDs, registration dates and paths; the working set is in memory, indexed by UUID,
+// path, identifier and extension point. Installs and removals on disk are noticed live.
+namespace dravo {
+
+// An installed application. Immutable but for the placeholder flag, which is read anew.
+class DVApplicationProxy {
+public:
+    virtual ~DVApplicationProxy() = default;
+    virtual const std::string& bundlePath() const = 0;
+    virtual std::optional<std::string> bundleIdentifier() const = 0;
+    virtual std::optional<std::string> localizedName() const = 0;
+    // Nothing for an application placed directly in Applications/.
+    virtual std::optional<std::string> bundleContainerPath() const = 0;
+    virtual bool isPlaceholder() const = 0;  // still being installed
+};
+
+// What can contain a plug-in. The daemon relies on it being an application, and stops when it is not.
+struct DVBundleProxy {
+    std::shared_ptr<const DVApplicationProxy> application;  // null: some other kind of bundle
+    std::string bundlePath;
+};
+
+// An installed plug-in: one record for each identifier of a bundle. Immutable; dictionaries that the registry keeps may
+// be read again from disk when they were dropped.
+class DVVeltoProxy {
+public:
+    virtual ~DVVeltoProxy() = default;
+    virtual const std::optional<std::string>& bundlePath() const = 0;
+    virtual const value::Uuid& pluginUUID() const = 0;
+    virtual const std::string& pluginIdentifier() const = 0;
+    virtual const std::string& originalIdentifier() const = 0;
+    virtual const std::string& bundleIdentifier() const = 0;
+    virtual const std::string& bundleVersion() const = 0;
+    virtual std::optional<value::Dictionary> pluginDictionary() const = 0;
+    virtual value::Date registrationDate() const = 0;
+    virtual bool onSystemPartition() const = 0;
+    virtual std::optional<DVBundleProxy> containingBundle() const = 0;
+    virtual std::optional<std::string> localizedName() const = 0;
+    virtual std::optional<std::string> localizedShortName() const = 0;
+    virtual value::Dictionary entitlements() const = 0;
+    virtual std::optional<std::string> dataContainerPath() const = 0;
+};
+
+using PluginList = std::vector<std::shared_ptr<const DVVeltoProxy>>;
+
+// Told of installs and uninstalls, never while the registry holds a lock, on the registry's own queue. An uninstall is
+// announced before the record goes.
+class DVWorkspaceObserver {
+public:
+    virtual ~DVWorkspaceObserver() = default;
+    virtual void pluginsDidInstall(const PluginList& plugins) = 0;
+    virtual void pluginsWillUninstall(const PluginList& plugins) = 0;
+};
+
+// The registry workspace. Any thread; queries answer from memory.
+class DVApplicationWorkspace {
+public:
+    // The shared default workspace: opens the store, takes its lock, brings the working set up to date with what is on
+    // disk and starts watching, at the first call. An error says what prevents it (who holds the state directory).
+    static value::Result<std::shared_ptr<DVApplicationWorkspace>> defaultWorkspace();
+
+    // A workspace of its own, for tests and benchmarks that run several worlds in one process.
+    static value::Result<std::shared_ptr<DVApplicationWorkspace>> open();
+
+    virtual ~DVApplicationWorkspace() = default;
+
+    // Held weakly. What came or went while nobody watched is announced to the first observer; the first scan of an
+    // empty store is not.
+    virtual void addObserver(const std::shared_ptr<DVWorkspaceObserver>& observer) = 0;
+
+    // In a stable order: by path, then identifier.
+    virtual std::optional<PluginList> installedPlugins() const = 0;
+
+    // The plug-ins with one of the identifiers and at one of the extension points (nothing: no constraint; an empty
+    // list admits none) that the filter accepts. The filter is called on the caller's thread, without a lock.
+    using Filter = std::function<bool(const std::string& identifier, const value::Dictionary& entitlements)>;
+    virtual std::optional<PluginList> plugins(const std::optional<std::vector<std::string>>& identifiers,
+                                              const std::optional<std::vector<std::string>>& extensionPoints,
+                                              const std::optional<std::string>& version,
+                                              const Filter& filter) const = 0;
+
+    virtual std::shared_ptr<const DVVeltoProxy> plugin(const value::Uuid& uuid) const = 0;  // null: none
+    virtual std::shared_ptr<const DVVeltoProxy> pluginAtPath(
+        const std::string& path) const = 0;  // the first of its bundle
+    virtual std::shared_ptr<const DVApplicationProxy> applicationAtPath(const std::string& path) const = 0;
+    virtual PluginList pluginsOf(const DVApplicationProxy& application) const = 0;
+
+    // Registration of a bundle by path, kept over restarts; false when there is no plug-in there, or nothing to remove.
+    virtual bool registerPlugin(const std::string& path) = 0;
+    virtual bool unregisterPlugin(const std::string& path) = 0;
+
+    virtual void clearSchemaCaches() = 0;  // drops the dictionaries that the registry keeps
+};
+
+}  // namespace dravo

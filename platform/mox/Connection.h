@@ -1,0 +1,101 @@
+#pragma once
+
+#include <sys/types.h>
+
+#include <functional>
+#include <memory>
+#include <optional>
+#include <string>
+#include <variant>
+
+#include "platform/mox/Dictionary.h"
+#include "platform/mox/Object.h"
+#include "platform/mox/PeerIdentity.h"
+#include "platform/queue/SerialQueue.h"
+
+namespace mox {
+
+// A request as received: the dictionary and the way to answer it. Copies are the same request. While any copy lives the
+// request counts against its connection's bounds; when the last one goes unanswered, nothing is sent.
+class Request {
+public:
+    struct Ticket;  // which reply the peer waits for, and the charge; private to the connection
+    Request(Object dictionary, std::shared_ptr<Ticket> ticket)
+        : dictionary_{std::move(dictionary)}, ticket_{std::move(ticket)} {}
+
+    const Object& object() const { return dictionary_; }
+    View view() const { return dictionary_.view(); }
+    const std::shared_ptr<Ticket>& ticket() const { return ticket_; }
+
+private:
+    Object dictionary_;
+    std::shared_ptr<Ticket> ticket_;
+};
+
+// The reply to one request, bound to it when it is made.
+class Reply : public Dictionary {
+public:
+    explicit Reply(const Request& request) : ticket_{request.ticket()} {}
+
+    // A descriptor of a regular file that goes with the reply.
+    void attach(file::UniqueFd descriptor) { descriptor_ = std::move(descriptor); }
+
+    const std::shared_ptr<Request::Ticket>& ticket() const { return ticket_; }
+    const file::UniqueFd& descriptor() const { return descriptor_; }
+
+private:
+    std::shared_ptr<Request::Ticket> ticket_;
+    file::UniqueFd descriptor_;
+};
+
+// What a connection's handler is given: a request, or an object that is either an error (Object::isError;
+// connectionInvalid is always the last event) or a message that is no dictionary.
+using Event = std::variant<Request, Object>;
+
+// One accepted peer, on the daemon's side. Events are delivered one at a time, in order, on the connection's own serial
+// queue; they start with resume(). The listener keeps the connection alive until it is invalid.
+//
+// Threading: every member may be called from any thread.
+class Connection {
+public:
+    using EventHandler = std::function<void(const Event&)>;
+
+    virtual ~Connection() = default;  // runs the context's finalizer
+
+    virtual pid_t pid() const = 0;
+    virtual const std::shared_ptr<const PeerIdentity>& identity() const = 0;  // the peer's audit token
+
+    // The context lives as long as the connection object: it is released when the connection is destroyed.
+    virtual void setContext(std::shared_ptr<void> context) = 0;
+    // Before resume(). Dropped, with what it captured, after connectionInvalid has been delivered.
+    virtual void setEventHandler(EventHandler handler) = 0;
+    virtual void resume() = 0;
+
+    // Sends the reply, once; later replies to the same request are dropped, as is one to a peer that is gone. Never
+    // blocks: what the peer does not take at once is queued within the connection's bounds.
+    virtual void send(const Reply& reply) = 0;
+
+    virtual void cancel() = 0;  // ends the connection; its handler gets connectionInvalid
+
+    virtual std::string description() const = 0;
+};
+
+// A named service's socket in the runtime directory.
+class Listener {
+public:
+    using ConnectionHandler = std::function<void(const std::shared_ptr<Connection>&)>;
+
+    virtual ~Listener() = default;
+
+    // Called on the queue given to listen() once for each new connection, before any of its events; the connection
+    // delivers nothing until the handler resumes it. Never called for an error.
+    virtual void setConnectionHandler(ConnectionHandler handler) = 0;
+
+    // Starts accepting. An error (the service is taken, the directory is not ours) says what and by whom.
+    [[nodiscard]] virtual std::optional<value::Error> resume() = 0;
+};
+
+// Creates the listener, not yet started, for the service name (checked: no separator, no leading dot, short enough).
+std::shared_ptr<Listener> listen(std::string serviceName, const std::shared_ptr<queue::SerialQueue>& queue);
+
+}  // namespace mox

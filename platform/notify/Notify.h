@@ -1,0 +1,28 @@
+#pragma once
+
+#include <cstdint>
+#include <functional>
+#include <memory>
+#include <optional>
+#include <string>
+
+#include "platform/queue/SerialQueue.h"
+#include "platform/value/Error.h"
+
+// System notifications by name: a counter in notify/<name> of the runtime directory, raised under a lock by each post
+// and watched by observers in any process. They carry nothing but that something happened.
+namespace notify {
+
+// Failures are returned, not fatal. Any thread.
+[[nodiscard]] std::optional<value::Error> post(const std::string& name);
+
+// Calls the handler on the queue after each post, with how many posts happened since the last call (never 0): none is
+// lost, several may be told at once. Null when the file cannot be watched. Destroying the observer ends it.
+class Observer {
+public:
+    virtual ~Observer() = default;
+};
+std::unique_ptr<Observer> observe(const std::string& name, const std::shared_ptr<queue::SerialQueue>& queue,
+                                  std::function<void(std::uint64_t posts)> handler);
+
+}  // namespace notify
