@@ -1,0 +1,74 @@
+#include "platform/mox/View.h"
+
+namespace mox {
+
+std::optional<value::Date> View::date() const {
+    if (const auto seconds = number<double>(Kind::date)) return value::Date{*seconds};
+    return {};
+}
+
+std::optional<value::Uuid> View::uuid() const {
+    if (const auto bytes = number<value::Uuid::Bytes>(Kind::uuid)) return value::Uuid{*bytes};
+    return {};
+}
+
+std::optional<value::Error> View::error() const {
+    if (kind() != Kind::error) return {};
+    // The code, the domain and, when there is one, the message, after a header like an array's.
+    value::Error error;
+    const std::byte* at = contents();
+    const auto text = [&at] {
+        const std::size_t length = encoding::load<std::uint32_t>(at);
+        const std::string result{reinterpret_cast<const char*>(at + encoding::kLengthSize), length};
+        at += encoding::kLengthSize + length;
+        return result;
+    };
+    error.code = encoding::load<std::int64_t>(at);
+    at += sizeof(std::int64_t);
+    error.domain = text();
+    if (at != at_ + size()) error.message = text();
+    return error;
+}
+
+std::optional<View> View::find(std::string_view key) const {
+    std::optional<View> found;
+    forEachEntry([&](std::string_view name, View value) {
+        if (name != key) return true;
+        found = value;
+        return false;
+    });
+    return found;
+}
+
+value::Value View::toValue() const {
+    switch (kind()) {
+        case Kind::boolean: return *boolean();
+        case Kind::signedInteger: return *signedInteger();
+        case Kind::unsignedInteger: return *unsignedInteger();
+        case Kind::real: return *real();
+        case Kind::string: return *string();
+        case Kind::data: {
+            const Bytes bytes = *data();
+            return value::Data{bytes.begin(), bytes.end()};
+        }
+        case Kind::date: return *date();
+        case Kind::uuid: return *uuid();
+        case Kind::error: return *error();
+        case Kind::message: return message()->toValue();
+        case Kind::array: {
+            value::Array::Storage elements;
+            elements.reserve(count());
+            forEachElement([&](View element) { elements.push_back(element.toValue()); });
+            return value::Array{std::move(elements)};
+        }
+        case Kind::dictionary: {
+            value::Dictionary::Builder entries;
+            entries.reserve(count());
+            forEachEntry([&](std::string_view key, View value) { entries.set(key, value.toValue()); });
+            return std::move(entries).build();
+        }
+    }
+    return false;  // checked bytes hold no other tag
+}
+
+}  // namespace mox
