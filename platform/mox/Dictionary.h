@@ -26,6 +26,8 @@ public:
     Object toObject() const;  // encodes all of it: for descriptions and tests
 
 private:
+    void put(std::string_view key, Content content);
+
     std::vector<std::pair<std::string, Content>> entries_;
 };
 

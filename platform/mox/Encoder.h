@@ -1,7 +1,9 @@
 #pragma once
 
 #include <cstddef>
+#include <memory>
 #include <string_view>
+#include <utility>
 #include <vector>
 
 #include "platform/mox/View.h"
@@ -10,34 +12,43 @@ namespace mox {
 
 // Appends encoded values to a buffer that it owns. The pieces are written in the order of the calls; a dictionary is
 // opened, given `key` and a value in turns, and closed. Bytes that an Encoder made before can be spliced in whole,
-// which is how a cached form goes into a reply for the price of a copy. Mismatched calls are programming errors.
+// which is how a cached form goes into a reply for the price of a copy. Mismatched calls are programming errors. A
+// container of more than 4 GiB cannot be encoded; callers stay far below.
 class Encoder {
 public:
     void reserve(std::size_t bytes) { bytes_.reserve(bytes); }
+    std::size_t size() const { return bytes_.size(); }
 
     void value(const value::Value& value);  // the plain conversion
     void string(std::string_view text);
 
-    // A container's header is completed by `end`; entries or elements are counted as they are written.
+    // An open container; its header is completed by `end`. Entries or elements are counted as they are written.
     struct Container {
         std::size_t at;
         std::size_t count = 0;
     };
-    Container beginArray();
-    Container beginDictionary();
-    void element(Container& array);                          // before each element
-    void key(Container& dictionary, std::string_view name);  // before each value
-    void splice(Bytes encodedValue);                         // one whole value
+    [[nodiscard]] Container beginArray() { return begin(Kind::array); }
+    [[nodiscard]] Container beginDictionary() { return begin(Kind::dictionary); }
+    static void element(Container& array) { ++array.count; }   // before each element
+    void key(Container& dictionary, std::string_view name);    // before each value
+    void splice(Bytes encodedValue) { append(encodedValue); }  // one whole value
     void spliceEntries(Container& dictionary, Bytes entries, std::size_t count);
     void end(const Container& container);
 
-    std::size_t beginMessage();  // message form: then exactly one value
-    void endMessage(std::size_t at);
+    void beginMessage();  // message form: then exactly one value
 
     const std::vector<std::byte>& bytes() const { return bytes_; }
     std::vector<std::byte> take() { return std::move(bytes_); }
 
 private:
+    [[nodiscard]] Container begin(Kind kind);
+    void append(Bytes bytes);
+    void tag(Kind kind) { bytes_.push_back(static_cast<std::byte>(kind)); }
+    void text(std::string_view text);
+    void error(const value::Error& error);
+    template <typename Number>
+    void number(Number number);
+
     std::vector<std::byte> bytes_;
 };
 

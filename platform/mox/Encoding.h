@@ -22,7 +22,7 @@ static_assert(std::endian::native == std::endian::little, "encoded numbers are r
 inline constexpr std::size_t kTagSize = 1;
 inline constexpr std::size_t kLengthSize = 4;
 inline constexpr std::size_t kContainerHeader = kTagSize + 2 * kLengthSize;  // tag, size, count
-inline constexpr std::size_t kSmallestValue = 2;                            // a boolean
+inline constexpr std::size_t kSmallestValue = 2;                             // a boolean
 inline constexpr std::size_t kSmallestEntry = kLengthSize + kSmallestValue;
 
 template <typename Number>

@@ -34,6 +34,12 @@ public:
     // Takes over bytes from outside when check() accepts them.
     static value::Result<Object> decode(std::vector<std::byte> encoded, const Limits& limits);
 
+    // The same where the value fills the bytes from an offset on, behind a frame's header: spares the copy.
+    static value::Result<Object> decode(std::vector<std::byte> bytes, std::size_t offset, const Limits& limits);
+
+    // Takes over one value that an Encoder made.
+    static Object adopt(std::vector<std::byte> encoded);
+
     View view() const { return View{bytes_->data() + offset_}; }
     bool isDictionary() const { return view().isDictionary(); }
     bool isError() const { return view().kind() == Kind::error; }

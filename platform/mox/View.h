@@ -10,15 +10,15 @@
 #include "platform/mox/Encoding.h"
 #include "platform/value/Value.h"
 
-// Mox values as they lie in a message: encoded bytes that were checked once, when they arrived or were made, and are read
-// in place. doc/wire.md has the layout.
+// Mox values as they lie in a message: encoded bytes that were checked once, when they arrived or were made, and are
+// read in place. doc/wire.md has the layout.
 namespace mox {
 
 using Bytes = std::span<const std::byte>;
 
-// The kinds by their tag bytes. `message` is a property-list value in message form: its own encoding inside one more tag,
-// which says that every kind in it is exact. `error` never travels: it stands for a connection that failed, and is made
-// on this side only.
+// The kinds by their tag bytes. `message` is a property-list value in message form: its own encoding inside one more
+// tag, which says that every kind in it is exact. `error` never travels: it stands for a connection that failed, and is
+// made on this side only.
 enum class Kind : std::uint8_t {
     boolean = 1,
     signedInteger = 2,
@@ -34,8 +34,8 @@ enum class Kind : std::uint8_t {
     message = 12,
 };
 
-// One value inside checked bytes: a pointer, copied freely, valid while the bytes are (the Object that owns them lives).
-// Typed reads answer "absent" for another kind. Nothing is allocated but by toValue() and error().
+// One value inside checked bytes: a pointer, copied freely, valid while the bytes are (the Object that owns them
+// lives). Typed reads answer "absent" for another kind. Nothing is allocated but by toValue() and error().
 class View {
 public:
     // Takes bytes that check() has accepted, or that Encoder wrote.
@@ -63,9 +63,9 @@ public:
     std::size_t count() const;                             // elements or entries; 0 for other kinds
     std::optional<View> find(std::string_view key) const;  // in a dictionary; walks the entries
 
-    // Visits the elements of an array, `visit(View element)`, or the entries of a dictionary, `visit(std::string_view key,
-    // View value)`, in their order. A visitor that returns bool ends the visit with false. Other kinds have nothing to
-    // visit. Answers whether all were visited.
+    // Visits the elements of an array, `visit(View element)`, or the entries of a dictionary, `visit(std::string_view
+    // key, View value)`, in their order. A visitor that returns bool ends the visit with false. Other kinds have
+    // nothing to visit. Answers whether all were visited.
     template <typename Visitor>
     bool forEachElement(Visitor&& visit) const;
     template <typename Visitor>
@@ -118,9 +118,15 @@ inline std::optional<bool> View::boolean() const {
     if (kind() != Kind::boolean) return {};
     return at_[1] != std::byte{0};
 }
-inline std::optional<std::int64_t> View::signedInteger() const { return number<std::int64_t>(Kind::signedInteger); }
-inline std::optional<std::uint64_t> View::unsignedInteger() const { return number<std::uint64_t>(Kind::unsignedInteger); }
-inline std::optional<double> View::real() const { return number<double>(Kind::real); }
+inline std::optional<std::int64_t> View::signedInteger() const {
+    return number<std::int64_t>(Kind::signedInteger);
+}
+inline std::optional<std::uint64_t> View::unsignedInteger() const {
+    return number<std::uint64_t>(Kind::unsignedInteger);
+}
+inline std::optional<double> View::real() const {
+    return number<double>(Kind::real);
+}
 
 inline std::optional<std::string_view> View::string() const {
     if (kind() != Kind::string) return {};

@@ -8,7 +8,9 @@ namespace text {
 
 namespace {
 
-constexpr bool isContinuation(unsigned char c) { return (c & 0xC0) == 0x80; }
+constexpr bool isContinuation(unsigned char c) {
+    return (c & 0xC0) == 0x80;
+}
 
 // The length of the well-formed sequence of two to four bytes at `at`, 0 when it is none.
 std::size_t sequenceLength(const unsigned char* at, std::size_t left) {

@@ -1,0 +1,1 @@
+vtd_fuzz(fuzz_value LIBRARIES platform SOURCES FuzzValue.cpp)

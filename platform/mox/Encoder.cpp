@@ -1,0 +1,102 @@
+#include "platform/mox/Encoder.h"
+
+#include <cstdint>
+#include <cstring>
+
+namespace mox {
+
+template <typename Number>
+void Encoder::number(Number number) {
+    append(std::as_bytes(std::span{&number, 1}));
+}
+
+void Encoder::append(Bytes bytes) {
+    bytes_.insert(bytes_.end(), bytes.begin(), bytes.end());
+}
+
+void Encoder::text(std::string_view text) {
+    number(static_cast<std::uint32_t>(text.size()));
+    append(std::as_bytes(std::span{text}));
+}
+
+void Encoder::string(std::string_view text) {
+    tag(Kind::string);
+    this->text(text);
+}
+
+void Encoder::value(const value::Value& value) {
+    switch (value.kind()) {
+        case value::Kind::boolean:
+            tag(Kind::boolean);
+            bytes_.push_back(static_cast<std::byte>(*value.boolean()));
+            return;
+        case value::Kind::signedInteger: tag(Kind::signedInteger); return number(*value.signedInteger());
+        case value::Kind::unsignedInteger: tag(Kind::unsignedInteger); return number(*value.unsignedInteger());
+        case value::Kind::real: tag(Kind::real); return number(*value.real());
+        case value::Kind::string: return string(*value.string());
+        case value::Kind::data:
+            tag(Kind::data);
+            number(static_cast<std::uint32_t>(value.data()->size()));
+            return append(*value.data());
+        case value::Kind::date: tag(Kind::date); return number(value.date()->seconds);
+        case value::Kind::uuid: tag(Kind::uuid); return number(value.uuid()->bytes());
+        case value::Kind::error: return error(*value.error());
+        case value::Kind::array: {
+            Container array = beginArray();
+            for (const value::Value& element : *value.array()) {
+                Encoder::element(array);
+                this->value(element);
+            }
+            return end(array);
+        }
+        case value::Kind::dictionary: {
+            Container dictionary = beginDictionary();
+            for (const value::Dictionary::Entry& entry : *value.dictionary()) {
+                key(dictionary, entry.key);
+                this->value(entry.value);
+            }
+            return end(dictionary);
+        }
+    }
+}
+
+// Never sent, so its layout is nobody else's: a container's header, then code, domain and, when there is one, message.
+void Encoder::error(const value::Error& error) {
+    const Container container = begin(Kind::error);
+    number(error.code);
+    text(error.domain);
+    if (error.message) text(*error.message);
+    end(container);
+}
+
+Encoder::Container Encoder::begin(Kind kind) {
+    const Container container{bytes_.size()};
+    bytes_.resize(bytes_.size() + encoding::kContainerHeader);
+    bytes_[container.at] = static_cast<std::byte>(kind);
+    return container;
+}
+
+void Encoder::end(const Container& container) {
+    std::byte* const header = bytes_.data() + container.at + encoding::kTagSize;
+    const auto size =
+        static_cast<std::uint32_t>(bytes_.size() - container.at - encoding::kTagSize - encoding::kLengthSize);
+    const auto count = static_cast<std::uint32_t>(container.count);
+    std::memcpy(header, &size, sizeof size);
+    std::memcpy(header + encoding::kLengthSize, &count, sizeof count);
+}
+
+void Encoder::key(Container& dictionary, std::string_view name) {
+    ++dictionary.count;
+    text(name);
+}
+
+void Encoder::spliceEntries(Container& dictionary, Bytes entries, std::size_t count) {
+    dictionary.count += count;
+    append(entries);
+}
+
+void Encoder::beginMessage() {
+    tag(Kind::message);
+}
+
+}  // namespace mox

@@ -1,0 +1,162 @@
+#include <gtest/gtest.h>
+
+#include "platform/mox/Dictionary.h"
+#include "platform/mox/Encoder.h"
+#include "platform/mox/Object.h"
+#include "tests/support/Hex.h"
+#include "tests/support/RandomValue.h"
+
+namespace mox {
+namespace {
+
+using support::fromHex;
+using value::Value;
+
+std::vector<std::byte> encoded(const Value& value) {
+    Encoder encoder;
+    encoder.value(value);
+    return encoder.take();
+}
+
+TEST(Codec, EveryValueComesBackWithItsExactKinds) {
+    support::RandomValue random{1};
+    for (int i = 0; i < 2000; ++i) {
+        const Value value = random();
+        const auto bytes = encoded(value);
+        const auto decoded = Object::decode(bytes, kRequestLimits);
+        ASSERT_TRUE(decoded) << decoded.error().localizedDescription();
+        EXPECT_EQ(decoded->view().toValue(), value) << value::description(value);
+        // Equality of values is lax between kinds of numbers; the bytes are not.
+        EXPECT_EQ(encoded(decoded->view().toValue()), bytes);
+    }
+}
+
+TEST(Codec, RefusesAValueCutAtAnyByteAndOneWithMoreBehindIt) {
+    auto bytes = encoded(value::Dictionary{{"list", value::Array{1, "two", 3.0, true}},
+                                           {"token", value::Uuid::random()},
+                                           {"bytes", value::Data(5)},
+                                           {"when", value::Date{7}}});
+    for (std::size_t size = 0; size < bytes.size(); ++size) {
+        EXPECT_TRUE(check(Bytes{bytes}.first(size), kRequestLimits)) << size;
+    }
+    EXPECT_FALSE(check(bytes, kRequestLimits));
+    bytes.push_back(std::byte{1});
+    EXPECT_TRUE(check(bytes, kRequestLimits));
+}
+
+TEST(Codec, RefusesWhatTheBytesCannotHold) {
+    const struct {
+        const char *name, *hex, *what;
+    } rows[] = {
+        {"no tag", "00", "unknown kind"},
+        {"a tag of nobody", "0d", "unknown kind"},
+        {"an error from outside", "0b 04000000 00000000", "unknown kind"},
+        {"a boolean of 2", "01 02", "neither 0 nor 1"},
+        {"text longer than the frame", "05 ffffffff 61", "beyond what is left"},
+        {"text not in UTF-8", "05 02000000 c3 28", "not UTF-8"},
+        {"an overlong slash", "05 02000000 c0 af", "not UTF-8"},
+        {"a surrogate", "05 03000000 ed a0 80", "not UTF-8"},
+        {"data longer than the frame", "06 ffffffff", "cut off"},
+        {"a container beyond the frame", "08 ffffffff 00000000", "size beyond"},
+        {"four billion elements", "08 06000000 ffffffff 0100", "count beyond"},
+        {"a size without a count", "08 03000000 000000 00", "room for the count"},
+        {"a container longer than its elements", "08 07000000 01000000 0100 00", "where its size says"},
+        {"an element beyond its container", "08 06000000 01000000 02 00 00 00 00 00 00 00 00", "cut off"},
+        {"a key that stands twice", "09 10000000 02000000 00000000 0100 00000000 0100", "stands twice"},
+        {"twice with another between, out of order",
+         "09 19000000 03000000 01000000 62 0100 01000000 61 0100 01000000 62 0100", "stands twice"},
+        {"a key not in UTF-8", "09 0b000000 01000000 01000000 ff 0100", "not UTF-8"},
+        {"a message form inside another", "0c 0c 0100", "inside another"},
+        {"one deep inside another", "0c 08 07000000 01000000 0c 0100", "inside another"},
+    };
+    for (const auto& row : rows) {
+        const auto error = check(fromHex(row.hex), kRequestLimits);
+        ASSERT_TRUE(error) << row.name;
+        EXPECT_NE(error->message->find(row.what), std::string::npos) << row.name << ": " << *error->message;
+    }
+    EXPECT_EQ(check(fromHex("09 12000000 02000000 01000000 62 0100 01000000 61 0100"), kRequestLimits), std::nullopt)
+        << "keys need not ascend";
+    EXPECT_EQ(check(fromHex("08 0a000000 02000000 0c 0100 0c 0101"), kRequestLimits), std::nullopt)
+        << "message forms side by side";
+}
+
+TEST(Codec, HoldsTheLimitsOfDepthAndNumberAndSize) {
+    const auto nested = [](int depth) {
+        Value value = value::Array{};
+        for (int i = 1; i < depth; ++i) value = value::Array{value};
+        return encoded(value);
+    };
+    EXPECT_FALSE(check(nested(32), kRequestLimits));
+    EXPECT_TRUE(check(nested(33), kRequestLimits));
+    EXPECT_TRUE(check(nested(200), Limits{1 << 20, 1'000'000, 1000})) << "whatever the limits ask for";
+
+    const auto three = encoded(value::Array{1, 2});
+    EXPECT_FALSE(check(three, Limits{three.size(), 1, 3}));
+    EXPECT_TRUE(check(three, Limits{three.size(), 1, 2}));
+    EXPECT_TRUE(check(three, Limits{three.size() - 1, 1, 3}));
+}
+
+TEST(View, ReadsNothingFromAnotherKind) {
+    const Object object{value::Dictionary{{"text", "1"}, {"number", 1}, {"list", value::Array{1}}}};
+    const View text = *object.view().find("text");
+    EXPECT_FALSE(text.boolean() || text.signedInteger() || text.unsignedInteger() || text.real() || text.data() ||
+                 text.date() || text.uuid() || text.message() || text.error() || text.find("text"));
+    EXPECT_FALSE(object.view().find("number")->string());
+    EXPECT_FALSE(object.view().find("number")->unsignedInteger());
+    EXPECT_FALSE(object.view().find("absent"));
+    EXPECT_EQ(text.count(), 0U);
+    EXPECT_EQ(object.view().find("list")->count(), 1U);
+}
+
+TEST(View, AVisitorCanEndTheVisit) {
+    const Object object{value::Array{1, 2, 3}};
+    int seen = 0;
+    EXPECT_FALSE(object.view().forEachElement([&](View) { return ++seen < 2; }));
+    EXPECT_EQ(seen, 2);
+}
+
+TEST(Encoder, SplicedBytesReadAsIfTheyHadBeenEncodedInPlace) {
+    Encoder entries;
+    Encoder::Container ignored = entries.beginDictionary();
+    const std::size_t start = entries.size();
+    entries.key(ignored, "b");
+    entries.value(2);
+    const auto cached = entries.take();
+
+    Encoder encoder;
+    encoder.beginMessage();
+    Encoder::Container dictionary = encoder.beginDictionary();
+    encoder.key(dictionary, "a");
+    encoder.value(1);
+    encoder.spliceEntries(dictionary, Bytes{cached}.subspan(start), 1);
+    encoder.end(dictionary);
+
+    Dictionary message;
+    message.set("matches", "replaced");
+    message.setEncoded("matches", std::make_shared<const std::vector<std::byte>>(encoder.take()));
+    const Object object = message.toObject();
+    ASSERT_EQ(check(object.view().encoded(), kRequestLimits), std::nullopt);
+    EXPECT_EQ(object.view().find("matches")->message()->toValue(), (value::Dictionary{{"a", 1}, {"b", 2}}));
+}
+
+TEST(Object, ErrorsKeepTheirPartsAndAPartOutlivesTheWhole) {
+    const value::Error errors[] = {{"mox", 1, "gone"}, {"Velto", -4, {}}};
+    for (const value::Error& error : errors) EXPECT_EQ(Object{error}.view().error(), error);
+
+    std::optional<Object> part;
+    {
+        const Object whole{value::Dictionary{{"inner", value::Dictionary{{"k", "v"}}}}};
+        part = whole.part(*whole.view().find("inner"));
+    }
+    EXPECT_EQ(part->view().find("k")->string(), "v");
+}
+
+TEST(Description, ShowsKindsAndStaysBounded) {
+    const Object object{value::Dictionary{{"a", 1U}, {"list", value::Array{"x", true, value::Data(2)}}}};
+    EXPECT_EQ(description(object.view()), "dictionary { \"a\" = uint64 1 \"list\" = array { \"x\" true data 0000 } }");
+    const Object huge{value::Array{value::Array::Storage(100'000, "text")}};
+    EXPECT_LT(description(huge.view()).size(), 20'000U);
+}
+
+}  // namespace
+}  // namespace mox
