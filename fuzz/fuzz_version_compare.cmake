@@ -1,0 +1,1 @@
+vtd_fuzz(fuzz_version_compare LIBRARIES platform SOURCES FuzzVersionCompare.cpp)
