@@ -17,8 +17,7 @@
 // a path out of where it was meant to lead, never leaving half a file behind.
 namespace file {
 
-// What tells that a file is the same and unchanged, as far as one stat can tell. Compare two of them; `settled` says
-// whether the change time is old enough that a later write must show (the clock's tick is some milliseconds long).
+// What tells that a file is the same and unchanged, as far as one stat can tell. Compare two of them.
 struct Stamp {
     std::uint64_t device = 0;
     std::uint64_t inode = 0;
@@ -30,39 +29,53 @@ struct Stamp {
 
 Stamp stampOf(const struct stat& status);
 std::optional<Stamp> stampOf(const std::string& path);  // follows links; nothing when it cannot be read
+
+// Whether the change time is old enough that a later write must show in the stamp: the clock of a file system ticks
+// only every few milliseconds. Ask before reading what the stamp is to stand for; asked later, it would vouch for a
+// write that came between.
 bool settled(const Stamp& stamp);
 
 struct Contents {
     std::string bytes;
-    Stamp stamp;
+    Stamp stamp;           // taken before the bytes were read: never newer than they are
+    bool settled = false;  // of that stamp, at that time
     uid_t owner = 0;
     mode_t mode = 0;
 };
 
 // Reads a whole regular file: opened without blocking and checked on the descriptor, so that a pipe, a device or a
 // directory is an error and not a hang; larger than `limit` bytes is an error before anything is allocated for it.
-// Errors are of the domain "posix"; a missing file is ENOENT.
+// Errors are of the domain "posix"; a missing file is ENOENT, one too large EFBIG.
 value::Result<Contents> readRegular(const std::string& path, std::size_t limit);
 
-// The same for a name below an open directory, of which no component may be a link ("..", too, is refused).
+// The same for a name below an open directory (O_PATH will do), of which no component may be a link ("..", too, is
+// refused, and so is an absolute name).
 value::Result<Contents> readRegularBeneath(int directory, const std::string& relativePath, std::size_t limit);
 
+// A descriptor of such a file, open for reading.
+value::Result<UniqueFd> openRegularBeneath(int directory, const std::string& relativePath);
+
 // The project's one atomic write: a temporary file in the same directory (exclusive, 0600), write, fsync, close
-// checked, rename over, fsync of the directory. After a failure the temporary is gone and the old file untouched; a
-// failed fsync is never repeated on the same file. Readers see the old or the new content, never a mixture, whenever
-// the process ends.
+// checked, rename over, fsync of the directory. After a failure the temporary is gone and the old file untouched; only
+// when the fsync of the directory is what failed is the new file in place already, though it might not outlive a power
+// cut. A failed fsync is never repeated on the same file. Readers see the old or the new content, never a mixture,
+// whenever the process ends; a process killed in mid-write leaves a name that begins with ".tmp-".
+//
+// A path that is a symbolic link stands for the file it leads to, as it does for the reader: that file is replaced, in
+// its own directory, and the link stays.
 [[nodiscard]] std::optional<value::Error> writeAtomically(const std::string& path, std::string_view bytes);
 
 // All symbolic links, "." and ".." removed. Nothing when the path does not exist, holds a NUL byte, or is longer than
 // 1023 bytes once resolved; errno then tells why.
 std::optional<std::string> canonicalPath(const std::string& path);
 
-// Makes the directory and those above it, each new one with the mode; an existing directory is fine.
+// Makes the directory and those above it, each new one with the mode (less the umask); an existing directory is fine.
 [[nodiscard]] std::optional<value::Error> makeDirectories(const std::string& path, mode_t mode);
 
-// A file name made of a text from outside (an identifier, a version): separators, "@", "%", control characters and
-// leading dots are percent-encoded, and what would grow too long for a file name ends in a hash. Different texts give
-// different names. Never empty, never "." or "..".
+// A file name made of a text from outside (an identifier, a version): separators, "@", "%", control characters, leading
+// dots and bytes that are no UTF-8 are percent-encoded, what would grow beyond 200 bytes is cut and ends in "%~" and a
+// hash of the whole text, and the empty text is "%empty". Different texts give different names. Never empty, never "."
+// or "..", and without "@", so that it may separate two such names.
 std::string encodedName(std::string_view text);
 
 }  // namespace file

@@ -1,0 +1,42 @@
+#pragma once
+
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <stdexcept>
+#include <string>
+#include <string_view>
+
+namespace support {
+
+// A directory of one test's own, removed with all that is in it.
+class TemporaryDirectory {
+public:
+    TemporaryDirectory() : path_{std::filesystem::temp_directory_path() / "vtd-test-XXXXXX"} {
+        if (::mkdtemp(path_.data()) == nullptr) throw std::runtime_error{"no temporary directory"};
+    }
+    TemporaryDirectory(const TemporaryDirectory&) = delete;
+    TemporaryDirectory& operator=(const TemporaryDirectory&) = delete;
+    ~TemporaryDirectory() {
+        std::error_code ignored;
+        std::filesystem::remove_all(path_, ignored);
+    }
+
+    const std::string& path() const { return path_; }
+    std::string operator/(std::string_view name) const { return path_ + "/" + std::string{name}; }
+
+    // Writes a file below, with the directories that it needs, and answers its path.
+    std::string write(std::string_view name, std::string_view bytes) const {
+        const std::filesystem::path file = *this / name;
+        std::filesystem::create_directories(file.parent_path());
+        std::ofstream stream{file, std::ios::binary};
+        stream << bytes;
+        if (!stream.flush()) throw std::runtime_error{"cannot write " + file.string()};
+        return file;
+    }
+
+private:
+    std::string path_;
+};
+
+}  // namespace support
