@@ -1,0 +1,92 @@
+#pragma once
+
+#include <cstdint>
+#include <memory>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "Velto/VTAtomic.h"
+#include "Velto/VTForm.h"
+#include "Velto/VTPlugInCore.h"
+#include "platform/dravo/Dravo.h"
+#include "platform/value/Value.h"
+#include "vtd/VTDAnnotationSource.h"
+
+// Entitlements of a plug-in that say how the user's choices apply to it.
+inline constexpr char kReplacePlugInEntitlement[] = "halvern.developer.replace-plugin";
+inline constexpr char kAutoElectEntitlement[] = "halvern.developer.auto-elect-plugin";
+
+// The key under which annotations are stored: the identifier, or the one that the plug-in says it replaces (by a single
+// text). Refers to one of the arguments.
+const std::string& annotationKeyFor(const std::string& identifier, const value::Dictionary& entitlements);
+
+// The daemon's record of one installed plug-in: the shared record, built from the registry's record and the bundle's
+// info dictionary, with what only the registry knows (display names, entitlements, the data container), the rule
+// language, and the extensions for shared resources.
+//
+// Ownership: built and cached by the database; holds its registry record; refers to its annotation source weakly.
+// Threading: built on the database's queue, then used by requests on the service queue, one at a time: what is filled
+// on first read (display names, resolved resources) has no lock of its own but for the properties' atomicity.
+// Errors: a plug-in that cannot be used makes no record; the reason is logged.
+class VTDPlugIn : public VTPlugInCore {
+public:
+    // Null when the plug-in has no bundle, no usable description, or is mis-configured.
+    static std::shared_ptr<VTDPlugIn> initWithDVData(const std::shared_ptr<const dravo::DVVeltoProxy>& proxy);
+
+    // The dictionary without the build tools' keys ("DT..."); empty for none.
+    static value::Dictionary prunedInfoDictionaryFor(const std::optional<value::Dictionary>& info);
+
+    // --- Display names: the registry's, asked until it knows one. Empty while it does not.
+
+    std::string localizedName() const override;
+    void setLocalizedName(std::string value) override { localizedName_.store(std::move(value)); }
+    std::string localizedShortName() const override;
+    void setLocalizedShortName(std::string value) override { localizedShortName_.store(std::move(value)); }
+    std::string localizedContainingName() const override;
+    void setLocalizedContainingName(std::string value) override { localizedContainingName_.store(std::move(value)); }
+
+    // --- Shared resources
+
+    // Adds "extensions" when the plug-in shares anything: shared name to token, without those that were refused.
+    void augmentForm(VTForm& form) const;
+    value::Dictionary issueResourceExtensions(const value::Value& shared) const;
+
+    // --- Entitlements, as the registry reports them at each call
+
+    value::Dictionary entitlements() const { return dvproxy()->entitlements(); }
+    std::optional<value::Value> valueForEntitlement(std::string_view name) const;
+    bool hasEntitlement(std::string_view name) const;  // present and not equal to false
+    std::string annotationKey() const;
+
+    [[nodiscard]] std::optional<value::Error> diagnose() const override;
+
+    // --- The rule language (VTDPlugIn_Match.cpp). Nothing fails: what makes no sense is not matched.
+
+    bool match(const std::optional<value::Dictionary>& rules) const;  // no rules match everything
+
+    // The first rule that the plug-in does not satisfy, in the dictionary's order; null when it matches.
+    const value::Dictionary::Entry* unmatchedRule(const value::Dictionary& rules) const;
+
+    bool matchKey(std::string_view name, const value::Value& pattern) const;
+    bool matchValuePatterns(std::string_view value, const value::Value& patterns) const;
+    bool matchValuePattern(std::string_view value, std::string_view pattern) const;
+    bool matchDictionary(const value::Value& rule, const value::Dictionary& items) const;
+
+    // Where "KXUserElection" is asked; without one nothing was ever decided.
+    void setAnnotationSource(std::weak_ptr<VTDAnnotationSource> source) { annotationSource_.store(std::move(source)); }
+
+    std::shared_ptr<const dravo::DVVeltoProxy> dvproxy() const { return dvproxy_.load(); }
+    void setDvproxy(std::shared_ptr<const dravo::DVVeltoProxy> proxy) { dvproxy_.store(std::move(proxy)); }
+
+private:
+    bool matchAny(const value::Value* value, const value::Value& pattern) const;
+    bool matchText(std::string_view value, const value::Value& pattern) const;
+
+    mutable VTAtomic<std::string> localizedName_;
+    mutable VTAtomic<std::string> localizedShortName_;
+    mutable VTAtomic<std::string> localizedContainingName_;
+    VTAtomic<std::shared_ptr<const dravo::DVVeltoProxy>> dvproxy_;
+    VTAtomic<std::weak_ptr<VTDAnnotationSource>> annotationSource_;
+};

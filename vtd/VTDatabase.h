@@ -1,0 +1,129 @@
+#pragma once
+
+#include <cstdint>
+#include <memory>
+#include <optional>
+#include <string>
+#include <unordered_map>
+#include <vector>
+
+#include "Velto/VTAtomic.h"
+#include "platform/dravo/Dravo.h"
+#include "platform/queue/SerialQueue.h"
+#include "platform/value/Value.h"
+#include "vtd/VTDAnnotationSource.h"
+
+class VTDAnnotationStore;
+class VTDPlugIn;
+
+// Told about plug-ins about to be uninstalled, after the database has dropped their records and left its own queue.
+class VTDatabaseDelegate {
+public:
+    virtual ~VTDatabaseDelegate() = default;
+    virtual void removedPlugIns(const dravo::PluginList& plugIns) = 0;
+};
+
+// The daemon's view of the installed plug-ins: turns the registry's records into the daemon's own, keeps those it has
+// built in a bounded cache, answers lookups, forwards registrations, and owns the one annotation store.
+//
+// Ownership: the database owns its store and its cache; the cache owns the records, which stay valid for as long as
+// somebody uses them. The delegate is held weakly. A database is always owned by a shared pointer.
+// Threading: the cache and the annotation store are touched only on the serial queue "VTDatabase" (_sync). Every
+// operation enters it by itself and must not be called from it, but for those said to be "on _sync", which check that
+// they are there. Records are built on _sync: other lookups wait meanwhile.
+// Errors: a plug-in that makes no record is logged and absent from every result; an unknown UUID or path is logged and
+// gives nothing. A registry that breaks its contract stops the daemon.
+class VTDatabase : public dravo::DVWorkspaceObserver,
+                   public VTDAnnotationSource,
+                   public std::enable_shared_from_this<VTDatabase> {
+public:
+    using Cache = std::unordered_map<value::Uuid, std::shared_ptr<VTDPlugIn>>;
+    using PlugIns = std::vector<std::shared_ptr<VTDPlugIn>>;
+
+    // A database by itself, observing the workspace; in the daemon the server is the database. Without a path the store
+    // lies in its default place. The annotation file may be another daemon's: that is an error.
+    static value::Result<std::shared_ptr<VTDatabase>> initWithDatabase(
+        const std::optional<std::string>& path, std::shared_ptr<dravo::DVApplicationWorkspace> workspace);
+
+    ~VTDatabase() override;
+    VTDatabase(const VTDatabase&) = delete;
+    VTDatabase& operator=(const VTDatabase&) = delete;
+
+    // --- Lookups
+
+    std::shared_ptr<VTDPlugIn> plugInForProxy(const std::shared_ptr<const dravo::DVVeltoProxy>& proxy);
+    std::shared_ptr<VTDPlugIn> findPlugIn(const value::Uuid& uuid);
+    std::shared_ptr<VTDPlugIn> findPlugInAtPath(const std::string& path);
+
+    // The candidates of a discovery request: each plug-in once, in the registry's order. A pre-selection by those rules
+    // that name identifiers, extension points and elections literally; never leaves out what the rules accept. Nothing
+    // when the registry has no list.
+    std::optional<PlugIns> findPlugIns(const std::optional<value::Dictionary>& rules);
+
+    // Nothing, and never an empty list, when there is no application at the path or it has no plug-ins.
+    std::optional<PlugIns> plugInsWithinApplication(const std::string& path);
+
+    // --- Registration
+
+    [[nodiscard]] std::optional<value::Error> addPlugIn(const std::string& path);
+    [[nodiscard]] std::optional<value::Error> removePlugIn(const std::string& path);
+
+    // --- Annotations
+
+    std::optional<value::Dictionary> annotationForPlugIn(const VTDPlugIn& plugIn) override;
+
+    // Stores (merges into what is there; nothing removes it), saves, and posts the change. Never an error: what cannot
+    // be saved is logged and stands in memory.
+    std::optional<value::Error> setAnnotation(const std::optional<value::Dictionary>& annotation,
+                                              const VTDPlugIn& plugIn);
+
+    // --- On _sync
+
+    std::shared_ptr<VTDPlugIn> createPlugInForProxy(const std::shared_ptr<const dravo::DVVeltoProxy>& proxy);
+    void purgeCachesToLimit(std::int32_t limit);  // empties the whole cache when it holds more than the limit
+    void autoElect(const VTDPlugIn& plugIn);      // elects, unless the user has chosen either way
+    const Cache& cache() const;
+    void setCache(Cache cache);
+
+    // --- The registry's callbacks, on its own queue
+
+    void pluginsDidInstall(const dravo::PluginList& plugIns) override;
+    void pluginsWillUninstall(const dravo::PluginList& plugIns) override;
+
+    // --- Properties
+
+    std::shared_ptr<VTDatabaseDelegate> delegate() const { return delegate_.load().lock(); }
+    void setDelegate(const std::shared_ptr<VTDatabaseDelegate>& delegate) { delegate_.store(delegate); }
+    std::uint32_t cacheLimit() const { return cacheLimit_.load(); }
+    void setCacheLimit(std::uint32_t limit) { cacheLimit_.store(limit); }
+    std::shared_ptr<dravo::DVApplicationWorkspace> workspace() const { return workspace_.load(); }
+    void setWorkspace(std::shared_ptr<dravo::DVApplicationWorkspace> workspace) {
+        workspace_.store(std::move(workspace));
+    }
+    std::shared_ptr<VTDAnnotationStore> annotations() const { return annotations_.load(); }
+    void setAnnotations(std::shared_ptr<VTDAnnotationStore> annotations) { annotations_.store(std::move(annotations)); }
+    std::shared_ptr<queue::SerialQueue> _sync() const { return sync_.load(); }
+    void set_sync(std::shared_ptr<queue::SerialQueue> queue) { sync_.store(std::move(queue)); }
+
+protected:
+    VTDatabase(std::shared_ptr<VTDAnnotationStore> annotations,
+               std::shared_ptr<dravo::DVApplicationWorkspace> workspace);
+
+    // The last step of construction, once a shared pointer owns the object: callbacks may arrive from then on.
+    void observeWorkspace();
+
+private:
+    void checkOnSync(const char* operation) const;
+
+    VTAtomic<std::weak_ptr<VTDatabaseDelegate>> delegate_;
+    VTAtomic<std::uint32_t> cacheLimit_{0};
+    VTAtomic<std::shared_ptr<dravo::DVApplicationWorkspace>> workspace_;
+    VTAtomic<std::shared_ptr<VTDAnnotationStore>> annotations_;
+    VTAtomic<std::shared_ptr<queue::SerialQueue>> sync_;
+
+    // On _sync.
+    Cache cache_;
+    // Announced as going but still known to the registry: a record built of one now is not kept, since nobody would
+    // announce again that it is stale.
+    std::vector<std::weak_ptr<const dravo::DVVeltoProxy>> departing_;
+};
