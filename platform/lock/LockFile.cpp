@@ -1,0 +1,51 @@
+#include "platform/lock/LockFile.h"
+
+#include <fcntl.h>
+#include <sys/file.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <array>
+#include <cerrno>
+#include <string_view>
+
+#include "platform/text/Format.h"
+
+namespace lock {
+
+namespace {
+
+// The pid that the holder wrote, or a word for "somebody" while it has not yet. Only digits are taken over: anyone who
+// can write the file could put any text there.
+std::string holder(int descriptor) {
+    std::array<char, 16> buffer{};
+    const ssize_t got = ::pread(descriptor, buffer.data(), buffer.size(), 0);
+    const std::string_view text{buffer.data(), got > 0 ? static_cast<std::size_t>(got) : 0};
+    const std::string_view digits = text.substr(0, std::min(text.find_first_not_of("0123456789"), text.size()));
+    return digits.empty() ? "another process" : text::format("process {}", digits);
+}
+
+}  // namespace
+
+value::Result<LockFile> LockFile::take(const std::string& path) {
+    file::UniqueFd descriptor{::open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK, 0600)};
+    if (!descriptor) return value::posixError(errno, "cannot open the lock " + path);
+    struct stat status {};
+    if (::fstat(descriptor.get(), &status) != 0) return value::posixError(errno, "cannot examine the lock " + path);
+    if (!S_ISREG(status.st_mode)) return value::posixError(EINVAL, "the lock is no regular file: " + path);
+
+    if (::flock(descriptor.get(), LOCK_EX | LOCK_NB) != 0) {
+        if (errno != EWOULDBLOCK) return value::posixError(errno, "cannot lock " + path);
+        return value::Error{"posix", EWOULDBLOCK, text::format("{} holds the lock {}", holder(descriptor.get()), path)};
+    }
+
+    // Who holds it is for people to read; on a full disk the lock holds all the same.
+    const std::string pid = text::format("{}\n", ::getpid());
+    if (::ftruncate(descriptor.get(), 0) == 0) {
+        [[maybe_unused]] const ssize_t written = ::pwrite(descriptor.get(), pid.data(), pid.size(), 0);
+    }
+    return LockFile{std::move(descriptor)};
+}
+
+}  // namespace lock

@@ -1,0 +1,26 @@
+#pragma once
+
+#include <string>
+
+#include "platform/file/UniqueFd.h"
+#include "platform/value/Error.h"
+
+namespace lock {
+
+// An exclusive lock that lies beside what it guards, held for as long as this object lives; the kernel lets go of it
+// when the process ends in any way. Two objects of one process exclude each other, too. The file stays behind: removing
+// it would let a second holder in through a new file of that name while the first still has the old one.
+class LockFile {
+public:
+    // Takes the lock, or says at once why not. The file is made when missing (0600) and tells other takers the pid of
+    // the holder. Errors are of the domain "posix"; a lock that somebody holds is EWOULDBLOCK, and the message names
+    // the holder.
+    static value::Result<LockFile> take(const std::string& path);
+
+private:
+    explicit LockFile(file::UniqueFd descriptor) : descriptor_{std::move(descriptor)} {}
+
+    file::UniqueFd descriptor_;
+};
+
+}  // namespace lock
