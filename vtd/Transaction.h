@@ -1,0 +1,68 @@
+#pragma once
+
+#include <cstdint>
+#include <functional>
+#include <memory>
+#include <optional>
+#include <string>
+
+#include "Velto/VTAtomic.h"
+#include "platform/mox/Connection.h"
+#include "platform/value/Value.h"
+
+class VTDMoxClient;
+class VTDServer;
+
+// One request: the message, the reply being built for it, the client it came from, and the version of the protocol it
+// is written in. dispatch() checks it and calls the handler that bears its name; the handlers are members of this
+// class, one file each in vtd/requests/.
+//
+// A handler runs on the service queue, reads the request, may fill the reply, and ends by calling done() or one of the
+// fail() exactly once, directly or through processPaths() or a path handler.
+//
+// Ownership: owns its client, so that a handler never loses it; the connection may be gone all the same, and the reply
+// is then dropped.
+// Threading: made where the connection delivers its events; from dispatch() on it belongs to the service queue.
+class Transaction {
+public:
+    // What is done with one path: `resolved` tells whether it is canonical, or as sent since it could not be resolved.
+    // Answers whether to go on; one that answers false has already replied.
+    using PathHandler = std::function<bool(const std::string& path, bool resolved)>;
+
+    Transaction(mox::Request request, std::shared_ptr<VTDMoxClient> client);  // initWithRequest:forClient:
+    Transaction(const Transaction&) = delete;
+    Transaction& operator=(const Transaction&) = delete;
+
+    void dispatch();
+
+    // Hands each of the request's "paths" to the handler, in order, up to the first that is malformed (the request has
+    // then failed) or that the handler refuses. Answers whether all went through.
+    bool marshalPaths(const PathHandler& handler);
+
+    // The same, and done() when all went through.
+    bool processPaths(const PathHandler& handler);
+
+    void done();  // sends the reply
+
+    // Fills in the error and sends the reply. An error of the domain "Velto" brings its own code, and its message if it
+    // has one; any other is sent under the code given here.
+    void fail(std::int64_t code, const std::optional<std::string>& message);
+    void fail(std::int64_t code, const value::Error& error);
+
+    const std::shared_ptr<VTDMoxClient>& client() const { return client_; }
+    const std::shared_ptr<VTDServer>& server() const;
+    std::shared_ptr<mox::Connection> connection() const;  // null once it is gone
+    mox::View request() const { return request_.view(); }
+    mox::Reply& reply() { return reply_; }
+    std::uint64_t version() const { return version_.load(); }
+    void setVersion(std::uint64_t version) { version_.store(version); }
+
+private:
+    struct Handler;
+    static const Handler* handlerNamed(std::string_view name);
+
+    const std::shared_ptr<VTDMoxClient> client_;
+    const mox::Request request_;
+    mox::Reply reply_;
+    VTAtomic<std::uint64_t> version_;
+};
