@@ -1,0 +1,104 @@
+// The dictionaries of a record, completed by what its extension point registers for all its plug-ins.
+
+#include <cstdlib>
+#include <unordered_set>
+#include <utility>
+
+#include "Velto/VTPlugInCore.h"
+#include "platform/logging/Log.h"
+#include "platform/sdk/SdkRegistry.h"
+#include "platform/text/Format.h"
+
+namespace {
+
+constexpr char kSdkDirectoryVariable[] = "VTTEST_SDK";
+constexpr char kObjectClass[] = "KXObject";
+constexpr char kBundleItself[] = ".";
+constexpr char kFirstVersion[] = "1";
+
+void setDefault(value::Dictionary::Builder& dictionary, std::string_view key, value::Value value) {
+    if (!dictionary.contains(key)) dictionary.set(key, std::move(value));
+}
+
+// Keeps the paths that are not in the list yet. The set refers to texts that the values keep alive.
+void addPaths(const value::Value& shared, value::Array::Storage& paths, std::unordered_set<std::string_view>& known) {
+    const auto add = [&](const value::Value& path) {
+        if (path.string() != nullptr && known.insert(*path.string()).second) paths.push_back(path);
+    };
+    if (shared.array() == nullptr) return add(shared);
+    for (const value::Value& path : *shared.array()) add(path);
+}
+
+}  // namespace
+
+void VTPlugInCore::resolveSDK() {
+    if (const std::optional<value::Value> spec = sdkSpec()) {
+        const std::string* name = spec->string();
+        if (name == nullptr) {
+            logging::notice(text::format("invalid SDK key:{}", value::description(*spec)));
+            return;
+        }
+        if (const auto sdk = readSDKDictionary(*name)) {
+            if (!setDictionaries(mergeDictionary(*sdk, bundleInfoDictionary()))) return;
+        }
+    }
+    canonicalize();
+}
+
+std::optional<value::Dictionary> VTPlugInCore::readSDKDictionary(const std::string& name) {
+    if (const char* directory = std::getenv(kSdkDirectoryVariable)) {
+        if (auto entry = sdk::entryIn(directory, name)) return entry;
+    }
+    auto entry = sdk::entry(name);
+    if (!entry) logging::notice(text::format("plug-in sdk \"{}\" not registered", name));
+    return entry;
+}
+
+value::Dictionary VTPlugInCore::mergeDictionary(const value::Dictionary& sdk, const value::Dictionary& target) const {
+    value::Dictionary::Builder merged{target};
+    for (const auto& [key, value] : sdk) {
+        const value::Value* own = target.find(key);
+        if (own == nullptr || sdkOverridesKey(key)) {
+            merged.set(key, value);
+        } else if (key == VTInfoKey::shared) {
+            merged.set(key, mergeSharedResources(value, *own));
+        } else if (value.dictionary() != nullptr && own->dictionary() != nullptr) {
+            merged.set(key, mergeDictionary(*value.dictionary(), *own->dictionary()));
+        }
+    }
+    return std::move(merged).build();
+}
+
+bool VTPlugInCore::sdkOverridesKey(std::string_view key) const {
+    return key == VTInfoKey::cleanTimeout;
+}
+
+value::Array VTPlugInCore::mergeSharedResources(const value::Value& sdk, const value::Value& target) const {
+    value::Array::Storage paths;
+    std::unordered_set<std::string_view> known;
+    addPaths(target, paths, known);
+    addPaths(sdk, paths, known);
+    return value::Array{std::move(paths)};
+}
+
+void VTPlugInCore::canonicalize() {
+    const value::Dictionary whole = bundleInfoDictionary();
+    value::Dictionary::Builder plugIn{plugInDictionary()};
+    value::Dictionary::Builder own{attributes()};
+
+    if (isAppExtension()) {
+        setDefault(plugIn, VTInfoKey::protocol, kObjectClass);
+        setDefault(plugIn, VTInfoKey::principalClass, kObjectClass);
+        plugIn.set(VTInfoKey::shared, value::Array{kBundleItself});  // whatever bundle and SDK say
+    }
+    own.set(VTInfoKey::format, plugIn.contains(VTInfoKey::embeddedCode) ? "hybrid" : "standard");
+    const value::Value* version = own.find(VTInfoKey::version);
+    if (version == nullptr || version->string() == nullptr) {
+        const std::string* ofBundle = whole.string(VTInfoKey::shortVersionString);
+        own.set(VTInfoKey::version, ofBundle != nullptr ? *ofBundle : kFirstVersion);
+    }
+    plugIn.set(VTInfoKey::attributes, std::move(own).build());
+
+    // Installed once it is complete, since values never change: the outer dictionaries then hold the same.
+    setPlugInDictionary(std::move(plugIn).build());
+}
