@@ -1,0 +1,57 @@
+#pragma once
+
+#include <cstdint>
+#include <functional>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "Velto/VTForm.h"
+#include "platform/value/Value.h"
+#include "vtd/MatchList.h"
+
+class VTDPlugIn;
+
+// One discovery: passes each candidate through an ordered list of named gates and collects the forms of those that
+// pass. A gate lets a candidate pass or says why not, so that what answers a request also explains its answer.
+//
+// Belongs to one request, which keeps everything it refers to alive.
+class Discovery {
+public:
+    struct Query {
+        value::Dictionary rules;                       // without entries: every plug-in matches
+        std::uint64_t flags = 0;                       // VTDiscoveryFlags
+        std::optional<std::string> clientPlugInsPath;  // where the client's own plug-ins lie, if it has a bundle
+    };
+
+    // Why a candidate is not among the matches.
+    struct Refusal {
+        std::string_view gate;    // the gate's name
+        std::string_view reason;  // a literal
+        std::string detail;       // what the reason is about, or empty
+    };
+
+    // Sets a form's "annotations" to those of the plug-in.
+    using Annotate = std::function<void(const VTDPlugIn& plugIn, VTForm& form)>;
+
+    Discovery(Query query, Annotate annotate);
+    Discovery(const Discovery&) = delete;
+    Discovery& operator=(const Discovery&) = delete;
+
+    // Passes the candidate through the gates; nothing when it passed them all, and is a match (until a later copy of it
+    // supersedes it).
+    std::optional<Refusal> visit(const VTDPlugIn& candidate);
+
+    // The matches, in the order in which they were visited, with their replacement links. The end of the discovery.
+    std::vector<VTForm> finish() &&;
+
+private:
+    struct Visit;
+    struct Gate;
+    struct Gates;
+
+    const Query query_;
+    const Annotate annotate_;
+    MatchList matches_;
+};

@@ -1,0 +1,83 @@
+#include "vtd/MatchList.h"
+
+#include <utility>
+
+#include "Velto/VTProtocol.h"
+#include "Velto/VTVersionComparison.h"
+
+namespace {
+
+// Between copies of one version. Only the candidate's place counts: a copy in the list gains nothing by its own.
+bool winsTie(const VTForm& candidate, const VTForm& listed) {
+    if (candidate.systemResident() && !listed.systemResident()) return true;
+    return candidate.lastModified() > listed.lastModified();
+}
+
+}  // namespace
+
+bool MatchList::admits(const VTForm& candidate) {
+    const bool everyVersion = (flags_ & VTDiscoverEveryVersion) != 0;
+    if (everyVersion && (flags_ & VTDiscoverEveryCopy) != 0) return true;
+    const auto copies = copies_.find(candidate.identifier());
+    if (copies == copies_.end()) return true;
+    for (Position at = copies->second.first; at != kNone; at = nextCopy_[at]) {
+        if (removed_[at]) continue;
+        const VTForm& listed = forms_[at];
+        const std::weak_ordering order = compareVersionString(candidate.version(), listed.version());
+        if (everyVersion && order != std::weak_ordering::equivalent) continue;
+        const bool wins =
+            order == std::weak_ordering::equivalent ? winsTie(candidate, listed) : order == std::weak_ordering::greater;
+        if (wins) remove(at);
+        return wins;
+    }
+    return true;
+}
+
+void MatchList::remove(Position position) {
+    removed_[position] = true;
+    anyRemoved_ = true;
+}
+
+void MatchList::append(VTForm form, const value::Value* replacePlugIn) {
+    const Position position = forms_.size();
+    forms_.push_back(std::move(form));
+    removed_.push_back(false);
+    nextCopy_.push_back(kNone);
+
+    const auto [copies, isFirst] = copies_.try_emplace(forms_.back().identifier(), Copies{position, position});
+    if (!isFirst) {
+        nextCopy_[copies->second.last] = position;
+        copies->second.last = position;
+    }
+
+    if (replacePlugIn == nullptr) return;
+    if (const std::string* replaced = replacePlugIn->string()) overriders_[*replaced] = position;
+    if (const value::Array* list = replacePlugIn->array()) {
+        for (const value::Value& element : *list) {
+            if (const std::string* replaced = element.string()) overriders_[*replaced] = position;
+        }
+    }
+}
+
+void MatchList::link() {
+    if (overriders_.empty()) return;
+    for (Position at = 0; at < forms_.size(); ++at) {
+        if (removed_[at]) continue;
+        const auto found = overriders_.find(forms_[at].identifier());
+        if (found == overriders_.end()) continue;
+        VTForm& overrider = forms_[found->second];
+        forms_[at].set(VTFormKey::overrider, overrider.uuid());
+        overrider.set(VTFormKey::overriding, forms_[at].identifier());
+    }
+}
+
+std::vector<VTForm> MatchList::finish() && {
+    link();
+    if (!anyRemoved_) return std::move(forms_);
+    std::vector<VTForm> kept;
+    kept.reserve(forms_.size());
+    for (Position at = 0; at < forms_.size(); ++at) {
+        if (!removed_[at]) kept.push_back(std::move(forms_[at]));
+    }
+    return kept;
+}

@@ -1,0 +1,55 @@
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <string>
+#include <string_view>
+#include <unordered_map>
+#include <vector>
+
+#include "Velto/VTForm.h"
+#include "platform/value/Value.h"
+
+// The forms that a discovery has found so far, in the order in which they came. Resolves the copies of one plug-in as
+// the request's flags (VTDiscoveryFlags) say, and links the plug-ins that replace others.
+//
+// Copies are found through an index by identifier, so that the cost of a candidate does not grow with the list.
+// Belongs to one request.
+class MatchList {
+public:
+    explicit MatchList(std::uint64_t flags) : flags_{flags} {}
+
+    // Whether the candidate goes into the list beside, or instead of, the copies of it that are there; those it is to
+    // stand in for are removed. Without VTDiscoverEveryVersion the newest copy stays, and among copies of one version:
+    // the candidate, when it lives on the system volume and the other does not, or else was registered later.
+    bool admits(const VTForm& candidate);
+
+    // Adds an admitted form at the end. The entitlement, if any, names what the plug-in replaces: a text or a list of
+    // texts; of several plug-ins that claim one identifier the last counts.
+    void append(VTForm form, const value::Value* replacePlugIn);
+
+    // Sets "overrider" in each form that another one replaces, and "overriding" in that other; then gives up the list.
+    // A form that was removed after all still counts as the one that replaces.
+    std::vector<VTForm> finish() &&;
+
+private:
+    using Position = std::size_t;
+    static constexpr Position kNone = static_cast<Position>(-1);
+
+    // The forms of one identifier, chained in the order of the list.
+    struct Copies {
+        Position first;
+        Position last;
+    };
+
+    void remove(Position position);
+    void link();
+
+    const std::uint64_t flags_;
+    std::vector<VTForm> forms_;       // removed ones included, until the list is finished
+    std::vector<bool> removed_;       // by position
+    std::vector<Position> nextCopy_;  // by position
+    bool anyRemoved_ = false;
+    std::unordered_map<std::string_view, Copies> copies_;   // by identifier, whose text a form's base owns
+    std::unordered_map<std::string, Position> overriders_;  // by the identifier that is replaced
+};

@@ -1,0 +1,160 @@
+#include "vtd/VTDPlugIn.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <cmath>
+#include <cstring>
+#include <limits>
+#include <utility>
+
+#include "Velto/VTBundle.h"
+#include "Velto/VTError.h"
+#include "Velto/VTInfoKeys.h"
+#include "Velto/VTProtocol.h"
+#include "Velto/VTSandboxExtension.h"
+#include "platform/logging/Log.h"
+#include "platform/text/Format.h"
+
+namespace {
+
+// Generations of the plug-in protocol where a bundle names none.
+constexpr std::uint32_t kOldStyleProtocol = 1;
+constexpr std::uint32_t kCurrentProtocol = 2;
+
+// Cut towards zero; what no 32-bit integer can say becomes the nearest that one can.
+std::int32_t wholeSeconds(value::Date date) {
+    constexpr double kEarliest = std::numeric_limits<std::int32_t>::min();
+    constexpr double kLatest = std::numeric_limits<std::int32_t>::max();
+    if (std::isnan(date.seconds)) return 0;
+    return static_cast<std::int32_t>(std::min(std::max(date.seconds, kEarliest), kLatest));
+}
+
+std::uint32_t protocolVersion(const value::Dictionary& top, const value::Dictionary& bundleInfo) {
+    const value::Value* declared = top.find(VTInfoKey::hubProtocolVersion);
+    const auto number = declared != nullptr ? declared->integerValue() : std::nullopt;
+    if (number) return static_cast<std::uint32_t>(*number);
+    return bundleInfo.contains(VTInfoKey::oldStyle) ? kOldStyleProtocol : kCurrentProtocol;
+}
+
+// The name that is kept, else what the registry answers, which is then kept.
+template <typename Ask>
+std::string keptName(VTAtomic<std::string>& kept, Ask&& ask) {
+    std::string name = kept.load();
+    if (!name.empty()) return name;
+    name = ask().value_or(std::string{});
+    if (!name.empty()) kept.store(name);
+    return name;
+}
+
+}  // namespace
+
+const std::string& annotationKeyFor(const std::string& identifier, const value::Dictionary& entitlements) {
+    const std::string* replaced = entitlements.string(kReplacePlugInEntitlement);
+    return replaced != nullptr ? *replaced : identifier;
+}
+
+std::shared_ptr<VTDPlugIn> VTDPlugIn::initWithDVData(const std::shared_ptr<const dravo::DVVeltoProxy>& proxy) {
+    const std::optional<std::string>& url = proxy->bundlePath();
+    if (!url) return nullptr;
+    const value::Dictionary info = prunedInfoDictionaryFor(VTBundle::initWithURL(*url)->infoDictionary());
+
+    const auto plugIn = std::make_shared<VTDPlugIn>();
+    if (!plugIn->setupWithName(proxy->pluginIdentifier(), url, info, proxy->pluginDictionary(), proxy->pluginUUID())) {
+        return nullptr;
+    }
+    plugIn->setDvproxy(proxy);
+    plugIn->setOriginalIdentifier(proxy->originalIdentifier());
+    plugIn->setLastModified(wholeSeconds(proxy->registrationDate()));
+    plugIn->setOnSystemVolume(proxy->onSystemPartition());
+    plugIn->resolveSDK();
+    plugIn->setHubProtocolVersion(protocolVersion(plugIn->topDictionary(), plugIn->bundleInfoDictionary()));
+    if (const auto container = proxy->containingBundle()) plugIn->setContainingUrl(container->bundlePath);
+    if (const auto error = plugIn->diagnose()) {
+        logging::notice(text::format("ignoring mis-configured plug-in at {}: {}", *url, error->localizedDescription()));
+        return nullptr;
+    }
+    return plugIn;
+}
+
+value::Dictionary VTDPlugIn::prunedInfoDictionaryFor(const std::optional<value::Dictionary>& info) {
+    if (!info) return {};
+    value::Dictionary::Builder pruned;
+    pruned.reserve(info->size());
+    for (const value::Dictionary::Entry& entry : *info) {
+        if (!entry.key.starts_with("DT")) pruned.set(entry.key, entry.value);
+    }
+    return std::move(pruned).build();
+}
+
+// --- Display names
+
+std::string VTDPlugIn::localizedName() const {
+    return keptName(localizedName_, [&] { return dvproxy()->localizedName(); });
+}
+
+std::string VTDPlugIn::localizedShortName() const {
+    return keptName(localizedShortName_, [&] { return dvproxy()->localizedShortName(); });
+}
+
+std::string VTDPlugIn::localizedContainingName() const {
+    return keptName(localizedContainingName_, [&]() -> std::optional<std::string> {
+        const auto container = dvproxy()->containingBundle();
+        return container && container->application ? container->application->localizedName() : std::nullopt;
+    });
+}
+
+// --- Entitlements
+
+std::optional<value::Value> VTDPlugIn::valueForEntitlement(std::string_view name) const {
+    const value::Dictionary held = entitlements();
+    const value::Value* found = held.find(name);
+    return found != nullptr ? std::optional{*found} : std::nullopt;
+}
+
+bool VTDPlugIn::hasEntitlement(std::string_view name) const {
+    const auto found = valueForEntitlement(name);
+    return found && *found != value::Value{false};
+}
+
+std::string VTDPlugIn::annotationKey() const {
+    return annotationKeyFor(identifier(), entitlements());
+}
+
+// --- Checks
+
+std::optional<value::Error> VTDPlugIn::diagnose() const {
+    if (auto error = VTPlugInCore::diagnose()) return error;
+    if (!isData() && !dvproxy()->dataContainerPath()) {
+        return VTError(VTErrorConfiguration, "this plug-in has no sandbox data container");
+    }
+    return {};
+}
+
+// --- Shared resources
+
+void VTDPlugIn::augmentForm(VTForm& form) const {
+    const value::Value* shared = plugInDictionary().find(VTInfoKey::shared);
+    const bool namesResources = shared != nullptr && (shared->string() != nullptr || shared->array() != nullptr);
+    if (namesResources) form.set(VTFormKey::extensions, issueResourceExtensions(*shared));
+}
+
+value::Dictionary VTDPlugIn::issueResourceExtensions(const value::Value& shared) const {
+    const value::Array names = shared.string() != nullptr  ? value::Array{shared}
+                               : shared.array() != nullptr ? *shared.array()
+                                                           : value::Array{};
+    const std::string root = url();
+    value::Dictionary::Builder extensions;
+    extensions.reserve(names.size());
+    for (const value::Value& element : names) {
+        const std::string* name = element.string();
+        if (name == nullptr) continue;
+        const std::string target = *name == "." ? root : root + '/' + *name;
+        if (const auto token = VTIssueReadExtension(target)) {
+            extensions.set(*name, *token);
+        } else {
+            logging::notice(text::format("failed to make extension for {} in plug-in at {}: {}", target, root,
+                                         std::strerror(errno)));
+        }
+    }
+    return std::move(extensions).build();
+}

@@ -1,0 +1,186 @@
+#include "vtd/VTDatabase.h"
+
+#include <algorithm>
+#include <utility>
+
+#include "Velto/VTError.h"
+#include "Velto/VTProtocol.h"
+#include "platform/logging/Log.h"
+#include "platform/notify/Notify.h"
+#include "platform/text/Format.h"
+#include "vtd/VTDAnnotationStore.h"
+#include "vtd/VTDPlugIn.h"
+
+namespace {
+
+constexpr char kUnit[] = "vtd/VTDatabase";
+constexpr char kElection[] = "election";
+
+void logRegistryNotice(const char* what, const dravo::DVVeltoProxy& plugIn) {
+    logging::notice(text::format("{}:{} {}({}) {} {}", what, plugIn.bundleIdentifier(), plugIn.pluginIdentifier(),
+                                 plugIn.bundleVersion(), plugIn.pluginUUID().string(),
+                                 plugIn.bundlePath().value_or(std::string{})));
+}
+
+}  // namespace
+
+value::Result<std::shared_ptr<VTDatabase>> VTDatabase::initWithDatabase(
+    const std::optional<std::string>& path, std::shared_ptr<dravo::DVApplicationWorkspace> workspace) {
+    auto annotations = VTDAnnotationStore::initWithDatabase(path);
+    if (!annotations) return annotations.error();
+    const std::shared_ptr<VTDatabase> database{new VTDatabase{*std::move(annotations), std::move(workspace)}};
+    database->observeWorkspace();
+    return database;
+}
+
+VTDatabase::VTDatabase(std::shared_ptr<VTDAnnotationStore> annotations,
+                       std::shared_ptr<dravo::DVApplicationWorkspace> workspace)
+    : workspace_{std::move(workspace)},
+      annotations_{std::move(annotations)},
+      sync_{std::make_shared<queue::SerialQueue>("VTDatabase")} {}
+
+VTDatabase::~VTDatabase() = default;
+
+void VTDatabase::observeWorkspace() {
+    workspace()->addObserver(shared_from_this());
+}
+
+void VTDatabase::checkOnSync(const char* operation) const {
+    if (!_sync()->isCurrent()) {
+        logging::internalInconsistency(text::format("{} outside the queue VTDatabase", operation), kUnit);
+    }
+}
+
+// --- Lookups
+
+std::shared_ptr<VTDPlugIn> VTDatabase::plugInForProxy(const std::shared_ptr<const dravo::DVVeltoProxy>& proxy) {
+    return _sync()->sync([&] {
+        const auto cached = cache_.find(proxy->pluginUUID());
+        return cached != cache_.end() ? cached->second : createPlugInForProxy(proxy);
+    });
+}
+
+std::shared_ptr<VTDPlugIn> VTDatabase::findPlugIn(const value::Uuid& uuid) {
+    return _sync()->sync([&]() -> std::shared_ptr<VTDPlugIn> {
+        if (const auto cached = cache_.find(uuid); cached != cache_.end()) return cached->second;
+        const auto proxy = workspace()->plugin(uuid);
+        if (!proxy) {
+            logging::notice(text::format("Dravo cannot find plug-in with UUID:{}", uuid.string()));
+            return nullptr;
+        }
+        return createPlugInForProxy(proxy);
+    });
+}
+
+std::shared_ptr<VTDPlugIn> VTDatabase::findPlugInAtPath(const std::string& path) {
+    const auto proxy = workspace()->pluginAtPath(path);
+    if (!proxy) {
+        logging::notice(text::format("Dravo cannot find plug-in at path:{}", path));
+        return nullptr;
+    }
+    return findPlugIn(proxy->pluginUUID());
+}
+
+std::optional<VTDatabase::PlugIns> VTDatabase::plugInsWithinApplication(const std::string& path) {
+    const auto registry = workspace();
+    const auto application = registry->applicationAtPath(path);
+    if (!application) return {};
+    const dravo::PluginList proxies = registry->pluginsOf(*application);
+    if (proxies.empty()) return {};
+    PlugIns plugIns;
+    plugIns.reserve(proxies.size());
+    for (const auto& proxy : proxies) {
+        if (auto plugIn = plugInForProxy(proxy)) plugIns.push_back(std::move(plugIn));
+    }
+    return plugIns;
+}
+
+// --- The cache
+
+std::shared_ptr<VTDPlugIn> VTDatabase::createPlugInForProxy(const std::shared_ptr<const dravo::DVVeltoProxy>& proxy) {
+    checkOnSync("createPlugInForProxy");
+    auto plugIn = VTDPlugIn::initWithDVData(proxy);
+    if (!plugIn) return nullptr;
+    plugIn->setAnnotationSource(weak_from_this());
+    if (plugIn->hasEntitlement(kAutoElectEntitlement)) autoElect(*plugIn);
+    const bool departing = std::any_of(departing_.begin(), departing_.end(),
+                                       [&](const auto& announced) { return announced.lock() == proxy; });
+    if (departing) return plugIn;
+    purgeCachesToLimit(static_cast<std::int32_t>(cacheLimit()));
+    cache_[plugIn->uuid()] = plugIn;
+    return plugIn;
+}
+
+void VTDatabase::purgeCachesToLimit(std::int32_t limit) {
+    checkOnSync("purgeCachesToLimit");
+    const auto count = static_cast<std::uint32_t>(cache_.size());
+    if (count <= static_cast<std::uint32_t>(limit)) return;
+    logging::notice(text::format("purging cache for {} > {}", count, limit));
+    cache_.clear();
+    workspace()->clearSchemaCaches();
+}
+
+const VTDatabase::Cache& VTDatabase::cache() const {
+    checkOnSync("cache");
+    return cache_;
+}
+
+void VTDatabase::setCache(Cache cache) {
+    checkOnSync("setCache");
+    cache_ = std::move(cache);
+}
+
+// --- Registration
+
+std::optional<value::Error> VTDatabase::addPlugIn(const std::string& path) {
+    if (workspace()->registerPlugin(path)) return {};
+    return VTError(VTErrorRegistry, "Dravo failed to register the plug-in");
+}
+
+std::optional<value::Error> VTDatabase::removePlugIn(const std::string& path) {
+    if (workspace()->unregisterPlugin(path)) return {};
+    return VTError(VTErrorRegistry, "Dravo failed to deregister the plug-in");
+}
+
+// --- Annotations
+
+std::optional<value::Dictionary> VTDatabase::annotationForPlugIn(const VTDPlugIn& plugIn) {
+    return _sync()->sync([&] { return annotations()->annotationForPlugIn(plugIn); });
+}
+
+std::optional<value::Error> VTDatabase::setAnnotation(const std::optional<value::Dictionary>& annotation,
+                                                      const VTDPlugIn& plugIn) {
+    _sync()->sync([&] { annotations()->setAnnotation(annotation, plugIn); });
+    if (const auto error = notify::post(VTAnnotationChangeNotification)) {
+        logging::error(
+            text::format("unable to post {}: {}", VTAnnotationChangeNotification, error->localizedDescription()));
+    }
+    return {};
+}
+
+void VTDatabase::autoElect(const VTDPlugIn& plugIn) {
+    checkOnSync("autoElect");
+    const auto store = annotations();
+    const value::Dictionary annotation = store->annotationForPlugIn(plugIn).value_or(value::Dictionary{});
+    const value::Value* election = annotation.find(kElection);
+    if (election != nullptr && election->integerValue().value_or(0) != 0) return;
+    store->setAnnotation(annotation.changing(kElection, 1), plugIn);
+}
+
+// --- The registry's callbacks
+
+void VTDatabase::pluginsDidInstall(const dravo::PluginList& plugIns) {
+    for (const auto& plugIn : plugIns) logRegistryNotice("INSTALLED", *plugIn);
+}
+
+void VTDatabase::pluginsWillUninstall(const dravo::PluginList& plugIns) {
+    _sync()->sync([&] {
+        std::erase_if(departing_, [](const auto& announced) { return announced.expired(); });
+        for (const auto& plugIn : plugIns) {
+            logRegistryNotice("UNINSTALLED", *plugIn);
+            cache_.erase(plugIn->pluginUUID());
+            departing_.emplace_back(plugIn);
+        }
+    });
+    if (const auto delegate = this->delegate()) delegate->removedPlugIns(plugIns);
+}
