@@ -13,11 +13,14 @@
 // and watched by observers in any process. They carry nothing but that something happened.
 namespace notify {
 
-// Failures are returned, not fatal. Any thread.
+// Failures are returned, not fatal; one is that somebody has kept the counter's lock for 100 ms. Any thread.
 [[nodiscard]] std::optional<value::Error> post(const std::string& name);
 
 // Calls the handler on the queue after each post, with how many posts happened since the last call (never 0): none is
-// lost, several may be told at once. Null when the file cannot be watched. Destroying the observer ends it.
+// lost, several may be told at once. A counter that was deleted, replaced or spoilt meanwhile counts on from there.
+// Null, after a log line, when the file cannot be watched.
+//
+// Ownership: destroying the observer ends it; a handler that already runs is not waited for. The handler may do so.
 class Observer {
 public:
     virtual ~Observer() = default;
