@@ -56,4 +56,16 @@ bool isUtf8(std::string_view bytes) {
     return true;
 }
 
+std::string wellFormed(std::string_view bytes) {
+    if (isUtf8(bytes)) return std::string{bytes};
+    std::string text;
+    while (!bytes.empty()) {
+        const auto* const at = reinterpret_cast<const unsigned char*>(bytes.data());
+        const std::size_t length = *at < 0x80 ? 1 : sequenceLength(at, bytes.size());
+        text += length == 0 ? std::string_view{"\xEF\xBF\xBD"} : bytes.substr(0, length);
+        bytes.remove_prefix(length == 0 ? 1 : length);
+    }
+    return text;
+}
+
 }  // namespace text
