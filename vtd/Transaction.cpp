@@ -1,0 +1,111 @@
+#include "vtd/Transaction.h"
+
+#include <array>
+#include <string_view>
+#include <utility>
+
+#include "Velto/VTError.h"
+#include "Velto/VTProtocol.h"
+#include "Velto/VTValueHelpers.h"
+#include "platform/file/File.h"
+#include "platform/text/Format.h"
+#include "platform/text/Utf8.h"
+#include "vtd/Probes.h"
+#include "vtd/VTDMoxClient.h"
+#include "vtd/VTDServer.h"
+
+struct Transaction::Handler {
+    std::string_view name;
+    void (Transaction::*run)();
+};
+
+const Transaction::Handler* Transaction::handlerNamed(std::string_view name) {
+    static constexpr std::array<Handler, 0> kHandlers{};
+    for (const Handler& handler : kHandlers) {
+        if (handler.name == name) return &handler;
+    }
+    return nullptr;
+}
+
+Transaction::Transaction(mox::Request request, std::shared_ptr<VTDMoxClient> client)
+    : client_{std::move(client)}, request_{std::move(request)}, reply_{request_} {}
+
+const std::shared_ptr<VTDServer>& Transaction::server() const {
+    return client_->server();
+}
+
+std::shared_ptr<mox::Connection> Transaction::connection() const {
+    return client_->connection();
+}
+
+void Transaction::dispatch() {
+    const auto nameValue = request().find(VTKey::request);
+    const std::optional<std::string_view> name = nameValue ? nameValue->string() : std::nullopt;
+    const auto versionValue = request().find(VTKey::version);
+    setVersion(versionValue ? versionValue->unsignedInteger().value_or(0) : 0);
+
+    if (version() < VTOldestProtocolVersion || version() > VTProtocolVersion) {
+        fail(VTErrorVersion, text::format("unsupported protocol version {} (current {})",
+                                          static_cast<std::int32_t>(version()), VTProtocolVersion));
+        return;
+    }
+    if (!client_->acceptWork()) return;
+
+    server()->debug("client {} request {}", client_->pid(), name.value_or("(null)"));
+    probes::request(client_->pid(), [&] { return name.value_or("(null)"); });
+    if (!name) {
+        fail(VTErrorRequest, "invalid request format (missing type)");
+    } else if (const Handler* const handler = handlerNamed(*name)) {
+        (this->*handler->run)();
+    } else {
+        fail(VTErrorRequest, "unrecognized request");
+    }
+}
+
+bool Transaction::marshalPaths(const PathHandler& handler) {
+    const auto malformed = [this] {
+        fail(VTErrorRequest, "invalid request format");
+        return false;
+    };
+    const auto paths = mox_dictionary_get_array(request(), VTKey::paths);
+    if (!paths) return malformed();
+
+    return paths->forEachElement([&](mox::View element) {
+        const std::optional<std::string_view> sent = element.string();
+        if (!sent) return malformed();
+        const std::string path{*sent};
+        if (!path.starts_with('/')) {
+            fail(VTErrorPath, text::format("absolute path required: {}", path));
+            return false;
+        }
+        const std::optional<std::string> resolved = file::canonicalPath(path);
+        return handler(resolved ? *resolved : path, resolved.has_value());
+    });
+}
+
+bool Transaction::processPaths(const PathHandler& handler) {
+    if (!marshalPaths(handler)) return false;
+    done();
+    return true;
+}
+
+void Transaction::done() {
+    if (server()->verbose() >= 2) server()->debug("Replying {}", reply_);
+    probes::requestOutput(client_->pid(), [this] { return description(reply_); });
+    if (const auto peer = connection()) peer->send(reply_);
+}
+
+void Transaction::fail(std::int64_t code, const std::optional<std::string>& message) {
+    reply_.set(VTKey::errorCode, static_cast<std::uint64_t>(code));
+    // Paths go into messages as they are on disk, while a reply carries well-formed text or is refused by its reader.
+    if (message) reply_.set(VTKey::error, text::wellFormed(*message));
+    done();
+}
+
+void Transaction::fail(std::int64_t code, const value::Error& error) {
+    if (error.domain == VTErrorDomain) {
+        fail(error.code, error.message);
+    } else {
+        fail(code, error.localizedDescription());
+    }
+}

@@ -1,0 +1,112 @@
+#include "vtd/VTDMoxClient.h"
+
+#include <utility>
+#include <variant>
+
+#include "platform/text/Format.h"
+#include "vtd/Probes.h"
+#include "vtd/Transaction.h"
+#include "vtd/VTDServer.h"
+
+namespace {
+
+constexpr std::uint32_t kCountReportedEvery = 1000;
+
+std::shared_ptr<VTBundle> bundleOf(const mox::PeerIdentity& peer) {
+    return peer.executablePath ? VTBundle::initWithExecutableURL(*peer.executablePath) : nullptr;
+}
+
+}  // namespace
+
+std::shared_ptr<VTDMoxClient> VTDMoxClient::initWithConnection(const std::shared_ptr<mox::Connection>& connection,
+                                                               std::shared_ptr<VTDServer> server) {
+    const std::shared_ptr<VTDMoxClient> client{new VTDMoxClient{connection, std::move(server)}};
+    client->server_->debug("client {} {}", client->pid(), connection->identity()->executablePath.value_or(""));
+    probes::clientNew(client->pid());
+    connection->setContext(client);
+    connection->setEventHandler([client](const mox::Event& event) { client->handleEvent(event); });
+    connection->resume();
+    return client;
+}
+
+VTDMoxClient::VTDMoxClient(const std::shared_ptr<mox::Connection>& connection, std::shared_ptr<VTDServer> server)
+    : connection_{connection},
+      pid_{connection->pid()},
+      server_{std::move(server)},
+      bundle_{bundleOf(*connection->identity())},
+      task_{connection->identity()} {}
+
+VTDMoxClient::~VTDMoxClient() = default;
+
+void VTDMoxClient::dying() {
+    server_->debug("client {} termination imminent", pid());
+}
+
+void VTDMoxClient::dead() {
+    server_->debug("client {} is dead", pid());
+    setAcceptWork(false);
+    probes::clientDone(pid());
+}
+
+pid_t VTDMoxClient::pid() const {
+    return connection_.expired() ? 0 : pid_;
+}
+
+std::optional<value::Value> VTDMoxClient::entitlementValueForKey(std::string_view key) const {
+    auto value = task_.value(key);
+    if (!value) {
+        server_->log("error retrieving entitlements for pid {}", pid());
+        return {};
+    }
+    return *std::move(value);
+}
+
+bool VTDMoxClient::hasEntitlement(std::string_view key) const {
+    const auto value = entitlementValueForKey(key);
+    return value && *value != value::Value{false};
+}
+
+std::string VTDMoxClient::description() const {
+    const auto peer = connection();
+    const auto* const address = static_cast<const void*>(this);
+    if (!peer) return text::format("<VTDMoxClient {} NO CONNECTION>", address);
+    return text::format("<VTDMoxClient {} pid={} con={}>", address, pid(), peer->description());
+}
+
+void VTDMoxClient::handleEvent(const mox::Event& event) {
+    if (const auto* const request = std::get_if<mox::Request>(&event)) {
+        handleRequest(*request);
+    } else {
+        handleOther(std::get<mox::Object>(event));
+    }
+}
+
+void VTDMoxClient::handleRequest(const mox::Request& request) {
+    if (server_->verbose() >= 2) server_->debug("incoming request {}", request.view());
+    probes::requestInput(pid(), [&] { return mox::description(request.view()); });
+    server_->submitWork(
+        [client = shared_from_this(), transaction = std::make_shared<Transaction>(request, shared_from_this())] {
+            client->countRequest();
+            transaction->dispatch();
+        });
+}
+
+void VTDMoxClient::handleOther(const mox::Object& object) {
+    if (mox::isError(object, mox::ErrorCode::terminationImminent)) {
+        dying();
+    } else if (mox::isError(object, mox::ErrorCode::connectionInvalid)) {
+        dead();
+    } else if (object.isError()) {
+        server_->log("unexpected error {}", mox::errorDescription(object));
+    } else {
+        const auto peer = connection();
+        server_->log("unexpected message {} on connection {}", object.view(), peer ? peer->description() : "(null)");
+    }
+}
+
+void VTDMoxClient::countRequest() {
+    ++requestCount_;
+    if (requestCount_ % kCountReportedEvery == 0) {
+        server_->debug("client {} used {} requests so far", pid(), requestCount_);
+    }
+}

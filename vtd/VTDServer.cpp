@@ -1,0 +1,56 @@
+#include "vtd/VTDServer.h"
+
+#include "platform/queue/Reactor.h"
+#include "platform/readiness/Readiness.h"
+#include "vtd/VTDAnnotationStore.h"
+#include "vtd/VTDMoxClient.h"
+
+namespace {
+
+// The process's one server. Weak, since main() keeps it alive: it must not outlive the services it uses.
+VTAtomic<std::weak_ptr<VTDServer>>& sharedServer() {
+    static VTAtomic<std::weak_ptr<VTDServer>> server;
+    return server;
+}
+
+}  // namespace
+
+std::shared_ptr<VTDServer> VTDServer::server() {
+    return sharedServer().load().lock();
+}
+
+std::shared_ptr<VTDServer> VTDServer::initForService(const std::string& service,
+                                                     const std::optional<std::string>& database) {
+    auto workspace = dravo::DVApplicationWorkspace::defaultWorkspace();
+    if (!workspace) {
+        logging::error(workspace.error().localizedDescription());
+        return nullptr;
+    }
+    auto annotations = VTDAnnotationStore::initWithDatabase(database);
+    if (!annotations) {
+        logging::error(annotations.error().localizedDescription());
+        return nullptr;
+    }
+    const std::shared_ptr<VTDServer> server{new VTDServer{*std::move(annotations), *std::move(workspace), service}};
+    server->observeWorkspace();
+    sharedServer().store(server);
+    server->service_->setConnectionHandler(
+        [weak = std::weak_ptr{server}](const std::shared_ptr<mox::Connection>& connection) {
+            // The client lives on as the connection's context.
+            if (auto owner = weak.lock()) VTDMoxClient::initWithConnection(connection, std::move(owner));
+        });
+    return server;
+}
+
+VTDServer::VTDServer(std::shared_ptr<VTDAnnotationStore> annotations,
+                     std::shared_ptr<dravo::DVApplicationWorkspace> workspace, const std::string& service)
+    : VTDatabase{std::move(annotations), std::move(workspace)},
+      moxQueue_{std::make_shared<queue::SerialQueue>("mox")},
+      mainQueue_{std::make_shared<queue::SerialQueue>("service", queue::QualityOfService::userInitiated)},
+      service_{mox::listen(service, moxQueue_)} {}
+
+std::optional<value::Error> VTDServer::run() {
+    if (auto error = service_->resume()) return error;
+    if (const auto error = readiness::announce()) logging::warning(error->localizedDescription());
+    queue::runMainLoop();
+}
