@@ -1,6 +1,5 @@
 #include "vtd/Transaction.h"
 
-#include <array>
 #include <string_view>
 #include <utility>
 
@@ -20,7 +19,9 @@ struct Transaction::Handler {
 };
 
 const Transaction::Handler* Transaction::handlerNamed(std::string_view name) {
-    static constexpr std::array<Handler, 0> kHandlers{};
+    static constexpr Handler kHandlers[] = {
+        {VTRequest::match, &Transaction::matchPlugIns},
+    };
     for (const Handler& handler : kHandlers) {
         if (handler.name == name) return &handler;
     }

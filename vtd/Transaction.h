@@ -11,7 +11,9 @@
 #include "platform/value/Value.h"
 
 class VTDMoxClient;
+class VTDPlugIn;
 class VTDServer;
+class VTForm;
 
 // One request: the message, the reply being built for it, the client it came from, and the version of the protocol it
 // is written in. dispatch() checks it and calls the handler that bears its name; the handlers are members of this
@@ -60,6 +62,12 @@ public:
 private:
     struct Handler;
     static const Handler* handlerNamed(std::string_view name);
+
+    // The handlers, each in the file of its request.
+    void matchPlugIns();
+
+    // Sets the form's "annotations" to the plug-in's, or to none.
+    void addAnnotationForPlugIn(const VTDPlugIn& plugIn, VTForm& form) const;
 
     const std::shared_ptr<VTDMoxClient> client_;
     const mox::Request request_;
