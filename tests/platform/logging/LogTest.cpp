@@ -1,0 +1,184 @@
+#include <fcntl.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/un.h>
+#include <unistd.h>
+
+#include <array>
+#include <cstdlib>
+#include <string>
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include "platform/file/UniqueFd.h"
+#include "platform/logging/Log.h"
+#include "platform/logging/Outlet.h"
+#include "platform/text/Format.h"
+
+namespace logging {
+namespace {
+
+// Standard error is another file for as long as this exists.
+class StandardError {
+public:
+    explicit StandardError(int fd) : before_{::dup(STDERR_FILENO)} { ::dup2(fd, STDERR_FILENO); }
+    StandardError(const StandardError&) = delete;
+    StandardError& operator=(const StandardError&) = delete;
+    ~StandardError() { ::dup2(before_.get(), STDERR_FILENO); }
+
+private:
+    const file::UniqueFd before_;
+};
+
+struct Ends {
+    file::UniqueFd reader, writer;
+};
+
+Ends pipeEnds() {
+    std::array<int, 2> fds{};
+    EXPECT_EQ(::pipe2(fds.data(), O_CLOEXEC), 0);
+    return {file::UniqueFd{fds[0]}, file::UniqueFd{fds[1]}};
+}
+
+Ends socketEnds() {
+    std::array<int, 2> fds{};
+    EXPECT_EQ(::socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, fds.data()), 0);
+    return {file::UniqueFd{fds[0]}, file::UniqueFd{fds[1]}};
+}
+
+std::string takeAll(const file::UniqueFd& reader) {
+    ::fcntl(reader.get(), F_SETFL, O_NONBLOCK);
+    std::string all;
+    std::array<char, 65536> block{};
+    for (ssize_t count = 0; (count = ::read(reader.get(), block.data(), block.size())) > 0;) {
+        all.append(block.data(), static_cast<std::size_t>(count));
+    }
+    return all;
+}
+
+TEST(Log, EscapesWhatCouldForgeALine) {
+    struct Row {
+        std::string_view given, line;
+    };
+    constexpr Row kRows[] = {
+        {"plain, \\ and \"quoted\"", "plain, \\ and \"quoted\""},
+        {"one\ntwo\r\tthree", "one\\ntwo\\r\\tthree"},
+        {"\x1b[31mred\x7f", "\\x1b[31mred\\x7f"},
+        {{"nul\0", 4}, "nul\\x00"},
+        {"gr\xc3\xbc\xc3\x9f \xe2\x82\xac \xf0\x9f\x98\x80", "gr\xc3\xbc\xc3\x9f \xe2\x82\xac \xf0\x9f\x98\x80"},
+        {"next line \xc2\x85", "next line \\u0085"},
+        {"separator \xe2\x80\xa8, override \xe2\x80\xae", "separator \\u2028, override \\u202e"},
+        {"lone \xc3", "lone \\xc3"},
+        {"overlong \xc0\x8a \xe0\x80\x8a \xf0\x80\x80\x8a", "overlong \\xc0\\x8a \\xe0\\x80\\x8a \\xf0\\x80\\x80\\x8a"},
+        {"surrogate \xed\xa0\x80, beyond \xf4\x90\x80\x80", "surrogate \\xed\\xa0\\x80, beyond \\xf4\\x90\\x80\\x80"},
+    };
+    std::string line;
+    setSink([&](Level level, std::string_view written) {
+        EXPECT_EQ(level, Level::notice);
+        line = written;
+    });
+    for (const Row& row : kRows) {
+        notice(row.given);
+        EXPECT_EQ(line, row.line);
+    }
+    setSink({});
+}
+
+TEST(Log, WritesOneLineACallWithTheJournalsPrefixOnlyForTheJournal) {
+    const Ends plain = pipeEnds();
+    const Ends journal = socketEnds();
+    struct stat status {};
+    ASSERT_EQ(::fstat(journal.writer.get(), &status), 0);
+    ::setenv("JOURNAL_STREAM", text::format("{}:{}", status.st_dev, status.st_ino).c_str(), 1);
+    {
+        const StandardError redirected{plain.writer.get()};
+        notice("a\nb");
+        error(std::string(40'000, 'x'));
+    }
+    {
+        const StandardError redirected{journal.writer.get()};
+        notice("first");
+        error("second");
+    }
+    ::unsetenv("JOURNAL_STREAM");
+    EXPECT_EQ(takeAll(plain.reader), "a\\nb\n" + std::string(32 * 1024, 'x') + "... (7232 more bytes)\n");
+    EXPECT_EQ(takeAll(journal.reader), "<5>first\n<3>second\n");
+}
+
+// A reader that does not read: the caller goes on, whole lines are lost and counted, and no line is torn.
+void expectDropsAndCounts(const Ends& ends) {
+    const StandardError redirected{ends.writer.get()};
+    constexpr std::size_t kWritten = 5000;
+    const std::string message(999, 'x');
+    for (std::size_t i = 0; i < kWritten; ++i) notice(message);
+    EXPECT_EQ(::fcntl(ends.writer.get(), F_GETFL) & O_NONBLOCK, 0) << "others share this open file";
+    std::string all = takeAll(ends.reader);
+    notice("after");
+    all += takeAll(ends.reader);
+
+    std::size_t whole = 0;
+    while (all.starts_with(message + '\n')) {
+        all.erase(0, message.size() + 1);
+        ++whole;
+    }
+    EXPECT_GT(whole, 0);
+    EXPECT_EQ(all, text::format("lines dropped because the log was full: {}\nafter\n", kWritten - whole));
+}
+
+TEST(Log, DropsAndCountsWhenAPipeStalls) {
+    expectDropsAndCounts(pipeEnds());
+}
+
+TEST(Log, DropsAndCountsWhenASocketStalls) {
+    expectDropsAndCounts(socketEnds());
+}
+
+TEST(Log, SurvivesAReaderThatIsGone) {
+    for (const auto& make : {pipeEnds, socketEnds}) {
+        Ends ends = make();
+        const StandardError redirected{ends.writer.get()};
+        ends.reader.reset();
+        notice("nobody reads this");
+    }
+}
+
+TEST(Log, TurnsToTheSystemLogWhenStandardErrorIsTheNullDevice) {
+    const std::string path = testing::TempDir() + text::format("log.{}", ::getpid());
+    const file::UniqueFd daemon{::socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0)};
+    sockaddr_un address{};
+    address.sun_family = AF_UNIX;
+    path.copy(address.sun_path, sizeof address.sun_path - 1);
+    ASSERT_EQ(::bind(daemon.get(), reinterpret_cast<const sockaddr*>(&address), sizeof address), 0);
+    const file::UniqueFd null{::open("/dev/null", O_WRONLY | O_CLOEXEC)};
+
+    Outlet outlet{path};
+    constexpr int kMoreThanASocketTakes = 10'000;
+    std::array<char, 256> datagram{};
+    const auto receive = [&] {
+        const ssize_t size = ::recv(daemon.get(), datagram.data(), datagram.size(), 0);
+        return std::string(datagram.data(), size > 0 ? static_cast<std::size_t>(size) : 0);
+    };
+    const StandardError redirected{null.get()};
+    for (int i = 0; i < kMoreThanASocketTakes; ++i) outlet.write(Level::notice, "hello");
+    EXPECT_THAT(receive(), testing::MatchesRegex(text::format("<29>.* logging_test.{}.: hello", ::getpid())));
+    while (!receive().empty()) {
+    }
+    outlet.write(Level::notice, "after");
+    EXPECT_THAT(receive(), testing::MatchesRegex("<28>.*: lines dropped because the log was full: [0-9]+"));
+    EXPECT_THAT(receive(), testing::EndsWith(": after"));
+    ::unlink(path.c_str());
+}
+
+TEST(LogDeathTest, AnInconsistencyIsWrittenPastTheSink) {
+    GTEST_FLAG_SET(death_test_style, "threadsafe");
+    EXPECT_EXIT(
+        {
+            setSink([](Level, std::string_view) {});
+            internalInconsistency("record without a UUID\n", "VTPlugInCore");
+        },
+        testing::KilledBySignal(SIGABRT), "record without a UUID\\\\n \\(VTPlugInCore\\)");
+}
+
+}  // namespace
+}  // namespace logging
