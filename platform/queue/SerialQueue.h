@@ -2,7 +2,6 @@
 
 #include <functional>
 #include <memory>
-#include <optional>
 #include <string>
 #include <type_traits>
 #include <utility>
@@ -19,7 +18,9 @@ enum class QualityOfService { background = 9, utility = 17, standard = 21, userI
 // Ownership: a waiting closure keeps what it captured alive; closures still waiting when the queue object goes are run
 // all the same.
 // Threading: every member may be called from any thread.
-// Errors: none; sync() inside a closure of the same queue is a programming error and stops the process with the label.
+// Errors: none; sync() inside a closure of the same queue, also when nested through other queues, is a programming
+// error and stops the process with the label. So does an exception that leaves a closure given to async(); one that
+// leaves a closure given to sync() reaches sync()'s caller.
 class SerialQueue {
 public:
     using Work = std::function<void()>;
@@ -53,15 +54,34 @@ public:
     struct State;  // how the queue works; private to the implementation
 
 private:
-    class Turn {  // holds the queue's turn for the life of a sync()
+    // Marks the thread as inside the queue for as long as it exists.
+    class Presence {
     public:
-        explicit Turn(SerialQueue& queue);
+        explicit Presence(const State& state);
+        ~Presence();
+        Presence(const Presence&) = delete;
+        Presence& operator=(const Presence&) = delete;
+
+        static bool covers(const State& state);
+
+    private:
+        static constinit thread_local const Presence* innermost_;
+
+        const State& state_;
+        const Presence* const outer_;
+    };
+
+    // Holds the queue's turn for the life of a sync(). The queue object itself may go in the meantime.
+    class Turn {
+    public:
+        explicit Turn(const SerialQueue& queue);
         ~Turn();
         Turn(const Turn&) = delete;
         Turn& operator=(const Turn&) = delete;
 
     private:
-        SerialQueue& queue_;
+        const std::shared_ptr<State> state_;
+        const Presence presence_;
     };
 
     const std::shared_ptr<State> state_;

@@ -1,0 +1,281 @@
+#include "platform/queue/Pool.h"
+
+#include <signal.h>
+#include <sys/eventfd.h>
+#include <sys/timerfd.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <array>
+#include <system_error>
+#include <thread>
+#include <utility>
+
+#include <pthread.h>
+
+#include "platform/queue/SystemCall.h"
+
+namespace queue {
+namespace {
+
+constexpr unsigned kMostThreads = 8;
+constexpr int kEventsAtOnce = 16;
+constexpr long kReminderNanoseconds = 1'000'000;
+constexpr int kAtOnce = 0;
+constexpr int kForever = -1;
+
+constexpr std::uint64_t kWakeUp = WatchTable::kNoWatch + 1;
+constexpr std::uint64_t kReminder = WatchTable::kNoWatch + 2;
+constexpr std::uint64_t kRecall = WatchTable::kNoWatch + 3;
+constexpr std::uint64_t kTimers = WatchTable::kNoWatch + 4;
+
+// The pool's threads, and those lent to it, come back to the list of scheduled queues by themselves.
+thread_local unsigned lent = 0;
+thread_local unsigned itemsSinceEvents = 0;
+
+class Lending {
+public:
+    Lending() { ++lent; }
+    Lending(const Lending&) = delete;
+    Lending& operator=(const Lending&) = delete;
+    ~Lending() { --lent; }
+};
+
+void write(const file::UniqueFd& eventFd) {
+    const std::uint64_t one = 1;
+    // Fails only at the counter's end, and then it is readable anyway.
+    [[maybe_unused]] const ssize_t written = ::write(eventFd.get(), &one, sizeof one);
+}
+
+void clear(const file::UniqueFd& eventFd) {
+    std::uint64_t count = 0;
+    [[maybe_unused]] const ssize_t taken = ::read(eventFd.get(), &count, sizeof count);
+}
+
+std::uint32_t readinessOf(std::uint32_t events) {
+    std::uint32_t readiness = 0;
+    if ((events & (EPOLLIN | EPOLLPRI)) != 0) readiness |= Watch::readable;
+    if ((events & EPOLLOUT) != 0) readiness |= Watch::writable;
+    if ((events & (EPOLLRDHUP | EPOLLHUP | EPOLLERR)) != 0) readiness |= Watch::hangup;
+    return readiness;
+}
+
+// Signals are the program's business, not that of a library's threads; those of a fault stay with the thread.
+class WithoutSignals {
+public:
+    WithoutSignals() {
+        sigset_t most;
+        ::sigfillset(&most);
+        for (const int fault : {SIGSEGV, SIGBUS, SIGFPE, SIGILL, SIGTRAP, SIGABRT, SIGSYS}) ::sigdelset(&most, fault);
+        ::pthread_sigmask(SIG_SETMASK, &most, &before_);
+    }
+    WithoutSignals(const WithoutSignals&) = delete;
+    WithoutSignals& operator=(const WithoutSignals&) = delete;
+    ~WithoutSignals() { ::pthread_sigmask(SIG_SETMASK, &before_, nullptr); }
+
+private:
+    sigset_t before_{};
+};
+
+}  // namespace
+
+Pool& Pool::shared() {
+    // Never destroyed: its threads may still run when static objects go.
+    static Pool& pool = []() -> Pool& {
+        auto* const made = new Pool;
+        made->startThreads();
+        return *made;
+    }();
+    return pool;
+}
+
+Pool::Pool()
+    : epoll_{required("epoll_create1", ::epoll_create1(EPOLL_CLOEXEC))},
+      wakeUp_{required("eventfd", ::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK))},
+      reminder_{required("timerfd_create", ::timerfd_create(CLOCK_MONOTONIC, TFD_CLOEXEC | TFD_NONBLOCK))},
+      recall_{required("eventfd", ::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK))} {
+    // Edge-triggered, these need no read: each write and each expiry is an event of its own.
+    watchInternal(wakeUp_.get(), kWakeUp, EPOLLIN | EPOLLET);
+    watchInternal(reminder_.get(), kReminder, EPOLLIN | EPOLLET);
+    watchInternal(timers_.fd(), kTimers, EPOLLIN | EPOLLET);
+    watchInternal(recall_.get(), kRecall, EPOLLIN);
+}
+
+void Pool::watchInternal(int fd, std::uint64_t id, std::uint32_t events) const {
+    epoll_event event{};
+    event.events = events;
+    event.data.u64 = id;
+    required("epoll_ctl", ::epoll_ctl(epoll_.get(), EPOLL_CTL_ADD, fd, &event));
+}
+
+void Pool::startThreads() {
+    const WithoutSignals inherited;
+    const unsigned count = std::clamp(std::thread::hardware_concurrency(), 2U, kMostThreads);
+    for (unsigned started = 0; started < count; ++started) {
+        try {
+            std::thread thread{[this] { work(); }};
+            ::pthread_setname_np(thread.native_handle(), "queue");
+            thread.detach();
+        } catch (const std::system_error& refused) {
+            // With fewer threads everything still works, with none nothing does.
+            if (started == 0) logging::internalInconsistency(refused.what(), "Pool");
+            return;
+        }
+    }
+}
+
+void Pool::schedule(std::shared_ptr<SerialQueue::State> queue) {
+    bool wakes = false;
+    {
+        const std::lock_guard lock{mutex_};
+        scheduled_.push(std::move(queue));
+        if (waiting_ == 0) return;  // everybody is at work and will look here
+        wakes = lent == 0 || scheduled_.size() > 1;
+    }
+    if (wakes) {
+        wakeOne();
+    } else {
+        setReminder();
+    }
+}
+
+void Pool::beforeBlocking() {
+    {
+        const std::lock_guard lock{mutex_};
+        if (scheduled_.size() == 0 || waiting_ == 0) return;
+    }
+    wakeOne();
+}
+
+void Pool::wakeOne() {
+    if (!wakeUpSent_.exchange(true)) write(wakeUp_);
+}
+
+void Pool::setReminder() {
+    if (reminderSet_.exchange(true)) return;
+    itimerspec when{};
+    when.it_value.tv_nsec = kReminderNanoseconds;
+    required("timerfd_settime", ::timerfd_settime(reminder_.get(), 0, &when, nullptr));
+}
+
+void Pool::work() {
+    const Lending lending;
+    for (;;) workOnce(nullptr, 0);
+}
+
+void Pool::workUntil(const std::function<bool()>& done) {
+    Lender lender;
+    {
+        const std::lock_guard lock{mutex_};
+        lenders_.push_back(&lender);
+    }
+    {
+        const Lending lending;
+        for (;;) {
+            const std::uint64_t recallsSeen = recalls_;
+            if (done()) break;
+            workOnce(&lender, recallsSeen);
+        }
+    }
+    {
+        const std::lock_guard lock{mutex_};
+        std::erase(lenders_, &lender);
+    }
+    beforeBlocking();
+}
+
+void Pool::workOnce(Lender* lender, std::uint64_t recallsSeen) {
+    std::shared_ptr<SerialQueue::State> queue;
+    bool others = false;
+    {
+        const std::lock_guard lock{mutex_};
+        queue = scheduled_.pop();
+        if (!queue) {
+            if (lender != nullptr && recalls_ != recallsSeen) return;
+            ++waiting_;
+            if (lender != nullptr) lender->waiting = true;
+        }
+        others = scheduled_.size() > 0 && waiting_ > 0;
+    }
+    if (!queue) {
+        waitForEvents(lender);
+        return;
+    }
+    if (others) wakeOne();
+    if (!queue->take()) return;
+    itemsSinceEvents += queue->drain();
+    if (itemsSinceEvents >= SerialQueue::State::kBatch && waiting_ == 0)
+        takeEvents(kAtOnce, nullptr);  // nobody else would
+}
+
+Pool::Taken Pool::takeEvents(int timeout, Lender* lender) {
+    std::array<epoll_event, kEventsAtOnce> events;  // NOLINT(*-member-init): the kernel fills what is read
+    const int count = ::epoll_wait(epoll_.get(), events.data(), kEventsAtOnce, timeout);
+    if (timeout == kForever) --waiting_;
+    itemsSinceEvents = 0;
+
+    Taken taken;
+    if (lender != nullptr) taken.recalled = comeBack(*lender);
+    std::shared_ptr<SerialQueue::State> ours;
+    for (int i = 0; i < count; ++i) {
+        const epoll_event& event = events.at(static_cast<std::size_t>(i));
+        switch (event.data.u64) {
+            case kWakeUp: wakeUpSent_ = false; break;
+            case kReminder: reminderSet_ = false; break;
+            case kTimers: timers_.expire(); break;
+            case kRecall: taken.recallEvent = true; break;
+            default: report(event.data.u64, readinessOf(event.events), ours);
+        }
+    }
+    if (ours) {
+        taken.work = true;
+        itemsSinceEvents += ours->drain();
+    }
+    return taken;
+}
+
+// The first queue that was idle is ours, the others are the pool's.
+void Pool::report(std::uint64_t id, std::uint32_t readiness, std::shared_ptr<SerialQueue::State>& ours) {
+    const std::shared_ptr<WatchState> watch = watches_.find(id);
+    if (!watch) return;
+    using Claim = SerialQueue::State::Claim;
+    if (!watch->observe(readiness, ours ? Claim::pool : Claim::caller)) return;
+    if (ours) {
+        schedule(watch->queue());
+    } else {
+        ours = watch->queue();
+    }
+}
+
+// A recalled lender has to get off epoll, but the kernel cannot be told which thread to wake. So the event stays until
+// the lender has come back, and every other thread that gets it makes way.
+void Pool::waitForEvents(Lender* lender) {
+    const Taken taken = takeEvents(kForever, lender);
+    if (!taken.recallEvent || taken.recalled || taken.work) return;
+    std::unique_lock lock{mutex_};
+    lendersCameBack_.wait(lock, [this] { return recalledLenders_ == 0; });
+}
+
+bool Pool::comeBack(Lender& lender) {
+    const std::lock_guard lock{mutex_};
+    lender.waiting = false;
+    if (!std::exchange(lender.recalled, false)) return false;
+    if (--recalledLenders_ == 0) {
+        clear(recall_);
+        lendersCameBack_.notify_all();
+    }
+    return true;
+}
+
+void Pool::recall() {
+    const std::lock_guard lock{mutex_};
+    ++recalls_;
+    const unsigned before = recalledLenders_;
+    for (Lender* lender : lenders_) {
+        if (!lender->waiting || std::exchange(lender->recalled, true)) continue;
+        ++recalledLenders_;
+    }
+    if (before == 0 && recalledLenders_ > 0) write(recall_);
+}
+
+}  // namespace queue

@@ -1,0 +1,66 @@
+#include "platform/queue/SerialQueue.h"
+
+#include <utility>
+
+#include "platform/queue/State.h"
+
+namespace queue {
+namespace {
+
+class Closure final : public Item {
+public:
+    explicit Closure(SerialQueue::Work work) : work_{std::move(work)} {}
+
+    // What the closure captured goes in the queue's turn too: a later sync() finds it gone.
+    void run() noexcept override {
+        const std::unique_ptr<Closure> self{this};
+        work_();
+    }
+
+private:
+    const SerialQueue::Work work_;
+};
+
+}  // namespace
+
+SerialQueue::SerialQueue(std::string label, QualityOfService quality)
+    : state_{std::make_shared<State>(std::move(label), quality)} {}
+
+SerialQueue::~SerialQueue() = default;  // the pool keeps the state as long as there are closures to run
+
+void SerialQueue::async(Work work) {
+    state_->submit(*std::make_unique<Closure>(std::move(work)).release());
+}
+
+bool SerialQueue::isCurrent() const {
+    return Presence::covers(*state_);
+}
+
+const std::string& SerialQueue::label() const {
+    return state_->label;
+}
+
+constinit thread_local const SerialQueue::Presence* SerialQueue::Presence::innermost_ = nullptr;
+
+SerialQueue::Presence::Presence(const State& state) : state_{state}, outer_{innermost_} {
+    innermost_ = this;
+}
+
+SerialQueue::Presence::~Presence() {
+    innermost_ = outer_;
+}
+
+bool SerialQueue::Presence::covers(const State& state) {
+    for (const Presence* presence = innermost_; presence != nullptr; presence = presence->outer_) {
+        if (&presence->state_ == &state) return true;
+    }
+    return false;
+}
+
+SerialQueue::Turn::Turn(const SerialQueue& queue) : state_{(queue.state_->enter(), queue.state_)}, presence_{*state_} {}
+
+SerialQueue::Turn::~Turn() {
+    state_->leave();
+}
+
+}  // namespace queue

@@ -1,0 +1,109 @@
+#include "platform/queue/State.h"
+
+#include <utility>
+
+#include "platform/logging/Log.h"
+#include "platform/queue/Pool.h"
+
+namespace queue {
+
+void ItemList::push(Item& item) {
+    item.next_ = nullptr;
+    (head_ == nullptr ? head_ : tail_->next_) = &item;
+    tail_ = &item;
+}
+
+Item& ItemList::pop() {
+    Item& item = *head_;
+    head_ = item.next_;
+    return item;
+}
+
+SerialQueue::State::State(std::string name, QualityOfService qos) : label{std::move(name)}, quality{qos} {}
+
+bool SerialQueue::State::append(Item& item, Claim claim) {
+    const std::lock_guard lock{mutex_};
+    items_.push(item);
+    if (phase_ != Phase::idle) return false;
+    phase_ = claim == Claim::caller ? Phase::running : Phase::scheduled;
+    return true;
+}
+
+void SerialQueue::State::submit(Item& item) {
+    // Once appended the item may run at any moment and take the last owner of this queue with it.
+    std::shared_ptr<State> self = shared_from_this();
+    if (append(item, Claim::pool)) Pool::shared().schedule(std::move(self));
+}
+
+bool SerialQueue::State::take() {
+    const std::lock_guard lock{mutex_};
+    if (phase_ != Phase::scheduled) return false;
+    phase_ = Phase::running;
+    return true;
+}
+
+SerialQueue::State::Next SerialQueue::State::next(unsigned budget) {
+    const std::lock_guard lock{mutex_};
+    if (items_.empty()) {
+        phase_ = Phase::idle;
+        return {nullptr, false};
+    }
+    if (budget == 0 && !items_.front().isWaiter()) {
+        phase_ = Phase::scheduled;
+        return {nullptr, true};
+    }
+    return {&items_.pop(), false};
+}
+
+unsigned SerialQueue::State::drain(unsigned budget) {
+    const Presence presence{*this};
+    for (unsigned ran = 0;; ++ran) {
+        const Next up = next(budget - ran);
+        if (up.item == nullptr) {
+            if (up.spent) Pool::shared().schedule(shared_from_this());
+            return ran;
+        }
+        const bool turnGoesAlong = up.item->isWaiter();
+        up.item->run();
+        if (turnGoesAlong) return ran;
+    }
+}
+
+bool SerialQueue::State::drainUpTo(const Waiter& self) {
+    const Presence presence{*this};
+    for (;;) {
+        Item& item = *next(kBatch).item;  // not empty: our own waiter is among the items
+        if (&item == &self) return true;
+        const bool turnGoesAlong = item.isWaiter();
+        item.run();
+        if (turnGoesAlong) return false;
+    }
+}
+
+void SerialQueue::State::enter() {
+    if (Presence::covers(*this)) {
+        logging::internalInconsistency("sync on the queue \"" + label + "\" from inside one of its own closures",
+                                       "SerialQueue");
+    }
+    Waiter self;
+    bool turnIsOurs = false;
+    {
+        const std::lock_guard lock{mutex_};
+        if (phase_ == Phase::idle) {
+            phase_ = Phase::running;
+            return;
+        }
+        items_.push(self);
+        turnIsOurs = phase_ == Phase::scheduled;
+        phase_ = Phase::running;
+    }
+    if (turnIsOurs && drainUpTo(self)) return;
+    Pool::shared().beforeBlocking();
+    self.wait();
+}
+
+void SerialQueue::State::leave() {
+    drain(0);
+}
+
+}  // namespace queue
