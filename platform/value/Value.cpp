@@ -15,8 +15,9 @@ constexpr std::int64_t kLargest = std::numeric_limits<std::int64_t>::max();
 
 template <typename Entries>
 auto positionOf(Entries& entries, std::string_view key) {
-    return std::lower_bound(entries.begin(), entries.end(), key,
-                            [](const Dictionary::Entry& entry, std::string_view k) { return entry.key.compare(k) < 0; });
+    return std::lower_bound(
+        entries.begin(), entries.end(), key,
+        [](const Dictionary::Entry& entry, std::string_view k) { return entry.key.compare(k) < 0; });
 }
 
 template <typename Entries>
@@ -116,6 +117,14 @@ Dictionary::Dictionary(std::initializer_list<Entry> entries) {
     builder.reserve(entries.size());
     for (const Entry& entry : entries) builder.set(entry.key, entry.value);
     *this = std::move(builder).build();
+}
+
+std::optional<Dictionary> Dictionary::ofUnique(Storage entries) {
+    const auto before = [](const Entry& a, const Entry& b) { return a.key < b.key; };
+    const auto same = [](const Entry& a, const Entry& b) { return a.key == b.key; };
+    if (!std::is_sorted(entries.begin(), entries.end(), before)) std::sort(entries.begin(), entries.end(), before);
+    if (std::adjacent_find(entries.begin(), entries.end(), same) != entries.end()) return {};
+    return Dictionary{std::move(entries)};
 }
 
 std::size_t Dictionary::size() const {

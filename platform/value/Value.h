@@ -78,6 +78,9 @@ public:
     Dictionary();
     Dictionary(std::initializer_list<Entry> entries);  // a key given twice keeps its last value
 
+    // Of entries in any order, in less than quadratic time; nothing when a key stands twice among them.
+    static std::optional<Dictionary> ofUnique(Storage entries);
+
     std::size_t size() const;
     bool empty() const { return size() == 0; }
     const Value* find(std::string_view key) const;  // null when absent; valid while this dictionary, or a copy, lives

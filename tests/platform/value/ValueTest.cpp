@@ -61,6 +61,8 @@ TEST(Dictionary, KeepsUniqueKeysInOrderHoweverTheyCame) {
     EXPECT_EQ(built, (Dictionary{{"m", "m!"}, {"b", "b!"}, {"a", "a!"}}));
     EXPECT_EQ(*built.string("m"), "m!");
     EXPECT_EQ(built.find("c"), nullptr);
+    EXPECT_EQ(Dictionary::ofUnique({{"m", "m!"}, {"a", "a!"}, {"b", "b!"}}), built);
+    EXPECT_FALSE(Dictionary::ofUnique({{"m", 1}, {"a", 1}, {"m", 2}}));
 }
 
 TEST(Dictionary, ChangingLeavesTheReceiverAsItWas) {
