@@ -6,7 +6,6 @@
 #include <string_view>
 
 #include "Velto/VTAtomic.h"
-#include "Velto/VTExport.h"
 #include "platform/bundle/Bundle.h"
 
 // One small view of a bundle on disk (application, app extension or plug-in): where it is, what its info dictionary
@@ -17,7 +16,7 @@
 // file system. Properties keep their names (`url`, `containingUrl`) and hold paths.
 //
 // Threading: every member may be called from any thread.
-class VT_EXPORT VTBundle {
+class VTBundle {
 public:
     static std::shared_ptr<VTBundle> initForMainBundle();  // the running program's
     static std::shared_ptr<VTBundle> initWithURL(const std::string& url);

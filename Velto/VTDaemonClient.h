@@ -10,7 +10,6 @@
 #include <vector>
 
 #include "Velto/VTAtomic.h"
-#include "Velto/VTExport.h"
 #include "Velto/VTForm.h"
 #include "Velto/VTProtocol.h"
 #include "platform/mox/ClientConnection.h"
@@ -44,7 +43,7 @@
 //
 // Views are valid while the reply, or a copy of it, lives. For a record instead, one form at a time:
 // `form.toValue().dictionary()` into VTPlugInCore::initWithForm. convertFromMox() builds the whole list as a value.
-class VT_EXPORT VTDaemonClient {
+class VTDaemonClient {
 public:
     using Reply = std::function<void(const mox::Object& reply)>;
 

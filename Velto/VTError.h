@@ -5,7 +5,6 @@
 #include <string>
 #include <utility>
 
-#include "Velto/VTExport.h"
 #include "platform/text/Format.h"
 #include "platform/value/Error.h"
 
@@ -13,7 +12,7 @@
 inline constexpr char VTErrorDomain[] = "Velto";
 
 // An error of the domain "Velto"; without a message it has no localized description of its own.
-VT_EXPORT value::Error VTError(std::int64_t code, std::optional<std::string> message = std::nullopt);
+value::Error VTError(std::int64_t code, std::optional<std::string> message = std::nullopt);
 
 // The same with a message made from a format.
 template <typename... Args>

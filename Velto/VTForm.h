@@ -8,7 +8,6 @@
 #include <string_view>
 #include <vector>
 
-#include "Velto/VTExport.h"
 #include "platform/mox/Encoder.h"
 #include "platform/value/Value.h"
 
@@ -51,7 +50,7 @@ inline constexpr char requirement[] = "requirement";  // string: the code-signin
 // of bytes for each plug-in, and a form that waits for its reply costs no second tree of values.
 //
 // Ownership: a value; copying it shares the base. The base may be shared between threads, a form belongs to one.
-class VT_EXPORT VTForm {
+class VTForm {
 public:
     class Base;
 
@@ -88,7 +87,7 @@ private:
 };
 
 // What a record's export never changes until the record does. Immutable; any thread.
-class VT_EXPORT VTForm::Base {
+class VTForm::Base {
 public:
     // Encodes every entry but the four that forms add.
     explicit Base(const value::Dictionary& form);

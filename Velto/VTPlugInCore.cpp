@@ -1,5 +1,6 @@
 #include "Velto/VTPlugInCore.h"
 
+#include <functional>
 #include <utility>
 
 #include "Velto/VTAssertion.h"
@@ -7,7 +8,7 @@
 #include "Velto/VTProtocol.h"
 #include "Velto/VTValueHelpers.h"
 #include "platform/logging/Log.h"
-#include "platform/text/Format.h"
+#include "platform/text/Described.h"
 
 namespace {
 
@@ -75,8 +76,8 @@ bool VTPlugInCore::setupWithName(const std::optional<std::string>& identifier, c
     setIdentifier(*identifier);
     setUrl(*url);
     if (!setDictionaries(normalizeInfoDictionary(*bundleInfo))) {
-        logging::notice(text::format("malformed plug-in dictionary in plug-in {} at {}: {}", *identifier, *url,
-                                     value::description(*bundleInfo)));
+        logging::notice(
+            text::format("malformed plug-in dictionary in plug-in {} at {}: {}", *identifier, *url, *bundleInfo));
         return false;
     }
     setUuid(uuid ? *uuid : value::Uuid::random());

@@ -10,7 +10,6 @@
 #include <utility>
 
 #include "Velto/VTAtomic.h"
-#include "Velto/VTExport.h"
 #include "Velto/VTForm.h"
 #include "Velto/VTInfoKeys.h"
 #include "platform/value/Value.h"
@@ -30,7 +29,7 @@
 // Threading: every stored property but `topDictionary` and `plugInDictionary` is individually atomic; nothing is
 // promised across properties. A record's dictionaries change only while it is being set up, by one thread.
 // Errors: a setup that fails says why in the log, and its initialiser returns a null pointer.
-class VT_EXPORT VTPlugInCore {
+class VTPlugInCore {
 public:
     VTPlugInCore() = default;  // empty: for a setup to follow
     virtual ~VTPlugInCore() = default;

@@ -7,7 +7,7 @@
 #include "Velto/VTPlugInCore.h"
 #include "platform/logging/Log.h"
 #include "platform/sdk/SdkRegistry.h"
-#include "platform/text/Format.h"
+#include "platform/text/Described.h"
 
 namespace {
 
@@ -35,7 +35,7 @@ void VTPlugInCore::resolveSDK() {
     if (const std::optional<value::Value> spec = sdkSpec()) {
         const std::string* name = spec->string();
         if (name == nullptr) {
-            logging::notice(text::format("invalid SDK key:{}", value::description(*spec)));
+            logging::notice(text::format("invalid SDK key:{}", *spec));
             return;
         }
         if (const auto sdk = readSDKDictionary(*name)) {
@@ -56,14 +56,14 @@ std::optional<value::Dictionary> VTPlugInCore::readSDKDictionary(const std::stri
 
 value::Dictionary VTPlugInCore::mergeDictionary(const value::Dictionary& sdk, const value::Dictionary& target) const {
     value::Dictionary::Builder merged{target};
-    for (const auto& [key, value] : sdk) {
+    for (const auto& [key, theirs] : sdk) {
         const value::Value* own = target.find(key);
         if (own == nullptr || sdkOverridesKey(key)) {
-            merged.set(key, value);
+            merged.set(key, theirs);
         } else if (key == VTInfoKey::shared) {
-            merged.set(key, mergeSharedResources(value, *own));
-        } else if (value.dictionary() != nullptr && own->dictionary() != nullptr) {
-            merged.set(key, mergeDictionary(*value.dictionary(), *own->dictionary()));
+            merged.set(key, mergeSharedResources(theirs, *own));
+        } else if (theirs.dictionary() != nullptr && own->dictionary() != nullptr) {
+            merged.set(key, mergeDictionary(*theirs.dictionary(), *own->dictionary()));
         }
     }
     return std::move(merged).build();

@@ -5,7 +5,6 @@
 #include <string>
 
 #include "Velto/VTAtomic.h"
-#include "Velto/VTExport.h"
 
 // Issues a token that lets the process that consumes it read the path. Nothing when the platform refuses; errno then
 // says why and is left for the caller's message. Only in the daemon's process.
@@ -15,7 +14,7 @@ std::optional<std::string> VTIssueReadExtension(const std::string& url);
 // holder, and a token can be consumed again after expel().
 //
 // Threading: the two properties are individually atomic; consume() and expel() are for one thread at a time.
-class VT_EXPORT VTSandboxExtension {
+class VTSandboxExtension {
 public:
     explicit VTSandboxExtension(std::string token);  // initWithExtension
     ~VTSandboxExtension();
