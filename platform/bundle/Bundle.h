@@ -1,5 +1,6 @@
 #pragma once
 
+#include <cstddef>
 #include <memory>
 #include <optional>
 #include <string>
@@ -22,8 +23,9 @@ inline constexpr std::size_t kInfoLimit = std::size_t{4} << 20;  // a larger Inf
 // What a path given to open() is.
 enum class PathKind { directory, executable };
 
-// An opened bundle; its properties are empty when no bundle was recognised at the path. Info.plist is read when it is
-// first asked for and then kept. Shared freely; reads from several threads are safe.
+// An opened bundle; its properties are empty when no bundle was recognised at the path: when there is no Info.plist, or
+// what bears that name is a link, a pipe, too large or unreadable. Info.plist is read when it is first needed and then
+// kept; what was not recognised is looked at again the next time. Shared freely; any thread may ask.
 class Bundle {
 public:
     // `executable`: walks up a bounded number of levels to a bundle whose QFBundleExecutable is this very file (same
@@ -34,15 +36,15 @@ public:
     virtual ~Bundle() = default;
 
     virtual std::optional<std::string> bundlePath() const = 0;
-    virtual std::optional<std::string> executablePath() const = 0;  // that QFBundleExecutable names inside the bundle
+    virtual std::optional<std::string> executablePath() const = 0;  // see executableInBundle
     virtual std::optional<std::string> supportPath() const = 0;
-    virtual std::optional<value::Dictionary> infoDictionary() const = 0;  // nothing when unreadable, or no dictionary
+    virtual std::optional<value::Dictionary> infoDictionary() const = 0;  // nothing when Info.plist holds none
 
     virtual void flushCache() const = 0;  // forgets what was read
 };
 
-// Where an executable named by QFBundleExecutable lies in a bundle, when the name is plain: no separator, not "." or
-// "..".
+// Where an executable named by QFBundleExecutable lies in a bundle, when the name is plain: not empty, no separator, no
+// NUL byte, not "." or "..". Whether there is such a file, and of what kind, is not looked at.
 std::optional<std::string> executableInBundle(const std::string& bundlePath, const value::Dictionary& info);
 
 }  // namespace bundle

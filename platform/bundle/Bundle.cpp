@@ -1,0 +1,141 @@
+#include "platform/bundle/Bundle.h"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+
+#include <filesystem>
+#include <mutex>
+#include <string_view>
+#include <system_error>
+#include <utility>
+
+#include "platform/file/File.h"
+#include "platform/logging/Log.h"
+#include "platform/plist/Plist.h"
+#include "platform/text/Format.h"
+
+namespace bundle {
+
+namespace {
+
+// An Info.plist that could be read, whether or not it holds a dictionary.
+struct Info {
+    std::optional<value::Dictionary> dictionary;
+};
+
+std::shared_ptr<const Info> readInfo(const std::string& bundlePath) {
+    const file::UniqueFd directory{::open(bundlePath.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC)};
+    if (!directory) return nullptr;
+    const auto contents = file::readRegularBeneath(directory.get(), kInfoFile, kInfoLimit);
+    if (!contents) return nullptr;
+    auto info = std::make_shared<Info>();
+    const auto root = plist::read(contents->bytes);
+    const value::Dictionary* dictionary = root ? root->dictionary() : nullptr;
+    if (dictionary != nullptr) {
+        info->dictionary = *dictionary;
+    } else {
+        logging::warning(text::format("{}/{}: {}", bundlePath, kInfoFile,
+                                      root ? "not a dictionary" : root.error().localizedDescription()));
+    }
+    return info;
+}
+
+bool isPlainName(std::string_view name) {
+    constexpr std::string_view kNotInNames{"/\0", 2};
+    return !name.empty() && name != "." && name != ".." && name.find_first_of(kNotInNames) == std::string_view::npos;
+}
+
+// A bundle at a path; without one, the bundle that was not found.
+class BundleOnDisk final : public Bundle {
+public:
+    BundleOnDisk() = default;
+    explicit BundleOnDisk(std::string path, std::shared_ptr<const Info> info = nullptr)
+        : path_{std::move(path)}, info_{std::move(info)} {}
+
+    std::optional<std::string> bundlePath() const override {
+        return info() != nullptr ? std::optional{path_} : std::nullopt;
+    }
+
+    std::optional<std::string> executablePath() const override {
+        const auto dictionary = infoDictionary();
+        return dictionary ? executableInBundle(path_, *dictionary) : std::nullopt;
+    }
+
+    std::optional<std::string> supportPath() const override { return bundlePath(); }
+
+    std::optional<value::Dictionary> infoDictionary() const override {
+        const auto known = info();
+        return known != nullptr ? known->dictionary : std::nullopt;
+    }
+
+    void flushCache() const override {
+        const std::lock_guard lock{mutex_};
+        info_.reset();
+    }
+
+private:
+    // Reads without the lock: two threads that come at once may both read, and one result is kept.
+    std::shared_ptr<const Info> info() const {
+        if (auto kept = keep(nullptr); kept != nullptr || path_.empty()) return kept;
+        return keep(readInfo(path_));
+    }
+
+    std::shared_ptr<const Info> keep(std::shared_ptr<const Info> read) const {
+        const std::lock_guard lock{mutex_};
+        if (info_ == nullptr) info_ = std::move(read);
+        return info_;
+    }
+
+    const std::string path_;  // empty: no bundle
+    mutable std::mutex mutex_;
+    mutable std::shared_ptr<const Info> info_;  // guarded by the mutex; null: not read, or nothing was recognised
+};
+
+bool isSameFile(const std::string& path, const struct stat& file) {
+    struct stat status {};
+    return ::lstat(path.c_str(), &status) == 0 && status.st_dev == file.st_dev && status.st_ino == file.st_ino;
+}
+
+std::shared_ptr<const Bundle> bundleOfExecutable(const std::string& path) {
+    constexpr int kLevels = 6;
+    const auto notFound = std::make_shared<const BundleOnDisk>();
+    const auto executable = file::canonicalPath(path);
+    struct stat status {};
+    if (!executable || ::stat(executable->c_str(), &status) != 0 || !S_ISREG(status.st_mode)) return notFound;
+    std::filesystem::path directory = std::filesystem::path{*executable}.parent_path();
+    for (int level = 0; level < kLevels; ++level, directory = directory.parent_path()) {
+        auto info = readInfo(directory);
+        const auto named =
+            info != nullptr && info->dictionary ? executableInBundle(directory, *info->dictionary) : std::nullopt;
+        if (named && isSameFile(*named, status))
+            return std::make_shared<const BundleOnDisk>(directory, std::move(info));
+        if (!directory.has_relative_path()) break;  // the root
+    }
+    return notFound;
+}
+
+std::string withoutTrailingSeparators(std::string path) {
+    while (path.size() > 1 && path.back() == '/') path.pop_back();
+    return path;
+}
+
+}  // namespace
+
+std::shared_ptr<const Bundle> Bundle::open(const std::string& path, PathKind kind) {
+    if (path.find('\0') != std::string::npos) return std::make_shared<const BundleOnDisk>();
+    if (kind == PathKind::executable) return bundleOfExecutable(path);
+    return std::make_shared<const BundleOnDisk>(withoutTrailingSeparators(path));
+}
+
+std::shared_ptr<const Bundle> Bundle::openMain() {
+    std::error_code unknown;  // leaves an empty path, where no bundle is
+    return open(std::filesystem::read_symlink("/proc/self/exe", unknown), PathKind::executable);
+}
+
+std::optional<std::string> executableInBundle(const std::string& bundlePath, const value::Dictionary& info) {
+    const std::string* name = info.string(kExecutableKey);
+    if (name == nullptr || !isPlainName(*name)) return {};
+    return bundlePath.ends_with('/') ? bundlePath + *name : bundlePath + "/" + *name;
+}
+
+}  // namespace bundle
