@@ -76,10 +76,10 @@ Encoder::Container Encoder::begin(Kind kind) {
     return container;
 }
 
-void Encoder::end(const Container& container) {
+void Encoder::end(const Container& container, std::size_t elsewhere) {
     std::byte* const header = bytes_.data() + container.at + encoding::kTagSize;
-    const auto size =
-        static_cast<std::uint32_t>(bytes_.size() - container.at - encoding::kTagSize - encoding::kLengthSize);
+    const auto size = static_cast<std::uint32_t>(bytes_.size() + elsewhere - container.at - encoding::kTagSize -
+                                                 encoding::kLengthSize);
     const auto count = static_cast<std::uint32_t>(container.count);
     std::memcpy(header, &size, sizeof size);
     std::memcpy(header + encoding::kLengthSize, &count, sizeof count);

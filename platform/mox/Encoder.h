@@ -33,7 +33,8 @@ public:
     void key(Container& dictionary, std::string_view name);    // before each value
     void splice(Bytes encodedValue) { append(encodedValue); }  // one whole value
     void spliceEntries(Container& dictionary, Bytes entries, std::size_t count);
-    void end(const Container& container);
+    // `elsewhere` is how many bytes of the container the caller sends itself, in their place among these.
+    void end(const Container& container, std::size_t elsewhere = 0);
 
     void beginMessage();  // message form: then exactly one value
 

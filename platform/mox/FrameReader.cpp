@@ -1,0 +1,105 @@
+#include "platform/mox/FrameReader.h"
+
+#include <algorithm>
+#include <utility>
+
+#include "platform/text/Format.h"
+
+namespace mox {
+
+namespace {
+
+using wire::FrameKind;
+
+// What is wrong with a header; empty when nothing is.
+std::string faultOf(const wire::Header& header, FrameReader::Sender sender, std::size_t bodyLimit) {
+    if (header.length < wire::kLengthCounts) return "a frame shorter than its header";
+    const std::size_t body = header.length - wire::kLengthCounts;
+    if (body > bodyLimit) return text::format("a frame of {} bytes, above the limit of {}", body, bodyLimit);
+
+    const bool fromClient = sender == FrameReader::Sender::client;
+    bool answered = false;
+    switch (header.kind) {
+        case FrameKind::hello:
+            if (fromClient) return "a hello from a client";
+            break;
+        case FrameKind::reply:
+            if (fromClient) return "a reply from a client";
+            answered = true;
+            break;
+        case FrameKind::request: answered = true; [[fallthrough]];
+        case FrameKind::echo:
+        case FrameKind::message:
+        case FrameKind::terminationImminent:
+            if (!fromClient) return "a client's frame from a service";
+            break;
+        default: return text::format("unknown frame kind {}", static_cast<int>(header.kind));
+    }
+    if (answered != (header.replyId != 0)) return "a reply id that does not fit the kind";
+    const bool mayCarry = header.kind == FrameKind::reply;
+    if (header.zero != 0 || (header.flags & ~(mayCarry ? wire::kWithDescriptor : wire::kNoFlags)) != 0)
+        return "unknown flags";
+    return {};
+}
+
+}  // namespace
+
+std::span<std::byte> FrameReader::room() {
+    if (!inFrame_) return {};
+    std::vector<std::byte>& body = partial_.body;
+    if (filled_ == body.size()) body.resize(std::min(partialSize(), std::max(kFirstRoom, filled_ * kGrowth)));
+    return std::span{body}.subspan(filled_);
+}
+
+void FrameReader::received(std::size_t inRoom, Bytes lent) {
+    filled_ += inRoom;
+    if (kept_.empty()) {
+        input_ = lent;
+    } else {
+        kept_.insert(kept_.end(), lent.begin(), lent.end());
+        input_ = kept_;
+    }
+}
+
+bool FrameReader::takeHeader() {
+    if (input_.size() < wire::kHeaderSize) return false;
+    partial_.header = encoding::load<wire::Header>(input_.data());
+    fault_ = faultOf(partial_.header, sender_, bodyLimit_);
+    if (!fault_.empty()) return false;
+    input_ = input_.subspan(wire::kHeaderSize);
+    filled_ = 0;
+    return inFrame_ = true;
+}
+
+std::optional<Frame> FrameReader::next() {
+    if (!fault_.empty() || (!inFrame_ && !takeHeader())) return {};
+
+    const Bytes piece = input_.first(std::min(partialSize() - filled_, input_.size()));
+    input_ = input_.subspan(piece.size());
+    if (!piece.empty()) {
+        partial_.body.resize(filled_);  // room that was made and not used yet
+        partial_.body.insert(partial_.body.end(), piece.begin(), piece.end());
+        filled_ += piece.size();
+    }
+    if (filled_ < partialSize()) return {};
+    inFrame_ = false;
+    return std::exchange(partial_, Frame{});
+}
+
+void FrameReader::keep() {
+    if (input_.empty()) {
+        if (kept_.capacity() != 0) kept_ = {};
+    } else {
+        kept_ = std::vector<std::byte>(input_.begin(), input_.end());
+    }
+    input_ = kept_;
+}
+
+void FrameReader::clear() {
+    input_ = {};
+    kept_ = {};
+    partial_ = {};
+    inFrame_ = false;
+}
+
+}  // namespace mox

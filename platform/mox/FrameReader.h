@@ -1,0 +1,64 @@
+#pragma once
+
+#include <cstddef>
+#include <optional>
+#include <span>
+#include <string>
+#include <vector>
+
+#include "platform/mox/View.h"
+#include "platform/mox/Wire.h"
+
+namespace mox {
+
+struct Frame {
+    wire::Header header;
+    std::vector<std::byte> body;
+};
+
+// Cuts a stream of received bytes into frames. A frame that arrived whole is copied once, into a body of its exact
+// size; the rest of a larger one is received straight into its place. Memory grows with the bytes that came, to at most
+// kGrowth times as many, never from a length that was only claimed.
+//
+// Belongs to one queue. A fault is final: no frame comes after it.
+class FrameReader {
+public:
+    enum class Sender { client, service };
+
+    FrameReader(Sender sender, std::size_t bodyLimit) : sender_{sender}, bodyLimit_{bodyLimit} {}
+
+    // Where the rest of a frame that came in part is to be received, before anything else; empty when none is due.
+    std::span<std::byte> room();
+
+    // What was received: so many bytes into room(), then others that are lent until keep() is called.
+    void received(std::size_t inRoom, Bytes lent);
+
+    std::optional<Frame> next();  // the next whole frame
+
+    // Ends the loan: copies what next() has not taken.
+    void keep();
+
+    void clear();  // forgets all that came
+
+    const std::string& fault() const { return fault_; }  // what breaks the protocol; empty while nothing does
+    std::size_t held() const { return kept_.capacity() + partial_.body.capacity(); }
+
+private:
+    static constexpr std::size_t kFirstRoom = std::size_t{64} << 10;
+    static constexpr std::size_t kGrowth = 4;
+
+    std::size_t partialSize() const { return partial_.header.length - wire::kLengthCounts; }
+    bool takeHeader();
+
+    const Sender sender_;
+    const std::size_t bodyLimit_;
+
+    Bytes input_;                  // lies in what was lent, or in kept_
+    std::vector<std::byte> kept_;  // bytes that no frame has taken yet
+    Frame partial_{};              // the frame under way, when inFrame_
+    std::size_t filled_ = 0;       // how much of its body has come
+    bool inFrame_ = false;
+    std::string fault_;
+};
+
+}  // namespace mox

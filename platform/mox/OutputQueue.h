@@ -1,0 +1,72 @@
+#pragma once
+
+#include <sys/uio.h>
+
+#include <cstddef>
+#include <cstdint>
+#include <deque>
+#include <memory>
+#include <span>
+#include <vector>
+
+#include "platform/file/UniqueFd.h"
+#include "platform/mox/Dictionary.h"
+#include "platform/mox/Encoder.h"
+#include "platform/mox/Wire.h"
+
+namespace mox {
+
+// A frame on its way out: its own bytes, and large encoded values that are shared with whoever made them and lie
+// between them. A descriptor, when there is one, leaves with the frame's first byte.
+class OutgoingFrame {
+public:
+    OutgoingFrame(wire::FrameKind kind, std::uint64_t replyId, Bytes body);
+    OutgoingFrame(wire::FrameKind kind, std::uint64_t replyId, const Dictionary& dictionary,
+                  std::shared_ptr<const file::UniqueFd> descriptor = {});
+
+    std::size_t size() const { return size_; }
+    std::size_t left() const { return size_ - sent_; }
+
+    // Sends what the socket takes without waiting; answers 0 or an errno, EAGAIN when something is left.
+    int send(int socket);
+
+private:
+    struct Splice {
+        std::size_t at;  // where in own_ it belongs
+        Encoded bytes;
+    };
+
+    std::size_t gather(std::span<iovec> pieces) const;
+
+    std::vector<std::byte> own_;
+    std::vector<Splice> splices_;
+    std::shared_ptr<const file::UniqueFd> descriptor_;
+    std::size_t size_ = 0;
+    std::size_t sent_ = 0;
+};
+
+// The frames that a socket has not taken yet, in order. Not guarded: its owner's lock is.
+class OutputQueue {
+public:
+    enum class State { drained, blocked, broken };
+
+    // Sends at once what can be when nothing waits before it, and keeps the rest.
+    State send(int socket, OutgoingFrame frame);
+    State flush(int socket);
+    void append(OutgoingFrame frame);  // to be sent by the next flush()
+    void clear();
+
+    bool empty() const { return frames_.empty(); }
+    std::size_t bytes() const { return bytes_; }  // that wait
+
+    // Positions in the stream of all bytes ever queued, by which one tells whether what waited at some time has gone.
+    std::uint64_t endPosition() const { return endPosition_; }
+    std::uint64_t sentPosition() const { return endPosition_ - bytes_; }
+
+private:
+    std::deque<OutgoingFrame> frames_;
+    std::size_t bytes_ = 0;
+    std::uint64_t endPosition_ = 0;
+};
+
+}  // namespace mox
