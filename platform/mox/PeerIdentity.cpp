@@ -1,0 +1,153 @@
+#include "platform/mox/PeerIdentity.h"
+
+#include <fcntl.h>
+#include <poll.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/syscall.h>
+#include <sys/sysmacros.h>
+#include <unistd.h>
+
+#include <array>
+#include <cerrno>
+#include <charconv>
+#include <limits>
+#include <string_view>
+
+#include "platform/bundle/Bundle.h"
+#include "platform/text/Format.h"
+
+// How an identity is read, and what each step stops:
+//
+// - Pid, uid and gid are those of the process that called connect(). A pidfd for it is had from the socket, or where
+//   the kernel has none to give, from the pid. All else is read by pid, and only counts when the pidfd shows afterwards
+//   that the process lived throughout.
+// - A process may connect and then execute another program, and be taken for that. Therefore the service sends a nonce
+//   after it has read the identity, the answer must come from that very process, and the identity is compared again:
+//   the program that was trusted never answers for another one's socket.
+// - A process may mount its own program over a trusted path, for itself alone. Therefore the running file must be the
+//   one that the daemon finds at the path.
+// - A process that owns a namespace of pids can claim, in what it sends, any pid in it; a child could so answer for a
+//   parent that has executed a trusted program. Therefore a peer with pids of its own has no path.
+namespace mox {
+
+namespace {
+
+#ifndef SO_PEERPIDFD
+constexpr int SO_PEERPIDFD = 77;
+#endif
+
+constexpr std::size_t kLongestPath = 1023;
+
+std::string procPath(pid_t pid, std::string_view name) {
+    return text::format("/proc/{}/{}", pid, name);
+}
+
+// Attributes as the kernel has them at hand: a peer may run from a file system that it serves itself, and must not make
+// us wait for its answer.
+std::optional<FileId> identify(const std::string& path, int flags = 0) {
+    struct statx status {};
+    if (::statx(AT_FDCWD, path.c_str(), flags | AT_STATX_DONT_SYNC | AT_NO_AUTOMOUNT, STATX_TYPE | STATX_INO, &status))
+        return {};
+    return FileId{makedev(status.stx_dev_major, status.stx_dev_minor), status.stx_ino};
+}
+
+std::optional<std::string> readLink(const std::string& path) {
+    std::array<char, kLongestPath + 1> text;
+    const ssize_t length = ::readlink(path.c_str(), text.data(), text.size());
+    if (length <= 0 || static_cast<std::size_t>(length) > kLongestPath) return {};
+    return std::string{text.data(), static_cast<std::size_t>(length)};
+}
+
+// The 22nd field of the process's stat line; the second, in parentheses, may contain anything.
+std::uint64_t readStartTime(pid_t pid) {
+    const file::UniqueFd fd{::open(procPath(pid, "stat").c_str(), O_RDONLY | O_CLOEXEC)};
+    std::array<char, 1024> text;
+    const ssize_t length = fd ? ::read(fd.get(), text.data(), text.size()) : 0;
+    if (length <= 0) return 0;
+    std::string_view rest{text.data(), static_cast<std::size_t>(length)};
+    rest.remove_prefix(std::min(rest.rfind(')'), rest.size()));
+    for (int field = 2; field < 22; ++field) {
+        const std::size_t space = rest.find(' ');
+        if (space == std::string_view::npos) return 0;
+        rest.remove_prefix(space + 1);
+    }
+    std::uint64_t ticks = 0;
+    std::from_chars(rest.data(), rest.data() + rest.size(), ticks);
+    return ticks;
+}
+
+bool hasOurPids(pid_t pid) {
+    const auto theirs = identify(procPath(pid, "ns/pid"));
+    return theirs && theirs == identify("/proc/self/ns/pid");
+}
+
+bool isAlive(int pidfd) {
+    pollfd ended{pidfd, POLLIN, 0};
+    return ::poll(&ended, 1, 0) == 0;
+}
+
+// The descriptor of the process that connected; where the kernel has no such option, of the process that has its pid
+// now: if that is another one, it has neither the socket nor the nonce, and the handshake fails.
+file::UniqueFd openProcess(int socket, pid_t pid) {
+    int fd = -1;
+    socklen_t size = sizeof fd;
+    if (::getsockopt(socket, SOL_SOCKET, SO_PEERPIDFD, &fd, &size) == 0) return file::UniqueFd{fd};
+    if (errno != ENOPROTOOPT) return {};
+    return file::UniqueFd{static_cast<int>(::syscall(SYS_pidfd_open, pid, 0))};
+}
+
+value::Error refused(std::string message) {
+    return {"mox", EACCES, std::move(message)};
+}
+
+}  // namespace
+
+value::Result<PeerIdentity> readPeer(int socket) {
+    ucred credentials{};
+    socklen_t size = sizeof credentials;
+    if (::getsockopt(socket, SOL_SOCKET, SO_PEERCRED, &credentials, &size) != 0)
+        return value::posixError(errno, "credentials of a peer");
+    if (credentials.pid <= 0) return refused("a process without a pid here");
+    if (credentials.uid != ::geteuid() && credentials.uid != 0)
+        return refused(text::format("process {} of user {}", credentials.pid, credentials.uid));
+
+    PeerIdentity identity;
+    identity.pid = credentials.pid;
+    identity.uid = credentials.uid;
+    identity.gid = credentials.gid;
+    identity.pidfd = openProcess(socket, identity.pid);
+    if (!identity.pidfd) return value::posixError(errno, text::format("process {}", identity.pid));
+
+    identity.startTime = readStartTime(identity.pid);
+    const std::string link = procPath(identity.pid, "exe");
+    identity.executable = identify(link);
+    const auto path = readLink(link);
+    if (identity.executable && path && path->starts_with('/') && hasOurPids(identity.pid) &&
+        identify(*path, AT_SYMLINK_NOFOLLOW) == identity.executable)
+        identity.executablePath = path;
+    if (!isAlive(identity.pidfd.get())) return value::posixError(ESRCH, text::format("process {}", identity.pid));
+    return identity;
+}
+
+bool isUnchanged(const PeerIdentity& identity) {
+    return readStartTime(identity.pid) == identity.startTime &&
+           identify(procPath(identity.pid, "exe")) == identity.executable && isAlive(identity.pidfd.get());
+}
+
+void openBundle(PeerIdentity& identity) {
+    if (!identity.executablePath) return;
+    const std::string& path = *identity.executablePath;
+    const auto bundlePath = bundle::Bundle::open(path, bundle::PathKind::executable)->bundlePath();
+    if (!bundlePath || !path.starts_with(*bundlePath + "/")) return;
+
+    // The directory that was opened, and not only one that had the name a moment ago, must be where the peer runs from.
+    file::UniqueFd directory{::open(bundlePath->c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC)};
+    if (!directory) return;
+    const std::string inside = text::format("/proc/self/fd/{}{}", directory.get(), path.substr(bundlePath->size()));
+    if (identify(inside, AT_SYMLINK_NOFOLLOW) != identity.executable) return;
+    identity.bundleDirectory = std::move(directory);
+    identity.bundlePath = *bundlePath;
+}
+
+}  // namespace mox
