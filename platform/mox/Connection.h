@@ -8,6 +8,7 @@
 #include <string>
 #include <variant>
 
+#include "platform/mox/Charges.h"
 #include "platform/mox/Dictionary.h"
 #include "platform/mox/Object.h"
 #include "platform/mox/PeerIdentity.h"
@@ -15,7 +16,8 @@
 
 namespace mox {
 
-// A request as received: the dictionary and the way to answer it. Copies are the same request. While any copy lives the
+// A request as received: the dictionary and the way to answer it (a one-way message has none: a reply to it goes
+// nowhere). Copies are the same request. While any copy lives the
 // request counts against its connection's bounds; when the last one goes unanswered, nothing is sent.
 class Request {
 public:
@@ -38,14 +40,16 @@ public:
     explicit Reply(const Request& request) : ticket_{request.ticket()} {}
 
     // A descriptor of a regular file that goes with the reply.
-    void attach(file::UniqueFd descriptor) { descriptor_ = std::move(descriptor); }
+    void attach(file::UniqueFd descriptor) {
+        descriptor_ = std::make_shared<const file::UniqueFd>(std::move(descriptor));
+    }
 
     const std::shared_ptr<Request::Ticket>& ticket() const { return ticket_; }
-    const file::UniqueFd& descriptor() const { return descriptor_; }
+    const std::shared_ptr<const file::UniqueFd>& descriptor() const { return descriptor_; }
 
 private:
     std::shared_ptr<Request::Ticket> ticket_;
-    file::UniqueFd descriptor_;
+    std::shared_ptr<const file::UniqueFd> descriptor_;
 };
 
 // What a connection's handler is given: a request, or an object that is either an error (Object::isError;
@@ -53,7 +57,11 @@ private:
 using Event = std::variant<Request, Object>;
 
 // One accepted peer, on the daemon's side. Events are delivered one at a time, in order, on the connection's own serial
-// queue; they start with resume(). The listener keeps the connection alive until it is invalid.
+// queue; they start with resume(). The connection is invalid, once, after all its other events, when the peer closes
+// the socket, breaks the protocol or ends; a process's end counts even while a child of its keeps the socket open. The
+// listener keeps the connection alive until then, and ends it when the listener goes.
+//
+// A peer cannot make the daemon wait, or grow beyond the bounds of Charges.h: past them its requests are left unread.
 //
 // Threading: every member may be called from any thread.
 class Connection {
@@ -88,14 +96,16 @@ public:
     virtual ~Listener() = default;
 
     // Called on the queue given to listen() once for each new connection, before any of its events; the connection
-    // delivers nothing until the handler resumes it. Never called for an error.
+    // delivers nothing until the handler resumes it. Never called for an error. Set before resume().
     virtual void setConnectionHandler(ConnectionHandler handler) = 0;
 
-    // Starts accepting. An error (the service is taken, the directory is not ours) says what and by whom.
+    // Starts accepting, once. An error (the service is taken, the directory is not ours) says what and by whom. Raises
+    // the process's limit on descriptors as far as it goes.
     [[nodiscard]] virtual std::optional<value::Error> resume() = 0;
 };
 
-// Creates the listener, not yet started, for the service name (checked: no separator, no leading dot, short enough).
-std::shared_ptr<Listener> listen(std::string serviceName, const std::shared_ptr<queue::SerialQueue>& queue);
+// Creates the listener, not yet started, for the service name (checked in resume(): isServiceName()).
+std::shared_ptr<Listener> listen(std::string serviceName, const std::shared_ptr<queue::SerialQueue>& queue,
+                                 const Bounds& bounds = {});
 
 }  // namespace mox

@@ -1,0 +1,285 @@
+#include "platform/mox/AcceptedConnection.h"
+
+#include <sys/random.h>
+
+#include <algorithm>
+#include <array>
+#include <cstring>
+#include <utility>
+
+#include "platform/logging/Log.h"
+#include "platform/mox/Receive.h"
+#include "platform/text/Format.h"
+
+namespace mox {
+
+namespace {
+
+constexpr std::size_t kChunk = std::size_t{32} << 10;
+constexpr int kReadsInATurn = 16;  // then others have theirs
+
+wire::Nonce freshNonce() {
+    wire::Nonce nonce;
+    // So few bytes always come whole; the nonce tells who has read it, so that a failure may leave it guessable but
+    // must not go unseen.
+    if (::getrandom(nonce.data(), nonce.size(), 0) != static_cast<ssize_t>(nonce.size()))
+        logging::internalInconsistency("random bytes for a nonce", __FILE__);
+    return nonce;
+}
+
+OutgoingFrame helloFrame(const wire::Nonce& nonce) {
+    std::array<std::byte, wire::kHelloSize> body;
+    std::memcpy(body.data(), &wire::kProtocolVersion, sizeof wire::kProtocolVersion);
+    std::memcpy(body.data() + sizeof wire::kProtocolVersion, nonce.data(), nonce.size());
+    return {wire::FrameKind::hello, 0, body};
+}
+
+Object errorObject(ErrorCode code, std::string message) {
+    return Object{value::Value{value::Error{"mox", static_cast<std::int64_t>(code), std::move(message)}}};
+}
+
+}  // namespace
+
+AcceptedConnection::AcceptedConnection(file::UniqueFd socket, PeerIdentity peer, std::shared_ptr<Account> account,
+                                       const Bounds& bounds, std::weak_ptr<ConnectionKeeper> keeper)
+    : pid_{peer.pid},
+      bounds_{bounds},
+      account_{std::move(account)},
+      keeper_{std::move(keeper)},
+      queue_{std::make_shared<queue::SerialQueue>(text::format("mox.peer.{}", pid_))},
+      peer_{std::make_shared<PeerIdentity>(std::move(peer))},
+      identity_{peer_},
+      reader_{FrameReader::Sender::client, kRequestLimits.bytes},
+      partialCharge_{account_, {}},
+      socket_{std::move(socket)},
+      outputCharge_{account_, {}} {}
+
+template <typename Member>
+void AcceptedConnection::later(Member member) {
+    queue_->async([weak = weak_from_this(), member] {
+        if (const auto self = weak.lock()) std::invoke(member, *self);
+    });
+}
+
+void AcceptedConnection::start() {
+    account_->setHolder(weak_from_this());
+    later(&AcceptedConnection::begin);
+}
+
+void AcceptedConnection::begin() {
+    if (stage_ == Stage::ended) return;
+    const auto weak = weak_from_this();
+    socketWatch_ = queue::watch(socket_.get(), queue_, [weak](std::uint32_t readiness) {
+        if (const auto self = weak.lock()) self->socketReady(readiness);
+    });
+    processWatch_ = queue::watch(peer_->pidfd.get(), queue_, [weak](std::uint32_t) {
+        const auto self = weak.lock();
+        if (!self) return;
+        self->hangup_ = true;  // what it had sent before is delivered before its end is
+        self->read();
+        self->end();
+    });
+    if (!socketWatch_ || !processWatch_) return breakOff("it cannot be watched");
+    handshakeTimer_ = queue::after(bounds_.handshakeDeadline, queue_, [weak] {
+        if (const auto self = weak.lock()) self->breakOff("it did not answer the hello in time");
+    });
+    nonce_ = freshNonce();
+    const std::lock_guard lock{outputLock_};
+    afterOutput(output_.send(socket_.get(), helloFrame(nonce_)));
+}
+
+void AcceptedConnection::resume() {
+    later([](AcceptedConnection& self) {
+        if (std::exchange(self.resumed_, true)) return;
+        if (self.stage_ == Stage::ended) return self.deliverInvalid();
+        self.stage_ = Stage::open;
+        self.readOn();
+    });
+}
+
+void AcceptedConnection::cancel() {
+    queue_->async([self = shared_from_this()] { self->end(); });
+}
+
+void AcceptedConnection::readAgain() {
+    later(&AcceptedConnection::readOn);
+}
+
+void AcceptedConnection::endForExcess() {
+    later([](AcceptedConnection& self) { self.breakOff("it holds most where all together hold too much"); });
+}
+
+std::string AcceptedConnection::description() const {
+    return text::format("<mox connection {} pid={}>", static_cast<const void*>(this), pid_);
+}
+
+void AcceptedConnection::socketReady(std::uint32_t readiness) {
+    if ((readiness & queue::Watch::hangup) != 0) hangup_ = true;
+    if ((readiness & queue::Watch::writable) != 0) {
+        const std::lock_guard lock{outputLock_};
+        if (!output_.empty()) afterOutput(output_.flush(socket_.get()));
+    }
+    if ((readiness & (queue::Watch::readable | queue::Watch::hangup)) != 0) read();
+}
+
+void AcceptedConnection::read() {
+    std::array<std::byte, kChunk> chunk;
+    for (int reads = 0; reads < kReadsInATurn; ++reads) {
+        if (paused_ || (stage_ != Stage::greeting && stage_ != Stage::open)) return;
+        const std::span<std::byte> room = reader_.room();
+        const Received received = receive(socket_.get(), room, chunk, Accepting::credentials);
+        if (received.state == Received::State::nothingYet) return;
+        if (received.state == Received::State::ended) return end();
+        if (received.sender != pid_) return breakOff("another process sends on it");
+        if (received.lostDescriptors) return breakOff("it sent a descriptor");
+
+        const std::size_t inRoom = std::min(room.size(), received.count);
+        reader_.received(inRoom, Bytes{chunk}.first(received.count - inRoom));
+        deliverFrames();
+        if (!received.filled && !hangup_) return;
+    }
+    if (socketWatch_) socketWatch_->again(queue::Watch::readable);
+}
+
+// Goes on where a pause, or the wait for resume(), left off: with what has been read already.
+void AcceptedConnection::readOn() {
+    paused_ = !account_->mayRead();
+    deliverFrames();
+    read();
+}
+
+void AcceptedConnection::deliverFrames() {
+    while (!paused_ && (stage_ == Stage::greeting || stage_ == Stage::open)) {
+        auto frame = reader_.next();
+        if (!frame) break;
+        if (!handle(*std::move(frame))) return;
+    }
+    if (stage_ == Stage::ended) return;
+    if (!reader_.fault().empty()) return breakOff(reader_.fault());
+    reader_.keep();
+    partialCharge_.change({.partial = reader_.held()});
+}
+
+// Whether the connection goes on.
+bool AcceptedConnection::handle(Frame frame) {
+    const bool isEcho = frame.header.kind == wire::FrameKind::echo;
+    if (isEcho != (stage_ == Stage::greeting)) {
+        breakOff(isEcho ? "a second echo" : "a frame before the echo");
+        return false;
+    }
+    if (isEcho) return authenticate(frame);
+    if (frame.header.kind != wire::FrameKind::terminationImminent) return deliverMessage(std::move(frame));
+    if (!frame.body.empty()) {
+        breakOff("a notice with a body");
+        return false;
+    }
+    handler_(Event{errorObject(ErrorCode::terminationImminent, text::format("process {} is about to end", pid_))});
+    return true;
+}
+
+bool AcceptedConnection::authenticate(const Frame& echo) {
+    if (!std::equal(echo.body.begin(), echo.body.end(), nonce_.begin(), nonce_.end())) {
+        breakOff("a wrong echo");
+        return false;
+    }
+    if (!isUnchanged(*peer_)) {
+        breakOff("the process is no longer what connected");
+        return false;
+    }
+    openBundle(*peer_);
+    handshakeTimer_.reset();
+    stage_ = Stage::delivered;
+    if (const auto keeper = keeper_.lock()) keeper->authenticated(shared_from_this());
+    return true;
+}
+
+bool AcceptedConnection::deliverMessage(Frame frame) {
+    const std::size_t size = frame.body.size();
+    auto object = Object::decode(std::move(frame.body), kRequestLimits);
+    if (!object) {
+        breakOff(object.error().localizedDescription());
+        return false;
+    }
+    if (!object->isDictionary()) {
+        handler_(Event{*std::move(object)});
+        return true;
+    }
+    auto ticket = std::make_shared<Request::Ticket>(weak_from_this(), frame.header.replyId,
+                                                    Charge{account_, {.backlog = size, .requests = 1}});
+    handler_(Event{Request{*std::move(object), std::move(ticket)}});
+    paused_ = !account_->mayRead();
+    return true;
+}
+
+void AcceptedConnection::send(const Reply& reply) {
+    Request::Ticket& ticket = *reply.ticket();
+    if (ticket.replyId == 0 || ticket.connection.lock().get() != this || ticket.answered.exchange(true)) return;
+    OutgoingFrame frame{wire::FrameKind::reply, ticket.replyId, reply, reply.descriptor()};
+    if (frame.size() - wire::kHeaderSize > kReplyLimits.bytes)
+        return later([](AcceptedConnection& self) { self.breakOff("a reply to it is above the limit"); });
+
+    const std::lock_guard lock{outputLock_};
+    if (socket_) afterOutput(output_.send(socket_.get(), std::move(frame)));
+}
+
+void AcceptedConnection::afterOutput(OutputQueue::State state) {
+    if (state == OutputQueue::State::broken) {
+        output_.clear();
+        later(&AcceptedConnection::end);
+    }
+    outputCharge_.change({.backlog = output_.bytes()});
+    if (output_.empty()) {
+        drainTimer_.reset();
+        return;
+    }
+    socketWatch_->awaitWritable();
+    if (!drainTimer_) {
+        drainPosition_ = output_.endPosition();
+        drainTimer_ = queue::after(bounds_.drainDeadline, queue_, [weak = weak_from_this()] {
+            if (const auto self = weak.lock()) self->checkDrained();
+        });
+    }
+}
+
+void AcceptedConnection::checkDrained() {
+    {
+        const std::lock_guard lock{outputLock_};
+        if (!drainTimer_) return;
+        drainTimer_.reset();
+        if (output_.sentPosition() >= drainPosition_) return afterOutput(OutputQueue::State::blocked);
+    }
+    breakOff("it does not take its replies");
+}
+
+void AcceptedConnection::breakOff(std::string_view why) {
+    if (stage_ == Stage::ended) return;
+    logging::notice(text::format("mox: connection of process {} ended: {}", pid_, why));
+    end();
+}
+
+void AcceptedConnection::end() {
+    if (stage_ == Stage::ended) return;
+    stage_ = Stage::ended;
+    const auto self = shared_from_this();  // the keeper may have the last other reference
+    processWatch_.reset();
+    handshakeTimer_.reset();
+    {
+        const std::lock_guard lock{outputLock_};
+        drainTimer_.reset();
+        socketWatch_.reset();
+        output_.clear();
+        socket_.reset();
+    }
+    reader_.clear();
+    account_->close();
+    if (const auto keeper = keeper_.lock()) keeper->ended(*this);
+    if (resumed_) deliverInvalid();
+}
+
+void AcceptedConnection::deliverInvalid() {
+    const EventHandler handler = std::exchange(handler_, {});
+    if (handler)
+        handler(Event{errorObject(ErrorCode::connectionInvalid, text::format("connection of process {} ended", pid_))});
+}
+
+}  // namespace mox
