@@ -11,10 +11,12 @@
 namespace mox {
 
 // A client's connection to a named service. Connects at the first message; when it breaks, each waiting reply closure
-// gets an error object, the event handler gets one too, and a later message connects again.
+// gets an error object, the event handler gets one too, and a later message connects again. The error is
+// connectionInvalid when the service could not be reached, and connectionInterrupted when it was there and went away:
+// then it may, or may not, have done what it was asked.
 //
-// Threading: every member may be called from any thread; messages are sent in the order of the calls. Closures and
-// events are delivered on the queue given at creation.
+// Threading: every member may be called from any thread; messages are sent in the order of the calls, by the calling
+// thread where nothing waits before them. Closures and events are delivered on the queue given at creation.
 class ClientConnection {
 public:
     using ReplyHandler = std::function<void(const Object& reply)>;  // a dictionary or an error
@@ -27,7 +29,8 @@ public:
     virtual void setEventHandler(EventHandler handler) = 0;  // before resume()
     virtual void resume() = 0;                               // messages sent before are sent now
     virtual void send(const Dictionary& message, ReplyHandler reply) = 0;
-    virtual void cancel() = 0;  // closes for good; waiting closures get connectionInvalid
+    virtual void announceTermination() = 0;  // tells the service, where connected, that this process is about to end
+    virtual void cancel() = 0;               // closes for good; waiting closures get connectionInvalid
     virtual std::string description() const = 0;
 };
 
