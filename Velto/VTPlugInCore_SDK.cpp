@@ -46,7 +46,8 @@ void VTPlugInCore::resolveSDK() {
 }
 
 std::optional<value::Dictionary> VTPlugInCore::readSDKDictionary(const std::string& name) {
-    if (const char* directory = std::getenv(kSdkDirectoryVariable)) {
+    const char* directory = std::getenv(kSdkDirectoryVariable);
+    if (directory != nullptr && *directory != '\0') {
         if (auto entry = sdk::entryIn(directory, name)) return entry;
     }
     auto entry = sdk::entry(name);

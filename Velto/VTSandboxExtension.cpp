@@ -4,10 +4,6 @@
 
 #include "platform/sandbox/Sandbox.h"
 
-std::optional<std::string> VTIssueReadExtension(const std::string& url) {
-    return sandbox::issueFileExtension(sandbox::kReadOnlyFileClass, url);
-}
-
 VTSandboxExtension::VTSandboxExtension(std::string token) : token_{std::move(token)} {}
 
 VTSandboxExtension::~VTSandboxExtension() {

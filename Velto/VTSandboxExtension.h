@@ -1,17 +1,13 @@
 #pragma once
 
 #include <cstdint>
-#include <optional>
 #include <string>
+#include <utility>
 
 #include "Velto/VTAtomic.h"
 
-// Issues a token that lets the process that consumes it read the path. Nothing when the platform refuses; errno then
-// says why and is left for the caller's message. Only in the daemon's process.
-std::optional<std::string> VTIssueReadExtension(const std::string& url);
-
-// The consumer's holder of a token. Not consumed (handle 0) until consume(); a consumed extension never outlives its
-// holder, and a token can be consumed again after expel().
+// A host's holder of a token that the daemon issued. Not consumed (handle 0) until consume(); a consumed extension
+// never outlives its holder, and a token can be consumed again after expel().
 //
 // Threading: the two properties are individually atomic; consume() and expel() are for one thread at a time.
 class VTSandboxExtension {

@@ -10,8 +10,8 @@
 #include "Velto/VTBundle.h"
 #include "Velto/VTError.h"
 #include "Velto/VTInfoKeys.h"
+#include "Velto/VTIssueReadExtension.h"
 #include "Velto/VTProtocol.h"
-#include "Velto/VTSandboxExtension.h"
 #include "platform/logging/Log.h"
 #include "platform/text/Format.h"
 
