@@ -13,7 +13,7 @@ namespace logging {
 namespace {
 
 // What a reader of lines takes as one line; a longer one ends with the count of what was left out.
-constexpr std::size_t kLongestMessage = 32 * 1024;
+constexpr std::size_t kLongestMessage = 32'768;
 
 struct Log {
     std::mutex mutex;

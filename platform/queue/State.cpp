@@ -71,13 +71,13 @@ unsigned SerialQueue::State::drain(unsigned budget) {
 
 bool SerialQueue::State::drainUpTo(const Waiter& self) {
     const Presence presence{*this};
-    for (;;) {
-        Item& item = *next(kBatch).item;  // not empty: our own waiter is among the items
-        if (&item == &self) return true;
-        const bool turnGoesAlong = item.isWaiter();
-        item.run();
+    while (Item* const item = next(kBatch).item) {
+        if (item == &self) return true;
+        const bool turnGoesAlong = item->isWaiter();
+        item->run();
         if (turnGoesAlong) return false;
     }
+    return false;  // not reached: our own waiter is among the items
 }
 
 void SerialQueue::State::enter() {

@@ -102,7 +102,7 @@ TEST(Log, WritesOneLineACallWithTheJournalsPrefixOnlyForTheJournal) {
         error("second");
     }
     ::unsetenv("JOURNAL_STREAM");
-    EXPECT_EQ(takeAll(plain.reader), "a\\nb\n" + std::string(32 * 1024, 'x') + "... (7232 more bytes)\n");
+    EXPECT_EQ(takeAll(plain.reader), "a\\nb\n" + std::string(32'768, 'x') + "... (7232 more bytes)\n");
     EXPECT_EQ(takeAll(journal.reader), "<5>first\n<3>second\n");
 }
 

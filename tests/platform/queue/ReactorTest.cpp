@@ -181,6 +181,31 @@ TEST(Reactor, IsNotStoppedByABlockedWorker) {
     blocked->sync([] {});
 }
 
+// More queues than threads, each with something to do at all times.
+TEST(Reactor, IsNotStarvedByQueuesThatNeverRunDry) {
+    std::atomic<bool> stop = false;
+    std::vector<std::shared_ptr<SerialQueue>> busy(16);
+    const std::function<void(SerialQueue&)> runOn = [&](SerialQueue& queue) {
+        queue.async([&] {
+            if (!stop) runOn(queue);
+        });
+    };
+    for (auto& queue : busy) {
+        queue = makeQueue();
+        runOn(*queue);
+    }
+    Pair pair;
+    std::latch read{1};
+    const auto watched = watch(pair.ours.get(), makeQueue(), [&](std::uint32_t) {
+        if (!pair.read(1).empty()) read.count_down();
+    });
+    pair.send("x");
+    read.wait();
+    stop = true;
+    for (const auto& queue : busy) queue->sync([] {});  // now none will be added,
+    for (const auto& queue : busy) queue->sync([] {});  // and now none is left
+}
+
 TEST(Timer, FiresInTheOrderOfDeadlinesAndNeverEarly) {
     const auto queue = makeQueue();
     const auto start = std::chrono::steady_clock::now();
@@ -211,8 +236,8 @@ TEST(Timer, DoesNotFireOnceItIsGone) {
     queue->sync([&] {
         last = after(20ms, queue, [&] { later.count_down(); });
         std::vector<std::unique_ptr<Timer>> many;
-        for (int i = 0; i < 100'000; ++i)
-            many.push_back(after(std::chrono::milliseconds{i}, queue, [&] { fired = true; }));
+        many.resize(100'000);
+        for (auto& timer : many) timer = after(1ms, queue, [&] { fired = true; });
         cancelled.reset();
     });
     later.wait();
@@ -236,12 +261,12 @@ TEST(RunUntil, RunsTheHandlerOnTheLentThreadOrHearsOfItsEnd) {
 TEST(RunUntil, IsWokenByAThreadThatIsNotThePools) {
     std::atomic<int> ended = 0;
     std::atomic<bool> done = false;
-    std::vector<std::thread> lenders;
-    for (int i = 0; i < 3; ++i) {
-        lenders.emplace_back([&] {
+    std::vector<std::thread> lenders(3);
+    for (std::thread& lender : lenders) {
+        lender = std::thread{[&] {
             runUntil([&] { return done.load(); });
             ++ended;
-        });
+        }};
     }
     wake();
     done = true;

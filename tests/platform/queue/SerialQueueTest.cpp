@@ -34,15 +34,15 @@ TEST(SerialQueue, NeverOverlapsWhateverWayWorkArrives) {
     SerialQueue queue{"test"};
     SerialQueue feeder{"feeder"};
     int unguarded = 0;  // the queue's turn is all that protects it
-    std::vector<std::thread> threads;
-    for (int t = 0; t < kThreads; ++t) {
-        threads.emplace_back([&] {
+    std::vector<std::thread> threads(kThreads);
+    for (std::thread& thread : threads) {
+        thread = std::thread{[&] {
             for (int i = 0; i < kRounds; ++i) {
                 queue.async([&] { ++unguarded; });
                 feeder.async([&] { queue.async([&] { ++unguarded; }); });
                 queue.sync([&] { ++unguarded; });
             }
-        });
+        }};
     }
     for (std::thread& thread : threads) thread.join();
     feeder.sync([] {});
