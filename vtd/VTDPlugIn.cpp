@@ -58,7 +58,7 @@ std::shared_ptr<VTDPlugIn> VTDPlugIn::initWithDVData(const std::shared_ptr<const
     if (!url) return nullptr;
     const value::Dictionary info = prunedInfoDictionaryFor(VTBundle::initWithURL(*url)->infoDictionary());
 
-    const auto plugIn = std::make_shared<VTDPlugIn>();
+    auto plugIn = std::make_shared<VTDPlugIn>();
     if (!plugIn->setupWithName(proxy->pluginIdentifier(), url, info, proxy->pluginDictionary(), proxy->pluginUUID())) {
         return nullptr;
     }
