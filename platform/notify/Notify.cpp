@@ -16,7 +16,7 @@ namespace notify {
 
 namespace {
 
-// Follows one counter. The file is kept open, so that what was posted before it was deleted is still seen, and so that
+// Follows one counter. The file is kept open, so that what was posted before it was replaced is still seen, and so that
 // its successor cannot have the same inode number.
 class Follower : public Watcher::Subscriber, public std::enable_shared_from_this<Follower> {
 public:
@@ -51,11 +51,17 @@ private:
         return seen_ >= before ? seen_ - before : seen_;  // less: it was spoilt, and begun again
     }
 
+    // Turns to the file that the path leads to now; answers whether that is another one than before.
     bool followReplacement() {
         struct stat ours {};
         struct stat found {};
-        if (stat(path_.c_str(), &found) != 0 || fstat(counter_.get(), &ours) != 0) return false;
-        if (found.st_dev == ours.st_dev && found.st_ino == ours.st_ino) return false;
+        const bool have = counter_ && fstat(counter_.get(), &ours) == 0;
+        if (stat(path_.c_str(), &found) != 0) {
+            // An open file keeps its directory from being gone for good, and the watcher from hearing of it.
+            if (have && ours.st_nlink == 0) counter_.reset();
+            return false;
+        }
+        if (have && found.st_dev == ours.st_dev && found.st_ino == ours.st_ino) return false;
         file::UniqueFd opened{open(path_.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY | O_CLOEXEC)};
         if (!opened) return false;
         counter_ = std::move(opened);
