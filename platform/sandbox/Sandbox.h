@@ -8,8 +8,8 @@
 #include <string>
 #include <string_view>
 
+#include "platform/file/UniqueFd.h"
 #include "platform/mox/PeerIdentity.h"
-#include "platform/queue/SerialQueue.h"
 #include "platform/value/Error.h"
 
 // Sandbox extensions: a token that lets the process that consumes it read one path through the daemon, and the question
@@ -18,18 +18,30 @@ namespace sandbox {
 
 inline constexpr char kReadOnlyFileClass[] = "halvern.file-read";
 
-// Issues a token for the canonical form of the path: class, path and file identity under a MAC whose key never leaves
-// this process and is new at each start. Nothing on refusal, with errno set. Issuing for the same unchanged file again
-// gives the kept token. Any thread.
+// Issues a token for the canonical form of the path, of a directory or a regular file: class, path and file identity
+// under a MAC whose key never leaves this process and is new at each start. Nothing on refusal, with errno set: ENOENT,
+// ENAMETOOLONG (over 1023 bytes once resolved), EACCES (neither directory nor regular file), EINVAL (another class, a
+// NUL byte) or what the kernel said. Issuing for the same unchanged file again costs one stat. Any thread.
 std::optional<std::string> issueFileExtension(std::string_view extensionClass, const std::string& path);
 
 // Whether the peer's process runs inside a sandbox: another user namespace than ours, more seccomp filters than we
-// have, or another root that carries a container marker. What cannot be read counts as sandboxed.
+// have, or another root that carries a container's marker file (/run/.containerenv, /.dockerenv,
+// /run/host/container-manager or /.flatpak-info; the environment has no say, since the process writes it itself). What
+// cannot be read counts as sandboxed, and so does a process that has ended. Any thread.
 bool isSandboxed(const mox::PeerIdentity& peer);
 bool isSandboxed(pid_t pid);
 
-// Serves the sandbox service "SERVICE.sandbox" of this process: registers tokens that peers consume and hands them
+// Serves the sandbox service "NAME.sandbox" of this process: registers tokens that peers consume and hands them
 // descriptors of regular files at or beneath a token's path, opened read-only beneath it and without following links.
+// No descriptor of a directory leaves the process.
+//
+//   {"request": "consume", "token": string}              -> {"handle": signed integer}, never 0; -1 when refused
+//   {"request": "release", "handle": signed integer}     -> {}
+//   {"request": "open", "handle": ..., "path": data}     -> {} and the descriptor, or {"errorcode", "error"}: an error
+//                                                           number (unsigned) and its text
+//
+// Handles belong to the connection and go with it; it has 4096 at most. A request that is none of these is answered
+// with "errorcode" EINVAL.
 class Service {
 public:
     static std::shared_ptr<Service> create(const std::string& daemonServiceName);
@@ -37,18 +49,22 @@ public:
     [[nodiscard]] virtual std::optional<value::Error> resume() = 0;
 };
 
-// --- The consumer's side, in a host's process.
+// --- The consumer's side, in a host's process. One connection for the whole process; where it breaks, the handles are
+// gone. Any thread, and each call waits for the answer (ten seconds at most); not for use on the queue
+// "sandbox_client", where the answers arrive.
 
-// Consumes a token at the sandbox service of the daemon: a handle that is never 0; -1 when refused. Blocks for the
-// answer.
+// Consumes a token at the sandbox service of the daemon: a handle that is never 0; -1 when refused.
 std::int64_t consume(const std::string& token);
+
+// Gives the handle back; does not wait. One that was refused, or is gone, is given back for nothing.
 void release(std::int64_t handle);
 
-// The file at the path, which lies at or beneath the path of a token that was consumed and not released: a descriptor
-// open for reading, or an error.
+// The file at the absolute path, which lies at or beneath the path of a token that was consumed and not released: a
+// descriptor open for reading, or an error.
 value::Result<file::UniqueFd> openFile(std::int64_t handle, const std::string& path);
 
-// Which daemon's service consume() and the others speak to; by default that of "halvern.velto.vtd".
+// Which daemon's service consume() and the others speak to; by default that of "halvern.velto.vtd". Handles consumed
+// before are gone.
 void setDaemonServiceName(std::string name);
 
 }  // namespace sandbox
