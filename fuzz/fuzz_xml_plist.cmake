@@ -1,0 +1,1 @@
+vtd_fuzz(fuzz_xml_plist LIBRARIES platform SOURCES FuzzXmlPlist.cpp)
