@@ -3,7 +3,6 @@
 #include <string>
 #include <string_view>
 
-#include "Velto/VTInfoKeys.h"
 #include "platform/activation/ActivationRule.h"
 #include "platform/logging/Log.h"
 #include "platform/text/Format.h"
@@ -83,9 +82,8 @@ bool VTDPlugIn::matchKey(std::string_view name, const value::Value& pattern) con
         const std::string path = containingPath();
         return !path.empty() && matchText(path, pattern);
     }
-    // The attributes where they lie: a copy for each rule would be most of what a rule costs.
-    const value::Dictionary* own = plugInDictionary().dictionary(VTInfoKey::attributes);
-    if (const value::Value* found = own != nullptr ? own->find(name) : nullptr) return matchAny(found, pattern);
+    const value::Dictionary own = attributes();
+    if (const value::Value* found = own.find(name)) return matchAny(found, pattern);
     const value::Dictionary info = bundleInfoDictionary();
     return matchAny(info.find(name), pattern);
 }
