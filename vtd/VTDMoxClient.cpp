@@ -20,7 +20,7 @@ std::shared_ptr<VTBundle> bundleOf(const mox::PeerIdentity& peer) {
 
 std::shared_ptr<VTDMoxClient> VTDMoxClient::initWithConnection(const std::shared_ptr<mox::Connection>& connection,
                                                                std::shared_ptr<VTDServer> server) {
-    const std::shared_ptr<VTDMoxClient> client{new VTDMoxClient{connection, std::move(server)}};
+    std::shared_ptr<VTDMoxClient> client{new VTDMoxClient{connection, std::move(server)}};
     client->server_->debug("client {} {}", client->pid(), connection->identity()->executablePath.value_or(""));
     probes::clientNew(client->pid());
     connection->setContext(client);
@@ -84,11 +84,10 @@ void VTDMoxClient::handleEvent(const mox::Event& event) {
 void VTDMoxClient::handleRequest(const mox::Request& request) {
     if (server_->verbose() >= 2) server_->debug("incoming request {}", request.view());
     probes::requestInput(pid(), [&] { return mox::description(request.view()); });
-    server_->submitWork(
-        [client = shared_from_this(), transaction = std::make_shared<Transaction>(request, shared_from_this())] {
-            client->countRequest();
-            transaction->dispatch();
-        });
+    server_->submitWork([transaction = std::make_shared<Transaction>(request, shared_from_this())] {
+        transaction->client()->countRequest();
+        transaction->dispatch();
+    });
 }
 
 void VTDMoxClient::handleOther(const mox::Object& object) {

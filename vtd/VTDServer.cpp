@@ -31,7 +31,7 @@ std::shared_ptr<VTDServer> VTDServer::initForService(const std::string& service,
         logging::error(annotations.error().localizedDescription());
         return nullptr;
     }
-    const std::shared_ptr<VTDServer> server{new VTDServer{*std::move(annotations), *std::move(workspace), service}};
+    std::shared_ptr<VTDServer> server{new VTDServer{*std::move(annotations), *std::move(workspace), service}};
     server->observeWorkspace();
     sharedServer().store(server);
     server->service_->setConnectionHandler(
@@ -47,10 +47,17 @@ VTDServer::VTDServer(std::shared_ptr<VTDAnnotationStore> annotations,
     : VTDatabase{std::move(annotations), std::move(workspace)},
       moxQueue_{std::make_shared<queue::SerialQueue>("mox")},
       mainQueue_{std::make_shared<queue::SerialQueue>("service", queue::QualityOfService::userInitiated)},
-      service_{mox::listen(service, moxQueue_)} {}
+      service_{mox::listen(service, moxQueue_)},
+      sandbox_{sandbox::Service::create(service)} {}
+
+std::optional<value::Error> VTDServer::start() {
+    if (auto error = service_->resume()) return error;
+    if (auto error = sandbox_->resume()) return error;
+    if (const auto error = readiness::announce()) logging::warning(error->localizedDescription());
+    return {};
+}
 
 std::optional<value::Error> VTDServer::run() {
-    if (auto error = service_->resume()) return error;
-    if (const auto error = readiness::announce()) logging::warning(error->localizedDescription());
+    if (auto error = start()) return error;
     queue::runMainLoop();
 }

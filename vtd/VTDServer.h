@@ -11,6 +11,7 @@
 #include "platform/logging/Log.h"
 #include "platform/mox/Connection.h"
 #include "platform/queue/SerialQueue.h"
+#include "platform/sandbox/Sandbox.h"
 #include "platform/text/Described.h"
 #include "platform/text/Format.h"
 #include "vtd/VTDatabase.h"
@@ -33,8 +34,10 @@ public:
     static std::shared_ptr<VTDServer> initForService(const std::string& service,
                                                      const std::optional<std::string>& database);
 
-    // Starts listening, says that the service is ready, and gives the calling thread to the pool forever. Comes back
-    // only with the reason why it cannot listen.
+    // Starts listening, and says that the service is ready; or why it cannot listen.
+    [[nodiscard]] std::optional<value::Error> start();
+
+    // Starts, then gives the calling thread to the pool forever. Comes back only with the reason why it cannot listen.
     [[nodiscard]] std::optional<value::Error> run();
 
     // --- The log. "{}" of an object is its description.
@@ -74,6 +77,7 @@ private:
     const std::shared_ptr<queue::SerialQueue> moxQueue_;
     const std::shared_ptr<queue::SerialQueue> mainQueue_;
     const std::shared_ptr<mox::Listener> service_;
+    const std::shared_ptr<sandbox::Service> sandbox_;  // where those who hold our tokens ask for files
 
     VTAtomic<std::uint32_t> verbose_;
 };
