@@ -1,0 +1,322 @@
+#include <fcntl.h>
+#include <sched.h>
+#include <signal.h>
+#include <sys/mount.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <array>
+#include <filesystem>
+#include <fstream>
+#include <iterator>
+#include <memory>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include "platform/file/UniqueFd.h"
+#include "platform/paths/Paths.h"
+#include "platform/plist/Plist.h"
+#include "tests/support/ChildProcess.h"
+#include "tests/support/LogLines.h"
+#include "tests/support/TemporaryDirectory.h"
+#include "vtd/VTDAnnotationStore.h"
+#include "vtd/VTDPlugInSignature.h"
+
+namespace {
+
+using testing::AllOf;
+using testing::ElementsAre;
+using testing::HasSubstr;
+using testing::IsEmpty;
+using value::Dictionary;
+using namespace std::string_view_literals;
+
+std::shared_ptr<VTDAnnotationStore> openStore(const std::string& path) {
+    auto store = VTDAnnotationStore::initWithDatabase(path);
+    return store ? *store : nullptr;
+}
+
+std::string bytesOf(const std::string& path) {
+    std::ifstream stream{path, std::ios::binary};
+    return {std::istreambuf_iterator{stream}, {}};
+}
+
+// What a daemon that starts now would load.
+Dictionary storedTable(const std::string& path) {
+    const auto root = plist::readFile(path);
+    if (!root || root->dictionary() == nullptr) return {{"unreadable", true}};
+    const Dictionary* const table = root->dictionary()->dictionary("data");
+    return table != nullptr ? *table : Dictionary{{"without", "data"}};
+}
+
+std::string stored(std::string_view version, std::string_view data) {
+    return "<?xml version=\"1.0\"?><plist version=\"1.0\"><dict>" + std::string{version} + std::string{data} +
+           "</dict></plist>";
+}
+
+constexpr std::string_view kVersion16 = "<key>version</key><integer>16</integer>";
+constexpr std::string_view kKeptRecord =
+    "<key>data</key><dict><key>kept</key><dict><key>election</key><integer>1</integer></dict></dict>";
+
+// The binary encoding of {"version": 16, "data": {"kept": {"election": 1}}}.
+constexpr std::string_view kBinary =
+    "bplist00\xd2\x01\x02\x03\x04WversionTdata\x10\x10\xd1\x05\x06Tkept\xd1\x07\x08Xelection\x10\x01\x08\r\x15\x1a\x1c"
+    "\x1f"
+    "$'0\0\0\0\0\0\0\x01\x01\0\0\0\0\0\0\0\x09\0\0\0\0\0\0\0\0\0\0\0\0\0\0\0"
+    "2"sv;
+
+struct StartRow {
+    std::string_view name;
+    std::optional<std::string> bytes;
+    std::string_view logged;  // in the one line, none when empty
+    bool loads;               // the record "kept"
+    bool savesCopy;           // by the first save, since it would not write the file's content back
+};
+
+TEST(AnnotationStore, StartsFromWhateverTheFileHoldsAndDestroysNothing) {
+    const support::TemporaryDirectory directory;
+    const StartRow rows[] = {
+        {"no file", std::nullopt, "", false, false},
+        {"sound", stored(kVersion16, kKeptRecord), "", true, false},
+        {"binary", std::string{kBinary}, "", true, false},
+        {"older version", stored("<key>version</key><integer>15</integer>", kKeptRecord),
+         "error:found database version 15 needed version 16 (resetting)", false, true},
+        {"no version", stored("", kKeptRecord), "error:found database version 0 needed version 16 (resetting)", false,
+         true},
+        {"no dictionary", "<plist><array/></plist>", "found database version 0 needed version 16", false, true},
+        {"torn", stored(kVersion16, kKeptRecord).substr(0, 80), "(resetting)", false, true},
+        {"empty", "", "(resetting)", false, true},
+        {"no data", stored(kVersion16, ""), "", false, true},
+        {"data of another kind", stored(kVersion16, "<key>data</key><string>x</string>"), "", false, true},
+        {"a record of another kind",
+         stored(kVersion16,
+                "<key>data</key><dict><key>odd</key><true/><key>kept</key><dict><key>election</key>"
+                "<integer>1</integer></dict></dict>"),
+         "ignoring what is no annotation", true, true},
+    };
+    for (const StartRow& row : rows) {
+        SCOPED_TRACE(row.name);
+        const std::string path = directory / row.name;
+        if (row.bytes) directory.write(row.name, *row.bytes);
+
+        support::LogLines log;
+        const auto store = openStore(path);
+        ASSERT_TRUE(store);
+        if (!row.logged.empty()) {
+            EXPECT_THAT(log.take(), ElementsAre(AllOf(HasSubstr(path), HasSubstr(std::string{row.logged}))));
+        }
+        EXPECT_EQ(store->annotationForIdentifier("kept").has_value(), row.loads);
+        EXPECT_EQ(bytesOf(path), row.bytes.value_or("")) << "untouched until the first save";
+
+        log.take();
+        for (const char* key : {"new", "newer"}) store->setAnnotation(Dictionary{{"election", 0}}, key);
+        Dictionary expected{{"new", Dictionary{{"election", 0}}}, {"newer", Dictionary{{"election", 0}}}};
+        if (row.loads) expected = expected.changing("kept", Dictionary{{"election", 1}});
+        EXPECT_EQ(storedTable(path), expected);
+
+        const std::string copy = path + ".unreadable-1";
+        EXPECT_EQ(std::filesystem::exists(copy), row.savesCopy);
+        EXPECT_FALSE(std::filesystem::exists(path + ".unreadable-2"));
+        if (row.savesCopy) {
+            EXPECT_THAT(log.take(), ElementsAre(HasSubstr(copy)));
+            EXPECT_EQ(bytesOf(copy), *row.bytes);
+        }
+    }
+}
+
+TEST(AnnotationStore, SettingMergesByNameAndSettingNothingRemoves) {
+    const support::TemporaryDirectory directory;
+    const std::string path = directory / "Annotations";
+    const auto store = openStore(path);
+    store->setAnnotation(Dictionary{{"election", 0}, {"extension", Dictionary{{"a", 1}}}}, "one");
+    store->setAnnotation(Dictionary{{"election", 1}}, "one");
+    store->setAnnotation(Dictionary{}, "two");
+    const Dictionary merged{{"election", 1}, {"extension", Dictionary{{"a", 1}}}};
+    EXPECT_EQ(storedTable(path), (Dictionary{{"one", merged}, {"two", Dictionary{}}}));
+    EXPECT_EQ(store->annotationForIdentifier("one"), merged);
+    store->setAnnotation(std::nullopt, "one");
+    EXPECT_EQ(storedTable(path), (Dictionary{{"two", Dictionary{}}}));
+    EXPECT_FALSE(store->annotationForIdentifier("one"));
+    EXPECT_EQ(plist::readFile(path)->dictionary()->find("version")->integerValue(), 16);
+}
+
+TEST(AnnotationStore, WhatNoPropertyListCanHoldKeepsNothingElseFromTheFile) {
+    const support::TemporaryDirectory directory;
+    const std::string path = directory / "Annotations";
+    const auto store = openStore(path);
+    support::LogLines log;
+    store->setAnnotation(Dictionary{{"election", 1}, {"extension", Dictionary{{"x", "\x01"}}}}, "hostile");
+    EXPECT_THAT(log.take(), ElementsAre(AllOf(HasSubstr("unable to save annotations:" + path + " error:"))));
+    store->setAnnotation(Dictionary{{"extension", Dictionary{{"x", value::Uuid{}}}}}, "other");
+    store->setAnnotation(Dictionary{{"election", 1}}, "honest");
+    const Dictionary elected{{"election", 1}};
+    EXPECT_EQ(storedTable(path), (Dictionary{{"hostile", elected}, {"other", Dictionary{}}, {"honest", elected}}));
+    EXPECT_TRUE(store->annotationForIdentifier("hostile")->contains("extension"));
+}
+
+TEST(AnnotationStore, OneProcessUsesAFileByWhateverNameItGoes) {
+    const support::TemporaryDirectory directory;
+    const std::string path = directory.write("Annotations", stored(kVersion16, kKeptRecord));
+    std::filesystem::create_symlink("Annotations", directory / "alias");
+    auto store = openStore(path);
+    for (const std::string& name : {path, directory / "alias"}) {
+        const auto second = VTDAnnotationStore::initWithDatabase(name);
+        ASSERT_FALSE(second) << name;
+        EXPECT_THAT(second.error().localizedDescription(),
+                    HasSubstr("process " + std::to_string(::getpid()) + " holds the lock " + path));
+    }
+    store.reset();
+    EXPECT_TRUE(openStore(path));
+}
+
+TEST(AnnotationStore, AChangeThatCannotBeSavedStandsAndTheNextSaveWritesAll) {
+    const support::TemporaryDirectory directory;
+    const struct {
+        std::string_view name;
+        void (*obstruct)(const std::string& path);
+        void (*clear)(const std::string& path);
+    } rows[] = {
+        {"directory in its place", [](const std::string& path) { std::filesystem::create_directory(path); },
+         [](const std::string& path) { std::filesystem::remove(path); }},
+        {"missing/directory", [](const std::string&) {},
+         [](const std::string& path) { std::filesystem::create_directory(std::filesystem::path{path}.parent_path()); }},
+    };
+    for (const auto& row : rows) {
+        SCOPED_TRACE(row.name);
+        const std::string path = directory / row.name;
+        row.obstruct(path);
+        support::LogLines log;
+        const auto store = openStore(path);
+        ASSERT_TRUE(store);
+        log.take();
+        store->setAnnotation(Dictionary{{"election", 1}}, "one");
+        EXPECT_THAT(log.take(), ElementsAre(HasSubstr("unable to save annotations:" + path + " error:")));
+        EXPECT_TRUE(store->annotationForIdentifier("one"));
+        row.clear(path);
+        store->setAnnotation(Dictionary{{"election", -1}}, "two");
+        EXPECT_THAT(log.take(), IsEmpty());
+        EXPECT_EQ(storedTable(path),
+                  (Dictionary{{"one", Dictionary{{"election", 1}}}, {"two", Dictionary{{"election", -1}}}}));
+    }
+}
+
+// In a file system of 64 KiB of its own, made in a namespace of the child's own.
+std::string surviveAFullDisk(const std::string& mountPoint) {
+    const std::string user = "0 " + std::to_string(::geteuid()) + " 1";
+    const std::string group = "0 " + std::to_string(::getegid()) + " 1";
+    if (::unshare(CLONE_NEWUSER | CLONE_NEWNS) != 0) return "cannot unshare";
+    std::ofstream{"/proc/self/uid_map"} << user;
+    std::ofstream{"/proc/self/setgroups"} << "deny";
+    std::ofstream{"/proc/self/gid_map"} << group;
+    if (::mount("tmpfs", mountPoint.c_str(), "tmpfs", 0, "size=64k") != 0) return "cannot mount";
+    const std::string path = mountPoint + "/Annotations";
+    const std::string ballast = mountPoint + "/ballast";
+    const auto store = openStore(path);
+    store->setAnnotation(Dictionary{{"election", 1}}, "before");
+    const std::string before = bytesOf(path);
+    {
+        std::ofstream filler{ballast, std::ios::binary};
+        while (filler << std::string(4096, 'x') << std::flush) {
+        }
+    }
+    support::LogLines log;
+    store->setAnnotation(Dictionary{{"election", 1}, {"extension", Dictionary{{"large", std::string(9000, 'y')}}}},
+                         "during");
+    if (const auto lines = log.take(); lines.size() != 1 || !lines[0].starts_with("unable to save annotations:")) {
+        return "a failed save was not logged";
+    }
+    if (bytesOf(path) != before) return "the file changed";
+    int files = 0;
+    for ([[maybe_unused]] const auto& entry : std::filesystem::directory_iterator{mountPoint}) ++files;
+    if (files != 3) return "something was left behind";  // the file, its lock, the ballast
+
+    std::filesystem::remove(ballast);
+    store->setAnnotation(Dictionary{{"election", 1}}, "after");
+    return storedTable(path).size() == 3 ? "survived" : "a change was lost";
+}
+
+TEST(AnnotationStore, AFullDiskLosesNothing) {
+    const support::TemporaryDirectory directory;
+    EXPECT_EQ(support::inChildProcess([&] { return surviveAFullDisk(directory.path()); }), "survived");
+}
+
+// Sets "count" to 1, 2, ... and tells each one once it is saved.
+[[noreturn]] void countUntilKilled(const std::string& path, int report) {
+    const auto store = openStore(path);
+    const std::string ballast(20'000, 'b');
+    for (int count = 1;; ++count) {
+        store->setAnnotation(Dictionary{{"count", count}, {"ballast", ballast}}, "record");
+        if (::write(report, &count, sizeof count) != sizeof count) ::_exit(1);
+    }
+}
+
+TEST(AnnotationStore, AKillAtAnyMomentLeavesTheOldStateOrTheNew) {
+    const support::TemporaryDirectory directory;
+    const std::string path = directory / "Annotations";
+    for (int round = 0; round < 40; ++round) {
+        std::array<int, 2> ends{};
+        ASSERT_EQ(::pipe2(ends.data(), O_CLOEXEC), 0);
+        file::UniqueFd reading{ends[0]};
+        file::UniqueFd writing{ends[1]};
+        const pid_t child = ::fork();
+        if (child == 0) {
+            reading.reset();
+            countUntilKilled(path, writing.get());
+        }
+        writing.reset();
+        // Killed while it works on a later count than the one waited for, each round at another stretch of the way.
+        int saved = 0;
+        for (int waitedFor = round % 5 + 1; saved < waitedFor;) {
+            ASSERT_EQ(::read(reading.get(), &saved, sizeof saved), static_cast<ssize_t>(sizeof saved));
+        }
+        for (volatile int spin = 0; spin < round * 5'000;) spin = spin + 1;
+        ::kill(child, SIGKILL);
+        ::waitpid(child, nullptr, 0);
+        while (::read(reading.get(), &saved, sizeof saved) == static_cast<ssize_t>(sizeof saved)) {
+        }
+
+        const Dictionary table = storedTable(path);
+        ASSERT_NE(table.dictionary("record"), nullptr) << "round " << round;
+        const std::int64_t found = table.dictionary("record")->find("count")->integerValue().value_or(-1);
+        EXPECT_TRUE(found == saved || found == saved + 1) << found << " after " << saved;
+        EXPECT_EQ(table.dictionary("record")->string("ballast")->size(), 20'000u);
+    }
+}
+
+TEST(AnnotationStore, LiesInAPrivateDirectoryOfTheStateDirectoryByDefault) {
+    const support::TemporaryDirectory directory;
+    const auto before = paths::directories();
+    auto here = before;
+    here.state = directory / "state";
+    paths::setDirectories(here);
+    EXPECT_EQ(VTDAnnotationStore::defaultDatabaseURL(), directory / "state/halvern.velto/Annotations");
+    struct stat status {};
+    ASSERT_EQ(::stat((directory / "state/halvern.velto").c_str(), &status), 0);
+    EXPECT_EQ(status.st_mode & 07777, 0700u);
+    EXPECT_EQ(VTDAnnotationStore::initWithDatabase(std::nullopt)->get()->annotationsURL(),
+              directory / "state/halvern.velto/Annotations");
+
+    here.state = directory.write("occupied", "");
+    paths::setDirectories(here);
+    EXPECT_DEATH(VTDAnnotationStore::defaultDatabaseURL(), "unable to create plugin annotations directory:.*occupied");
+    here.state = "/" + std::string(1100, 'x');
+    paths::setDirectories(here);
+    EXPECT_DEATH(VTDAnnotationStore::defaultDatabaseURL(), "unable to locate user directory: errno");
+    paths::setDirectories(before);
+}
+
+TEST(PlugInSignature, HoldsPlaceholdersThatAreUniqueByTheirHash) {
+    const VTDPlugInSignature one{"/a"};
+    const VTDPlugInSignature other{"/a"};
+    EXPECT_EQ(one.cdhash().size(), 20u);
+    EXPECT_NE(one.cdhash(), other.cdhash());
+    EXPECT_EQ(one.requirement(), "dummy requirement");
+}
+
+}  // namespace
