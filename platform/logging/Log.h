@@ -7,7 +7,7 @@
 // The system log. One call is one line: control characters that came from outside are escaped, so that no text can
 // forge a second line. Lines go to standard error, with the journal's level prefix when standard error is the journal's
 // (JOURNAL_STREAM), or to syslog when it is closed or the null device. A reader that stalls never stalls the caller:
-// lines are dropped, counted, and the count is written once there is room again.
+// lines are dropped and counted, and the count goes before the next line that finds room.
 //
 // Threading: every function may be called from any thread.
 namespace logging {

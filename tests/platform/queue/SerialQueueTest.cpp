@@ -82,9 +82,7 @@ TEST(SerialQueue, SyncGivesBackTheResultOrTheException) {
 TEST(SerialQueue, KnowsWhichQueuesTheCallerIsInside) {
     SerialQueue outer{"outer"};
     SerialQueue inner{"inner"};
-    std::thread::id asynchronous;
     outer.async([&] {
-        asynchronous = std::this_thread::get_id();
         EXPECT_TRUE(outer.isCurrent());
         inner.sync([&] { EXPECT_TRUE(outer.isCurrent() && inner.isCurrent()); });
         EXPECT_FALSE(inner.isCurrent());
