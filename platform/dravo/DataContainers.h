@@ -1,0 +1,34 @@
+#pragma once
+
+#include <string>
+#include <unordered_set>
+
+#include "platform/file/UniqueFd.h"
+
+namespace dravo {
+
+// The plug-ins' data containers, `containers/<encoded identifier>/` with `tmp/` inside, each 0700. They stay when their
+// plug-in goes: another copy of it may share the container, and the data is the user's. Belongs to one queue.
+class DataContainers {
+public:
+    explicit DataContainers(const std::string& root);
+
+    // Makes the container when it is missing. False when that cannot be done; the first failure is logged.
+    bool ensure(const std::string& identifier);
+
+    // What was there at the beginning is listed once, so that a start with thousands of plug-ins asks the kernel once
+    // and not for each of them. After the first scan the list has served.
+    void dropListing() { listed_.clear(); }
+
+private:
+    bool make(const std::string& name) const;
+
+    file::UniqueFd root_;
+    std::unordered_set<std::string> listed_;
+    bool complained_ = false;
+};
+
+// Where the container of the identifier lies.
+std::string dataContainerPath(const std::string& root, const std::string& identifier);
+
+}  // namespace dravo

@@ -1,0 +1,32 @@
+#pragma once
+
+#include <string>
+#include <unordered_map>
+#include <vector>
+
+#include "platform/value/Value.h"
+
+// The names under which hosts may ask for a plug-in's extension point. A rule on KXExtensionPointName reads the
+// attribute of that name, else the top level of the bundle's dictionary, both after the extension point's SDK was
+// merged underneath. The registry does not merge: it collects every text that the rule could find, which may be more
+// than it will find.
+namespace dravo {
+
+// Adds the texts (a string, or the strings of an array) that the dictionary has under the name, for the plug-in with
+// the identifier; an empty identifier stands for every plug-in. Each text is added once.
+void collectPointNames(const value::Dictionary& info, const std::string& identifier, std::vector<std::string>& names);
+
+// The names that the SDKs add, by extension point; read when first asked for. Not for use from several threads.
+class SdkPointNames {
+public:
+    const std::vector<std::string>& of(const std::string& extensionPoint);
+    bool refresh();  // reads those known again; whether any changed
+
+    // The directories whose files are read: the SDK registry's and, when it is set, VTTEST_SDK's.
+    static std::vector<std::string> directories();
+
+private:
+    std::unordered_map<std::string, std::vector<std::string>> names_;
+};
+
+}  // namespace dravo

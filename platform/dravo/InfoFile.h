@@ -1,0 +1,25 @@
+#pragma once
+
+#include <cstdint>
+
+#include "platform/value/Value.h"
+
+namespace dravo {
+
+// The keys by which a bundle describes its plug-ins.
+inline constexpr char kPlugInKey[] = "KXExtension";
+inline constexpr char kMultipleKey[] = "Multiple";
+inline constexpr char kIdentifierKey[] = "KXExtensionIdentifier";
+inline constexpr char kExtensionPointKey[] = "KXExtensionPointIdentifier";
+inline constexpr char kAttributesKey[] = "KXExtensionAttributes";
+inline constexpr char kPointNameKey[] = "KXExtensionPointName";
+
+struct InfoFile {
+    value::Dictionary dictionary;
+    std::uint64_t digest = 0;  // of the file's bytes; tells one content from another, not made to resist anybody
+};
+
+// Info.plist of the bundle whose directory is open here: a regular file of bounded size, never reached through a link.
+value::Result<InfoFile> readInfoFile(int bundleDirectory);
+
+}  // namespace dravo

@@ -1,0 +1,101 @@
+#include "platform/dravo/Records.h"
+
+#include <unistd.h>
+
+#include "platform/dravo/DataContainers.h"
+#include "platform/dravo/InfoFile.h"
+
+namespace dravo {
+
+bool ApplicationRecord::isPlaceholder() const {
+    return ::access((path_ + "/.placeholder").c_str(), F_OK) == 0;
+}
+
+const std::optional<std::string>& PlugInRecord::bundlePath() const {
+    return bundle_.optionalPath();
+}
+
+const std::string& PlugInRecord::originalIdentifier() const {
+    const std::string& original = bundle_.facts().identifier;
+    return original.empty() ? facts_.identifier : original;
+}
+
+const std::string& PlugInRecord::bundleIdentifier() const {
+    return bundle_.facts().identifier;
+}
+
+const std::string& PlugInRecord::bundleVersion() const {
+    return bundle_.facts().version;
+}
+
+std::optional<value::Dictionary> PlugInRecord::pluginDictionary() const {
+    auto top = bundle_.surroundings().schemas.description(bundle_.path(), bundle_.facts().digest);
+    if (!top || !top->contains(kMultipleKey)) return top;
+    const value::Dictionary* const multiple = top->dictionary(kMultipleKey);
+    const value::Dictionary* const own = multiple ? multiple->dictionary(facts_.identifier) : nullptr;
+    if (!own) return {};
+    return *own;
+}
+
+bool PlugInRecord::onSystemPartition() const {
+    return bundle_.onSystemVolume();
+}
+
+std::optional<DVBundleProxy> PlugInRecord::containingBundle() const {
+    const auto& application = bundle_.application();
+    if (!application) return {};
+    return DVBundleProxy{application, application->bundlePath()};
+}
+
+std::optional<std::string> PlugInRecord::localizedName() const {
+    return bundle_.facts().displayName;
+}
+
+std::optional<std::string> PlugInRecord::localizedShortName() const {
+    return bundle_.facts().shortName;
+}
+
+value::Dictionary PlugInRecord::entitlements() const {
+    return bundle_.facts().entitlements;
+}
+
+std::optional<std::string> PlugInRecord::dataContainerPath() const {
+    const auto index = static_cast<std::size_t>(this - bundle_.plugIns().data());
+    if (!bundle_.containers()[index]) return {};
+    return dravo::dataContainerPath(bundle_.surroundings().containersPath, facts_.identifier);
+}
+
+BundleRecord::BundleRecord(BundlePlace place, BundleFacts facts, Containers containers,
+                           std::shared_ptr<Surroundings> surroundings)
+    : path_{std::move(place.path)},
+      onSystemVolume_{place.onSystemVolume},
+      application_{std::move(place.application)},
+      facts_{std::move(facts)},
+      containers_{std::move(containers)},
+      surroundings_{std::move(surroundings)} {
+    plugIns_.reserve(facts_.plugIns.size());
+    for (const PlugInFacts& plugIn : facts_.plugIns) plugIns_.emplace_back(*this, plugIn);
+}
+
+std::shared_ptr<const DVVeltoProxy> proxy(const std::shared_ptr<const BundleRecord>& bundle, std::size_t index) {
+    return {bundle, &bundle->plugIns()[index]};
+}
+
+bool sameContent(const ApplicationRecord& a, const ApplicationRecord& b) {
+    const ApplicationFacts& x = a.facts();
+    const ApplicationFacts& y = b.facts();
+    return a.bundlePath() == b.bundlePath() && x.containerPath == y.containerPath && x.identifier == y.identifier &&
+           x.name == y.name;
+}
+
+bool sameContent(const BundleRecord& a, const BundleRecord& b) {
+    const auto& ownerOfA = a.application();
+    const auto& ownerOfB = b.application();
+    if (ownerOfA != ownerOfB && (!ownerOfA || !ownerOfB || !sameContent(*ownerOfA, *ownerOfB))) return false;
+    const BundleFacts& x = a.facts();
+    const BundleFacts& y = b.facts();
+    return a.path() == b.path() && x.digest == y.digest && x.entitlements == y.entitlements && x.refusal == y.refusal &&
+           x.plugIns == y.plugIns && a.containers() == b.containers();
+}
+
+}  // namespace dravo

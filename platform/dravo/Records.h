@@ -1,0 +1,113 @@
+#pragma once
+
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "platform/dravo/Dravo.h"
+#include "platform/dravo/Facts.h"
+#include "platform/dravo/SchemaCache.h"
+
+// The registry's records: immutable, shared between the snapshots and whoever asked for them.
+namespace dravo {
+
+// What the records of one workspace share.
+struct Surroundings {
+    explicit Surroundings(std::string containers) : containersPath{std::move(containers)} {}
+
+    const std::string containersPath;
+    SchemaCache schemas;
+};
+
+class ApplicationRecord final : public DVApplicationProxy {
+public:
+    ApplicationRecord(std::string path, ApplicationFacts facts) : path_{std::move(path)}, facts_{std::move(facts)} {}
+
+    const ApplicationFacts& facts() const { return facts_; }
+
+    const std::string& bundlePath() const override { return path_; }
+    std::optional<std::string> bundleIdentifier() const override { return facts_.identifier; }
+    std::optional<std::string> localizedName() const override { return facts_.name; }
+    std::optional<std::string> bundleContainerPath() const override { return facts_.containerPath; }
+    bool isPlaceholder() const override;
+
+private:
+    const std::string path_;
+    const ApplicationFacts facts_;
+};
+
+class BundleRecord;
+
+// One plug-in of a bundle; lives inside its bundle's record.
+class PlugInRecord final : public DVVeltoProxy {
+public:
+    PlugInRecord(const BundleRecord& bundle, const PlugInFacts& facts) : bundle_{bundle}, facts_{facts} {}
+
+    const BundleRecord& bundle() const { return bundle_; }
+    const PlugInFacts& facts() const { return facts_; }
+
+    const std::optional<std::string>& bundlePath() const override;
+    const value::Uuid& pluginUUID() const override { return facts_.uuid; }
+    const std::string& pluginIdentifier() const override { return facts_.identifier; }
+    const std::string& originalIdentifier() const override;
+    const std::string& bundleIdentifier() const override;
+    const std::string& bundleVersion() const override;
+    std::optional<value::Dictionary> pluginDictionary() const override;
+    value::Date registrationDate() const override { return {facts_.registered}; }
+    bool onSystemPartition() const override;
+    std::optional<DVBundleProxy> containingBundle() const override;
+    std::optional<std::string> localizedName() const override;
+    std::optional<std::string> localizedShortName() const override;
+    value::Dictionary entitlements() const override;
+    std::optional<std::string> dataContainerPath() const override;
+
+private:
+    const BundleRecord& bundle_;
+    const PlugInFacts& facts_;
+};
+
+// What does not come from the bundle's own files.
+struct BundlePlace {
+    std::string path;  // canonical
+    bool onSystemVolume = false;
+    std::shared_ptr<const ApplicationRecord> application;  // null: not inside one
+};
+
+// A bundle's directory as last read, with its plug-ins; without any when it was refused.
+class BundleRecord {
+public:
+    // Whether the plug-in with that place in the facts has a data container.
+    using Containers = std::vector<bool>;
+
+    BundleRecord(BundlePlace place, BundleFacts facts, Containers containers,
+                 std::shared_ptr<Surroundings> surroundings);
+    BundleRecord(const BundleRecord&) = delete;
+    BundleRecord& operator=(const BundleRecord&) = delete;
+
+    const std::string& path() const { return *path_; }
+    const std::optional<std::string>& optionalPath() const { return path_; }
+    bool onSystemVolume() const { return onSystemVolume_; }
+    const std::shared_ptr<const ApplicationRecord>& application() const { return application_; }
+    const BundleFacts& facts() const { return facts_; }
+    const Containers& containers() const { return containers_; }
+    Surroundings& surroundings() const { return *surroundings_; }
+    const std::vector<PlugInRecord>& plugIns() const { return plugIns_; }  // by identifier
+
+private:
+    const std::optional<std::string> path_;
+    const bool onSystemVolume_;
+    const std::shared_ptr<const ApplicationRecord> application_;
+    const BundleFacts facts_;
+    const Containers containers_;
+    const std::shared_ptr<Surroundings> surroundings_;
+    std::vector<PlugInRecord> plugIns_;
+};
+
+// A plug-in's record as it is handed out: keeps its bundle's record alive.
+std::shared_ptr<const DVVeltoProxy> proxy(const std::shared_ptr<const BundleRecord>& bundle, std::size_t index);
+
+// Whether two readings of a bundle would look the same to everybody but the registry; stamps do not count.
+bool sameContent(const ApplicationRecord& a, const ApplicationRecord& b);
+bool sameContent(const BundleRecord& a, const BundleRecord& b);
+
+}  // namespace dravo

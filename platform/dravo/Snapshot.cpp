@@ -1,0 +1,212 @@
+#include "platform/dravo/Snapshot.h"
+
+#include <algorithm>
+#include <functional>
+
+#include "platform/dravo/MatchKey.h"
+#include "platform/text/NumericCompare.h"
+
+namespace dravo {
+
+namespace {
+
+const std::string& pathOf(const ApplicationRecord& application) {
+    return application.bundlePath();
+}
+const std::string& pathOf(const BundleRecord& bundle) {
+    return bundle.path();
+}
+
+std::uint64_t pathHash(const std::string& path) {
+    return std::hash<std::string>{}(path);
+}
+
+// Sorts by path, keeps the first of each path, and indexes what is left.
+template <typename Record>
+HashIndex arrange(std::vector<std::shared_ptr<const Record>>& records) {
+    const auto before = [](const auto& a, const auto& b) { return pathOf(*a) < pathOf(*b); };
+    const auto samePath = [](const auto& a, const auto& b) { return pathOf(*a) == pathOf(*b); };
+    if (!std::is_sorted(records.begin(), records.end(), before)) {
+        std::stable_sort(records.begin(), records.end(), before);
+    }
+    records.erase(std::unique(records.begin(), records.end(), samePath), records.end());
+    HashIndex index;
+    index.reserve(records.size());
+    for (std::uint32_t number = 0; number < records.size(); ++number) {
+        index.add(pathHash(pathOf(*records[number])), number);
+    }
+    index.seal();
+    return index;
+}
+
+template <typename Record>
+std::shared_ptr<const Record> findByPath(const std::vector<std::shared_ptr<const Record>>& records,
+                                         const HashIndex& index, const std::string& path) {
+    for (const auto& entry : index.candidates(pathHash(path))) {
+        if (pathOf(*records[entry.number]) == path) return records[entry.number];
+    }
+    return nullptr;
+}
+
+void sortUnique(Snapshot::Numbers& numbers) {
+    std::sort(numbers.begin(), numbers.end());
+    numbers.erase(std::unique(numbers.begin(), numbers.end()), numbers.end());
+}
+
+// Walks two lists in path order and tells what either has that the other has not, or has otherwise.
+template <typename Record>
+void compare(const std::vector<std::shared_ptr<const Record>>& before,
+             const std::vector<std::shared_ptr<const Record>>& after, std::vector<std::shared_ptr<const Record>>& gone,
+             std::vector<std::shared_ptr<const Record>>& fresh) {
+    auto old = before.begin();
+    auto now = after.begin();
+    while (old != before.end() || now != after.end()) {
+        const int order = old == before.end() ? 1 : now == after.end() ? -1 : pathOf(**old).compare(pathOf(**now));
+        if (order < 0) {
+            gone.push_back(*old++);
+        } else if (order > 0) {
+            fresh.push_back(*now++);
+        } else {
+            if (*old != *now) {
+                gone.push_back(*old);
+                fresh.push_back(*now);
+            }
+            ++old;
+            ++now;
+        }
+    }
+}
+
+void addPlugIns(const std::shared_ptr<const BundleRecord>& bundle, PluginList& list) {
+    for (std::size_t index = 0; index < bundle->plugIns().size(); ++index) list.push_back(proxy(bundle, index));
+}
+
+}  // namespace
+
+Snapshot::Snapshot(Applications applications, Bundles bundles, SdkPointNames& sdkNames)
+    : applications_{std::move(applications)},
+      bundles_{std::move(bundles)},
+      applicationPaths_{arrange(applications_)},
+      bundlePaths_{arrange(bundles_)} {
+    plugIns_.reserve(bundles_.size());
+    for (const auto& bundle : bundles_) addPlugIns(bundle, plugIns_);
+    uuids_.reserve(plugIns_.size());
+    identifiers_.reserve(plugIns_.size());
+    for (std::uint32_t number = 0; number < plugIns_.size(); ++number) {
+        const PlugInFacts& facts = record(number).facts();
+        uuids_.add(std::hash<value::Uuid>{}(facts.uuid), number);
+        identifiers_.add(matchHash(facts.identifier), number);
+        indexPoints(number, facts, sdkNames);
+    }
+    uuids_.seal();
+    identifiers_.seal();
+}
+
+void Snapshot::indexPoints(std::uint32_t number, const PlugInFacts& facts, SdkPointNames& sdkNames) {
+    if (facts.anyPoint) {
+        anyPoint_.push_back(number);
+        return;
+    }
+    const auto add = [&](const std::string& name) {
+        Numbers& numbers = points_[matchKey(name)];
+        if (numbers.empty() || numbers.back() != number) numbers.push_back(number);
+    };
+    if (facts.extensionPoint) {
+        add(*facts.extensionPoint);
+        for (const std::string& name : sdkNames.of(*facts.extensionPoint)) add(name);
+    }
+    for (const std::string& name : facts.pointNames) add(name);
+}
+
+std::shared_ptr<const ApplicationRecord> Snapshot::application(const std::string& path) const {
+    return findByPath(applications_, applicationPaths_, path);
+}
+
+std::shared_ptr<const BundleRecord> Snapshot::bundle(const std::string& path) const {
+    return findByPath(bundles_, bundlePaths_, path);
+}
+
+std::shared_ptr<const DVVeltoProxy> Snapshot::plugIn(const value::Uuid& uuid) const {
+    for (const auto& entry : uuids_.candidates(std::hash<value::Uuid>{}(uuid))) {
+        if (plugIns_[entry.number]->pluginUUID() == uuid) return plugIns_[entry.number];
+    }
+    return nullptr;
+}
+
+Snapshot::Numbers Snapshot::withIdentifiers(const std::vector<std::string>& identifiers) const {
+    Numbers numbers;
+    for (const std::string& wanted : identifiers) {
+        for (const auto& entry : identifiers_.candidates(matchHash(wanted))) {
+            const std::string& identifier = plugIns_[entry.number]->pluginIdentifier();
+            if (text::compareNumerically(identifier, wanted) == std::strong_ordering::equal) {
+                numbers.push_back(entry.number);
+            }
+        }
+    }
+    if (identifiers.size() > 1) sortUnique(numbers);
+    return numbers;
+}
+
+std::vector<const Snapshot::Numbers*> Snapshot::atPoints(const std::vector<std::string>& points) const {
+    std::vector<const Numbers*> lists;
+    for (const std::string& wanted : points) {
+        const auto found = points_.find(matchKey(wanted));
+        if (found != points_.end()) lists.push_back(&found->second);
+    }
+    if (!points.empty() && !anyPoint_.empty()) lists.push_back(&anyPoint_);
+    return lists;
+}
+
+Snapshot::Numbers Snapshot::narrow(const std::optional<std::vector<std::string>>& identifiers,
+                                   const std::optional<std::vector<std::string>>& points) const {
+    Numbers numbers;
+    if (identifiers) {
+        numbers = withIdentifiers(*identifiers);
+        if (!points) return numbers;
+        const auto lists = atPoints(*points);
+        const auto elsewhere = [&](std::uint32_t number) {
+            return std::none_of(lists.begin(), lists.end(), [&](const Numbers* list) {
+                return std::binary_search(list->begin(), list->end(), number);
+            });
+        };
+        numbers.erase(std::remove_if(numbers.begin(), numbers.end(), elsewhere), numbers.end());
+    } else if (points) {
+        const auto lists = atPoints(*points);
+        for (const Numbers* const list : lists) numbers.insert(numbers.end(), list->begin(), list->end());
+        if (lists.size() > 1) sortUnique(numbers);
+    } else {
+        numbers.resize(plugIns_.size());
+        for (std::uint32_t number = 0; number < numbers.size(); ++number) numbers[number] = number;
+    }
+    return numbers;
+}
+
+PluginList Snapshot::plugInsWithin(const std::string& applicationPath) const {
+    // What lies beneath one path is one run of the list.
+    const std::string prefix = applicationPath + "/";
+    PluginList found;
+    auto at = std::lower_bound(bundles_.begin(), bundles_.end(), prefix,
+                               [](const auto& bundle, const std::string& p) { return bundle->path() < p; });
+    for (; at != bundles_.end() && (*at)->path().starts_with(prefix); ++at) {
+        const auto& application = (*at)->application();
+        if (application && application->bundlePath() == applicationPath) addPlugIns(*at, found);
+    }
+    return found;
+}
+
+Difference difference(const Snapshot& before, const Snapshot& after) {
+    Difference changes;
+    compare(before.applications(), after.applications(), changes.applicationsGone, changes.applicationsNew);
+    compare(before.bundles(), after.bundles(), changes.bundlesGone, changes.bundlesNew);
+    for (const auto& bundle : changes.bundlesGone) {
+        const auto now = after.bundle(bundle->path());
+        if (!now || !sameContent(*bundle, *now)) addPlugIns(bundle, changes.plugInsGone);
+    }
+    for (const auto& bundle : changes.bundlesNew) {
+        const auto old = before.bundle(bundle->path());
+        if (!old || !sameContent(*old, *bundle)) addPlugIns(bundle, changes.plugInsNew);
+    }
+    return changes;
+}
+
+}  // namespace dravo
