@@ -1,0 +1,321 @@
+#include "platform/dravo/Scanner.h"
+
+#include <dirent.h>
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <chrono>
+#include <cstring>
+
+#include "platform/bundle/Bundle.h"
+#include "platform/dravo/BundleReading.h"
+#include "platform/entitlements/Entitlements.h"
+#include "platform/logging/Log.h"
+#include "platform/paths/Paths.h"
+#include "platform/text/Format.h"
+
+namespace dravo {
+
+namespace {
+
+constexpr int kDirectory = O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC;
+constexpr std::size_t kComplaintsLimit = 1000;
+constexpr std::size_t kPathLimit = 1023;
+
+bool isApplication(std::string_view name) {
+    return name.ends_with(".app");
+}
+
+bool isBeneath(const std::string& path, const std::string& directory) {
+    return path.size() > directory.size() && path.starts_with(directory) && path[directory.size()] == '/';
+}
+
+std::optional<file::Stamp> stampAt(int parent, const std::string& name) {
+    struct stat status {};
+    if (::fstatat(parent, name.c_str(), &status, AT_SYMLINK_NOFOLLOW) != 0) return {};
+    return file::stampOf(status);
+}
+
+bool isLink(int parent, const std::string& name) {
+    struct stat status {};
+    return ::fstatat(parent, name.c_str(), &status, AT_SYMLINK_NOFOLLOW) == 0 && S_ISLNK(status.st_mode);
+}
+
+// A stamp that a later write is sure to change; else one that is never equal to a file's.
+file::Stamp trusted(const file::Stamp& stamp) {
+    return stamp == file::Stamp{} || file::settled(stamp) ? stamp : kUntrusted;
+}
+
+// Nothing when there is no Info.plist: no bundle, or one that is still being made.
+std::optional<BundleStamps> stampsOf(int parent, const std::string& name) {
+    const auto directory = stampAt(parent, name);
+    const auto info = directory ? stampAt(parent, name + "/" + bundle::kInfoFile) : std::nullopt;
+    if (!info) return {};
+    const auto entitlements = stampAt(parent, name + "/" + entitlements::kFile);
+    return BundleStamps{*directory, *info, entitlements.value_or(file::Stamp{})};
+}
+
+double now() {
+    return std::chrono::duration<double>{std::chrono::system_clock::now().time_since_epoch()}.count();
+}
+
+// A plug-in keeps its UUID for as long as the bundle has it, and its date for as long as the bundle stays as it is.
+void identify(BundleFacts& facts, const BundleFacts* known) {
+    const bool unchanged = known && known->digest == facts.digest && known->entitlements == facts.entitlements;
+    for (PlugInFacts& plugIn : facts.plugIns) {
+        plugIn.registered = now();
+        const PlugInFacts* before = nullptr;
+        if (known) {
+            const auto found = std::find_if(known->plugIns.begin(), known->plugIns.end(), [&](const PlugInFacts& old) {
+                return old.identifier == plugIn.identifier;
+            });
+            if (found != known->plugIns.end()) before = &*found;
+        }
+        plugIn.uuid = before ? before->uuid : value::Uuid::random();
+        if (before && unchanged) plugIn.registered = before->registered;
+    }
+}
+
+}  // namespace
+
+std::vector<Root> installationRoots() {
+    const paths::Directories& directories = paths::directories();
+    const std::string user = file::canonicalPath(directories.userVolume).value_or(directories.userVolume);
+    const std::string system = file::canonicalPath(directories.systemVolume).value_or(directories.systemVolume);
+    return {{user + "/Applications", user, Root::Holds::applications, false},
+            {system + "/Applications", system, Root::Holds::applications, true},
+            {system + "/PlugIns", system, Root::Holds::plugIns, true}};
+}
+
+Scanner::Pass::Pass(Scanner& scanner, std::shared_ptr<const Snapshot> known) : scanner_{scanner} {
+    scanner_.known_ = std::move(known);
+}
+
+Scanner::Pass::~Pass() {
+    scanner_.known_ = nullptr;
+    scanner_.seen_.clear();
+}
+
+std::vector<std::string> Scanner::entries(const Root& root) {
+    const file::UniqueFd directory{::open(root.path.c_str(), kDirectory)};
+    if (!directory) {
+        if (errno != ENOENT) complain(root.path, std::strerror(errno));
+        return {};
+    }
+    return list(directory.get(), root.path, kEntriesLimit);
+}
+
+Finding Scanner::entry(const Root& root, const std::string& name, Watcher::Look& look) {
+    Finding finding;
+    const file::UniqueFd parent{::open(root.path.c_str(), kDirectory)};
+    if (!parent) return finding;
+    const std::string path = root.path + "/" + name;
+    const Bounds bounds{root.volume, root.path};
+    if (root.holds == Root::Holds::plugIns) {
+        plugIn(parent.get(), name, {path, root.onSystemVolume, nullptr}, bounds, look, finding);
+        return finding;
+    }
+    look.directory(path);
+    const Directory directory = open(parent.get(), name, path, bounds);
+    if (!directory) return finding;
+    if (isApplication(directory.path)) {
+        application(root, directory, {}, look, finding);
+        return finding;
+    }
+    look.directory(directory.path);
+    for (const std::string& inside : list(directory.descriptor.get(), directory.path, kContainerEntriesLimit)) {
+        if (!isApplication(inside)) continue;
+        const Directory app = open(directory.descriptor.get(), inside, directory.path + "/" + inside, bounds);
+        if (app && isApplication(app.path)) application(root, app, directory.path, look, finding);
+    }
+    return finding;
+}
+
+Finding Scanner::registered(const std::string& path, Watcher::Look& look) {
+    Finding finding;
+    look.towards(path);
+    if (file::canonicalPath(path) != path) return finding;  // gone, or reached through a link by now
+    const std::string& volume = paths::directories().systemVolume;
+    const bool onSystemVolume = isBeneath(path, file::canonicalPath(volume).value_or(volume));
+    BundlePlace place{path, onSystemVolume, applicationAround(path)};
+    if (place.application) finding.applications.push_back(place.application);
+    if (auto found = bundle(AT_FDCWD, path, std::move(place))) finding.bundles.push_back(std::move(found));
+    return finding;
+}
+
+Scanner::Directory Scanner::open(int parent, const std::string& name, const std::string& path, const Bounds& bounds) {
+    if (path.size() > kPathLimit) return {};
+    file::UniqueFd descriptor{::openat(parent, name.c_str(), kDirectory)};
+    if (descriptor) return {std::move(descriptor), path};
+    const int reason = errno;
+    if (isLink(parent, name)) return followLink(path, bounds);
+    if (reason != ENOENT && reason != ENOTDIR) complain(path, std::strerror(reason));
+    return {};
+}
+
+Scanner::Directory Scanner::followLink(const std::string& path, const Bounds& bounds) {
+    const auto target = file::canonicalPath(path);
+    if (!target || !isBeneath(*target, bounds.within)) {
+        complain(path, "a link that leads nowhere, or out of where it lies");
+        return {};
+    }
+    const std::string& except = bounds.except;
+    const bool foundAnyway =
+        !except.empty() && (*target == except || isBeneath(*target, except) || isBeneath(except, *target));
+    if (foundAnyway) return {};
+    return {file::UniqueFd{::open(target->c_str(), kDirectory)}, *target};
+}
+
+// The directories and links in a directory, hidden ones left out, in the order of their names.
+std::vector<std::string> Scanner::list(int directory, const std::string& path, std::size_t limit) {
+    std::vector<std::string> names;
+    file::UniqueFd own{::openat(directory, ".", kDirectory)};
+    const std::unique_ptr<DIR, int (*)(DIR*)> listing{own ? ::fdopendir(own.get()) : nullptr, ::closedir};
+    if (!listing) {
+        complain(path, std::strerror(errno));
+        return names;
+    }
+    static_cast<void>(own.release());  // the listing closes it
+    std::size_t count = 0;
+    while (const dirent* const entry = ::readdir(listing.get())) {
+        if (++count > limit + 2) {  // "." and ".." come along
+            complain(path, text::format("more than {} entries; the others are ignored", limit));
+            break;
+        }
+        const bool mayHold = entry->d_type == DT_DIR || entry->d_type == DT_LNK || entry->d_type == DT_UNKNOWN;
+        if (mayHold && entry->d_name[0] != '.') names.emplace_back(entry->d_name);
+    }
+    std::sort(names.begin(), names.end());
+    return names;
+}
+
+void Scanner::application(const Root& root, const Directory& directory, const std::optional<std::string>& container,
+                          Watcher::Look& look, Finding& finding) {
+    look.directory(directory.path);
+    const auto application = applicationRecord(directory.descriptor.get(), directory.path, container);
+    finding.applications.push_back(application);
+    const Bounds bounds{directory.path, ""};
+    const std::string path = directory.path + "/PlugIns";
+    const Directory plugIns = open(directory.descriptor.get(), "PlugIns", path, bounds);
+    if (!plugIns) return;
+    look.directory(plugIns.path);
+    for (const std::string& name : list(plugIns.descriptor.get(), plugIns.path, kEntriesLimit)) {
+        plugIn(plugIns.descriptor.get(), name, {plugIns.path + "/" + name, root.onSystemVolume, application}, bounds,
+               look, finding);
+    }
+}
+
+std::shared_ptr<const ApplicationRecord> Scanner::applicationRecord(int directory, const std::string& path,
+                                                                    const std::optional<std::string>& container) {
+    const file::Stamp stamp = stampAt(directory, bundle::kInfoFile).value_or(file::Stamp{});
+    auto& record = seen_[path];
+    record = known_->application(path);
+    if (record && record->facts().info == stamp && record->facts().containerPath == container) return record;
+    ApplicationFacts facts;
+    facts.row = record ? record->facts().row : ++lastRow_;
+    facts.containerPath = container;
+    facts.info = trusted(stamp);
+    if (stamp != file::Stamp{}) {
+        if (const auto info = readInfoFile(directory)) {
+            facts.identifier = sensibleText(info->dictionary, bundle::kIdentifierKey);
+            facts.name = displayName(info->dictionary);
+        } else if (!record || record->facts().info != stamp) {
+            logging::warning(text::format("application at {}: {}", path, info.error().localizedDescription()));
+        }
+    }
+    record = std::make_shared<const ApplicationRecord>(path, std::move(facts));
+    return record;
+}
+
+// The application that a bundle registered by path lies in: the nearest directory above it that is one.
+std::shared_ptr<const ApplicationRecord> Scanner::applicationAround(const std::string& path) {
+    std::string above = path;
+    for (std::size_t slash = above.rfind('/'); slash != std::string::npos && slash > 0; slash = above.rfind('/')) {
+        above.resize(slash);
+        if (!isApplication(above)) continue;
+        if (const auto seen = seen_.find(above); seen != seen_.end()) return seen->second;
+        const file::UniqueFd directory{::open(above.c_str(), kDirectory)};
+        if (!directory) return nullptr;
+        const auto known = known_->application(above);
+        return applicationRecord(directory.get(), above, known ? known->facts().containerPath : std::nullopt);
+    }
+    return nullptr;
+}
+
+void Scanner::plugIn(int parent, const std::string& name, BundlePlace place, const Bounds& bounds, Watcher::Look& look,
+                     Finding& finding) {
+    if (place.path.size() > kPathLimit) return;
+    look.directory(place.path);
+    std::shared_ptr<const BundleRecord> found;
+    if (isLink(parent, name)) {
+        const Directory target = followLink(place.path, bounds);
+        if (!target) return;
+        look.directory(target.path);
+        place.path = target.path;
+        found = bundle(target.descriptor.get(), ".", std::move(place));
+    } else {
+        found = bundle(parent, name, std::move(place));
+    }
+    if (found) finding.bundles.push_back(std::move(found));
+}
+
+std::shared_ptr<const BundleRecord> Scanner::bundle(int parent, const std::string& name, BundlePlace place) {
+    const auto stamps = stampsOf(parent, name);
+    if (!stamps) return nullptr;
+    auto known = known_->bundle(place.path);
+    if (known && known->facts().stamps == *stamps) {
+        const bool samePlace =
+            known->application() == place.application && known->onSystemVolume() == place.onSystemVolume;
+        return samePlace ? known : record(std::move(place), known->facts());
+    }
+    const file::UniqueFd directory{::openat(parent, name.c_str(), kDirectory)};
+    if (!directory) return nullptr;
+    auto facts = read(directory.get(), place.path, *stamps, known ? &known->facts() : nullptr);
+    return record(std::move(place), std::move(facts));
+}
+
+BundleFacts Scanner::read(int directory, const std::string& path, const BundleStamps& stamps,
+                          const BundleFacts* known) {
+    BundleFacts facts;
+    facts.row = known ? known->row : ++lastRow_;
+    facts.stamps = {trusted(stamps.directory), trusted(stamps.info), trusted(stamps.entitlements)};
+    if (const auto info = readInfoFile(directory)) {
+        describe(*info, facts);
+    } else {
+        facts.refusal = info.error().localizedDescription();
+    }
+    if (stamps.entitlements != file::Stamp{}) {
+        if (auto entitlements = entitlements::ofBundle(directory, path)) {
+            facts.entitlements = std::move(*entitlements);
+        } else {
+            facts.remark = entitlements.error().localizedDescription();
+        }
+    }
+    const bool isNews = !known || known->digest != facts.digest;
+    if (!facts.refusal.empty() && (isNews || known->refusal != facts.refusal)) {
+        logging::warning(text::format("no plug-in at {}: {}", path, facts.refusal));
+    } else if (!facts.remark.empty() && (isNews || known->remark != facts.remark)) {
+        logging::warning(text::format("plug-in at {}: {}", path, facts.remark));
+    }
+    identify(facts, known);
+    return facts;
+}
+
+std::shared_ptr<const BundleRecord> Scanner::record(BundlePlace place, BundleFacts facts) {
+    BundleRecord::Containers containers;
+    containers.reserve(facts.plugIns.size());
+    for (const PlugInFacts& plugIn : facts.plugIns) containers.push_back(containers_.ensure(plugIn.identifier));
+    return std::make_shared<const BundleRecord>(std::move(place), std::move(facts), std::move(containers),
+                                                surroundings_);
+}
+
+void Scanner::complain(const std::string& path, const std::string& why) {
+    if (complaints_.size() < kComplaintsLimit && complaints_.insert(path + why).second) {
+        logging::warning(text::format("{}: {}", path, why));
+    }
+}
+
+}  // namespace dravo

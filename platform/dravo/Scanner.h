@@ -1,0 +1,98 @@
+#pragma once
+
+#include <functional>
+#include <memory>
+#include <optional>
+#include <set>
+#include <string>
+#include <unordered_map>
+#include <vector>
+
+#include "platform/dravo/DataContainers.h"
+#include "platform/dravo/Records.h"
+#include "platform/dravo/Snapshot.h"
+#include "platform/dravo/Watcher.h"
+#include "platform/file/UniqueFd.h"
+
+namespace dravo {
+
+// A directory whose entries are applications (or containers of one), or plug-ins of the system volume.
+struct Root {
+    enum class Holds : std::uint8_t { applications, plugIns };
+    std::string path;
+    std::string volume;  // links are followed as long as they stay on it
+    Holds holds = Holds::applications;
+    bool onSystemVolume = false;
+};
+
+// The roots of the user and the system volume; those that do not exist are among them.
+std::vector<Root> installationRoots();
+
+// What one topic (an entry of a root, a registered path) has.
+struct Finding {
+    Snapshot::Applications applications;
+    Snapshot::Bundles bundles;
+    bool empty() const { return applications.empty() && bundles.empty(); }
+};
+
+// Looks at the disk and tells what is installed there. What is known and has not changed is not read again: its record
+// is the very same one. Directories are opened step by step and links that lead out of where they may lead are not
+// followed. Nothing here waits, throws or grows on account of what is found. Belongs to one queue.
+class Scanner {
+public:
+    Scanner(std::shared_ptr<Surroundings> surroundings, DataContainers& containers, std::int64_t lastRow)
+        : surroundings_{std::move(surroundings)}, containers_{containers}, lastRow_{lastRow} {}
+
+    // One scan of some places; says what is taken for known meanwhile. Everything below happens within one.
+    class Pass {
+    public:
+        Pass(Scanner& scanner, std::shared_ptr<const Snapshot> known);
+        ~Pass();
+        Pass(const Pass&) = delete;
+        Pass& operator=(const Pass&) = delete;
+
+    private:
+        Scanner& scanner_;
+    };
+
+    std::vector<std::string> entries(const Root& root);
+    Finding entry(const Root& root, const std::string& name, Watcher::Look& look);
+    Finding registered(const std::string& path, Watcher::Look& look);
+
+private:
+    struct Directory {
+        file::UniqueFd descriptor;
+        std::string path;  // canonical
+        explicit operator bool() const { return static_cast<bool>(descriptor); }
+    };
+
+    // Where a link may lead: beneath the boundary, but not into what is looked at on its own.
+    struct Bounds {
+        std::string within;
+        std::string except;  // empty: nothing
+    };
+
+    Directory open(int parent, const std::string& name, const std::string& path, const Bounds& bounds);
+    Directory followLink(const std::string& path, const Bounds& bounds);
+    std::vector<std::string> list(int directory, const std::string& path, std::size_t limit);
+    void application(const Root& root, const Directory& directory, const std::optional<std::string>& container,
+                     Watcher::Look& look, Finding& finding);
+    std::shared_ptr<const ApplicationRecord> applicationRecord(int directory, const std::string& path,
+                                                               const std::optional<std::string>& container);
+    std::shared_ptr<const ApplicationRecord> applicationAround(const std::string& path);
+    void plugIn(int parent, const std::string& name, BundlePlace place, const Bounds& bounds, Watcher::Look& look,
+                Finding& finding);
+    std::shared_ptr<const BundleRecord> bundle(int parent, const std::string& name, BundlePlace place);
+    BundleFacts read(int directory, const std::string& path, const BundleStamps& stamps, const BundleFacts* known);
+    std::shared_ptr<const BundleRecord> record(BundlePlace place, BundleFacts facts);
+    void complain(const std::string& path, const std::string& why);
+
+    const std::shared_ptr<Surroundings> surroundings_;
+    DataContainers& containers_;
+    std::int64_t lastRow_;
+    std::shared_ptr<const Snapshot> known_;
+    std::unordered_map<std::string, std::shared_ptr<const ApplicationRecord>> seen_;  // in this pass, by path
+    std::set<std::string> complaints_;  // about what has no record to remember them; each is logged once
+};
+
+}  // namespace dravo

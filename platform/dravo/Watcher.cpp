@@ -1,0 +1,138 @@
+#include "platform/dravo/Watcher.h"
+
+#include <sys/inotify.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <array>
+#include <cerrno>
+#include <cstring>
+
+namespace dravo {
+
+namespace {
+
+// A file replaced, written or made readable counts, and so does the directory itself going away.
+constexpr std::uint32_t kEvents = IN_CREATE | IN_DELETE | IN_MOVED_FROM | IN_MOVED_TO | IN_CLOSE_WRITE | IN_ATTRIB |
+                                  IN_DELETE_SELF | IN_MOVE_SELF | IN_ONLYDIR;
+constexpr std::size_t kBuffer = std::size_t{64} << 10;
+constexpr int kTowardsTries = 16;  // a path whose steps appear while they are watched
+
+}  // namespace
+
+std::unique_ptr<Watcher> Watcher::create(const std::shared_ptr<queue::SerialQueue>& queue, Changed changed,
+                                         Overflow overflow) {
+    file::UniqueFd descriptor{::inotify_init1(IN_NONBLOCK | IN_CLOEXEC)};
+    if (!descriptor) return nullptr;
+    std::unique_ptr<Watcher> watcher{new Watcher{std::move(descriptor), std::move(changed), std::move(overflow)}};
+    // The watch goes with the watcher, on the same queue, so that the handler never sees a watcher that is gone.
+    watcher->watch_ =
+        queue::watch(watcher->descriptor_.get(), queue, [self = watcher.get()](std::uint32_t) { self->read(); });
+    if (!watcher->watch_) return nullptr;
+    return watcher;
+}
+
+Watcher::Watcher(file::UniqueFd descriptor, Changed changed, Overflow overflow)
+    : descriptor_{std::move(descriptor)}, changed_{std::move(changed)}, overflow_{std::move(overflow)} {}
+
+Watcher::~Watcher() = default;
+
+void Watcher::read() {
+    alignas(inotify_event) std::array<char, kBuffer> buffer;
+    for (;;) {
+        const ssize_t length = ::read(descriptor_.get(), buffer.data(), buffer.size());
+        if (length < 0 && errno == EINTR) continue;
+        if (length <= 0) return;
+        for (std::size_t at = 0; at < static_cast<std::size_t>(length);) {
+            inotify_event event;
+            std::memcpy(&event, buffer.data() + at, sizeof event);
+            const char* const name = buffer.data() + at + sizeof event;
+            tell(event.wd, event.mask, event.len > 0 ? std::string_view{name} : std::string_view{});
+            at += sizeof event + event.len;
+        }
+    }
+}
+
+void Watcher::tell(int watch, std::uint32_t mask, std::string_view name) {
+    if (mask & IN_Q_OVERFLOW) {
+        overflow_();
+        return;
+    }
+    const auto found = interests_.find(watch);
+    if (found == interests_.end()) return;
+    for (const Interest& interest : found->second) {
+        if (!interest.only.empty() && !name.empty() && name != interest.only) continue;
+        changed_(*interest.topic, interest.only.empty() ? name : std::string_view{});
+    }
+    if (mask & IN_IGNORED) {  // the kernel has dropped the watch, and may use its number for another
+        for (const Interest& interest : found->second) std::erase(topics_.at(*interest.topic), watch);
+        interests_.erase(found);
+    }
+}
+
+bool Watcher::add(const Topic& topic, const std::string& path, const std::string& only, std::uint32_t flags) {
+    const int watch = ::inotify_add_watch(descriptor_.get(), path.c_str(), kEvents | flags);
+    if (watch < 0) {
+        exhausted_ = exhausted_ || errno == ENOSPC || errno == ENOMEM;
+        return false;
+    }
+    const auto [own, isNew] = topics_.try_emplace(topic);
+    auto& interests = interests_[watch];
+    const auto known = std::find_if(interests.begin(), interests.end(),
+                                    [&](const Interest& interest) { return *interest.topic == topic; });
+    if (known == interests.end()) {
+        interests.push_back({&own->first, only});
+    } else {
+        known->only = only;
+    }
+    if (std::find(own->second.begin(), own->second.end(), watch) == own->second.end()) own->second.push_back(watch);
+    return true;
+}
+
+void Watcher::letGo(int watch, const Topic& topic) {
+    const auto found = interests_.find(watch);
+    if (found == interests_.end()) return;
+    std::erase_if(found->second, [&](const Interest& interest) { return *interest.topic == topic; });
+    if (!found->second.empty()) return;
+    interests_.erase(found);
+    ::inotify_rm_watch(descriptor_.get(), watch);
+}
+
+Watcher::Look::Look(Watcher* watcher, const Topic& topic) : watcher_{watcher}, topic_{topic} {
+    if (!watcher_) return;
+    const auto found = watcher_->topics_.find(topic);
+    if (found != watcher_->topics_.end()) before_.swap(found->second);
+}
+
+Watcher::Look::~Look() {
+    if (!watcher_) return;
+    const auto own = watcher_->topics_.find(topic_);
+    for (const int watch : before_) {
+        const bool again = own != watcher_->topics_.end() &&
+                           std::find(own->second.begin(), own->second.end(), watch) != own->second.end();
+        if (!again) watcher_->letGo(watch, topic_);
+    }
+    if (own != watcher_->topics_.end() && own->second.empty()) watcher_->topics_.erase(own);
+}
+
+void Watcher::Look::directory(const std::string& path) {
+    if (watcher_) watcher_->add(topic_, path, "", IN_DONT_FOLLOW);
+}
+
+void Watcher::Look::towards(const std::string& path) {
+    if (!watcher_) return;
+    for (int tries = 0; tries < kTowardsTries; ++tries) {
+        std::string reached = path;
+        std::string next;  // the step that is missing below it
+        while (!watcher_->add(topic_, reached, next, 0)) {
+            const std::size_t slash = reached.rfind('/');
+            if (slash == std::string::npos || reached == "/") return;
+            next = reached.substr(slash + 1);
+            reached.resize(std::max<std::size_t>(slash, 1));
+        }
+        // The step may have appeared before the watch was there.
+        if (next.empty() || ::access((reached + "/" + next).c_str(), F_OK) != 0) return;
+    }
+}
+
+}  // namespace dravo
