@@ -1,0 +1,337 @@
+#include "platform/dravo/Registrar.h"
+
+#include <utility>
+
+#include "platform/file/File.h"
+#include "platform/logging/Log.h"
+#include "platform/paths/Paths.h"
+#include "platform/text/Format.h"
+
+namespace dravo {
+
+namespace {
+
+constexpr std::size_t kDirtyLimit = 10'000;  // topics; past that one look at everything is cheaper
+constexpr int kPollShare = 50;               // at most one part in so many of the time goes into polling
+
+// What the store remembers, as a snapshot to compare the disk with.
+std::shared_ptr<const Snapshot> remembered(Store::Contents contents, const std::shared_ptr<Surroundings>& surroundings,
+                                           DataContainers& containers, SdkPointNames& sdkNames) {
+    std::unordered_map<std::string, std::shared_ptr<const ApplicationRecord>> applications;
+    Snapshot::Applications allApplications;
+    for (auto& [path, facts] : contents.applications) {
+        allApplications.push_back(std::make_shared<const ApplicationRecord>(path, std::move(facts)));
+        applications.emplace(path, allApplications.back());
+    }
+    const std::string system = installationRoots().back().volume + "/";
+    Snapshot::Bundles bundles;
+    bundles.reserve(contents.bundles.size());
+    for (auto& [path, facts] : contents.bundles) {
+        BundlePlace place{path, path.starts_with(system), nullptr};
+        for (std::size_t end = path.rfind(".app/"); end != std::string::npos && end > 0 && !place.application;
+             end = path.rfind(".app/", end - 1)) {
+            const auto found = applications.find(path.substr(0, end + 4));
+            if (found != applications.end()) place.application = found->second;
+        }
+        BundleRecord::Containers has;
+        for (const PlugInFacts& plugIn : facts.plugIns) has.push_back(containers.ensure(plugIn.identifier));
+        bundles.push_back(
+            std::make_shared<const BundleRecord>(std::move(place), std::move(facts), std::move(has), surroundings));
+    }
+    return std::make_shared<const Snapshot>(std::move(allApplications), std::move(bundles), sdkNames);
+}
+
+bool isBeneath(const std::string& path, const std::string& directory) {
+    return path.starts_with(directory) && path.size() > directory.size() && path[directory.size()] == '/';
+}
+
+}  // namespace
+
+value::Result<std::shared_ptr<Registrar>> Registrar::open(const Noticing& noticing) {
+    const std::string& state = paths::directories().state;
+    if (auto error = file::makeDirectories(state, 0700)) return *error;
+    auto lock = lock::LockFile::take(state + "/Registry.lock");
+    if (!lock) return lock.error();
+    const std::string storePath = state + "/Registry.db";
+    auto opened = Store::open(storePath);
+    if (!opened) return opened.error();
+    const std::shared_ptr<Registrar> registrar{
+        new Registrar{noticing, std::move(*lock), storePath, std::move(*opened), state + "/containers"}};
+    registrar->queue_->sync([&] { registrar->firstLook(); });
+    registrar->queue_->async([weak = registrar->weak_from_this()] {
+        if (const auto self = weak.lock()) self->watch();
+    });
+    return registrar;
+}
+
+Registrar::Registrar(const Noticing& noticing, lock::LockFile lock, std::string storePath, Store::Opened opened,
+                     const std::string& containers)
+    : noticing_{noticing},
+      storePath_{std::move(storePath)},
+      queue_{std::make_shared<queue::SerialQueue>("dravo")},
+      announcements_{std::make_shared<Announcements>(queue_)},
+      surroundings_{std::make_shared<Surroundings>(containers)},
+      lock_{std::move(lock)},
+      store_{std::move(opened.store)},
+      isNew_{opened.contents.isNew},
+      registrations_{opened.contents.registrations.begin(), opened.contents.registrations.end()},
+      containers_{containers},
+      scanner_{surroundings_, containers_, opened.contents.lastRow},
+      settling_{queue_, [this] { lookAgain(); }},
+      snapshot_{remembered(std::move(opened.contents), surroundings_, containers_, sdkNames_)} {}
+
+void Registrar::stop() {
+    const auto end = [&] {
+        stopped_ = true;
+        watcher_.reset();
+        settling_.rest();
+        pollTimer_.reset();
+        store_.reset();
+        lock_.reset();
+    };
+    if (queue_->isCurrent()) {
+        end();
+    } else {
+        queue_->sync(end);
+    }
+}
+
+std::shared_ptr<const Snapshot> Registrar::snapshot() const {
+    const std::lock_guard lock{mutex_};
+    return snapshot_;
+}
+
+void Registrar::publish(std::shared_ptr<const Snapshot> snapshot) {
+    const std::lock_guard lock{mutex_};
+    snapshot_.swap(snapshot);  // the old one goes behind the lock
+}
+
+bool Registrar::registerPlugin(const std::string& path) {
+    const auto canonical = file::canonicalPath(path);
+    if (!canonical) return false;
+    return queue_->sync([&] { return registerCanonical(*canonical); });
+}
+
+bool Registrar::registerCanonical(const std::string& path) {
+    const bool isNew = registrations_.insert(path).second;
+    {
+        const Scanner::Pass pass{scanner_, snapshot()};
+        lookAtRegistered(path);
+    }
+    const Finding& finding = findings_[{Topic::Kind::registered, path}];
+    // A folder that merely lies in PlugIns/ may do without a description; who registers one by name means a plug-in.
+    const bool isPlugIn = !finding.bundles.empty() && !finding.bundles.front()->plugIns().empty() &&
+                          finding.bundles.front()->plugIns().front().pluginDictionary().has_value();
+    if (isPlugIn) {
+        Registrations fresh;
+        if (isNew) fresh.fresh.push_back(path);
+        if (!apply(Announce::changes, fresh)) return true;
+    }
+    if (!isNew) return isPlugIn;
+    registrations_.erase(path);
+    forget({Topic::Kind::registered, path});
+    static_cast<void>(apply(Announce::changes));
+    return false;
+}
+
+bool Registrar::unregisterPlugin(const std::string& path) {
+    // What is gone from the disk is still known by the path under which it was registered.
+    const std::string canonical = file::canonicalPath(path).value_or(path);
+    return queue_->sync([&] {
+        if (registrations_.erase(canonical) == 0) return false;
+        forget({Topic::Kind::registered, canonical});
+        if (!apply(Announce::changes, {.gone = {canonical}, .fresh = {}})) return true;
+        registrations_.insert(canonical);
+        const Scanner::Pass pass{scanner_, snapshot()};
+        lookAtRegistered(canonical);
+        static_cast<void>(apply(Announce::changes));
+        return false;
+    });
+}
+
+void Registrar::firstLook() {
+    lookAtEverything();
+    static_cast<void>(apply(isNew_ ? Announce::nothing : Announce::changes));
+}
+
+// Watches are placed behind the first answers, for they take their time. The second look closes the gap: what changes
+// before its directory is watched is seen by it, what changes later is noticed.
+void Registrar::watch() {
+    if (stopped_) return;
+    if (noticing_.watch) {
+        watcher_ = Watcher::create(
+            queue_, [this](const Topic& topic, std::string_view name) { changed(topic, name); },
+            [this] {
+                everythingDirty_ = true;
+                settling_.note();
+            });
+    }
+    lookAtEverything();
+    lookAtSdks();
+    static_cast<void>(apply(Announce::changes));
+    containers_.dropListing();
+    pollIfBlind();
+}
+
+void Registrar::pollIfBlind() {
+    if (pollTimer_ || (watcher_ && !watcher_->exhausted())) return;
+    logging::warning("the system has no more watches for files; installed plug-ins are looked at now and then");
+    pollTimer_ = queue::after(noticing_.pollPeriod, queue_, [weak = weak_from_this()] {
+        if (const auto self = weak.lock()) self->poll();
+    });
+}
+
+void Registrar::poll() {
+    if (stopped_) return;
+    const auto start = std::chrono::steady_clock::now();
+    everythingDirty_ = true;
+    lookAgain();
+    const auto spent = std::chrono::duration_cast<std::chrono::milliseconds>(std::chrono::steady_clock::now() - start);
+    pollTimer_ = queue::after(std::max(noticing_.pollPeriod, spent * kPollShare), queue_, [weak = weak_from_this()] {
+        if (const auto self = weak.lock()) self->poll();
+    });
+}
+
+void Registrar::changed(const Topic& topic, std::string_view name) {
+    if (topic.kind != Topic::Kind::root) {
+        dirty_.insert(topic);
+    } else if (name.empty()) {
+        everythingDirty_ = true;
+    } else if (name.front() != '.') {
+        dirty_.insert({Topic::Kind::entry, topic.path + "/" + std::string{name}});
+    } else {
+        return;
+    }
+    if (dirty_.size() > kDirtyLimit) everythingDirty_ = true;
+    settling_.note();
+}
+
+void Registrar::lookAgain() {
+    if (stopped_) return;
+    settling_.rest();
+    const auto dirty = std::exchange(dirty_, {});
+    if (std::exchange(everythingDirty_, false)) {
+        lookAtEverything();
+        lookAtSdks();
+    } else {
+        const Scanner::Pass pass{scanner_, snapshot()};
+        for (const Topic& topic : dirty) lookAt(topic);
+    }
+    static_cast<void>(apply(Announce::changes));
+    pollIfBlind();
+}
+
+void Registrar::lookAtEverything() {
+    auto before = std::exchange(findings_, {});
+    roots_ = installationRoots();
+    const Scanner::Pass pass{scanner_, snapshot()};
+    for (const Root& root : roots_) {
+        const Topic topic{Topic::Kind::root, root.path};
+        Watcher::Look look{watcher_.get(), topic};
+        look.towards(root.path);
+        for (const std::string& name : scanner_.entries(root)) lookAtEntry(root, name);
+    }
+    for (const std::string& path : registrations_) lookAtRegistered(path);
+    for (const auto& [topic, finding] : before) {
+        if (!findings_.contains(topic)) forget(topic);
+    }
+}
+
+void Registrar::lookAt(const Topic& topic) {
+    switch (topic.kind) {
+        case Topic::Kind::root: break;  // becomes entries, or everything
+        case Topic::Kind::entry:
+            for (const Root& root : roots_) {
+                if (isBeneath(topic.path, root.path)) lookAtEntry(root, topic.path.substr(root.path.size() + 1));
+            }
+            // Those registered inside it share its application's record.
+            for (const std::string& path : registrations_) {
+                if (isBeneath(path, topic.path)) lookAtRegistered(path);
+            }
+            break;
+        case Topic::Kind::registered:
+            if (registrations_.contains(topic.path)) lookAtRegistered(topic.path);
+            break;
+        case Topic::Kind::sdk: lookAtSdks(); break;
+    }
+}
+
+void Registrar::lookAtEntry(const Root& root, const std::string& name) {
+    const Topic topic{Topic::Kind::entry, root.path + "/" + name};
+    Watcher::Look look{watcher_.get(), topic};
+    Finding finding = scanner_.entry(root, name, look);
+    if (finding.empty()) {
+        findings_.erase(topic);
+    } else {
+        findings_.insert_or_assign(topic, std::move(finding));
+    }
+}
+
+void Registrar::lookAtRegistered(const std::string& path) {
+    const Topic topic{Topic::Kind::registered, path};
+    Watcher::Look look{watcher_.get(), topic};
+    findings_.insert_or_assign(topic, scanner_.registered(path, look));
+}
+
+void Registrar::lookAtSdks() {
+    for (const std::string& directory : SdkPointNames::directories()) {
+        const Topic topic{Topic::Kind::sdk, directory};
+        Watcher::Look{watcher_.get(), topic}.towards(directory);
+    }
+    sdksChanged_ = sdkNames_.refresh() || sdksChanged_;
+}
+
+void Registrar::forget(const Topic& topic) {
+    findings_.erase(topic);
+    const Watcher::Look look{watcher_.get(), topic};  // names nothing, and so lets go of everything
+}
+
+std::optional<value::Error> Registrar::apply(Announce announce, const Registrations& registrations) {
+    const auto before = snapshot();
+    Snapshot::Applications applications;
+    Snapshot::Bundles bundles;
+    for (const auto& [topic, finding] : findings_) {
+        applications.insert(applications.end(), finding.applications.begin(), finding.applications.end());
+        bundles.insert(bundles.end(), finding.bundles.begin(), finding.bundles.end());
+    }
+    auto after = std::make_shared<const Snapshot>(std::move(applications), std::move(bundles), sdkNames_);
+    Difference changes = difference(*before, *after);
+    if (changes.empty() && registrations.gone.empty() && registrations.fresh.empty() && !sdksChanged_) return {};
+    sdksChanged_ = false;
+    if (announce == Announce::changes) announcements_->willUninstall(std::move(changes.plugInsGone));
+    auto error = save(changes, *after, registrations);
+    publish(std::move(after));
+    if (announce == Announce::changes) announcements_->didInstall(std::move(changes.plugInsNew));
+    return error;
+}
+
+std::optional<value::Error> Registrar::save(const Difference& changes, const Snapshot& after,
+                                            const Registrations& registrations) {
+    const bool nothing = changes.empty() && registrations.gone.empty() && registrations.fresh.empty();
+    if (nothing && !unsaved_) return {};
+    Store::Changes part{changes.applicationsGone, changes.applicationsNew, changes.bundlesGone,
+                        changes.bundlesNew,       registrations.gone,      registrations.fresh};
+    const auto everything = [&] {
+        return Store::Changes{
+            {}, after.applications(), {}, after.bundles(), {}, {registrations_.begin(), registrations_.end()}, true};
+    };
+    std::optional<value::Error> error;
+    if (store_) error = store_->save(unsaved_ ? everything() : part);
+    if (!store_ || (error && error->code == static_cast<std::int64_t>(StoreTrouble::damaged))) {
+        error = replaceStore(error ? error->localizedDescription() : "registry store: unusable");
+        if (!error) error = store_->save(everything());
+    }
+    if (error && !unsaved_) logging::error("cannot save what is installed: " + error->localizedDescription());
+    unsaved_ = error.has_value();
+    return error;
+}
+
+std::optional<value::Error> Registrar::replaceStore(const std::string& why) {
+    // A store that is gone already was set aside by the try before.
+    auto anew = store_ ? (store_.reset(), Store::openAnew(storePath_, why)) : Store::open(storePath_);
+    if (!anew) return anew.error();
+    store_ = std::move(anew->store);
+    return {};
+}
+
+}  // namespace dravo

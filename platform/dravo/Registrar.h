@@ -1,0 +1,108 @@
+#pragma once
+
+#include <chrono>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <set>
+#include <string>
+#include <vector>
+
+#include "platform/dravo/Announcements.h"
+#include "platform/dravo/DataContainers.h"
+#include "platform/dravo/ExtensionPoints.h"
+#include "platform/dravo/Scanner.h"
+#include "platform/dravo/Settling.h"
+#include "platform/dravo/Snapshot.h"
+#include "platform/dravo/Store.h"
+#include "platform/dravo/Watcher.h"
+#include "platform/lock/LockFile.h"
+#include "platform/queue/SerialQueue.h"
+
+namespace dravo {
+
+// How changes on disk are noticed.
+struct Noticing {
+    bool watch = true;  // false: as if the system had no watches to give
+    std::chrono::milliseconds pollPeriod{2000};
+};
+
+// Keeps what is known in step with what is on disk: looks, compares, announces, saves, publishes. Each change goes this
+// way: will-uninstall is announced, the store is written, the new snapshot published, did-install announced.
+//
+// Threading: all work is done on the registry's queue; snapshot() answers on any thread. The members that change
+// something enter the queue and wait, so they must not be called from an observer.
+class Registrar : public std::enable_shared_from_this<Registrar> {
+public:
+    // Takes the state directory's lock, reads the store, looks at the disk once; watching starts behind that.
+    static value::Result<std::shared_ptr<Registrar>> open(const Noticing& noticing);
+
+    // Ends all activity and gives the lock back. Afterwards only snapshot() may be called.
+    void stop();
+
+    std::shared_ptr<const Snapshot> snapshot() const;
+    Announcements& announcements() { return *announcements_; }
+
+    bool registerPlugin(const std::string& path);
+    bool unregisterPlugin(const std::string& path);
+    void clearSchemaCaches() { surroundings_->schemas.clear(); }
+
+private:
+    enum class Announce : std::uint8_t { changes, nothing };
+    struct Registrations {
+        std::vector<std::string> gone, fresh;
+    };
+
+    Registrar(const Noticing& noticing, lock::LockFile lock, std::string storePath, Store::Opened opened,
+              const std::string& containers);
+
+    void firstLook();
+    void watch();
+    void poll();
+    void pollIfBlind();
+    void changed(const Topic& topic, std::string_view name);
+    void lookAgain();
+    void lookAtEverything();
+    void lookAt(const Topic& topic);
+    void lookAtEntry(const Root& root, const std::string& name);
+    void lookAtRegistered(const std::string& path);
+    void lookAtSdks();
+    void forget(const Topic& topic);
+
+    [[nodiscard]] std::optional<value::Error> apply(Announce announce, const Registrations& registrations = {});
+    [[nodiscard]] std::optional<value::Error> save(const Difference& changes, const Snapshot& after,
+                                                   const Registrations& changed);
+    [[nodiscard]] std::optional<value::Error> replaceStore(const std::string& why);
+    bool registerCanonical(const std::string& path);
+    void publish(std::shared_ptr<const Snapshot> snapshot);
+
+    const Noticing noticing_;
+    const std::string storePath_;
+    const std::shared_ptr<queue::SerialQueue> queue_;
+    const std::shared_ptr<Announcements> announcements_;
+    const std::shared_ptr<Surroundings> surroundings_;
+
+    // Of the queue.
+    std::optional<lock::LockFile> lock_;
+    bool stopped_ = false;
+    std::unique_ptr<Store> store_;  // null when a damaged one could not be replaced
+    bool isNew_;                    // the store was empty
+    bool unsaved_ = false;          // a save failed: the next one writes everything
+    std::set<std::string> registrations_;
+    DataContainers containers_;
+    SdkPointNames sdkNames_;
+    bool sdksChanged_ = false;
+    Scanner scanner_;
+    std::vector<Root> roots_;
+    std::map<Topic, Finding> findings_;  // entries before registered paths, so that theirs count first
+    std::set<Topic> dirty_;
+    bool everythingDirty_ = false;
+    std::unique_ptr<Watcher> watcher_;
+    Settling settling_;
+    std::unique_ptr<queue::Timer> pollTimer_;
+
+    mutable std::mutex mutex_;
+    std::shared_ptr<const Snapshot> snapshot_;  // under the mutex
+};
+
+}  // namespace dravo

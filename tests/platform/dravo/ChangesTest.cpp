@@ -1,0 +1,225 @@
+#include <condition_variable>
+#include <filesystem>
+#include <mutex>
+
+#include <gmock/gmock.h>
+
+#include "tests/platform/dravo/Installation.h"
+
+namespace dravo {
+namespace {
+
+using testing::ElementsAre;
+using testing::HasSubstr;
+using testing::IsEmpty;
+using value::Dictionary;
+
+constexpr char kPlugIn[] = "user/Applications/A.app/PlugIns/P.appex";
+
+// Changes on disk, each with what is announced and what is installed in the end. Before each there is kPlugIn ("a").
+struct Change {
+    const char* name;
+    void (*make)(const Installation& world);
+    std::vector<std::string> announced, installed;
+};
+
+const Change kChanges[] = {
+    {"an application comes",
+     [](const Installation& w) { w.plugIn("user/Applications/B.app/PlugIns/P", "b"); },
+     {"+b"},
+     {"a", "b"}},
+    {"one comes in a container, moved in whole",
+     [](const Installation& w) {
+         w.plugIn("elsewhere/B.app/PlugIns/P", "b");
+         std::filesystem::create_directories(w.root / "user/Applications/container");
+         w.move("elsewhere/B.app", "user/Applications/container/B.app");
+     },
+     {"+b"},
+     {"a", "b"}},
+    {"the system volume's directories appear",
+     [](const Installation& w) {
+         w.plugIn("elsewhere/PlugIns/P", "s");
+         w.move("elsewhere/PlugIns", "system/PlugIns");
+     },
+     {"+s"},
+     {"s", "a"}},
+    {"a plug-in comes to an application",
+     [](const Installation& w) { w.plugIn("user/Applications/A.app/PlugIns/Q", "q"); },
+     {"+q"},
+     {"a", "q"}},
+    {"a plug-in goes", [](const Installation& w) { w.remove(kPlugIn); }, {"-a"}, {}},
+    {"an application goes", [](const Installation& w) { w.remove("user/Applications/A.app"); }, {"-a"}, {}},
+    {"an application is moved away",
+     [](const Installation& w) { w.move("user/Applications/A.app", "user/A.app"); },
+     {"-a"},
+     {}},
+    {"everything goes", [](const Installation& w) { w.remove("user/Applications"); }, {"-a"}, {}},
+    {"Info.plist is replaced",
+     [](const Installation& w) {
+         w.plugIn(kPlugIn, "a", {{"new", true}});
+     },
+     {"-a", "+a"},
+     {"a"}},
+    {"Info.plist is replaced, with another identifier",
+     [](const Installation& w) { w.plugIn(kPlugIn, "z"); },
+     {"-a", "+z"},
+     {"z"}},
+    {"entitlements come",
+     [](const Installation& w) {
+         w.write(std::string{kPlugIn} + "/Entitlements.plist", Dictionary{{"e", true}});
+     },
+     {"-a", "+a"},
+     {"a"}},
+    {"the application gets a name",
+     [](const Installation& w) {
+         w.write("user/Applications/A.app/Info.plist", Dictionary{{"QFBundleName", "A"}});
+     },
+     {"-a", "+a"},
+     {"a"}},
+};
+
+TEST(Changes, AreNoticedLive) {
+    for (const bool watch : {true, false}) {
+        for (const Change& change : kChanges) {
+            SCOPED_TRACE(std::string{change.name} + (watch ? "" : ", polling"));
+            Installation world;
+            world.plugIn(kPlugIn, "a");
+            auto& workspace = world.start({watch, std::chrono::milliseconds{20}});
+            const auto witness = std::make_shared<Witness>();
+            workspace.addObserver(witness);
+            change.make(world);
+            EXPECT_EQ(witness->await(change.announced.size()), change.announced);
+            world.settle();
+            EXPECT_EQ(world.identifiers(), change.installed);
+            EXPECT_EQ(world.log().size(), watch ? 0U : 1U);  // that there are no watches
+        }
+    }
+}
+
+TEST(Changes, WhileNobodyLookedAreToldToTheFirstObserver) {
+    for (const Change& change : kChanges) {
+        SCOPED_TRACE(change.name);
+        Installation world;
+        world.plugIn(kPlugIn, "a");
+        const auto unaware = std::make_shared<Witness>();
+        world.start().addObserver(unaware);
+        world.stop();
+        EXPECT_THAT(unaware->await(0), IsEmpty());  // the first scan of an empty store
+
+        change.make(world);
+        auto& workspace = world.start();
+        EXPECT_EQ(world.identifiers(), change.installed);
+        const auto first = std::make_shared<Witness>(), second = std::make_shared<Witness>();
+        workspace.addObserver(first);
+        EXPECT_EQ(first->await(change.announced.size()), change.announced);
+        workspace.addObserver(second);
+        world.stop();
+        EXPECT_THAT(second->await(0), IsEmpty());
+    }
+}
+
+TEST(Changes, InPlaceKeepTheUuid) {
+    Installation world;
+    world.plugIn(kPlugIn, "a");
+    auto* workspace = &world.start();
+    const auto before = world.at(kPlugIn);
+    const auto witness = std::make_shared<Witness>();
+    workspace->addObserver(witness);
+    world.plugIn(kPlugIn, "a", {{"changed", true}});
+    EXPECT_THAT(witness->await(2), ElementsAre("-a", "+a"));
+    const auto after = world.at(kPlugIn);
+    EXPECT_EQ(after->pluginUUID(), before->pluginUUID());
+    EXPECT_GT(after->registrationDate().seconds, before->registrationDate().seconds);
+    EXPECT_EQ(after->pluginDictionary(), (Dictionary{{"changed", true}}));
+    world.start();
+    EXPECT_EQ(world.at(kPlugIn)->pluginUUID(), before->pluginUUID());
+    EXPECT_EQ(world.at(kPlugIn)->registrationDate(), after->registrationDate());
+}
+
+TEST(Changes, AnUninstallIsAnnouncedBeforeTheRecordGoes) {
+    Installation world;
+    world.plugIn(kPlugIn, "a");
+    auto& workspace = world.start();
+    const auto witness = std::make_shared<Witness>();
+    std::shared_ptr<const DVVeltoProxy> found;
+    witness->onUninstall = [&](const PluginList& plugins) { found = workspace.plugin(plugins[0]->pluginUUID()); };
+    workspace.addObserver(witness);
+    world.remove(kPlugIn);
+    EXPECT_THAT(witness->await(1), ElementsAre("-a"));
+    ASSERT_TRUE(found);
+    EXPECT_EQ(found->pluginIdentifier(), "a");
+}
+
+TEST(Changes, SurviveAnOverflowOfNotices) {
+    Installation world;
+    world.plugIn(kPlugIn, "a");
+    world.plugIn("user/Applications/B.app/PlugIns/P", "b");
+    auto& workspace = world.start();
+    // While the observer is being told of one change, more happens than the kernel keeps notices of.
+    const auto witness = std::make_shared<Witness>();
+    witness->onUninstall = [&](const PluginList& plugins) {
+        if (plugins[0]->pluginIdentifier() != "b") return;
+        for (int i = 0; i < 20'000; ++i)
+            std::filesystem::create_directory(world.root / "user/Applications/d" += std::to_string(i));
+        world.remove(kPlugIn);
+    };
+    workspace.addObserver(witness);
+    world.remove("user/Applications/B.app");
+    EXPECT_THAT(witness->await(2), ElementsAre("-b", "-a"));
+}
+
+TEST(Registration, IsKeptOverRestartsUntilItIsWithdrawn) {
+    Installation world;
+    const std::string path = world.plugIn("elsewhere/X.app/PlugIns/P.appex", "p");
+    auto* workspace = &world.start();
+    const auto witness = std::make_shared<Witness>();
+    workspace->addObserver(witness);
+    EXPECT_TRUE(workspace->registerPlugin(path));
+    EXPECT_THAT(world.identifiers(), ElementsAre("p"));
+    EXPECT_THAT(witness->await(1), ElementsAre("+p"));
+    const value::Uuid uuid = workspace->pluginAtPath(path)->pluginUUID();
+    EXPECT_TRUE(workspace->registerPlugin(path));
+
+    workspace = &world.start();
+    ASSERT_THAT(world.identifiers(), ElementsAre("p"));
+    EXPECT_EQ(workspace->pluginAtPath(path)->pluginUUID(), uuid);
+    const auto containing = workspace->pluginAtPath(path)->containingBundle();
+    ASSERT_TRUE(containing && containing->application);
+    EXPECT_EQ(containing->bundlePath, world.root / "elsewhere/X.app");
+    EXPECT_EQ(workspace->pluginsOf(*containing->application).size(), 1U);
+
+    workspace->addObserver(witness);
+    world.plugIn("elsewhere/X.app/PlugIns/P.appex", "p", {{"changed", true}});
+    EXPECT_THAT(witness->await(2), ElementsAre("-p", "+p"));
+    world.move("elsewhere/X.app/PlugIns", "elsewhere/X.app/Away");
+    world.move("elsewhere/X.app/Away/P.appex", "elsewhere/X.app/P.appex");
+    EXPECT_THAT(witness->await(1), ElementsAre("-p"));
+    world.move("elsewhere/X.app/P.appex", "elsewhere/X.app/Away/P.appex");
+    world.move("elsewhere/X.app/Away", "elsewhere/X.app/PlugIns");
+    EXPECT_THAT(witness->await(1), ElementsAre("+p"));
+
+    EXPECT_TRUE(workspace->unregisterPlugin(path));
+    EXPECT_THAT(world.identifiers(), IsEmpty());
+    EXPECT_FALSE(workspace->unregisterPlugin(path));
+    world.start();
+    EXPECT_THAT(world.identifiers(), IsEmpty());
+}
+
+TEST(Registration, RefusesWhatIsNoPlugIn) {
+    Installation world;
+    world.write("elsewhere/plain/Info.plist", Dictionary{{"QFBundleIdentifier", "x"}});
+    world.writeText("elsewhere/file", "");
+    world.plugIn(kPlugIn, "a");
+    auto& workspace = world.start();
+    for (const char* const path : {"elsewhere/plain", "elsewhere/file", "elsewhere/missing", "elsewhere"}) {
+        EXPECT_FALSE(workspace.registerPlugin(world.root / path)) << path;
+        EXPECT_FALSE(workspace.unregisterPlugin(world.root / path)) << path;
+    }
+    EXPECT_FALSE(workspace.unregisterPlugin(world.root / kPlugIn));  // installed, but not by registration
+    EXPECT_TRUE(workspace.registerPlugin(world.root / kPlugIn));
+    EXPECT_TRUE(workspace.unregisterPlugin(world.root / kPlugIn));
+    EXPECT_THAT(world.identifiers(), ElementsAre("a"));
+}
+
+}  // namespace
+}  // namespace dravo
