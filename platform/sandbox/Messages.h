@@ -1,0 +1,19 @@
+#pragma once
+
+// The keys and names of the sandbox service's messages; Sandbox.h tells what they mean.
+namespace sandbox {
+
+inline constexpr char kServiceSuffix[] = ".sandbox";
+
+inline constexpr char kRequestKey[] = "request";
+inline constexpr char kTokenKey[] = "token";
+inline constexpr char kHandleKey[] = "handle";
+inline constexpr char kPathKey[] = "path";
+inline constexpr char kErrorCodeKey[] = "errorcode";
+inline constexpr char kErrorKey[] = "error";
+
+inline constexpr char kConsumeRequest[] = "consume";
+inline constexpr char kReleaseRequest[] = "release";
+inline constexpr char kOpenRequest[] = "open";
+
+}  // namespace sandbox
