@@ -149,7 +149,7 @@ value::Dictionary VTDPlugIn::issueResourceExtensions(const value::Value& shared)
         const std::string* name = element.string();
         if (name == nullptr) continue;
         const std::string target = *name == "." ? root : root + '/' + *name;
-        if (const auto token = VTIssueReadExtension(target)) {
+        if (const auto token = VTIssueReadExtension(target, root)) {
             extensions.set(*name, *token);
         } else {
             logging::notice(text::format("failed to make extension for {} in plug-in at {}: {}", target, root,

@@ -21,8 +21,10 @@ inline constexpr char kReadOnlyFileClass[] = "halvern.file-read";
 // Issues a token for the canonical form of the path, of a directory or a regular file: class, path and file identity
 // under a MAC whose key never leaves this process and is new at each start. Nothing on refusal, with errno set: ENOENT,
 // ENAMETOOLONG (over 1023 bytes once resolved), EACCES (neither directory nor regular file), EINVAL (another class, a
-// NUL byte) or what the kernel said. Issuing for the same unchanged file again costs one stat. Any thread.
-std::optional<std::string> issueFileExtension(std::string_view extensionClass, const std::string& path);
+// NUL byte), EXDEV (not at or beneath the directory that the path must not lead out of, if one is given) or what the
+// kernel said. Issuing for the same unchanged file again costs one stat. Any thread.
+std::optional<std::string> issueFileExtension(std::string_view extensionClass, const std::string& path,
+                                              const std::string& within = {});
 
 // Whether the peer's process runs inside a sandbox: another user namespace than ours, more seccomp filters than we
 // have, or another root that carries a container's marker file (/run/.containerenv, /.dockerenv,
