@@ -1,0 +1,74 @@
+#include <gtest/gtest.h>
+
+#include "Velto/VTProtocol.h"
+#include "tests/vtd/FakeRegistry.h"
+#include "vtd/Discovery.h"
+#include "vtd/VTDPlugIn.h"
+
+namespace {
+
+using value::Dictionary;
+
+enum class Place { system, application, nowhere };
+
+// A record without a bundle on disk: discovery reads nothing there.
+std::shared_ptr<VTDPlugIn> plugInAt(Place place, bool dedicated = false) {
+    const auto proxy = std::make_shared<fake::PlugIn>("org.example.one", "/a.app/PlugIns/p.plugin");
+    proxy->held = {{kReplacePlugInEntitlement, "org.example.one"}};
+    auto plugIn = std::make_shared<VTDPlugIn>();
+    plugIn->setDvproxy(proxy);
+    const Dictionary info{{"KXExtension", Dictionary{{"KXExtensionProtocol", "P"}, {"Dedicated", dedicated}}}};
+    EXPECT_TRUE(plugIn->setupWithName(proxy->identifier, proxy->path, info, std::nullopt, proxy->uuid));
+    plugIn->resolveSDK();
+    plugIn->setOnSystemVolume(place == Place::system);
+    if (place == Place::application) plugIn->setContainingUrl("/a.app");
+    return plugIn;
+}
+
+void annotate(const VTDPlugIn& plugIn, VTForm& form) {
+    form.set(VTFormKey::annotations, Dictionary{{"of", plugIn.identifier()}});
+}
+
+TEST(Discovery, EachGateHoldsBackWhatItShould) {
+    const struct {
+        const char* name;
+        Place place;
+        bool dedicated;
+        std::uint64_t flags;
+        std::optional<std::string> clientPlugIns;
+        Dictionary rules;
+        std::string_view gate;  // that refuses; empty: a match
+    } rows[] = {
+        {"in an application", Place::application, false, 0, {}, {}, ""},
+        {"on the system volume, in nothing", Place::system, false, VTDiscoverSystemVolumeOnly, {}, {}, ""},
+        {"in nothing", Place::nowhere, false, 0, {}, {}, "location"},
+        {"in nothing, for all", Place::nowhere, false, VTDiscoverSystemVolumeOnly | VTDiscoverAll, {}, {}, ""},
+        {"not on the system volume", Place::application, false, VTDiscoverSystemVolumeOnly, {}, {}, "location"},
+        {"dedicated to another", Place::application, true, 0, "/b.app/PlugIns", {}, "dedication"},
+        {"dedicated to the client, by prefix", Place::application, true, 0, "/a.app/Plug", {}, ""},
+        {"dedicated, client without a bundle", Place::application, true, 0, {}, {}, "dedication"},
+        {"dedicated, client without a directory", Place::application, true, 0, "", {}, "dedication"},
+        {"dedicated, for all", Place::application, true, VTDiscoverAll, {}, {}, ""},
+        {"rules are for all", Place::nowhere, true, VTDiscoverAll, {}, {{"A", false}, {"B", true}}, "rules"},
+        {"rules that match", Place::application, false, 0, {}, {{"A", false}}, ""},
+    };
+    for (const auto& row : rows) {
+        Discovery discovery{{row.rules, row.flags, row.clientPlugIns}, annotate};
+        const auto refusal = discovery.visit(*plugInAt(row.place, row.dedicated));
+        EXPECT_EQ(refusal ? refusal->gate : "", row.gate) << row.name;
+        EXPECT_TRUE(row.gate != "rules" || refusal->detail == "B") << row.name;
+        EXPECT_EQ(std::move(discovery).finish().size(), refusal ? 0U : 1U) << row.name;
+    }
+}
+
+TEST(Discovery, MatchCarriesItsAnnotationsAndLinksAndRefusesItsOwnCopy) {
+    const auto plugIn = plugInAt(Place::system);
+    Discovery discovery{{{}, 0, {}}, annotate};
+    EXPECT_FALSE(discovery.visit(*plugIn));
+    EXPECT_EQ(discovery.visit(*plugIn)->gate, "duplicates");
+    const Dictionary form = std::move(discovery).finish().at(0).dictionary();
+    EXPECT_EQ(*form.dictionary(VTFormKey::annotations), (Dictionary{{"of", "org.example.one"}}));
+    EXPECT_EQ(*form.string(VTFormKey::overrider), plugIn->uuid().string());
+}
+
+}  // namespace
