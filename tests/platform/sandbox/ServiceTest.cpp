@@ -78,16 +78,17 @@ TEST_F(ServiceTest, LendsFilesForTokensAndNothingWithout) {
 }
 
 TEST_F(ServiceTest, LendsToAnotherProcessThatShowsItsToken) {
-    if (const char* given = getenv("SANDBOX_TEST_TOKEN")) {
-        const std::string path = getenv("SANDBOX_TEST_PATH");
-        printf("\nread: %s\n", read(consume(given), path).c_str());
+    const char* shown = getenv("SANDBOX_TEST_TOKEN");
+    const char* path = getenv("SANDBOX_TEST_PATH");
+    if (shown != nullptr && path != nullptr) {
+        printf("\nread: %s\n", read(consume(shown), path).c_str());
         return;
     }
     const auto service = Service::create(kDaemon);
     ASSERT_FALSE(service->resume());
-    const auto readElsewhere = [&](const std::string& shown) {
+    const auto readElsewhere = [&](const std::string& lent) {
         setenv("SANDBOX_TEST_ROOT", (root / "run").c_str(), 1);
-        setenv("SANDBOX_TEST_TOKEN", shown.c_str(), 1);
+        setenv("SANDBOX_TEST_TOKEN", lent.c_str(), 1);
         setenv("SANDBOX_TEST_PATH", file.c_str(), 1);
         const std::string self = std::filesystem::read_symlink("/proc/self/exe");
         FILE* other = popen(("'" + self + "' --gtest_filter=ServiceTest.LendsToAnother*").c_str(), "r");
