@@ -135,5 +135,39 @@ TEST(IssueFileExtension, RefusesWithAReason) {
     EXPECT_EQ(errno, EINVAL);
 }
 
+TEST(IssueFileExtension, StaysWithinTheDirectoryItIsGiven) {
+    const support::TemporaryDirectory root;
+    root.write("bundle/Shared/file", "x");
+    root.write("bundle2/file", "y");
+    ASSERT_EQ(symlink("Shared", (root / "bundle/inward").c_str()), 0);
+    ASSERT_EQ(symlink("../bundle2", (root / "bundle/outward").c_str()), 0);
+    ASSERT_EQ(symlink("bundle", (root / "link").c_str()), 0);
+    const struct {
+        const char* path;
+        bool issued;
+    } rows[] = {
+        {"bundle", true},
+        {"bundle/Shared", true},
+        {"bundle/Shared/../inward/file", true},
+        {"bundle/outward", false},
+        {"bundle/outward/file", false},
+        {"bundle/..", false},
+        {"bundle/../bundle2", false},
+    };
+    for (const auto& row : rows) {
+        for (const char* within : {"bundle", "link"}) {
+            static_cast<void>(issue(root / row.path));  // a token kept for anywhere does not count
+            errno = 0;
+            const auto token = issueFileExtension(kReadOnlyFileClass, root / row.path, root / within);
+            EXPECT_EQ(token.has_value(), row.issued) << row.path << " within " << within;
+            EXPECT_EQ(errno == EXDEV, !row.issued) << row.path << " within " << within;
+        }
+    }
+    const std::string inward = root / "bundle/inward";
+    ASSERT_TRUE(issueFileExtension(kReadOnlyFileClass, inward, root / "bundle"));
+    ASSERT_EQ(unlink(inward.c_str()) + symlink("../bundle2", inward.c_str()), 0);
+    EXPECT_FALSE(issueFileExtension(kReadOnlyFileClass, inward, root / "bundle")) << "a link exchanged since";
+}
+
 }  // namespace
 }  // namespace sandbox
