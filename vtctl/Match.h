@@ -1,0 +1,18 @@
+#pragma once
+
+#include <cstdint>
+#include <string>
+#include <vector>
+
+#include "vtctl/ExitStatus.h"
+
+// `vtctl match`: the forms that a host would get.
+struct MatchOptions {
+    std::string serviceName;
+    std::vector<std::string> patterns;  // KEY=PATTERN
+    std::string rulesFile;              // a property list or JSON; empty for none
+    std::uint64_t flags = 0;
+    bool asJson = false;
+};
+
+ExitStatus runMatch(const MatchOptions& options);
