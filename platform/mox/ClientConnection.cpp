@@ -11,7 +11,6 @@
 #include <deque>
 #include <map>
 #include <mutex>
-#include <system_error>
 #include <utility>
 
 #include "platform/mox/FrameReader.h"
@@ -178,7 +177,7 @@ void Client::connect(int tries) {
         });
         return;
     }
-    if (error != 0) return fail(unreachable(std::generic_category().message(error)));
+    if (error != 0) return fail(unreachable(value::posixError(error, {}).localizedDescription()));
 
     link->watch = queue::watch(link->socket.get(), queue_, [weak = weak_from_this()](std::uint32_t readiness) {
         if (const auto self = weak.lock()) self->socketReady(readiness);

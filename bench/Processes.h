@@ -1,0 +1,46 @@
+#pragma once
+
+#include <sys/types.h>
+
+#include <cstddef>
+#include <functional>
+#include <string>
+#include <vector>
+
+namespace bench {
+
+// Keeps this process, with the threads it has yet to start, on one core, or lets it use all of them again.
+void pinToCore(int core);
+void unpin();
+
+// A child process that runs the closure, or another program; killed and waited for when the object goes.
+class Child {
+public:
+    explicit Child(const std::function<void()>& work);
+    Child(const std::string& program, const std::vector<std::string>& arguments);
+    ~Child();
+    Child(const Child&) = delete;
+    Child& operator=(const Child&) = delete;
+
+    pid_t pid() const { return pid_; }
+    std::size_t residentBytes() const;  // VmRSS
+
+private:
+    pid_t pid_;
+};
+
+// The real daemon on a world, with a service name of its own; HALVERN_ROOT of this process is set to the world's root.
+class Daemon {
+public:
+    Daemon(const std::string& root, const std::vector<std::string>& arguments = {});
+
+    const Child& process() const { return process_; }
+
+private:
+    Child process_;
+};
+
+// Seconds from the start of a daemon until it has answered one request.
+double secondsToFirstAnswer(const std::string& root);
+
+}  // namespace bench
