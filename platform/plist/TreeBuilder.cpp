@@ -11,11 +11,22 @@ value::Error errorOf(const Fault& fault, std::string_view where) {
     return {"plist", static_cast<std::int64_t>(fault.code), text::format("{}: {}", where, fault.what)};
 }
 
-TreeBuilder::TreeBuilder(const Limits& limits) : limits_{limits} {
+TreeBuilder::Pending& TreeBuilder::spare() {
+    static thread_local Pending pending;
+    return pending;
+}
+
+TreeBuilder::TreeBuilder(const Limits& limits) : limits_{limits}, pending_{std::exchange(spare(), {})} {
     constexpr std::size_t kUsualDepth = 8;
-    constexpr std::size_t kUsualEntries = 48;
+    constexpr std::size_t kUsualEntries = 64;
     open_.reserve(kUsualDepth);
     pending_.reserve(kUsualEntries);
+}
+
+TreeBuilder::~TreeBuilder() {
+    constexpr std::size_t kMostKept = 1024;
+    pending_.clear();
+    if (pending_.capacity() <= kMostKept) spare() = std::move(pending_);
 }
 
 std::optional<Fault> TreeBuilder::open(Container container) {
@@ -27,8 +38,7 @@ std::optional<Fault> TreeBuilder::open(Container container) {
 }
 
 std::optional<Fault> TreeBuilder::addKey(std::string key) {
-    if (open_.empty() || open_.back().container != Container::dictionary)
-        return Fault{.what = "key outside a dictionary"};
+    if (!isInDictionary()) return Fault{.what = "key outside a dictionary"};
     if (open_.back().awaitsValue) return Fault{.what = "key without a value"};
     pending_.push_back({std::move(key), false});
     open_.back().awaitsValue = true;

@@ -24,6 +24,9 @@ value::Error errorOf(const Fault& fault, std::string_view where);
 class TreeBuilder {
 public:
     explicit TreeBuilder(const Limits& limits);
+    TreeBuilder(const TreeBuilder&) = delete;
+    TreeBuilder& operator=(const TreeBuilder&) = delete;
+    ~TreeBuilder();
 
     [[nodiscard]] std::optional<Fault> openArray() { return open(Container::array); }
     [[nodiscard]] std::optional<Fault> openDictionary() { return open(Container::dictionary); }
@@ -32,6 +35,8 @@ public:
     [[nodiscard]] std::optional<Fault> close();  // the innermost container
 
     std::size_t depth() const { return open_.size(); }
+    bool isInArray() const { return isIn(Container::array); }
+    bool isInDictionary() const { return isIn(Container::dictionary); }
     bool complete() const { return hasRoot_ && open_.empty(); }
     value::Value takeRoot() { return std::move(root_); }  // once, when complete
 
@@ -43,6 +48,7 @@ private:
         std::size_t firstEntry;  // among the pending ones
     };
 
+    bool isIn(Container container) const { return !open_.empty() && open_.back().container == container; }
     std::optional<Fault> open(Container container);
     std::optional<Fault> countValue();
     std::optional<Fault> checkPlace() const;
@@ -53,8 +59,10 @@ private:
     std::vector<Open> open_;
 
     // The elements so far of all open containers, those of inner ones on top; keys stay empty in arrays. One stack for
-    // all lets each container be allocated once, at its size.
-    std::vector<value::Dictionary::Entry> pending_;
+    // all lets each container be allocated once, at its size. Its room is kept for the thread's next list.
+    using Pending = std::vector<value::Dictionary::Entry>;
+    static Pending& spare();
+    Pending pending_;
 
     value::Value root_ = false;
     bool hasRoot_ = false;

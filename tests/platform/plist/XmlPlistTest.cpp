@@ -5,6 +5,8 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include "platform/plist/FullXmlReader.h"
+#include "platform/plist/PlainXmlReader.h"
 #include "platform/plist/Plist.h"
 #include "tests/support/RandomValue.h"
 #include "tests/support/TemporaryDirectory.h"
@@ -74,6 +76,9 @@ TEST(XmlPlist, RefusesWhatIsNotStrictlyAPropertyListAndSaysWhere) {
         {"<plist/>", "no value"},
         {inPlist("<plist><true/></plist>"), "<plist> out of place"},
         {inPlist("<true/><true/>"), "more than one root"},
+        {inPlist("<array><true/></dict>"), "mismatched tag"},
+        {inPlist("<string>]]></string>"), "not well-formed"},
+        {inPlist("<string>\xEF\xBF\xBF</string>"), "not well-formed"},
         {inPlist("<true/>") + "<plist/>", "junk after document element"},
         {inPlist("<uid>1</uid>"), "unknown element <uid>"},
         {inPlist("<string a=\"b\">x</string>"), "unknown attribute"},
@@ -152,10 +157,13 @@ TEST(XmlPlist, GivesBackWhatWasWritten) {
         const Value value = random();
         const auto text = writeXml(value);
         ASSERT_TRUE(text) << description(value);
-        const auto back = read(*text);
+        const auto back = readFullXml(*text, {});
         ASSERT_TRUE(back) << *text << back.error().localizedDescription();
         ASSERT_EQ(*back, value) << *text;
         ASSERT_EQ(*writeXml(*back), *text);
+        const auto quicklyBack = readPlainXml(*text, {});
+        ASSERT_TRUE(quicklyBack) << "what we write ourselves is read the quick way\n" << *text;
+        ASSERT_EQ(*writeXml(*quicklyBack), *text);
     }
     for (const double real : {-0.0, 0.1, 5e-324, 1.7976931348623157e308, -std::numeric_limits<double>::infinity()}) {
         const auto back = read(*writeXml(real));

@@ -4,8 +4,11 @@
 // open at a time: `leaf_` tells which, and its text gathers in `text_`. Anything else is refused where it is met; expat
 // may make a few more callbacks after it was told to stop, which are passed over.
 
+#include "platform/plist/FullXmlReader.h"
+
 #include <sys/random.h>
 
+#include <cerrno>
 #include <climits>
 #include <cstdint>
 #include <cstring>
@@ -14,7 +17,6 @@
 
 #include <expat.h>
 
-#include "platform/plist/Plist.h"
 #include "platform/plist/ScalarText.h"
 #include "platform/plist/TreeBuilder.h"
 #include "platform/text/Format.h"
@@ -209,9 +211,9 @@ private:
 
 }  // namespace
 
-value::Result<value::Value> readXml(std::string_view bytes, const Limits& limits) {
-    if (bytes.size() > limits.bytes || bytes.size() > INT_MAX / 4) {
-        return errorOf({ErrorCode::beyondLimits, "too large"}, text::format("{} bytes", bytes.size()));
+value::Result<value::Value> readFullXml(std::string_view bytes, const Limits& limits) {
+    if (bytes.size() > INT_MAX / 4) {
+        return errorOf({ErrorCode::beyondLimits, "too large for a parser"}, text::format("{} bytes", bytes.size()));
     }
     const KeptParser parser{bytes.size()};
     if (parser.get() == nullptr) return value::posixError(ENOMEM, "making a parser");
