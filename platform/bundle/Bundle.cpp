@@ -1,6 +1,5 @@
 #include "platform/bundle/Bundle.h"
 
-#include <fcntl.h>
 #include <sys/stat.h>
 
 #include <filesystem>
@@ -24,9 +23,8 @@ struct Info {
 };
 
 std::shared_ptr<const Info> readInfo(const std::string& bundlePath) {
-    const file::UniqueFd directory{::open(bundlePath.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC)};
-    if (!directory) return nullptr;
-    const auto contents = file::readRegularBeneath(directory.get(), kInfoFile, kInfoLimit);
+    const auto contents =
+        file::readRegular(text::format("{}/{}", bundlePath, kInfoFile), kInfoLimit, file::FinalLink::refused);
     if (!contents) return nullptr;
     auto info = std::make_shared<Info>();
     const auto root = plist::read(contents->bytes);

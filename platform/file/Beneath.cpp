@@ -4,28 +4,39 @@
 #include <linux/openat2.h>
 #include <sys/syscall.h>
 
+#include <algorithm>
 #include <cerrno>
+#include <cstdint>
 #include <string_view>
-#include <vector>
+#include <utility>
 
 namespace file {
 
 namespace {
 
-// The names between the separators, without empty ones and ".". An error number when the path is none that may be
-// followed here: decided on the text, so that both ways of opening refuse the same.
-int split(const std::string& path, std::vector<std::string>& names) {
-    if (path.empty()) return ENOENT;
-    if (path.find('\0') != std::string::npos) return EINVAL;
-    if (path.front() == '/') return EXDEV;
-    for (std::size_t from = 0; from <= path.size();) {
-        const std::size_t to = std::min(path.find('/', from), path.size());
-        const std::string_view name = std::string_view{path}.substr(from, to - from);
-        if (name == "..") return EXDEV;
-        if (!name.empty() && name != ".") names.emplace_back(name);
-        from = to + 1;
+// Takes the next component off the path, passing over empty ones and "."; empty at the end.
+std::string_view nextName(std::string_view& path) {
+    while (!path.empty()) {
+        const std::size_t end = std::min(path.find('/'), path.size());
+        const std::string_view name = path.substr(0, end);
+        path.remove_prefix(std::min(end + 1, path.size()));
+        if (!name.empty() && name != ".") return name;
     }
-    return names.empty() ? EISDIR : 0;
+    return {};
+}
+
+// An error number when the path is none that may be followed here, else 0: decided on the text, so that both ways of
+// opening refuse the same.
+int refusalOf(std::string_view path) {
+    if (path.empty()) return ENOENT;
+    if (path.find('\0') != std::string_view::npos) return EINVAL;
+    if (path.front() == '/') return EXDEV;
+    std::string_view name = nextName(path);
+    if (name.empty()) return EISDIR;
+    for (; !name.empty(); name = nextName(path)) {
+        if (name == "..") return EXDEV;
+    }
+    return 0;
 }
 
 UniqueFd openInOneCall(int directory, const std::string& path, int flags) {
@@ -35,13 +46,15 @@ UniqueFd openInOneCall(int directory, const std::string& path, int flags) {
     return UniqueFd{static_cast<int>(::syscall(SYS_openat2, directory, path.c_str(), &how, sizeof how))};
 }
 
-UniqueFd openByComponents(int directory, const std::vector<std::string>& names, int flags) {
+UniqueFd openByComponents(int directory, std::string_view path, int flags) {
     UniqueFd at;
-    for (std::size_t i = 0; i < names.size(); ++i) {
-        const int step = i + 1 < names.size() ? O_PATH | O_DIRECTORY | O_CLOEXEC : flags;
-        UniqueFd next{::openat(at ? at.get() : directory, names[i].c_str(), step | O_NOFOLLOW)};
+    for (std::string_view name = nextName(path); !name.empty();) {
+        const std::string_view following = nextName(path);
+        const int step = following.empty() ? flags : O_PATH | O_DIRECTORY | O_CLOEXEC;
+        UniqueFd next{::openat(at ? at.get() : directory, std::string{name}.c_str(), step | O_NOFOLLOW)};
         if (!next) return {};
         at = std::move(next);
+        name = following;
     }
     return at;
 }
@@ -49,11 +62,10 @@ UniqueFd openByComponents(int directory, const std::vector<std::string>& names, 
 }  // namespace
 
 value::Result<UniqueFd> openBeneath(int directory, const std::string& relativePath, int flags) {
-    std::vector<std::string> names;
-    if (const int refused = split(relativePath, names); refused != 0) return value::posixError(refused, relativePath);
+    if (const int refused = refusalOf(relativePath); refused != 0) return value::posixError(refused, relativePath);
     UniqueFd opened = openInOneCall(directory, relativePath, flags);
     // Filters of older containers answer EPERM for calls that they do not know.
-    if (!opened && (errno == ENOSYS || errno == EPERM)) opened = openByComponents(directory, names, flags);
+    if (!opened && (errno == ENOSYS || errno == EPERM)) opened = openByComponents(directory, relativePath, flags);
     if (!opened) return value::posixError(errno, relativePath);
     return opened;
 }

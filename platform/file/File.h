@@ -45,8 +45,9 @@ struct Contents {
 
 // Reads a whole regular file: opened without blocking and checked on the descriptor, so that a pipe, a device or a
 // directory is an error and not a hang; larger than `limit` bytes is an error before anything is allocated for it.
-// Errors are of the domain "posix"; a missing file is ENOENT, one too large EFBIG.
-value::Result<Contents> readRegular(const std::string& path, std::size_t limit);
+// Errors are of the domain "posix"; a missing file is ENOENT, one too large EFBIG, a refused link ELOOP.
+enum class FinalLink { followed, refused };  // when the last component of the path is a symbolic link
+value::Result<Contents> readRegular(const std::string& path, std::size_t limit, FinalLink link = FinalLink::followed);
 
 // The same for a name below an open directory (O_PATH will do), of which no component may be a link ("..", too, is
 // refused, and so is an absolute name).

@@ -92,9 +92,9 @@ bool settled(const Stamp& stamp) {
     return nanoseconds(now) - std::max(stamp.changed, stamp.modified) > kTwoTicks;
 }
 
-value::Result<Contents> readRegular(const std::string& path, std::size_t limit) {
+value::Result<Contents> readRegular(const std::string& path, std::size_t limit, FinalLink link) {
     if (path.find('\0') != std::string::npos) return failure(EINVAL, path);
-    const UniqueFd fd{::open(path.c_str(), kOpenFlags)};
+    const UniqueFd fd{::open(path.c_str(), kOpenFlags | (link == FinalLink::refused ? O_NOFOLLOW : 0))};
     if (!fd) return failure(errno, path);
     return readOpened(fd, path, limit);
 }

@@ -47,6 +47,8 @@ TEST(ReadRegular, TakesRegularFilesWholeAndRefusesAllElseWithoutBlocking) {
         EXPECT_EQ(read ? 0 : read.error().code, row.error) << row.path;
         EXPECT_EQ(read ? read->bytes : "", row.bytes) << row.path;
     }
+    EXPECT_EQ(readRegular(root / "link", 100, FinalLink::refused).error().code, ELOOP);
+    EXPECT_TRUE(readRegular(root / "full", 100, FinalLink::refused));
     const auto procfs = readRegular("/proc/self/limits", 1 << 20);
     ASSERT_TRUE(procfs);
     EXPECT_NE(procfs->bytes.find("Max open files"), std::string::npos);
