@@ -68,6 +68,7 @@ bool FrameReader::takeHeader() {
     if (!fault_.empty()) return false;
     input_ = input_.subspan(wire::kHeaderSize);
     filled_ = 0;
+    if (sender_ == Sender::service) partial_.body.reserve(std::min(partialSize(), kBelieved));
     return inFrame_ = true;
 }
 
