@@ -21,6 +21,7 @@ namespace {
 constexpr unsigned kMostThreads = 8;
 constexpr int kEventsAtOnce = 16;
 constexpr long kReminderNanoseconds = 1'000'000;
+constexpr std::chrono::milliseconds kMakeWay{20};
 constexpr int kAtOnce = 0;
 constexpr int kForever = -1;
 
@@ -129,7 +130,10 @@ void Pool::schedule(std::shared_ptr<SerialQueue::State> queue) {
     {
         const std::lock_guard lock{mutex_};
         scheduled_.push(std::move(queue));
-        if (waiting_ == 0) return;  // everybody is at work and will look here
+        if (waiting_ == 0) {  // everybody is at work and will look here, or makes way
+            madeWay_.notify_one();
+            return;
+        }
         wakes = lent == 0 || scheduled_.size() > 1;
     }
     if (wakes) {
@@ -248,12 +252,15 @@ void Pool::report(std::uint64_t id, std::uint32_t readiness, std::shared_ptr<Ser
 }
 
 // A recalled lender has to get off epoll, but the kernel cannot be told which thread to wake. So the event stays until
-// the lender has come back, and every other thread that gets it makes way.
+// the lender has come back, and every other thread that gets it makes way: for some time, since the kernel prefers who
+// came last, and a thread that came back after the lender would be given the events that the lender waits for, have to
+// recall it, and so on for ever.
 void Pool::waitForEvents(Lender* lender) {
     const Taken taken = takeEvents(kForever, lender);
     if (!taken.recallEvent || taken.recalled || taken.work) return;
     std::unique_lock lock{mutex_};
     lendersCameBack_.wait(lock, [this] { return recalledLenders_ == 0; });
+    if (waiting_ > 0) madeWay_.wait_for(lock, kMakeWay, [this] { return scheduled_.size() > 0; });
 }
 
 bool Pool::comeBack(Lender& lender) {

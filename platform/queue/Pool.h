@@ -94,6 +94,7 @@ private:
     std::vector<Lender*> lenders_;
     unsigned recalledLenders_ = 0;
     std::condition_variable lendersCameBack_;
+    std::condition_variable madeWay_;  // where threads stay that made way for a lender
 };
 
 }  // namespace queue
