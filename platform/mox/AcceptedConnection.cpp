@@ -88,12 +88,13 @@ void AcceptedConnection::begin() {
     afterOutput(output_.send(socket_.get(), helloFrame(nonce_)));
 }
 
+// Strong, as in cancel(): who was promised a last event gets it, even when nobody else keeps the connection.
 void AcceptedConnection::resume() {
-    later([](AcceptedConnection& self) {
-        if (std::exchange(self.resumed_, true)) return;
-        if (self.stage_ == Stage::ended) return self.deliverInvalid();
-        self.stage_ = Stage::open;
-        self.readOn();
+    queue_->async([self = shared_from_this()] {
+        if (std::exchange(self->resumed_, true)) return;
+        if (self->stage_ == Stage::ended) return self->deliverInvalid();
+        self->stage_ = Stage::open;
+        self->readOn();
     });
 }
 

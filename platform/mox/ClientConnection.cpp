@@ -11,6 +11,7 @@
 #include <deque>
 #include <map>
 #include <mutex>
+#include <system_error>
 #include <utility>
 
 #include "platform/mox/FrameReader.h"
@@ -177,7 +178,7 @@ void Client::connect(int tries) {
         });
         return;
     }
-    if (error != 0) return fail(unreachable(value::posixError(error, {}).localizedDescription()));
+    if (error != 0) return fail(unreachable(std::generic_category().message(error)));
 
     link->watch = queue::watch(link->socket.get(), queue_, [weak = weak_from_this()](std::uint32_t readiness) {
         if (const auto self = weak.lock()) self->socketReady(readiness);

@@ -1,13 +1,11 @@
 #include "platform/mox/ServiceSocket.h"
 
 #include <fcntl.h>
-#include <sys/file.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
-#include <array>
 #include <cerrno>
 #include <charconv>
 #include <cstdlib>
@@ -101,38 +99,18 @@ value::Result<std::unique_ptr<ServiceSocket>> ServiceSocket::open(const std::str
     auto directory = openRuntimeDirectory();
     if (!directory) return directory.error();
 
-    std::unique_ptr<ServiceSocket> service{new ServiceSocket{name}};
-    service->directory_ = *std::move(directory);
-    if (auto error = service->lock()) return *std::move(error);
+    auto lock = lock::LockFile::take(text::format("{}/{}.lock", paths::directories().runtime, name));
+    if (!lock)
+        return value::Error{"mox", lock.error().code,
+                            text::format("service {}: {}", name, lock.error().localizedDescription())};
+
+    std::unique_ptr<ServiceSocket> service{new ServiceSocket{name, *std::move(directory), *std::move(lock)}};
     service->socket_ = passedSocket(name);
     service->isPassed_ = static_cast<bool>(service->socket_);
     if (!service->isPassed_) {
         if (auto error = service->bind()) return *std::move(error);
     }
     return service;
-}
-
-// The lock's file stays for good: were it removed, two services could each hold the lock of a file of that name.
-std::optional<value::Error> ServiceSocket::lock() {
-    const std::string lockName = name_ + ".lock";
-    lock_ = file::UniqueFd{
-        ::openat(directory_.get(), lockName.c_str(), O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK, 0600)};
-    if (!lock_) return value::posixError(errno, lockName);
-    if (::flock(lock_.get(), LOCK_EX | LOCK_NB) != 0) {
-        const int error = errno;
-        if (error != EWOULDBLOCK) return value::posixError(error, lockName);
-        std::array<char, 16> holder;
-        const ssize_t length = ::pread(lock_.get(), holder.data(), holder.size(), 0);
-        const std::string_view pid{holder.data(), static_cast<std::size_t>(std::max<ssize_t>(length, 0))};
-        lock_.reset();
-        return value::Error{"mox", EADDRINUSE,
-                            text::format("service {} is already served by process {}", name_,
-                                         pid.substr(0, pid.find_first_not_of("0123456789")))};
-    }
-    const std::string pid = text::format("{}\n", ::getpid());
-    if (::ftruncate(lock_.get(), 0) != 0 || ::pwrite(lock_.get(), pid.data(), pid.size(), 0) < 0)
-        return value::posixError(errno, lockName);
-    return {};
 }
 
 std::optional<value::Error> ServiceSocket::bind() {

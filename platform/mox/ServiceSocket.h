@@ -3,10 +3,13 @@
 #include <sys/un.h>
 
 #include <memory>
+#include <optional>
 #include <string>
 #include <string_view>
+#include <utility>
 
 #include "platform/file/UniqueFd.h"
+#include "platform/lock/LockFile.h"
 #include "platform/value/Error.h"
 
 // Where services have their sockets: the runtime directory, which belongs to the user alone. Sockets are bound and
@@ -36,13 +39,13 @@ public:
     int get() const { return socket_.get(); }
 
 private:
-    explicit ServiceSocket(std::string name) : name_{std::move(name)} {}
-    std::optional<value::Error> lock();
+    ServiceSocket(std::string name, file::UniqueFd directory, lock::LockFile lock)
+        : name_{std::move(name)}, directory_{std::move(directory)}, lock_{std::move(lock)} {}
     std::optional<value::Error> bind();
 
     const std::string name_;
-    file::UniqueFd directory_;
-    file::UniqueFd lock_;
+    const file::UniqueFd directory_;
+    const lock::LockFile lock_;
     file::UniqueFd socket_;
     bool isPassed_ = false;
 };

@@ -1,0 +1,96 @@
+#include <gtest/gtest.h>
+
+#include "platform/mox/Charges.h"
+
+namespace mox {
+namespace {
+
+class Connection : public Holder {
+public:
+    Connection(const std::shared_ptr<Ledger>& ledger, ProcessKey process) : account{ledger->open(process)} {}
+    void readAgain() override { ++resumed; }
+    void endForExcess() override { ended = true; }
+
+    const std::shared_ptr<Account> account;
+    int resumed = 0;
+    bool ended = false;
+};
+
+std::shared_ptr<Connection> connect(const std::shared_ptr<Ledger>& ledger, ProcessKey process) {
+    auto connection = std::make_shared<Connection>(ledger, process);
+    if (connection->account) connection->account->setHolder(connection);
+    return connection;
+}
+
+constexpr ProcessKey kFirst{10, 1};
+constexpr ProcessKey kSecond{10, 2};  // the pid was reused
+
+TEST(Charges, PauseAConnectionPastItsOwnBoundUntilThingsGo) {
+    const auto ledger = std::make_shared<Ledger>(Bounds{});
+    const auto a = connect(ledger, kFirst);
+    const auto b = connect(ledger, kFirst);
+    {
+        const Charge within{a->account, {.backlog = Bounds{}.connection.backlog}};
+        EXPECT_TRUE(a->account->mayRead());
+        const Charge beyond{a->account, {.backlog = 1}};
+        EXPECT_FALSE(a->account->mayRead());
+        EXPECT_TRUE(b->account->mayRead());
+    }
+    EXPECT_EQ(a->resumed, 1);
+    EXPECT_EQ(b->resumed, 0);
+    EXPECT_TRUE(a->account->mayRead());
+}
+
+TEST(Charges, PauseAllConnectionsOfAProcessPastItsBound) {
+    const auto ledger = std::make_shared<Ledger>(Bounds{});
+    const auto a = connect(ledger, kFirst);
+    const auto b = connect(ledger, kFirst);
+    const auto other = connect(ledger, kSecond);
+    {
+        const Charge much{a->account, {.backlog = Bounds{}.process.backlog + 1}};
+        EXPECT_FALSE(b->account->mayRead());
+        EXPECT_TRUE(other->account->mayRead());
+    }
+    EXPECT_EQ(b->resumed, 1);
+    {
+        const Charge partial{a->account, {.partial = Bounds{}.process.backlog + 1}};  // waits for the peer itself
+        EXPECT_TRUE(a->account->mayRead());
+    }
+}
+
+TEST(Charges, EndTheGreatestConnectionOfTheGreatestProcessAtTheTotal) {
+    Bounds bounds;
+    bounds.total.backlog = 100;
+    const auto ledger = std::make_shared<Ledger>(bounds);
+    const auto single = connect(ledger, kSecond);
+    const auto small = connect(ledger, kFirst);
+    const auto great = connect(ledger, kFirst);
+    const Charge a{single->account, {.backlog = 40}};
+    const Charge b{small->account, {.partial = 25}};
+    const Charge c{great->account, {.partial = 30}};
+    EXPECT_FALSE(great->ended);
+    const Charge straw{single->account, {.backlog = 6}};
+    EXPECT_TRUE(great->ended);
+    EXPECT_FALSE(small->ended || single->ended);
+    const Charge room{single->account, {.backlog = 29}};  // what was ended counts no more
+    EXPECT_FALSE(small->ended || single->ended);
+}
+
+TEST(Charges, RefuseOnlyTheProcessThatHasAllItsConnections) {
+    Bounds bounds;
+    bounds.process.connections = 2;
+    bounds.total.connections = 3;
+    const auto ledger = std::make_shared<Ledger>(bounds);
+    const auto a = connect(ledger, kFirst);
+    auto b = connect(ledger, kFirst);
+    EXPECT_EQ(connect(ledger, kFirst)->account, nullptr);
+    const auto c = connect(ledger, kSecond);
+    const auto newcomer = connect(ledger, kSecond);
+    EXPECT_TRUE(a->ended || b->ended || c->ended);
+    EXPECT_FALSE(newcomer->ended);
+    b->account->close();
+    EXPECT_NE(connect(ledger, kFirst)->account, nullptr);
+}
+
+}  // namespace
+}  // namespace mox

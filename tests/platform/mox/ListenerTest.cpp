@@ -1,0 +1,103 @@
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+
+#include <cstdlib>
+#include <filesystem>
+
+#include <gtest/gtest.h>
+
+#include "platform/mox/ServiceSocket.h"
+#include "tests/platform/mox/Peers.h"
+
+namespace moxtest {
+namespace {
+
+namespace fs = std::filesystem;
+
+TEST(Listener, TakesTheSocketOfADeadServiceButNotOfALivingOne) {
+    World world;
+    Service service;
+    ASSERT_FALSE(service.start());
+    Service second;
+    const auto error = second.start();
+    ASSERT_TRUE(error);
+    EXPECT_EQ(error->message, "service test.service: process " + std::to_string(::getpid()) + " holds the lock " +
+                                  world.runtime() + "/test.service.lock");
+    Service other;
+    EXPECT_FALSE(other.start("other.service"));
+
+    service.stop();
+    {  // what a service leaves behind that was killed
+        const auto directory = mox::openRuntimeDirectory();
+        const sockaddr_un address = mox::serviceAddress(directory->get(), Service::kName);
+        const file::UniqueFd stale{::socket(AF_UNIX, SOCK_STREAM, 0)};
+        ASSERT_EQ(::bind(stale.get(), reinterpret_cast<const sockaddr*>(&address), sizeof address), 0);
+    }
+    ASSERT_FALSE(second.start());
+    RawPeer peer{Service::kName};
+    peer.greet();
+    EXPECT_TRUE(second.awaitConnections(1));
+}
+
+TEST(Listener, IsReachedUnderALongRootAndByItsOwnerOnly) {
+    World world;
+    paths::Directories deep = paths::directories();
+    for (int i = 0; i < 6; ++i) deep.runtime += "/" + std::string(50, 'd');
+    paths::setDirectories(deep);
+    Service service;
+    ASSERT_FALSE(service.start());
+    RawPeer peer{Service::kName};
+    peer.greet();
+    EXPECT_TRUE(service.awaitConnections(1));
+    struct stat socket {};
+    struct stat directory {};
+    ASSERT_EQ(::stat((deep.runtime + "/" + Service::kName).c_str(), &socket), 0);
+    ASSERT_EQ(::stat(deep.runtime.c_str(), &directory), 0);
+    EXPECT_EQ(socket.st_mode & 0777, 0600U);
+    EXPECT_EQ(directory.st_mode & 0777, 0700U);
+}
+
+TEST(Listener, RefusesADirectoryThatOthersMayWriteTo) {
+    World world;
+    fs::create_directory(world.runtime());
+    fs::permissions(world.runtime(), fs::perms{0770});
+    Service service;
+    EXPECT_TRUE(service.start());
+}
+
+TEST(Listener, ChecksNames) {
+    for (const char* name : {"halvern.velto.vtd", "a", "NAME.sandbox"}) EXPECT_TRUE(mox::isServiceName(name)) << name;
+    const std::string tooLong(81, 'n');
+    for (const char* name : {"", ".", "..", ".hidden", "a/b", "a\nb", tooLong.c_str()})
+        EXPECT_FALSE(mox::isServiceName(name)) << name;
+}
+
+TEST(Listener, UsesASocketThatTheServiceManagerPassesForItsName) {
+    World world;
+    const auto opened = [](const char* names) {
+        const pid_t child = ::fork();
+        if (child != 0) {
+            int status = 0;
+            ::waitpid(child, &status, 0);
+            return WEXITSTATUS(status);
+        }
+        const int own = ::socket(AF_UNIX, SOCK_STREAM, 0);
+        sockaddr_un unnamed{};
+        unnamed.sun_family = AF_UNIX;
+        ::bind(own, reinterpret_cast<sockaddr*>(&unnamed), sizeof(sa_family_t));
+        ::listen(own, 1);
+        for (const int passed : {3, 4}) ::dup2(own, passed);
+        ::setenv("LISTEN_PID", std::to_string(::getpid()).c_str(), 1);
+        ::setenv("LISTEN_FDS", "2", 1);
+        ::setenv("LISTEN_FDNAMES", names, 1);
+        const auto service = mox::ServiceSocket::open(Service::kName);
+        ::_exit(service ? (*service)->get() : 0);
+    };
+    EXPECT_EQ(opened("other:test.service"), 4);
+    EXPECT_EQ(opened("test.service:other"), 3);
+    EXPECT_GT(opened("other:another"), 4);
+}
+
+}  // namespace
+}  // namespace moxtest
