@@ -1,0 +1,142 @@
+#include <future>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include <gmock/gmock.h>
+
+#include "Velto/VTAssertion.h"
+#include "Velto/VTDaemonClient.h"
+#include "tests/support/LogLines.h"
+
+using testing::ElementsAre;
+using value::Array;
+using value::Dictionary;
+using value::Value;
+
+namespace {
+
+value::Error veltoError(std::int64_t code, std::string message) {
+    return {"Velto", code, std::move(message)};
+}
+
+constexpr char kNobody[] = "halvern.velto.nobody";
+
+// Keeps the requests that the client sends, and answers each where it is sent: not on the client's queue.
+class RecordingConnection : public mox::ClientConnection {
+public:
+    void setEventHandler(EventHandler) override {}
+    void resume() override {}
+    void announceTermination() override {}
+    void cancel() override {}
+    std::string description() const override { return "recording"; }
+    void send(const mox::Dictionary& message, ReplyHandler reply) override {
+        sent.push_back(message.toObject().view().toValue());
+        reply(mox::Object{Dictionary{}});
+    }
+
+    std::vector<Value> sent;
+};
+
+}  // namespace
+
+TEST(DaemonClient, BuildsTheRequestsThatTheDaemonKnows) {
+    VTDaemonClient client{kNobody};
+    const auto connection = std::make_shared<RecordingConnection>();
+    client.setVtd(connection);
+    const std::vector<std::string> paths{"/a", "/b"};
+    const std::vector<value::Uuid> uuids{value::Uuid::random(), value::Uuid::random()};
+    const Dictionary structured{{"k", Array{1, value::Date{2}}}};
+    const auto ignore = [](const mox::Object&) {};
+
+    client.addPlugIns(paths, ignore);
+    client.removePlugIns(paths, ignore);
+    client.bulkPlugins(5, ignore);
+    client.readyPlugIns(uuids, 1, ignore);
+    client.accessPlugIns(uuids, 2, ignore);
+    client.matchPlugIns(structured, VTDiscoverAll, ignore);
+    client.setPluginAnnotations(uuids, structured, ignore);
+    client.holdPlugins(paths, VTHoldPlugIn, ignore);
+    client.releaseHold(uuids[0], ignore);
+
+    const Array pathValues{"/a", "/b"};
+    const Array uuidValues{uuids[0], uuids[1]};
+    const auto request = [](const char* name, const Dictionary& rest) {
+        return Value{rest.changing("request", name).changing("version", 3)};
+    };
+    EXPECT_THAT(connection->sent,
+                ElementsAre(request("add", {{"paths", pathValues}}), request("remove", {{"paths", pathValues}}),
+                            request("bulk", {{"flags", 5}}), request("ready", {{"uuids", uuidValues}, {"flags", 1}}),
+                            request("access", {{"uuids", uuidValues}, {"flags", 2}}),
+                            request("match", {{"rules", structured}, {"flags", 0x200}}),
+                            request("annotate", {{"uuids", uuidValues}, {"annotations", structured}}),
+                            request("lock", {{"paths", pathValues}, {"flags", 2}}),
+                            request("lock", {{"uuids", Array{uuids[0]}}})));
+    for (const Value& message : connection->sent) {
+        EXPECT_EQ(message.dictionary()->find("version")->kind(), value::Kind::unsignedInteger);
+    }
+    client.setProtocolVersion(2);
+    EXPECT_EQ(client.request("bulk").toObject().view().find("version")->unsignedInteger(), 2U);
+}
+
+TEST(DaemonClient, HandsRepliesOnInItsOwnQueue) {
+    VTDaemonClient client{kNobody};
+    client.setVtd(std::make_shared<RecordingConnection>());
+    std::promise<bool> onQueue;
+    client.bulkPlugins(0, [&](const mox::Object&) { onQueue.set_value(client.replyQueue()->isCurrent()); });
+    EXPECT_TRUE(onQueue.get_future().get());
+    EXPECT_EQ(client.replyQueue()->label(), "vtd_client");
+}
+
+TEST(DaemonClient, TurnsRepliesIntoErrors) {
+    const auto code = [](std::int64_t c) { return static_cast<std::uint64_t>(c); };
+    const struct {
+        const char* name;
+        Value reply;
+        std::optional<value::Error> error;
+    } rows[] = {
+        {"success", Dictionary{}, {}},
+        {"success with a result", Dictionary{{"matches", Array{}}}, {}},
+        {"code and message", Dictionary{{"errorcode", code(14)}, {"error", "plug-ins are busy"}},
+         veltoError(14, "plug-ins are busy")},
+        {"code alone", Dictionary{{"errorcode", code(9)}}, veltoError(9, "unknown error returned by Velto subsystem")},
+        {"negative code", Dictionary{{"errorcode", code(-3)}, {"error", "m"}}, veltoError(-3, "m")},
+        {"only the low 32 bits", Dictionary{{"errorcode", std::uint64_t{7} << 32}}, {}},
+    };
+    for (const auto& row : rows) {
+        EXPECT_EQ(VTDaemonClient::errorInReply(mox::Object{row.reply}), row.error) << row.name;
+    }
+
+    const auto failed = VTDaemonClient::errorInReply(mox::Object{value::Error{"mox", 1, "no such service"}});
+    EXPECT_EQ(failed->domain, "Velto");
+    EXPECT_EQ(failed->code, 4);
+    EXPECT_THAT(*failed->message, testing::HasSubstr("no such service"));
+
+    try {
+        (void)VTDaemonClient::errorInReply(mox::Object{Dictionary{{"error", "lost"}}});
+        FAIL();
+    } catch (const VTInternalInconsistency& broken) {
+        EXPECT_STREQ(broken.what(), "vtd reported error without a code: lost");
+    }
+}
+
+TEST(DaemonClient, ConvertsValuesForItsOwnVersionOnly) {
+    VTDaemonClient client{kNobody};
+    const Value value{Dictionary{{"a", Array{1, 2U, true, 2.5, value::Data{}, value::Date{1}}}}};
+    const auto message = VTDaemonClient::convertToMox(value, 3);
+    const mox::View view{(*message)->data()};
+    EXPECT_EQ(client.convertFromMox(view), value);
+    EXPECT_EQ(client.convertFromMox(*view.message()), std::nullopt);
+    client.setProtocolVersion(2);
+    EXPECT_EQ(client.convertFromMox(view), std::nullopt);
+    for (const std::int64_t version : {0, 2, 4}) EXPECT_EQ(VTDaemonClient::convertToMox(value, version), std::nullopt);
+}
+
+TEST(DaemonClient, AnUnreachableServiceIsAnErrorReplyAndALogLine) {
+    support::LogLines log;
+    VTDaemonClient client{kNobody};
+    std::promise<std::optional<value::Error>> answered;
+    client.bulkPlugins(0, [&](const mox::Object& reply) { answered.set_value(VTDaemonClient::errorInReply(reply)); });
+    EXPECT_EQ(answered.get_future().get()->code, 4);
+    EXPECT_TRUE(log.awaitLine("Communications error: "));
+}
