@@ -22,10 +22,11 @@ namespace {
 // A child process that has prepared itself and waits to be ended.
 class Child {
 public:
-    explicit Child(const std::function<bool()>& prepare) {
+    // The namespaces are made with the child, since a sanitizer's thread would keep it from making them itself.
+    explicit Child(const std::function<bool()>& prepare, int namespaces = 0) {
         int ends[2];
         if (pipe(ends) != 0) return;
-        pid_ = fork();
+        pid_ = static_cast<pid_t>(syscall(SYS_clone, namespaces | SIGCHLD, nullptr, nullptr, nullptr, nullptr));
         if (pid_ == 0) {
             const char outcome = prepare() ? 'y' : 'n';
             if (write(ends[1], &outcome, 1) == 1) {
@@ -81,16 +82,17 @@ TEST(IsSandboxed, TellsByWhatTheKernelSays) {
         const char* name;
         std::function<bool()> prepare;
         bool sandboxed;
+        int namespaces = 0;
     } rows[] = {
         {"a process like any", [] { return true; }, false},
-        {"another user namespace", [] { return unshare(CLONE_NEWUSER) == 0; }, true},
+        {"another user namespace", [] { return true; }, true, CLONE_NEWUSER},
         {"one filter of system calls", filterNothing, true},
         {"another root", [&] { return chroot(plain.path().c_str()) == 0; }, false},
         {"a container's root", [&] { return chroot(container.path().c_str()) == 0; }, true},
         {"a root that shows ours", [&] { return chroot(outward.path().c_str()) == 0; }, false},
     };
     for (const auto& row : rows) {
-        const Child child{row.prepare};
+        const Child child{row.prepare, row.namespaces};
         if (!child.prepared()) {
             EXPECT_NE(geteuid(), 0U) << row.name;  // only root may do all of this
             continue;
