@@ -6,6 +6,7 @@
 #include <string>
 #include <string_view>
 
+#include "Velto/VTAssertion.h"
 #include "Velto/VTProtocol.h"
 #include "platform/logging/Log.h"
 #include "vtd/VTDServer.h"
@@ -49,6 +50,7 @@ int main(int argc, char** argv) {
     const std::optional<Options> options = readOptions(argc, argv);
     if (!options) return misused();
 
+    VTSetAssertionPolicy(VTAssertionPolicy::endProcess);
     ::signal(SIGPIPE, SIG_IGN);  // a peer or a log reader that is gone is an error of the write, not our end
 
     const auto server = VTDServer::initForService(options->service, options->database);
