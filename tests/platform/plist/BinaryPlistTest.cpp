@@ -21,7 +21,8 @@ std::string bytesOf(std::string_view hex) {
 
 std::string bigEndian(std::uint64_t number, int size) {
     std::string bytes;
-    for (int shift = 8 * (size - 1); shift >= 0; shift -= 8) bytes += static_cast<char>(number >> shift);
+    for (int shift = 8 * (size - 1); shift >= 0; shift -= 8)
+        bytes += static_cast<char>(shift < 64 ? number >> shift : 0);
     return bytes;
 }
 
