@@ -1,9 +1,9 @@
 #include <gtest/gtest.h>
 
 #include "Velto/VTError.h"
-#include "platform/logging/Log.h"
 #include "platform/paths/Paths.h"
 #include "platform/plist/Plist.h"
+#include "tests/support/LogLines.h"
 #include "tests/support/TemporaryDirectory.h"
 #include "tests/vtd/FakeRegistry.h"
 #include "vtd/VTDAnnotationStore.h"
@@ -20,12 +20,10 @@ using value::Value;
 class Database : public testing::Test {
 protected:
     Database() {
-        logging::setSink([this](logging::Level, std::string_view line) { log.emplace_back(line); });
         paths::setDirectories({root / "run", root / "state", root / "config", root / "user", root / "system", true});
         database = *VTDatabase::initWithDatabase(root / "Annotations", registry);
         database->setCacheLimit(150);
     }
-    ~Database() override { logging::setSink({}); }
 
     // Data plug-ins in one bundle: what they are does not matter here, only how many there are.
     std::shared_ptr<fake::PlugIn> install(const std::string& identifier, Dictionary entitlements = {}) {
@@ -55,7 +53,7 @@ protected:
     }
 
     const support::TemporaryDirectory root;
-    std::vector<std::string> log;
+    support::LogLines log;
     const std::shared_ptr<fake::Workspace> registry = std::make_shared<fake::Workspace>();
     std::shared_ptr<VTDatabase> database;
 };
@@ -153,7 +151,7 @@ TEST_F(Database, CacheIsEmptiedWholeOnceItIsOverTheLimit) {
     build(151);
     EXPECT_EQ(cached(), 1U);
     EXPECT_EQ(registry->cleared, 1);
-    EXPECT_EQ(log, (std::vector<std::string>{"purging cache for 151 > 150"}));
+    EXPECT_EQ(log.take(), (std::vector<std::string>{"purging cache for 151 > 150"}));
     EXPECT_NE(build(0), first);
 
     database->setCacheLimit(0);
@@ -168,7 +166,7 @@ TEST_F(Database, LookupsThatFindNothingSaySo) {
     EXPECT_EQ(database->findPlugInAtPath(root / "bundle"), database->findPlugIn(proxy->uuid));
     EXPECT_EQ(database->findPlugInAtPath("/nowhere"), nullptr);
     EXPECT_EQ(database->findPlugIn(value::Uuid{}), nullptr);
-    EXPECT_EQ(log,
+    EXPECT_EQ(log.take(),
               (std::vector<std::string>{"Dravo cannot find plug-in at path:/nowhere",
                                         "Dravo cannot find plug-in with UUID:00000000-0000-0000-0000-000000000000"}));
     EXPECT_EQ(database->plugInsWithinApplication("/a.app").value().size(), 1U);
@@ -213,8 +211,9 @@ TEST_F(Database, UninstallDropsTheRecordAndTellsTheDelegateOutsideTheQueue) {
     observer->pluginsDidInstall({proxy});
     observer->pluginsWillUninstall({proxy, never});
     const std::string rest = " a(7) " + proxy->uuid.string() + " " + root.path() + "/bundle";
-    EXPECT_EQ(log.at(0), "INSTALLED:a" + rest);
-    EXPECT_EQ(log.at(1), "UNINSTALLED:a" + rest);
+    const std::vector<std::string> lines = log.take();
+    EXPECT_EQ(lines.at(0), "INSTALLED:a" + rest);
+    EXPECT_EQ(lines.at(1), "UNINSTALLED:a" + rest);
     EXPECT_EQ(delegate->told, 2U);
     EXPECT_TRUE(delegate->outside);
     EXPECT_EQ(cached(), 0U);

@@ -2,8 +2,8 @@
 
 #include <gtest/gtest.h>
 
-#include "platform/logging/Log.h"
 #include "platform/plist/Plist.h"
+#include "tests/support/LogLines.h"
 #include "tests/support/TemporaryDirectory.h"
 #include "tests/vtd/FakeRegistry.h"
 #include "vtd/VTDPlugIn.h"
@@ -16,11 +16,6 @@ using value::Value;
 
 class PlugInRecord : public testing::Test {
 protected:
-    PlugInRecord() {
-        logging::setSink([this](logging::Level, std::string_view line) { log += std::string{line} + "\n"; });
-    }
-    ~PlugInRecord() override { logging::setSink({}); }
-
     // A bundle on disk, without an Info.plist when there is nothing to be in it, and what the registry says of it.
     std::shared_ptr<fake::PlugIn> install(const std::string& bundle, const std::optional<Dictionary>& info) {
         std::filesystem::create_directories(root / bundle);
@@ -32,7 +27,7 @@ protected:
 
     const Dictionary plain = extension({{"KXExtensionProtocol", "P"}});
     const support::TemporaryDirectory root;
-    std::string log;
+    support::LogLines log;
 };
 
 TEST_F(PlugInRecord, IsBuiltOrDropsOutWithALine) {
@@ -57,9 +52,10 @@ TEST_F(PlugInRecord, IsBuiltOrDropsOutWithALine) {
     for (const auto& row : rows) {
         const auto proxy = install(row.bundle, row.info);
         proxy->dataContainer = row.dataContainer;
-        log.clear();
-        EXPECT_EQ(VTDPlugIn::initWithDVData(proxy) != nullptr, row.line.empty()) << row.bundle << ": " << log;
-        EXPECT_NE(log.find(row.line), std::string::npos) << row.bundle << ": " << log;
+        EXPECT_EQ(VTDPlugIn::initWithDVData(proxy) != nullptr, row.line.empty()) << row.bundle;
+        const std::vector<std::string> lines = log.take();
+        EXPECT_EQ(lines.size(), row.line.empty() ? 0U : 1U) << row.bundle;
+        EXPECT_TRUE(lines.empty() || lines[0].find(row.line) != std::string::npos) << row.bundle << ": " << lines[0];
     }
 }
 
@@ -68,7 +64,7 @@ TEST_F(PlugInRecord, TakesFromTheRegistryWhatOnlyItKnows) {
     proxy->registered = value::Date{-1.9};
     proxy->container = dravo::DVBundleProxy{std::make_shared<fake::Application>(), "/a.app"};
     const auto plugIn = VTDPlugIn::initWithDVData(proxy);
-    ASSERT_NE(plugIn, nullptr) << log;
+    ASSERT_NE(plugIn, nullptr);
     EXPECT_EQ(plugIn->uuid(), proxy->uuid);
     EXPECT_EQ(plugIn->originalIdentifier(), "org.example.original");
     EXPECT_EQ(plugIn->lastModified(), -1);
@@ -143,10 +139,11 @@ TEST_F(PlugInRecord, SharedResourcesNeverLeadOutOfTheBundle) {
         EXPECT_EQ(issued, row.issued) << row.name;
     }
     EXPECT_TRUE(plugIn->issueResourceExtensions(std::string{"Inside\0x", 8}).empty());
-    log.clear();
+    log.take();
     EXPECT_TRUE(plugIn->issueResourceExtensions("none").empty());
-    EXPECT_EQ(log, "failed to make extension for " + (root / "1.plugin/none") + " in plug-in at " +
-                       (root / "1.plugin") + ": No such file or directory\n");
+    EXPECT_EQ(log.take(),
+              (std::vector<std::string>{"failed to make extension for " + (root / "1.plugin/none") + " in plug-in at " +
+                                        (root / "1.plugin") + ": No such file or directory"}));
 
     // What was sound once and was exchanged since is refused like any other.
     std::filesystem::remove(root / "1.plugin/In");
