@@ -29,7 +29,7 @@ protected:
     std::shared_ptr<fake::PlugIn> install(const std::string& identifier, Dictionary entitlements = {}) {
         const Dictionary info{{"KXExtension", Dictionary{{"KXExtensionProtocol", "#Data"}}}};
         if (registry->installed.empty()) root.write("bundle/Info.plist", *plist::writeXml(info));
-        const auto proxy = std::make_shared<fake::PlugIn>(identifier, root / "bundle");
+        auto proxy = std::make_shared<fake::PlugIn>(identifier, root / "bundle");
         proxy->held = std::move(entitlements);
         registry->installed.push_back(proxy);
         return proxy;

@@ -41,8 +41,9 @@ std::string resolvePlainly(const std::vector<Copy>& visited, std::uint64_t flags
             const Copy x = list[i];
             if (x.identifier != p.identifier) continue;
             const auto c = compareVersionString(p.version, x.version);
-            if ((flags & 1) != 0 && (c != 0 || (flags & 4) != 0)) continue;
-            const bool wins = c > 0 || (c == 0 && ((p.onSystem && !x.onSystem) || p.modified > x.modified));
+            if ((flags & 1) != 0 && (std::is_neq(c) || (flags & 4) != 0)) continue;
+            const bool winsTie = (p.onSystem && !x.onSystem) || p.modified > x.modified;
+            const bool wins = std::is_gt(c) || (std::is_eq(c) && winsTie);
             if (wins) list.erase(list.begin() + static_cast<std::ptrdiff_t>(i));
             dropped = !wins;
             break;
