@@ -77,33 +77,28 @@ TEST_F(ServiceTest, LendsFilesForTokensAndNothingWithout) {
     EXPECT_EQ(read(other, file), "an icon");
 }
 
-TEST_F(ServiceTest, LendsToAnotherProcessThatShowsItsToken) {
-    const char* shown = getenv("SANDBOX_TEST_TOKEN");
+TEST_F(ServiceTest, LendsToAnotherProcessThatShowsItsTokenAndTakesNoneOfThatOnesMaking) {
+    const char* lent = getenv("SANDBOX_TEST_TOKEN");
     const char* path = getenv("SANDBOX_TEST_PATH");
-    if (shown != nullptr && path != nullptr) {
-        printf("\nread: %s\n", read(consume(shown), path).c_str());
+    if (lent != nullptr && path != nullptr) {
+        printf("\nanswer: %s\n", (read(consume(lent), path) + ", " + read(consume(token(path)), path)).c_str());
         return;
     }
     const auto service = Service::create(kDaemon);
     ASSERT_FALSE(service->resume());
-    const auto readElsewhere = [&](const std::string& lent) {
-        setenv("SANDBOX_TEST_ROOT", (root / "run").c_str(), 1);
-        setenv("SANDBOX_TEST_TOKEN", lent.c_str(), 1);
-        setenv("SANDBOX_TEST_PATH", file.c_str(), 1);
-        const std::string self = std::filesystem::read_symlink("/proc/self/exe");
-        FILE* other = popen(("'" + self + "' --gtest_filter=ServiceTest.LendsToAnother*").c_str(), "r");
-        for (const char* name : {"SANDBOX_TEST_ROOT", "SANDBOX_TEST_TOKEN", "SANDBOX_TEST_PATH"}) unsetenv(name);
-        std::array<char, 4096> line{};
-        std::string answer;
-        while (other != nullptr && fgets(line.data(), line.size(), other) != nullptr) {
-            const std::string text{line.data()};
-            if (text.starts_with("read: ")) answer = text.substr(6, text.size() - 7);
-        }
-        if (other != nullptr) pclose(other);
-        return answer;
-    };
-    EXPECT_EQ(readElsewhere(token(bundle())), "an icon");
-    EXPECT_EQ(readElsewhere(token(bundle()) + "0"), "EBADF");
+    setenv("SANDBOX_TEST_ROOT", (root / "run").c_str(), 1);
+    setenv("SANDBOX_TEST_TOKEN", token(bundle()).c_str(), 1);
+    setenv("SANDBOX_TEST_PATH", file.c_str(), 1);
+    const std::string self = std::filesystem::read_symlink("/proc/self/exe");
+    FILE* other = popen(("'" + self + "' --gtest_filter=ServiceTest.LendsToAnother*").c_str(), "r");
+    for (const char* name : {"SANDBOX_TEST_ROOT", "SANDBOX_TEST_TOKEN", "SANDBOX_TEST_PATH"}) unsetenv(name);
+    ASSERT_NE(other, nullptr);
+    std::string answer;
+    for (std::array<char, 4096> line{}; fgets(line.data(), line.size(), other) != nullptr;) {
+        if (std::string_view{line.data()}.starts_with("answer: ")) answer = line.data();
+    }
+    pclose(other);
+    EXPECT_EQ(answer, "answer: an icon, EBADF\n");
 }
 
 TEST_F(ServiceTest, HandlesGoWithTheConnectionAndTheServiceMayComeBack) {
