@@ -31,8 +31,8 @@ struct DVBundleProxy {
     std::string bundlePath;
 };
 
-// An installed plug-in: one record for each identifier of a bundle. Immutable; dictionaries that the registry keeps may
-// be read again from disk when they were dropped.
+// An installed plug-in: one record for each identifier of a bundle. Its original identifier is the bundle's, else its
+// own. Immutable; dictionaries that the registry keeps may be read again from disk when they were dropped.
 class DVVeltoProxy {
 public:
     virtual ~DVVeltoProxy() = default;
@@ -49,7 +49,7 @@ public:
     virtual std::optional<std::string> localizedName() const = 0;
     virtual std::optional<std::string> localizedShortName() const = 0;
     virtual value::Dictionary entitlements() const = 0;
-    virtual std::optional<std::string> dataContainerPath() const = 0;
+    virtual std::optional<std::string> dataContainerPath() const = 0;  // nothing when it could not be made
 };
 
 using PluginList = std::vector<std::shared_ptr<const DVVeltoProxy>>;
@@ -83,7 +83,9 @@ public:
     virtual std::optional<PluginList> installedPlugins() const = 0;
 
     // The plug-ins with one of the identifiers and at one of the extension points (nothing: no constraint; an empty
-    // list admits none) that the filter accepts. The filter is called on the caller's thread, without a lock.
+    // list admits none) that the filter accepts, in the order of installedPlugins(). Texts are compared as rules are,
+    // runs of digits by value; an extension point may go by more names than the rules will find. The filter is called
+    // on the caller's thread, without a lock.
     using Filter = std::function<bool(const std::string& identifier, const value::Dictionary& entitlements)>;
     virtual std::optional<PluginList> plugins(const std::optional<std::vector<std::string>>& identifiers,
                                               const std::optional<std::vector<std::string>>& extensionPoints,
@@ -96,7 +98,9 @@ public:
     virtual std::shared_ptr<const DVApplicationProxy> applicationAtPath(const std::string& path) const = 0;
     virtual PluginList pluginsOf(const DVApplicationProxy& application) const = 0;
 
-    // Registration of a bundle by path, kept over restarts; false when there is no plug-in there, or nothing to remove.
+    // Registration of a bundle by path, kept over restarts; false when there is no plug-in there, or nothing to remove,
+    // or it could not be saved. Both return when it is on disk and has been announced, so an observer must not call
+    // them.
     virtual bool registerPlugin(const std::string& path) = 0;
     virtual bool unregisterPlugin(const std::string& path) = 0;
 

@@ -1,5 +1,6 @@
 #include "platform/dravo/Registrar.h"
 
+#include <cerrno>
 #include <utility>
 
 #include "platform/file/File.h"
@@ -12,10 +13,12 @@ namespace dravo {
 namespace {
 
 constexpr std::size_t kDirtyLimit = 10'000;  // topics; past that one look at everything is cheaper
-constexpr int kPollShare = 50;               // at most one part in so many of the time goes into polling
+constexpr std::chrono::seconds kRetry{1};
+constexpr int kPollShare = 50;  // at most one part in so many of the time goes into polling
 
 // What the store remembers, as a snapshot to compare the disk with.
-std::shared_ptr<const Snapshot> remembered(Store::Contents contents, const std::shared_ptr<Surroundings>& surroundings,
+std::shared_ptr<const Snapshot> remembered(Store::Contents&& contents,
+                                           const std::shared_ptr<Surroundings>& surroundings,
                                            DataContainers& containers, SdkPointNames& sdkNames) {
     std::unordered_map<std::string, std::shared_ptr<const ApplicationRecord>> applications;
     Snapshot::Applications allApplications;
@@ -57,7 +60,7 @@ value::Result<std::shared_ptr<Registrar>> Registrar::open(const Noticing& notici
     if (!opened) return opened.error();
     const std::shared_ptr<Registrar> registrar{
         new Registrar{noticing, std::move(*lock), storePath, std::move(*opened), state + "/containers"}};
-    registrar->queue_->sync([&] { registrar->firstLook(); });
+    if (auto error = registrar->queue_->sync([&] { return registrar->firstLook(); })) return *error;
     registrar->queue_->async([weak = registrar->weak_from_this()] {
         if (const auto self = weak.lock()) self->watch();
     });
@@ -86,6 +89,7 @@ void Registrar::stop() {
         watcher_.reset();
         settling_.rest();
         pollTimer_.reset();
+        retryTimer_.reset();
         store_.reset();
         lock_.reset();
     };
@@ -118,10 +122,11 @@ bool Registrar::registerCanonical(const std::string& path) {
         const Scanner::Pass pass{scanner_, snapshot()};
         lookAtRegistered(path);
     }
-    const Finding& finding = findings_[{Topic::Kind::registered, path}];
+    const auto finding = findings_.find({Topic::Kind::registered, path});
     // A folder that merely lies in PlugIns/ may do without a description; who registers one by name means a plug-in.
-    const bool isPlugIn = !finding.bundles.empty() && !finding.bundles.front()->plugIns().empty() &&
-                          finding.bundles.front()->plugIns().front().pluginDictionary().has_value();
+    const auto& bundles = finding != findings_.end() ? finding->second.bundles : Snapshot::Bundles{};
+    const bool isPlugIn = !bundles.empty() && !bundles.front()->plugIns().empty() &&
+                          bundles.front()->plugIns().front().pluginDictionary().has_value();
     if (isPlugIn) {
         Registrations fresh;
         if (isNew) fresh.fresh.push_back(path);
@@ -149,9 +154,12 @@ bool Registrar::unregisterPlugin(const std::string& path) {
     });
 }
 
-void Registrar::firstLook() {
+// Nothing is forgotten for want of descriptors: better not to start.
+std::optional<value::Error> Registrar::firstLook() {
     lookAtEverything();
+    if (retryTimer_) return value::posixError(EMFILE, "cannot look at what is installed");
     static_cast<void>(apply(isNew_ ? Announce::nothing : Announce::changes));
+    return {};
 }
 
 // Watches are placed behind the first answers, for they take their time. The second look closes the gap: what changes
@@ -222,19 +230,38 @@ void Registrar::lookAgain() {
 }
 
 void Registrar::lookAtEverything() {
-    auto before = std::exchange(findings_, {});
+    ++look_;
     roots_ = installationRoots();
     const Scanner::Pass pass{scanner_, snapshot()};
+    bool complete = true;
     for (const Root& root : roots_) {
         const Topic topic{Topic::Kind::root, root.path};
         Watcher::Look look{watcher_.get(), topic};
         look.towards(root.path);
-        for (const std::string& name : scanner_.entries(root)) lookAtEntry(root, name);
+        const auto names = scanner_.entries(root);
+        complete = complete && !scanner_.starved();
+        for (const std::string& name : names) lookAtEntry(root, name);
     }
     for (const std::string& path : registrations_) lookAtRegistered(path);
-    for (const auto& [topic, finding] : before) {
-        if (!findings_.contains(topic)) forget(topic);
+    if (!complete) {
+        retryLater();
+        return;
     }
+    std::vector<Topic> gone;
+    for (const auto& [topic, finding] : findings_) {
+        if (finding.look != look_) gone.push_back(topic);
+    }
+    for (const Topic& topic : gone) forget(topic);
+}
+
+// What could not be looked at stays as it was known, until it can.
+void Registrar::retryLater() {
+    retryTimer_ = queue::after(kRetry, queue_, [weak = weak_from_this()] {
+        const auto self = weak.lock();
+        if (!self || self->stopped_) return;
+        self->everythingDirty_ = true;
+        self->lookAgain();
+    });
 }
 
 void Registrar::lookAt(const Topic& topic) {
@@ -259,18 +286,25 @@ void Registrar::lookAt(const Topic& topic) {
 void Registrar::lookAtEntry(const Root& root, const std::string& name) {
     const Topic topic{Topic::Kind::entry, root.path + "/" + name};
     Watcher::Look look{watcher_.get(), topic};
-    Finding finding = scanner_.entry(root, name, look);
-    if (finding.empty()) {
-        findings_.erase(topic);
-    } else {
-        findings_.insert_or_assign(topic, std::move(finding));
-    }
+    record(topic, scanner_.entry(root, name, look));
 }
 
 void Registrar::lookAtRegistered(const std::string& path) {
     const Topic topic{Topic::Kind::registered, path};
     Watcher::Look look{watcher_.get(), topic};
-    findings_.insert_or_assign(topic, scanner_.registered(path, look));
+    record(topic, scanner_.registered(path, look));
+}
+
+void Registrar::record(const Topic& topic, Finding finding) {
+    if (scanner_.starved()) {
+        retryLater();
+        if (const auto known = findings_.find(topic); known != findings_.end()) known->second.look = look_;
+    } else if (finding.empty()) {
+        findings_.erase(topic);
+    } else {
+        finding.look = look_;
+        findings_.insert_or_assign(topic, std::move(finding));
+    }
 }
 
 void Registrar::lookAtSdks() {

@@ -56,7 +56,7 @@ private:
     Registrar(const Noticing& noticing, lock::LockFile lock, std::string storePath, Store::Opened opened,
               const std::string& containers);
 
-    void firstLook();
+    [[nodiscard]] std::optional<value::Error> firstLook();
     void watch();
     void poll();
     void pollIfBlind();
@@ -66,6 +66,8 @@ private:
     void lookAt(const Topic& topic);
     void lookAtEntry(const Root& root, const std::string& name);
     void lookAtRegistered(const std::string& path);
+    void record(const Topic& topic, Finding finding);
+    void retryLater();
     void lookAtSdks();
     void forget(const Topic& topic);
 
@@ -100,6 +102,8 @@ private:
     std::unique_ptr<Watcher> watcher_;
     Settling settling_;
     std::unique_ptr<queue::Timer> pollTimer_;
+    std::unique_ptr<queue::Timer> retryTimer_;
+    std::uint64_t look_ = 0;  // counts the looks at everything
 
     mutable std::mutex mutex_;
     std::shared_ptr<const Snapshot> snapshot_;  // under the mutex

@@ -33,15 +33,16 @@ bool isBeneath(const std::string& path, const std::string& directory) {
     return path.size() > directory.size() && path.starts_with(directory) && path[directory.size()] == '/';
 }
 
-std::optional<file::Stamp> stampAt(int parent, const std::string& name) {
+std::optional<struct stat> statusOf(int parent, const std::string& name) {
     struct stat status {};
     if (::fstatat(parent, name.c_str(), &status, AT_SYMLINK_NOFOLLOW) != 0) return {};
-    return file::stampOf(status);
+    return status;
 }
 
-bool isLink(int parent, const std::string& name) {
-    struct stat status {};
-    return ::fstatat(parent, name.c_str(), &status, AT_SYMLINK_NOFOLLOW) == 0 && S_ISLNK(status.st_mode);
+std::optional<file::Stamp> stampAt(int parent, const std::string& name) {
+    const auto status = statusOf(parent, name);
+    if (!status) return {};
+    return file::stampOf(*status);
 }
 
 // A stamp that a later write is sure to change; else one that is never equal to a file's.
@@ -50,12 +51,20 @@ file::Stamp trusted(const file::Stamp& stamp) {
 }
 
 // Nothing when there is no Info.plist: no bundle, or one that is still being made.
-std::optional<BundleStamps> stampsOf(int parent, const std::string& name) {
-    const auto directory = stampAt(parent, name);
-    const auto info = directory ? stampAt(parent, name + "/" + bundle::kInfoFile) : std::nullopt;
+std::optional<BundleStamps> stampsOf(int parent, const std::string& name, const struct stat& directory) {
+    const auto info = stampAt(parent, name + "/" + bundle::kInfoFile);
     if (!info) return {};
     const auto entitlements = stampAt(parent, name + "/" + entitlements::kFile);
-    return BundleStamps{*directory, *info, entitlements.value_or(file::Stamp{})};
+    return BundleStamps{file::stampOf(directory), *info, entitlements.value_or(file::Stamp{})};
+}
+
+// What passes by itself, and says nothing of the file.
+bool isStarvation(int errorNumber) {
+    return errorNumber == EMFILE || errorNumber == ENFILE || errorNumber == ENOMEM;
+}
+
+bool isStarvation(const value::Error& error) {
+    return error.domain == "posix" && isStarvation(static_cast<int>(error.code));
 }
 
 double now() {
@@ -97,44 +106,59 @@ Scanner::Pass::Pass(Scanner& scanner, std::shared_ptr<const Snapshot> known) : s
 Scanner::Pass::~Pass() {
     scanner_.known_ = nullptr;
     scanner_.seen_.clear();
+    scanner_.rootPath_.clear();
+    scanner_.root_.reset();
+}
+
+int Scanner::rootDirectory(const Root& root) {
+    if (rootPath_ != root.path || !root_) {
+        rootPath_ = root.path;
+        root_ = file::UniqueFd{::open(root.path.c_str(), kDirectory)};
+        if (!root_) trouble(root.path, errno);
+    }
+    return root_.get();
 }
 
 std::vector<std::string> Scanner::entries(const Root& root) {
-    const file::UniqueFd directory{::open(root.path.c_str(), kDirectory)};
-    if (!directory) {
-        if (errno != ENOENT) complain(root.path, std::strerror(errno));
-        return {};
-    }
-    return list(directory.get(), root.path, kEntriesLimit);
+    starved_ = false;
+    const int directory = rootDirectory(root);
+    if (directory < 0) return {};
+    return list(directory, root.path, kEntriesLimit);
 }
 
 Finding Scanner::entry(const Root& root, const std::string& name, Watcher::Look& look) {
+    starved_ = false;
     Finding finding;
-    const file::UniqueFd parent{::open(root.path.c_str(), kDirectory)};
-    if (!parent) return finding;
+    const int parent = rootDirectory(root);
+    if (parent < 0) return finding;
     const std::string path = root.path + "/" + name;
     const Bounds bounds{root.volume, root.path};
     if (root.holds == Root::Holds::plugIns) {
-        plugIn(parent.get(), name, {path, root.onSystemVolume, nullptr}, bounds, look, finding);
+        plugIn(parent, name, {path, root.onSystemVolume, nullptr}, bounds, look, finding);
         return finding;
     }
     look.directory(path);
-    const Directory directory = open(parent.get(), name, path, bounds);
+    const Directory directory = open(parent, name, path, bounds);
     if (!directory) return finding;
+    if (directory.path != path) look.directory(directory.path);
     if (isApplication(directory.path)) {
         application(root, directory, {}, look, finding);
         return finding;
     }
-    look.directory(directory.path);
     for (const std::string& inside : list(directory.descriptor.get(), directory.path, kContainerEntriesLimit)) {
         if (!isApplication(inside)) continue;
-        const Directory app = open(directory.descriptor.get(), inside, directory.path + "/" + inside, bounds);
-        if (app && isApplication(app.path)) application(root, app, directory.path, look, finding);
+        const std::string within = directory.path + "/" + inside;
+        look.directory(within);
+        const Directory app = open(directory.descriptor.get(), inside, within, bounds);
+        if (!app || !isApplication(app.path)) continue;
+        if (app.path != within) look.directory(app.path);
+        application(root, app, directory.path, look, finding);
     }
     return finding;
 }
 
 Finding Scanner::registered(const std::string& path, Watcher::Look& look) {
+    starved_ = false;
     Finding finding;
     look.towards(path);
     if (file::canonicalPath(path) != path) return finding;  // gone, or reached through a link by now
@@ -142,7 +166,7 @@ Finding Scanner::registered(const std::string& path, Watcher::Look& look) {
     const bool onSystemVolume = isBeneath(path, file::canonicalPath(volume).value_or(volume));
     BundlePlace place{path, onSystemVolume, applicationAround(path)};
     if (place.application) finding.applications.push_back(place.application);
-    if (auto found = bundle(AT_FDCWD, path, std::move(place))) finding.bundles.push_back(std::move(found));
+    if (const auto status = statusOf(AT_FDCWD, path)) bundle(AT_FDCWD, path, *status, std::move(place), finding);
     return finding;
 }
 
@@ -151,8 +175,9 @@ Scanner::Directory Scanner::open(int parent, const std::string& name, const std:
     file::UniqueFd descriptor{::openat(parent, name.c_str(), kDirectory)};
     if (descriptor) return {std::move(descriptor), path};
     const int reason = errno;
-    if (isLink(parent, name)) return followLink(path, bounds);
-    if (reason != ENOENT && reason != ENOTDIR) complain(path, std::strerror(reason));
+    const auto status = statusOf(parent, name);
+    if (status && S_ISLNK(status->st_mode)) return followLink(path, bounds);
+    trouble(path, reason);
     return {};
 }
 
@@ -166,7 +191,9 @@ Scanner::Directory Scanner::followLink(const std::string& path, const Bounds& bo
     const bool foundAnyway =
         !except.empty() && (*target == except || isBeneath(*target, except) || isBeneath(except, *target));
     if (foundAnyway) return {};
-    return {file::UniqueFd{::open(target->c_str(), kDirectory)}, *target};
+    file::UniqueFd descriptor{::open(target->c_str(), kDirectory)};
+    if (!descriptor) trouble(*target, errno);
+    return {std::move(descriptor), *target};
 }
 
 // The directories and links in a directory, hidden ones left out, in the order of their names.
@@ -175,7 +202,7 @@ std::vector<std::string> Scanner::list(int directory, const std::string& path, s
     file::UniqueFd own{::openat(directory, ".", kDirectory)};
     const std::unique_ptr<DIR, int (*)(DIR*)> listing{own ? ::fdopendir(own.get()) : nullptr, ::closedir};
     if (!listing) {
-        complain(path, std::strerror(errno));
+        trouble(path, errno);
         return names;
     }
     static_cast<void>(own.release());  // the listing closes it
@@ -194,7 +221,6 @@ std::vector<std::string> Scanner::list(int directory, const std::string& path, s
 
 void Scanner::application(const Root& root, const Directory& directory, const std::optional<std::string>& container,
                           Watcher::Look& look, Finding& finding) {
-    look.directory(directory.path);
     const auto application = applicationRecord(directory.descriptor.get(), directory.path, container);
     finding.applications.push_back(application);
     const Bounds bounds{directory.path, ""};
@@ -222,6 +248,8 @@ std::shared_ptr<const ApplicationRecord> Scanner::applicationRecord(int director
         if (const auto info = readInfoFile(directory)) {
             facts.identifier = sensibleText(info->dictionary, bundle::kIdentifierKey);
             facts.name = displayName(info->dictionary);
+        } else if (isStarvation(info.error())) {
+            starved_ = true;
         } else if (!record || record->facts().info != stamp) {
             logging::warning(text::format("application at {}: {}", path, info.error().localizedDescription()));
         }
@@ -238,7 +266,10 @@ std::shared_ptr<const ApplicationRecord> Scanner::applicationAround(const std::s
         if (!isApplication(above)) continue;
         if (const auto seen = seen_.find(above); seen != seen_.end()) return seen->second;
         const file::UniqueFd directory{::open(above.c_str(), kDirectory)};
-        if (!directory) return nullptr;
+        if (!directory) {
+            trouble(above, errno);
+            return nullptr;
+        }
         const auto known = known_->application(above);
         return applicationRecord(directory.get(), above, known ? known->facts().containerPath : std::nullopt);
     }
@@ -249,32 +280,37 @@ void Scanner::plugIn(int parent, const std::string& name, BundlePlace place, con
                      Finding& finding) {
     if (place.path.size() > kPathLimit) return;
     look.directory(place.path);
-    std::shared_ptr<const BundleRecord> found;
-    if (isLink(parent, name)) {
+    const auto status = statusOf(parent, name);
+    if (status && S_ISDIR(status->st_mode)) {
+        bundle(parent, name, *status, std::move(place), finding);
+    } else if (status && S_ISLNK(status->st_mode)) {
         const Directory target = followLink(place.path, bounds);
-        if (!target) return;
+        const auto targetStatus = target ? statusOf(target.descriptor.get(), ".") : std::nullopt;
+        if (!targetStatus) return;
         look.directory(target.path);
         place.path = target.path;
-        found = bundle(target.descriptor.get(), ".", std::move(place));
-    } else {
-        found = bundle(parent, name, std::move(place));
+        bundle(target.descriptor.get(), ".", *targetStatus, std::move(place), finding);
     }
-    if (found) finding.bundles.push_back(std::move(found));
 }
 
-std::shared_ptr<const BundleRecord> Scanner::bundle(int parent, const std::string& name, BundlePlace place) {
-    const auto stamps = stampsOf(parent, name);
-    if (!stamps) return nullptr;
+void Scanner::bundle(int parent, const std::string& name, const struct stat& directory, BundlePlace place,
+                     Finding& finding) {
+    const auto stamps = stampsOf(parent, name, directory);
+    if (!stamps) return;
     auto known = known_->bundle(place.path);
     if (known && known->facts().stamps == *stamps) {
         const bool samePlace =
             known->application() == place.application && known->onSystemVolume() == place.onSystemVolume;
-        return samePlace ? known : record(std::move(place), known->facts());
+        finding.bundles.push_back(samePlace ? known : record(std::move(place), known->facts()));
+        return;
     }
-    const file::UniqueFd directory{::openat(parent, name.c_str(), kDirectory)};
-    if (!directory) return nullptr;
-    auto facts = read(directory.get(), place.path, *stamps, known ? &known->facts() : nullptr);
-    return record(std::move(place), std::move(facts));
+    const file::UniqueFd opened{::openat(parent, name.c_str(), kDirectory)};
+    if (!opened) {
+        trouble(place.path, errno);
+        return;
+    }
+    auto facts = read(opened.get(), place.path, *stamps, known ? &known->facts() : nullptr);
+    if (!starved_) finding.bundles.push_back(record(std::move(place), std::move(facts)));
 }
 
 BundleFacts Scanner::read(int directory, const std::string& path, const BundleStamps& stamps,
@@ -285,15 +321,18 @@ BundleFacts Scanner::read(int directory, const std::string& path, const BundleSt
     if (const auto info = readInfoFile(directory)) {
         describe(*info, facts);
     } else {
+        starved_ = starved_ || isStarvation(info.error());
         facts.refusal = info.error().localizedDescription();
     }
     if (stamps.entitlements != file::Stamp{}) {
         if (auto entitlements = entitlements::ofBundle(directory, path)) {
             facts.entitlements = std::move(*entitlements);
         } else {
+            starved_ = starved_ || isStarvation(entitlements.error());
             facts.remark = entitlements.error().localizedDescription();
         }
     }
+    if (starved_) return facts;
     const bool isNews = !known || known->digest != facts.digest;
     if (!facts.refusal.empty() && (isNews || known->refusal != facts.refusal)) {
         logging::warning(text::format("no plug-in at {}: {}", path, facts.refusal));
@@ -310,6 +349,12 @@ std::shared_ptr<const BundleRecord> Scanner::record(BundlePlace place, BundleFac
     for (const PlugInFacts& plugIn : facts.plugIns) containers.push_back(containers_.ensure(plugIn.identifier));
     return std::make_shared<const BundleRecord>(std::move(place), std::move(facts), std::move(containers),
                                                 surroundings_);
+}
+
+// A directory that does not open: gone by now, no directory, or something to tell of.
+void Scanner::trouble(const std::string& path, int errorNumber) {
+    starved_ = starved_ || isStarvation(errorNumber);
+    if (errorNumber != ENOENT && errorNumber != ENOTDIR) complain(path, std::strerror(errorNumber));
 }
 
 void Scanner::complain(const std::string& path, const std::string& why) {

@@ -1,6 +1,8 @@
 #pragma once
 
-#include <functional>
+#include <sys/stat.h>
+
+#include <cstdint>
 #include <memory>
 #include <optional>
 #include <set>
@@ -32,6 +34,7 @@ std::vector<Root> installationRoots();
 struct Finding {
     Snapshot::Applications applications;
     Snapshot::Bundles bundles;
+    std::uint64_t look = 0;  // the number of the look that saw it last
     bool empty() const { return applications.empty() && bundles.empty(); }
 };
 
@@ -55,6 +58,9 @@ public:
         Scanner& scanner_;
     };
 
+    // Whether the last call below lacked descriptors or memory: what it says is missing may well be there.
+    bool starved() const { return starved_; }
+
     std::vector<std::string> entries(const Root& root);
     Finding entry(const Root& root, const std::string& name, Watcher::Look& look);
     Finding registered(const std::string& path, Watcher::Look& look);
@@ -72,6 +78,7 @@ private:
         std::string except;  // empty: nothing
     };
 
+    int rootDirectory(const Root& root);
     Directory open(int parent, const std::string& name, const std::string& path, const Bounds& bounds);
     Directory followLink(const std::string& path, const Bounds& bounds);
     std::vector<std::string> list(int directory, const std::string& path, std::size_t limit);
@@ -82,15 +89,19 @@ private:
     std::shared_ptr<const ApplicationRecord> applicationAround(const std::string& path);
     void plugIn(int parent, const std::string& name, BundlePlace place, const Bounds& bounds, Watcher::Look& look,
                 Finding& finding);
-    std::shared_ptr<const BundleRecord> bundle(int parent, const std::string& name, BundlePlace place);
+    void bundle(int parent, const std::string& name, const struct stat& directory, BundlePlace place, Finding& finding);
     BundleFacts read(int directory, const std::string& path, const BundleStamps& stamps, const BundleFacts* known);
     std::shared_ptr<const BundleRecord> record(BundlePlace place, BundleFacts facts);
+    void trouble(const std::string& path, int errorNumber);
     void complain(const std::string& path, const std::string& why);
 
     const std::shared_ptr<Surroundings> surroundings_;
     DataContainers& containers_;
     std::int64_t lastRow_;
+    bool starved_ = false;
     std::shared_ptr<const Snapshot> known_;
+    std::string rootPath_;  // the root that is open for this pass
+    file::UniqueFd root_;
     std::unordered_map<std::string, std::shared_ptr<const ApplicationRecord>> seen_;  // in this pass, by path
     std::set<std::string> complaints_;  // about what has no record to remember them; each is logged once
 };

@@ -131,7 +131,7 @@ void Watcher::Look::towards(const std::string& path) {
             reached.resize(std::max<std::size_t>(slash, 1));
         }
         // The step may have appeared before the watch was there.
-        if (next.empty() || ::access((reached + "/" + next).c_str(), F_OK) != 0) return;
+        if (next.empty() || ::access(reached.append("/").append(next).c_str(), F_OK) != 0) return;
     }
 }
 

@@ -1,11 +1,11 @@
 #pragma once
 
-#include <compare>
 #include <cstdint>
 #include <functional>
 #include <memory>
 #include <string>
 #include <string_view>
+#include <tuple>
 #include <unordered_map>
 #include <vector>
 
@@ -24,7 +24,10 @@ struct Topic {
     };
     Kind kind = Kind::root;
     std::string path;
-    friend auto operator<=>(const Topic&, const Topic&) = default;
+    friend bool operator==(const Topic&, const Topic&) = default;
+    friend bool operator<(const Topic& a, const Topic& b) {
+        return std::tie(a.kind, a.path) < std::tie(b.kind, b.path);
+    }
 };
 
 // Watches directories and tells which topic a change concerns. Belongs to the queue that it was made for.

@@ -1,17 +1,21 @@
+#include <fcntl.h>
+
 #include <condition_variable>
 #include <filesystem>
 #include <mutex>
+#include <thread>
 
 #include <gmock/gmock.h>
 
+#include "platform/file/UniqueFd.h"
 #include "tests/platform/dravo/Installation.h"
 
 namespace dravo {
 namespace {
 
 using testing::ElementsAre;
-using testing::HasSubstr;
 using testing::IsEmpty;
+using testing::UnorderedElementsAre;
 using value::Dictionary;
 
 constexpr char kPlugIn[] = "user/Applications/A.app/PlugIns/P.appex";
@@ -159,13 +163,37 @@ TEST(Changes, SurviveAnOverflowOfNotices) {
     const auto witness = std::make_shared<Witness>();
     witness->onUninstall = [&](const PluginList& plugins) {
         if (plugins[0]->pluginIdentifier() != "b") return;
-        for (int i = 0; i < 20'000; ++i)
-            std::filesystem::create_directory(world.root / "user/Applications/d" += std::to_string(i));
+        std::filesystem::create_directory(world.root / "user/Applications/x");
+        for (int i = 0; i < 6'000; ++i) {  // four notices each
+            world.move("user/Applications/x", "user/Applications/y");
+            world.move("user/Applications/y", "user/Applications/x");
+        }
         world.remove(kPlugIn);
     };
     workspace.addObserver(witness);
     world.remove("user/Applications/B.app");
     EXPECT_THAT(witness->await(2), ElementsAre("-b", "-a"));
+}
+
+TEST(Changes, NothingIsTakenForGoneWhileDescriptorsAreLacking) {
+    Installation world;
+    world.plugIn(kPlugIn, "a");
+    world.plugIn("elsewhere/B.app/PlugIns/P", "b");
+    auto& workspace = world.start();
+    const auto witness = std::make_shared<Witness>();
+    workspace.addObserver(witness);
+    world.settle();
+    {
+        std::vector<file::UniqueFd> all;
+        do {
+            all.emplace_back(::open("/dev/null", O_RDONLY | O_CLOEXEC));
+        } while (all.back());
+        world.move(kPlugIn, "user/Applications/A.app/PlugIns/Q.appex");
+        world.move("elsewhere/B.app", "user/Applications/B.app");
+        while (world.log().empty()) std::this_thread::yield();  // until it has been looked at, in vain
+        EXPECT_THAT(world.identifiers(), ElementsAre("a"));
+    }
+    EXPECT_THAT(witness->await(3), UnorderedElementsAre("-a", "+a", "+b"));
 }
 
 TEST(Registration, IsKeptOverRestartsUntilItIsWithdrawn) {
