@@ -44,6 +44,11 @@ int misused() {
     return kMisused;
 }
 
+// Other threads are at work by now, and nothing of the process may be taken down beneath them.
+[[noreturn]] void end(ExitStatus status) {
+    std::quick_exit(status);
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
@@ -53,16 +58,17 @@ int main(int argc, char** argv) {
     VTSetAssertionPolicy(VTAssertionPolicy::endProcess);
     ::signal(SIGPIPE, SIG_IGN);  // a peer or a log reader that is gone is an error of the write, not our end
 
-    const auto server = VTDServer::initForService(options->service, options->database);
+    auto server = VTDServer::initForService(options->service, options->database);
     if (!server) {
         logging::error("unable to construct server");
-        return kFailed;
+        end(kFailed);
     }
     server->setVerbose(options->verbose);
     server->setCacheLimit(static_cast<std::uint32_t>(options->cacheLimit));
     if (const auto error = server->run()) {
         logging::error(error->localizedDescription());
-        return kFailed;
+        end(kFailed);
     }
-    return kStopped;
+    server.reset();
+    end(kStopped);
 }

@@ -62,8 +62,9 @@ std::string privateRoot() {
     return withoutTrailingSeparators(error ? root : absolute);
 }
 
+// Never destroyed: threads of the process may ask until its very end.
 Directories& current() {
-    static Directories directories = readDirectories();
+    static Directories& directories = *new Directories{readDirectories()};
     return directories;
 }
 
