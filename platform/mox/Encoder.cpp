@@ -3,6 +3,8 @@
 #include <cstdint>
 #include <cstring>
 
+#include "platform/text/Utf8.h"
+
 namespace mox {
 
 template <typename Number>
@@ -15,6 +17,7 @@ void Encoder::append(Bytes bytes) {
 }
 
 void Encoder::text(std::string_view text) {
+    if (!text::isUtf8(text)) return this->text(text::wellFormed(text));
     number(static_cast<std::uint32_t>(text.size()));
     append(std::as_bytes(std::span{text}));
 }

@@ -115,6 +115,14 @@ TEST(View, AVisitorCanEndTheVisit) {
     EXPECT_EQ(seen, 2);
 }
 
+TEST(Encoder, WritesNoTextThatAReaderWouldRefuse) {
+    const std::string bad = "/caf\xE9";
+    const mox::Object object{value::Dictionary{{"path", bad}, {bad, true}}};
+    EXPECT_EQ(mox::check(object.view().encoded(), mox::kReplyLimits), std::nullopt);
+    EXPECT_EQ(object.view().find("path")->string(), "/caf\uFFFD");
+    EXPECT_EQ(object.view().find("/caf\uFFFD")->boolean(), true);
+}
+
 TEST(Encoder, SplicedBytesReadAsIfTheyHadBeenEncodedInPlace) {
     Encoder entries;
     Encoder::Container ignored = entries.beginDictionary();
