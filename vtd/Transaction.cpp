@@ -8,7 +8,6 @@
 #include "Velto/VTValueHelpers.h"
 #include "platform/file/File.h"
 #include "platform/text/Format.h"
-#include "platform/text/Utf8.h"
 #include "vtd/Probes.h"
 #include "vtd/VTDMoxClient.h"
 #include "vtd/VTDServer.h"
@@ -98,8 +97,7 @@ void Transaction::done() {
 
 void Transaction::fail(std::int64_t code, const std::optional<std::string>& message) {
     reply_.set(VTKey::errorCode, static_cast<std::uint64_t>(code));
-    // Paths go into messages as they are on disk, while a reply carries well-formed text or is refused by its reader.
-    if (message) reply_.set(VTKey::error, text::wellFormed(*message));
+    if (message) reply_.set(VTKey::error, *message);
     done();
 }
 

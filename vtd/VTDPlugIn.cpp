@@ -14,6 +14,7 @@
 #include "Velto/VTProtocol.h"
 #include "platform/logging/Log.h"
 #include "platform/text/Format.h"
+#include "platform/text/Utf8.h"
 
 namespace {
 
@@ -56,6 +57,10 @@ const std::string& annotationKeyFor(const std::string& identifier, const value::
 std::shared_ptr<VTDPlugIn> VTDPlugIn::initWithDVData(const std::shared_ptr<const dravo::DVVeltoProxy>& proxy) {
     const std::optional<std::string>& url = proxy->bundlePath();
     if (!url) return nullptr;
+    if (!text::isUtf8(*url)) {  // no form could carry it
+        logging::notice(text::format("ignoring plug-in at {}: its path is not UTF-8", *url));
+        return nullptr;
+    }
     const value::Dictionary info = prunedInfoDictionaryFor(VTBundle::initWithURL(*url)->infoDictionary());
 
     auto plugIn = std::make_shared<VTDPlugIn>();

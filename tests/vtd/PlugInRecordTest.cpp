@@ -48,6 +48,7 @@ TEST_F(PlugInRecord, IsBuiltOrDropsOutWithALine) {
         {"digits.appex", plain.changing("QFBundleShortVersionString", std::string(4000, '9')), "/data", ""},
         {"data.plugin", extension({{"KXExtensionProtocol", "#Data"}}), {}, ""},
         {"no-container.plugin", plain, {}, "this plug-in has no sandbox data container"},
+        {"caf\xE9.plugin", plain, "/data", "its path is not UTF-8"},
     };
     for (const auto& row : rows) {
         const auto proxy = install(row.bundle, row.info);
