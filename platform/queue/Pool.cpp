@@ -21,14 +21,12 @@ namespace {
 constexpr unsigned kMostThreads = 8;
 constexpr int kEventsAtOnce = 16;
 constexpr long kReminderNanoseconds = 1'000'000;
-constexpr std::chrono::milliseconds kMakeWay{20};
-constexpr int kAtOnce = 0;
-constexpr int kForever = -1;
 
-constexpr std::uint64_t kWakeUp = WatchTable::kNoWatch + 1;
-constexpr std::uint64_t kReminder = WatchTable::kNoWatch + 2;
-constexpr std::uint64_t kRecall = WatchTable::kNoWatch + 3;
-constexpr std::uint64_t kTimers = WatchTable::kNoWatch + 4;
+constexpr std::uint64_t kWakePoller = WatchTable::kNoWatch + 1;
+constexpr std::uint64_t kWakeStandby = WatchTable::kNoWatch + 2;
+constexpr std::uint64_t kReminder = WatchTable::kNoWatch + 3;
+constexpr std::uint64_t kRecall = WatchTable::kNoWatch + 4;
+constexpr std::uint64_t kTimers = WatchTable::kNoWatch + 5;
 
 // The pool's threads, and those lent to it, come back to the list of scheduled queues by themselves.
 thread_local unsigned lent = 0;
@@ -92,21 +90,25 @@ Pool& Pool::shared() {
 
 Pool::Pool()
     : epoll_{required("epoll_create1", ::epoll_create1(EPOLL_CLOEXEC))},
-      wakeUp_{required("eventfd", ::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK))},
+      standby_{required("epoll_create1", ::epoll_create1(EPOLL_CLOEXEC))},
+      wakePoller_{required("eventfd", ::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK))},
+      wakeStandby_{required("eventfd", ::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK))},
       reminder_{required("timerfd_create", ::timerfd_create(CLOCK_MONOTONIC, TFD_CLOEXEC | TFD_NONBLOCK))},
       recall_{required("eventfd", ::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK))} {
     // Edge-triggered, these need no read: each write and each expiry is an event of its own.
-    watchInternal(wakeUp_.get(), kWakeUp, EPOLLIN | EPOLLET);
-    watchInternal(reminder_.get(), kReminder, EPOLLIN | EPOLLET);
-    watchInternal(timers_.fd(), kTimers, EPOLLIN | EPOLLET);
-    watchInternal(recall_.get(), kRecall, EPOLLIN);
+    watchInternal(epoll_, wakePoller_.get(), kWakePoller, EPOLLIN | EPOLLET);
+    watchInternal(epoll_, timers_.fd(), kTimers, EPOLLIN | EPOLLET);
+    watchInternal(epoll_, recall_.get(), kRecall, EPOLLIN);
+    watchInternal(standby_, wakeStandby_.get(), kWakeStandby, EPOLLIN | EPOLLET);
+    watchInternal(standby_, reminder_.get(), kReminder, EPOLLIN | EPOLLET);
+    watchInternal(standby_, recall_.get(), kRecall, EPOLLIN);
 }
 
-void Pool::watchInternal(int fd, std::uint64_t id, std::uint32_t events) const {
+void Pool::watchInternal(const file::UniqueFd& epoll, int fd, std::uint64_t id, std::uint32_t events) {
     epoll_event event{};
     event.events = events;
     event.data.u64 = id;
-    required("epoll_ctl", ::epoll_ctl(epoll_.get(), EPOLL_CTL_ADD, fd, &event));
+    required("epoll_ctl", ::epoll_ctl(epoll.get(), EPOLL_CTL_ADD, fd, &event));
 }
 
 void Pool::startThreads() {
@@ -130,10 +132,7 @@ void Pool::schedule(std::shared_ptr<SerialQueue::State> queue) {
     {
         const std::lock_guard lock{mutex_};
         scheduled_.push(std::move(queue));
-        if (waiting_ == 0) {  // everybody is at work and will look here, or makes way
-            madeWay_.notify_one();
-            return;
-        }
+        if (!anyoneWaits()) return;  // everybody is at work and will look here
         wakes = lent == 0 || scheduled_.size() > 1;
     }
     if (wakes) {
@@ -146,13 +145,23 @@ void Pool::schedule(std::shared_ptr<SerialQueue::State> queue) {
 void Pool::beforeBlocking() {
     {
         const std::lock_guard lock{mutex_};
-        if (scheduled_.size() == 0 || waiting_ == 0) return;
+        if (scheduled_.size() == 0 || !anyoneWaits()) return;
     }
     wakeOne();
 }
 
+// One that stands by, if there is one, so that the poller goes on polling.
 void Pool::wakeOne() {
-    if (!wakeUpSent_.exchange(true)) write(wakeUp_);
+    if (standbys_ > 0) {
+        if (!standbyWoken_.exchange(true)) write(wakeStandby_);
+    } else {
+        if (!pollerWoken_.exchange(true)) write(wakePoller_);
+    }
+}
+
+// Before work of unknown length: should it be long, somebody else takes over.
+void Pool::beforeWork() {
+    if (!polling_ && standbys_ > 0) setReminder();
 }
 
 void Pool::setReminder() {
@@ -191,31 +200,40 @@ void Pool::workUntil(const std::function<bool()>& done) {
 void Pool::workOnce(Lender* lender, std::uint64_t recallsSeen) {
     std::shared_ptr<SerialQueue::State> queue;
     bool others = false;
+    Place place = Place::poller;
     {
         const std::lock_guard lock{mutex_};
         queue = scheduled_.pop();
         if (!queue) {
             if (lender != nullptr && recalls_ != recallsSeen) return;
-            ++waiting_;
+            if (polling_) {
+                place = Place::standby;
+                ++standbys_;
+            } else {
+                polling_ = true;
+            }
             if (lender != nullptr) lender->waiting = true;
         }
-        others = scheduled_.size() > 0 && waiting_ > 0;
+        others = scheduled_.size() > 0 && anyoneWaits();
     }
     if (!queue) {
-        waitForEvents(lender);
+        waitForEvents(place, lender);
         return;
     }
     if (others) wakeOne();
     if (!queue->take()) return;
+    beforeWork();
     itemsSinceEvents += queue->drain();
-    if (itemsSinceEvents >= SerialQueue::State::kBatch && waiting_ == 0)
-        takeEvents(kAtOnce, nullptr);  // nobody else would
+    if (itemsSinceEvents >= SerialQueue::State::kBatch && !anyoneWaits())
+        takeEvents(Place::passing, nullptr);  // nobody else would
 }
 
-Pool::Taken Pool::takeEvents(int timeout, Lender* lender) {
+Pool::Taken Pool::takeEvents(Place place, Lender* lender) {
     std::array<epoll_event, kEventsAtOnce> events;  // NOLINT(*-member-init): the kernel fills what is read
-    const int count = ::epoll_wait(epoll_.get(), events.data(), kEventsAtOnce, timeout);
-    if (timeout == kForever) --waiting_;
+    const file::UniqueFd& epoll = place == Place::standby ? standby_ : epoll_;
+    const int count = ::epoll_wait(epoll.get(), events.data(), kEventsAtOnce, place == Place::passing ? 0 : -1);
+    if (place == Place::poller) polling_ = false;
+    if (place == Place::standby) --standbys_;
     itemsSinceEvents = 0;
 
     Taken taken;
@@ -224,7 +242,8 @@ Pool::Taken Pool::takeEvents(int timeout, Lender* lender) {
     for (int i = 0; i < count; ++i) {
         const epoll_event& event = events.at(static_cast<std::size_t>(i));
         switch (event.data.u64) {
-            case kWakeUp: wakeUpSent_ = false; break;
+            case kWakePoller: pollerWoken_ = false; break;
+            case kWakeStandby: standbyWoken_ = false; break;
             case kReminder: reminderSet_ = false; break;
             case kTimers: timers_.expire(); break;
             case kRecall: taken.recallEvent = true; break;
@@ -233,6 +252,7 @@ Pool::Taken Pool::takeEvents(int timeout, Lender* lender) {
     }
     if (ours) {
         taken.work = true;
+        beforeWork();
         itemsSinceEvents += ours->drain();
     }
     return taken;
@@ -252,15 +272,12 @@ void Pool::report(std::uint64_t id, std::uint32_t readiness, std::shared_ptr<Ser
 }
 
 // A recalled lender has to get off epoll, but the kernel cannot be told which thread to wake. So the event stays until
-// the lender has come back, and every other thread that gets it makes way: for some time, since the kernel prefers who
-// came last, and a thread that came back after the lender would be given the events that the lender waits for, have to
-// recall it, and so on for ever.
-void Pool::waitForEvents(Lender* lender) {
-    const Taken taken = takeEvents(kForever, lender);
+// the lender has come back, and every other thread that gets it makes way.
+void Pool::waitForEvents(Place place, Lender* lender) {
+    const Taken taken = takeEvents(place, lender);
     if (!taken.recallEvent || taken.recalled || taken.work) return;
     std::unique_lock lock{mutex_};
     lendersCameBack_.wait(lock, [this] { return recalledLenders_ == 0; });
-    if (waiting_ > 0) madeWay_.wait_for(lock, kMakeWay, [this] { return scheduled_.size() > 0; });
 }
 
 bool Pool::comeBack(Lender& lender) {

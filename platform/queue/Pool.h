@@ -19,13 +19,15 @@
 
 namespace queue {
 
-// The threads that run the queues and wait for the kernel's events. Idle threads all block on one epoll instance, so
-// the kernel wakes one of them for an event, the one that went to sleep last. That thread runs the event's handler at
-// once, then whatever queue the handler left work for, and only then waits again: a lone request meets one thread.
+// The threads that run the queues and wait for the kernel's events. One idle thread at a time polls; the others stand
+// by. The poller runs an event's handler at once, then whatever queue the handler left work for, and only then polls
+// again: a lone request meets one thread. Nobody takes its place in the meantime: an event that arrived would wake a
+// second thread for what the first is about to see by itself, and cost each request a change of threads.
 //
 // Work that a pool thread leaves for a queue goes on the list of scheduled queues and wakes nobody as long as it is the
-// only entry, because the thread itself comes for it next. When the thread goes on with something long instead (or
-// blocks), a timer ("the reminder") gets the entry claimed by another thread within a millisecond.
+// only entry, because the thread itself comes for it next. When a thread goes on with something long instead (or
+// blocks), a timer ("the reminder") brings one that stands by within a millisecond: it takes what is scheduled, or else
+// polls.
 //
 // Created at first use and never destroyed.
 class Pool {
@@ -52,41 +54,48 @@ public:
 private:
     // A thread in workUntil(); under mutex_.
     struct Lender {
-        bool waiting = false;   // on epoll
+        bool waiting = false;   // for events
         bool recalled = false;  // while waiting; counted in recalledLenders_
     };
 
     Pool();
     void startThreads();
-    void watchInternal(int fd, std::uint64_t id, std::uint32_t events) const;
+    static void watchInternal(const file::UniqueFd& epoll, int fd, std::uint64_t id, std::uint32_t events);
 
     // One piece of work: a scheduled queue, or else (waiting for it) what the kernel reports. `recallsSeen` is what
     // `recalls_` was when the lender last asked whether it was done.
     void workOnce(Lender* lender, std::uint64_t recallsSeen);
-    void waitForEvents(Lender* lender);
+    enum class Place { poller, standby, passing };  // passing: looks, and does not wait
+    void waitForEvents(Place place, Lender* lender);
 
     struct Taken {
         bool work = false;         // ran some
         bool recallEvent = false;  // saw that some lender is recalled
         bool recalled = false;     // and it was this one
     };
-    Taken takeEvents(int timeout, Lender* lender);
-    bool comeBack(Lender& lender);  // from epoll; true when it was recalled
+    Taken takeEvents(Place place, Lender* lender);
+    bool comeBack(Lender& lender);  // from waiting; true when it was recalled
     void report(std::uint64_t id, std::uint32_t readiness, std::shared_ptr<SerialQueue::State>& ours);
 
+    bool anyoneWaits() const { return polling_ || standbys_ > 0; }
     void wakeOne();
+    void beforeWork();
     void setReminder();
 
-    const file::UniqueFd epoll_;
-    const file::UniqueFd wakeUp_;    // written to get one thread off epoll
-    const file::UniqueFd reminder_;  // timer: somebody must look at the list
-    const file::UniqueFd recall_;    // readable as long as a recalled lender has not come back
+    const file::UniqueFd epoll_;        // what the poller waits for
+    const file::UniqueFd standby_;      // an epoll instance, too: what gets those that stand by
+    const file::UniqueFd wakePoller_;   // each written to get one thread to work
+    const file::UniqueFd wakeStandby_;  //
+    const file::UniqueFd reminder_;     // timer: somebody must look at the list, or poll
+    const file::UniqueFd recall_;       // readable as long as a recalled lender has not come back
     WatchTable watches_;
     TimerTable timers_;
 
-    std::atomic<bool> wakeUpSent_{false};
+    std::atomic<bool> pollerWoken_{false};
+    std::atomic<bool> standbyWoken_{false};
     std::atomic<bool> reminderSet_{false};
-    std::atomic<unsigned> waiting_{0};  // threads on epoll, or about to be; raised under mutex_
+    std::atomic<bool> polling_{false};   // a thread polls, or is about to; raised under mutex_
+    std::atomic<unsigned> standbys_{0};  // threads that stand by, or are about to; raised under mutex_
     std::atomic<std::uint64_t> recalls_{0};
 
     std::mutex mutex_;  // guards what follows; no other lock is taken under it
@@ -94,7 +103,6 @@ private:
     std::vector<Lender*> lenders_;
     unsigned recalledLenders_ = 0;
     std::condition_variable lendersCameBack_;
-    std::condition_variable madeWay_;  // where threads stay that made way for a lender
 };
 
 }  // namespace queue
