@@ -2,11 +2,13 @@
 
 #include <cstdint>
 #include <functional>
+#include <memory>
 #include <optional>
 #include <string>
 #include <string_view>
 #include <vector>
 
+#include "Velto/VTBundle.h"
 #include "Velto/VTForm.h"
 #include "platform/value/Value.h"
 #include "vtd/MatchList.h"
@@ -22,7 +24,7 @@ public:
     struct Query {
         value::Dictionary rules;                       // without entries: every plug-in matches
         std::uint64_t flags = 0;                       // VTDiscoveryFlags
-        std::optional<std::string> clientPlugInsPath;  // where the client's own plug-ins lie, if it has a bundle
+        std::shared_ptr<const VTBundle> clientBundle;  // whose dedicated plug-ins the client may see; null for none
     };
 
     // Why a candidate is not among the matches.

@@ -37,7 +37,7 @@ void Transaction::matchPlugIns() {
     if ((query.flags & VTDiscoverAll) != 0 && !maySeeAll(*client())) {
         return fail(VTErrorAccess, "unauthorized discovery flag (VTDiscoverAll)");
     }
-    if (client()->bundle()) query.clientPlugInsPath = client()->bundle()->plugInsPath();
+    query.clientBundle = client()->bundle();
 
     const VTDatabase::PlugIns candidates = server()->findPlugIns(query.rules).value_or(VTDatabase::PlugIns{});
     probes::discoverRaw(candidates.size());
