@@ -1,5 +1,6 @@
 #include <algorithm>
 #include <array>
+#include <type_traits>
 #include <vector>
 
 #include <fmt/format.h>
@@ -21,9 +22,13 @@ struct OpenContainer {
     const std::byte* end;    // as its size says
     std::size_t left;        // elements or entries still to come
     bool isDictionary;
-    bool ascending;            // so far, every key was greater than the one before
-    std::string_view lastKey;  // only while ascending
+    bool ascending;  // so far, every key was greater than the one before
+    // The key before, only while ascending. No string_view, whose construction in a whole stack of these would cost
+    // more than the rest of a small check.
+    const char* lastKey;
+    std::size_t lastKeySize;
 };
+static_assert(std::is_trivially_default_constructible_v<OpenContainer>);
 
 class Checker {
 public:
@@ -127,7 +132,8 @@ private:
         const std::size_t smallest = isDictionary ? encoding::kSmallestEntry : encoding::kSmallestValue;
         if (count > (size - encoding::kLengthSize) / smallest) return refuse("a count beyond what is left");
         OpenContainer& container = open_[depth_++];
-        container = {at_, at_ + encoding::kTagSize + encoding::kLengthSize + size, count, isDictionary, true, {}};
+        container = {at_, at_ + encoding::kTagSize + encoding::kLengthSize + size, count, isDictionary, true, nullptr,
+                     0};
         at_ += encoding::kContainerHeader;
         return {};
     }
@@ -137,8 +143,9 @@ private:
         std::string_view read;
         if (auto error = text(read)) return error;
         if (!container.ascending) return {};
-        container.ascending = first || container.lastKey < read;
-        container.lastKey = read;
+        container.ascending = first || std::string_view{container.lastKey, container.lastKeySize} < read;
+        container.lastKey = read.data();
+        container.lastKeySize = read.size();
         return {};
     }
 

@@ -38,15 +38,19 @@ bool isUtf8(std::string_view bytes) {
     const auto* at = reinterpret_cast<const unsigned char*>(bytes.data());
     std::size_t left = bytes.size();
     while (left > 0) {
-        // Nearly every text is ASCII: eight at a time.
-        if (left >= sizeof(std::uint64_t)) {
-            std::uint64_t eight;
+        // Nearly every text is ASCII: eight at a time, and what is left at the end at once.
+        std::uint64_t eight = 0;
+        if (left >= sizeof eight) {
             std::memcpy(&eight, at, sizeof eight);
             if ((eight & kHighBits) == 0) {
                 at += sizeof eight;
                 left -= sizeof eight;
                 continue;
             }
+        } else if (bytes.size() >= sizeof eight) {
+            // The last eight, some of them looked at before.
+            std::memcpy(&eight, at + left - sizeof eight, sizeof eight);
+            if ((eight & kHighBits) == 0) return true;
         }
         const std::size_t length = *at < 0x80 ? 1 : sequenceLength(at, left);
         if (length == 0) return false;
