@@ -229,8 +229,8 @@ Blob frame(FrameKind kind, std::uint64_t replyId, std::span<const std::byte> bod
     const mox::wire::Header header{static_cast<std::uint32_t>(mox::wire::kLengthCounts + body.size()), kind,
                                    mox::wire::kNoFlags, 0, replyId};
     const auto bytes = std::as_bytes(std::span{&header, 1});
-    Blob frame{bytes.begin(), bytes.end()};
-    frame.insert(frame.end(), body.begin(), body.end());
+    Blob frame(bytes.size() + body.size());
+    std::copy(body.begin(), body.end(), std::copy(bytes.begin(), bytes.end(), frame.begin()));
     return frame;
 }
 

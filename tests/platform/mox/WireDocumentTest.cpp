@@ -1,5 +1,6 @@
 // The worked example of doc/wire.md is what this code writes and reads: whoever writes a client from that page relies
 // on it.
+#include <algorithm>
 #include <cstring>
 #include <fstream>
 #include <sstream>
@@ -31,9 +32,9 @@ std::vector<std::byte> block(const std::string& name) {
 std::vector<std::byte> frame(wire::FrameKind kind, std::uint64_t replyId, Bytes body) {
     const wire::Header header{static_cast<std::uint32_t>(wire::kLengthCounts + body.size()), kind, wire::kNoFlags, 0,
                               replyId};
-    std::vector<std::byte> bytes(wire::kHeaderSize);
+    std::vector<std::byte> bytes(wire::kHeaderSize + body.size());
     std::memcpy(bytes.data(), &header, sizeof header);
-    bytes.insert(bytes.end(), body.begin(), body.end());
+    std::copy(body.begin(), body.end(), bytes.begin() + wire::kHeaderSize);
     return bytes;
 }
 
