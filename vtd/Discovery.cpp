@@ -46,7 +46,7 @@ struct Discovery::Gates {
     // A client without plug-ins of its own has nothing that a dedicated plug-in could be part of.
     static Verdict dedication(Visit& visit) {
         if (!visit.candidate.isDedicated()) return {};
-        const auto own = visit.query.clientBundle ? visit.query.clientBundle->plugInsPath() : std::nullopt;
+        const auto own = visit.query.clientPlugInsPath ? visit.query.clientPlugInsPath() : std::nullopt;
         if (own && !own->empty() && visit.candidate.path().starts_with(*own)) return {};
         return Reason{"is dedicated to another application"};
     }

@@ -2,13 +2,11 @@
 
 #include <cstdint>
 #include <functional>
-#include <memory>
 #include <optional>
 #include <string>
 #include <string_view>
 #include <vector>
 
-#include "Velto/VTBundle.h"
 #include "Velto/VTForm.h"
 #include "platform/value/Value.h"
 #include "vtd/MatchList.h"
@@ -22,9 +20,11 @@ class VTDPlugIn;
 class Discovery {
 public:
     struct Query {
-        value::Dictionary rules;                       // without entries: every plug-in matches
-        std::uint64_t flags = 0;                       // VTDiscoveryFlags
-        std::shared_ptr<const VTBundle> clientBundle;  // whose dedicated plug-ins the client may see; null for none
+        value::Dictionary rules;  // without entries: every plug-in matches
+        std::uint64_t flags = 0;  // VTDiscoveryFlags
+        // Where the client's own plug-ins lie, if it has a bundle: asked for dedicated candidates only, since it may
+        // look at the disk. Empty: nowhere.
+        std::function<std::optional<std::string>()> clientPlugInsPath;
     };
 
     // Why a candidate is not among the matches.

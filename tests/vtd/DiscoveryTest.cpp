@@ -53,7 +53,7 @@ TEST(Discovery, EachGateHoldsBackWhatItShould) {
         {"rules that match", Place::application, false, 0, {}, {{"A", false}}, ""},
     };
     for (const auto& row : rows) {
-        Discovery discovery{{row.rules, row.flags, row.clientPlugIns}, annotate};
+        Discovery discovery{{row.rules, row.flags, [&row] { return row.clientPlugIns; }}, annotate};
         const auto refusal = discovery.visit(*plugInAt(row.place, row.dedicated));
         EXPECT_EQ(refusal ? refusal->gate : "", row.gate) << row.name;
         EXPECT_TRUE(row.gate != "rules" || refusal->detail == "B") << row.name;

@@ -37,7 +37,7 @@ void Transaction::matchPlugIns() {
     if ((query.flags & VTDiscoverAll) != 0 && !maySeeAll(*client())) {
         return fail(VTErrorAccess, "unauthorized discovery flag (VTDiscoverAll)");
     }
-    query.clientBundle = client()->bundle();
+    if (const auto& bundle = client()->bundle()) query.clientPlugInsPath = [bundle] { return bundle->plugInsPath(); };
 
     const VTDatabase::PlugIns candidates = server()->findPlugIns(query.rules).value_or(VTDatabase::PlugIns{});
     probes::discoverRaw(candidates.size());
