@@ -1,0 +1,1 @@
+vtd_fuzz(fuzz_frame LIBRARIES platform SOURCES FuzzFrame.cpp)
