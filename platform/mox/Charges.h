@@ -3,12 +3,12 @@
 #include <sys/types.h>
 
 #include <chrono>
-#include <compare>
 #include <cstddef>
 #include <cstdint>
 #include <map>
 #include <memory>
 #include <mutex>
+#include <tuple>
 #include <utility>
 #include <vector>
 
@@ -54,7 +54,9 @@ public:
 struct ProcessKey {
     pid_t pid = 0;
     std::uint64_t startTime = 0;
-    friend auto operator<=>(const ProcessKey&, const ProcessKey&) = default;
+    friend bool operator<(const ProcessKey& a, const ProcessKey& b) {
+        return std::tie(a.pid, a.startTime) < std::tie(b.pid, b.startTime);
+    }
 };
 
 class Account;

@@ -20,7 +20,7 @@ namespace mox {
 namespace {
 
 constexpr int kAcceptsInATurn = 64;
-constexpr int kReservedDescriptors = 64;           // kept back for files
+constexpr rlim_t kReservedDescriptors = 64;        // kept back for files
 constexpr std::size_t kConnectionDescriptors = 3;  // socket, process, directory of the bundle
 constexpr std::chrono::milliseconds kRetryAccept{250};
 

@@ -41,7 +41,6 @@ bool isListening(int socket) {
 
 std::string_view boundName(int socket, sockaddr_un& address) {
     socklen_t size = sizeof address;
-    // An untrusted length is not: the kernel wrote it.
     if (::getsockname(socket, reinterpret_cast<sockaddr*>(&address), &size) != 0) return {};
     const std::string_view path{address.sun_path, ::strnlen(address.sun_path, sizeof address.sun_path)};
     return path.substr(path.rfind('/') + 1);
@@ -100,9 +99,10 @@ value::Result<std::unique_ptr<ServiceSocket>> ServiceSocket::open(const std::str
     if (!directory) return directory.error();
 
     auto lock = lock::LockFile::take(text::format("{}/{}.lock", paths::directories().runtime, name));
-    if (!lock)
+    if (!lock) {
         return value::Error{"mox", lock.error().code,
                             text::format("service {}: {}", name, lock.error().localizedDescription())};
+    }
 
     std::unique_ptr<ServiceSocket> service{new ServiceSocket{name, *std::move(directory), *std::move(lock)}};
     service->socket_ = passedSocket(name);

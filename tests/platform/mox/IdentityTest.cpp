@@ -33,6 +33,7 @@ public:
         std::array<int, 2> executed{};
         if (::pipe2(input.data(), O_CLOEXEC) != 0 || ::pipe2(executed.data(), O_CLOEXEC) != 0) return;
         std::vector<char*> arguments;
+        arguments.reserve(words.size() + 1);
         for (std::string& word : words) arguments.push_back(word.data());
         arguments.push_back(nullptr);
         pid_ = ::fork();
@@ -90,10 +91,11 @@ protected:
         const std::string program = files_ / directory + "/peer";
         fs::create_directories(files_ / directory);
         fs::copy_file(MOX_ECHO_PEER, program);
-        if (inBundle)
+        if (inBundle) {
             files_.write(directory + "/Info.plist",
                          "<plist version=\"1.0\"><dict><key>QFBundleIdentifier</key><string>a.host</string>"
                          "<key>QFBundleExecutable</key><string>peer</string></dict></plist>");
+        }
         return fs::canonical(program);
     }
 

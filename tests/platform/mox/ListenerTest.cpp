@@ -85,8 +85,8 @@ TEST(Listener, UsesASocketThatTheServiceManagerPassesForItsName) {
         const int own = ::socket(AF_UNIX, SOCK_STREAM, 0);
         sockaddr_un unnamed{};
         unnamed.sun_family = AF_UNIX;
-        ::bind(own, reinterpret_cast<sockaddr*>(&unnamed), sizeof(sa_family_t));
-        ::listen(own, 1);
+        if (::bind(own, reinterpret_cast<sockaddr*>(&unnamed), sizeof(sa_family_t)) != 0) ::_exit(1);
+        if (::listen(own, 1) != 0) ::_exit(1);
         for (const int passed : {3, 4}) ::dup2(own, passed);
         ::setenv("LISTEN_PID", std::to_string(::getpid()).c_str(), 1);
         ::setenv("LISTEN_FDS", "2", 1);
