@@ -13,7 +13,6 @@
 
 #include "bench/Processes.h"
 #include "bench/Statistics.h"
-#include "platform/file/UniqueFd.h"
 
 namespace bench {
 
@@ -56,14 +55,19 @@ double pingPongMicroseconds(std::size_t size, std::size_t rounds) {
     return median(std::move(samples));
 }
 
-void serveEcho(const std::string& path) {
-    const int listener = socket(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK, 0);
+file::UniqueFd listenAt(const std::string& path) {
+    file::UniqueFd listener{socket(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0)};
     sockaddr_un address{};
     address.sun_family = AF_UNIX;
     std::strncpy(address.sun_path, path.c_str(), sizeof address.sun_path - 1);
-    if (bind(listener, reinterpret_cast<sockaddr*>(&address), sizeof address) != 0 || listen(listener, 1024) != 0) {
-        _exit(1);
+    if (bind(listener.get(), reinterpret_cast<sockaddr*>(&address), sizeof address) != 0 ||
+        listen(listener.get(), 1024) != 0) {
+        throw std::runtime_error("cannot listen at " + path);
     }
+    return listener;
+}
+
+void serveEcho(const file::UniqueFd& listener) {
     const int epoll = epoll_create1(0);
     const auto add = [epoll](int fd) {
         epoll_event event{};
@@ -71,19 +75,21 @@ void serveEcho(const std::string& path) {
         event.data.fd = fd;
         epoll_ctl(epoll, EPOLL_CTL_ADD, fd, &event);
     };
-    add(listener);
+    add(listener.get());
     std::array<epoll_event, 64> events;
     std::array<char, 4096> bytes;
     for (;;) {
         const int count = epoll_wait(epoll, events.data(), events.size(), -1);
         for (int i = 0; i < count; ++i) {
             const int fd = events[static_cast<std::size_t>(i)].data.fd;
-            if (fd == listener) {
-                add(accept4(listener, nullptr, nullptr, SOCK_NONBLOCK));
+            if (fd == listener.get()) {
+                add(accept4(listener.get(), nullptr, nullptr, SOCK_NONBLOCK));
                 continue;
             }
             const ssize_t length = read(fd, bytes.data(), bytes.size());
-            if (length <= 0 || write(fd, bytes.data(), static_cast<std::size_t>(length)) != length) close(fd);
+            if (length <= 0 || send(fd, bytes.data(), static_cast<std::size_t>(length), MSG_NOSIGNAL) != length) {
+                close(fd);
+            }
         }
     }
 }

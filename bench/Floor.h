@@ -3,6 +3,8 @@
 #include <cstddef>
 #include <string>
 
+#include "platform/file/UniqueFd.h"
+
 // What the kernel alone costs: the floor below every figure that crosses a socket.
 namespace bench {
 
@@ -10,8 +12,10 @@ namespace bench {
 // socket, both kept on the caller's cores.
 double pingPongMicroseconds(std::size_t size, std::size_t rounds);
 
-// Serves a plain epoll echo at the path of a Unix socket, one thread, until the process is killed.
-[[noreturn]] void serveEcho(const std::string& path);
+// A listening Unix socket at the path, and the plain epoll echo that serves it on one thread until the process is
+// killed. Listening first, serving in a child, lets nobody come too early.
+file::UniqueFd listenAt(const std::string& path);
+[[noreturn]] void serveEcho(const file::UniqueFd& listener);
 
 // One open, read to the end and close of a file.
 void openReadClose(const std::string& path);

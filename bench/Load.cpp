@@ -3,7 +3,6 @@
 #include <unistd.h>
 
 #include <array>
-#include <filesystem>
 #include <memory>
 #include <stdexcept>
 
@@ -49,7 +48,7 @@ double requestsASecond(const std::string& socketPath, std::size_t clients, bool 
     std::array<epoll_event, 64> events;
     while ((elapsed = microsecondsSince(start) / 1e6) < seconds) {
         const int count = epoll_wait(epoll.get(), events.data(), events.size(), 1000);
-        if (count <= 0) throw std::runtime_error("the service stopped answering");
+        if (count <= 0) throw std::runtime_error("the service at " + socketPath + " stopped answering after " + std::to_string(answered));
         for (int i = 0; i < count; ++i) {
             auto& connection = *static_cast<RawConnection*>(events[static_cast<std::size_t>(i)].data.ptr);
             if (!connection.readFrame()) continue;
@@ -91,10 +90,9 @@ Row manyClients() {
     constexpr int kRepetitions = 5;
     const World world{10};
     const std::string echoPath = world.root() + "/echo";
-    const Child echo{[&] { serveEcho(echoPath); }};
+    const file::UniqueFd listener = listenAt(echoPath);
+    const Child echo{[&] { serveEcho(listener); }};
     const Daemon daemon{world.root()};
-    while (!std::filesystem::exists(echoPath)) usleep(1000);
-    usleep(10'000);
 
     std::vector<double> ours, floor;
     for (int i = 0; i < kRepetitions; ++i) {

@@ -3,6 +3,7 @@
 #include <set>
 
 #include "bench/Rows.h"
+#include "platform/logging/Log.h"
 
 // vtd_bench [GROUP...]: runs the measurements named, or all of them, and prints them as one table.
 int main(int argc, char** argv) {
@@ -18,6 +19,8 @@ int main(int argc, char** argv) {
         {"start", bench::startsAndScans},
         {"memory", bench::residentMemory},
     };
+    // A daemon that is still starting is tried again and again; that is no news.
+    logging::setSink([](logging::Level, std::string_view) {});
     const std::set<std::string> wanted{argv + 1, argv + argc};
     Rows rows;
     for (const auto& [name, measure] : groups) {
