@@ -64,7 +64,9 @@ std::shared_ptr<VTDPlugIn> VTDPlugIn::initWithDVData(const std::shared_ptr<const
     const value::Dictionary info = prunedInfoDictionaryFor(VTBundle::initWithURL(*url)->infoDictionary());
 
     auto plugIn = std::make_shared<VTDPlugIn>();
-    if (!plugIn->setupWithName(proxy->pluginIdentifier(), url, info, proxy->pluginDictionary(), proxy->pluginUUID())) {
+    // The set-up derives the plug-in dictionary from the bundle's own and never looks at the registry's copy, which the
+    // registry would have to read from the disk for this.
+    if (!plugIn->setupWithName(proxy->pluginIdentifier(), url, info, {}, proxy->pluginUUID())) {
         return nullptr;
     }
     plugIn->setDvproxy(proxy);
