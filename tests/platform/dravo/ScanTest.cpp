@@ -80,7 +80,8 @@ TEST(Scan, TellsWhatABundleSaysOfItself) {
     EXPECT_EQ(plugIn->entitlements(), (Dictionary{{"e", true}}));
     EXPECT_EQ(plugIn->containingBundle()->application->localizedName(), "App");
     EXPECT_EQ(plugIn->containingBundle()->application->bundleIdentifier(), "app");
-    EXPECT_EQ(workspace.plugin(plugIn->pluginUUID()), plugIn);
+    // Maybe another record by now: files this young are looked at once more.
+    EXPECT_EQ(workspace.plugin(plugIn->pluginUUID())->pluginIdentifier(), "own");
     EXPECT_EQ(plugIn->pluginDictionary(), description);
     workspace.clearSchemaCaches();
     EXPECT_EQ(plugIn->pluginDictionary(), description);
