@@ -1,6 +1,7 @@
 #include "platform/mox/AcceptedConnection.h"
 
 #include <sys/random.h>
+#include <sys/socket.h>
 
 #include <algorithm>
 #include <array>
@@ -226,9 +227,10 @@ void AcceptedConnection::send(const Reply& reply) {
 void AcceptedConnection::afterOutput(OutputQueue::State state) {
     if (state == OutputQueue::State::broken) {
         output_.clear();
+        ::shutdown(socket_.get(), SHUT_RDWR);  // a later reply must not pass for the rest of a frame cut here
         later(&AcceptedConnection::end);
     }
-    outputCharge_.change({.backlog = output_.bytes()});
+    outputCharge_.change({.backlog = output_.burden()});
     if (output_.empty()) {
         drainTimer_.reset();
         return;

@@ -116,7 +116,9 @@ Client::~Client() {
     queue_->async([waiting = std::move(waiting_), name = name_] {
         const Object error =
             errorObject(ErrorCode::connectionInvalid, text::format("the connection to service {} was given up", name));
-        for (const auto& [id, reply] : waiting) reply(error);
+        for (const auto& [id, reply] : waiting) {
+            if (reply) reply(error);
+        }
     });
 }
 

@@ -70,10 +70,14 @@ public:
         ::setsockopt((*socket)->get(), SOL_SOCKET, SO_PASSCRED, &on, sizeof on);
         ledger_ = std::make_shared<Ledger>(within(bounds_, raiseDescriptorLimit()));
         socket_ = *std::move(socket);
-        watch_ = queue::watch(socket_->get(), queue_, [weak = weak_from_this()](std::uint32_t) {
-            if (const auto self = weak.lock()) self->accept();
+        // In the queue's turn: a peer may be waiting already, and accept() uses the watch.
+        const int error = queue_->sync([this] {
+            watch_ = queue::watch(socket_->get(), queue_, [weak = weak_from_this()](std::uint32_t) {
+                if (const auto self = weak.lock()) self->accept();
+            });
+            return watch_ ? 0 : errno;
         });
-        if (!watch_) return value::posixError(errno, text::format("socket of service {}", name_));
+        if (error != 0) return value::posixError(error, text::format("socket of service {}", name_));
         return {};
     }
 

@@ -115,8 +115,7 @@ OutputQueue::State OutputQueue::send(int socket, OutgoingFrame frame) {
     const int error = frame.send(socket);
     if (error == 0) return State::drained;
     if (error != EAGAIN) return State::broken;
-    bytes_ = frame.left();
-    frames_.push_back(std::move(frame));
+    keep(std::move(frame));
     return State::blocked;
 }
 
@@ -127,6 +126,7 @@ OutputQueue::State OutputQueue::flush(int socket) {
         const int error = frame.send(socket);
         bytes_ -= before - frame.left();
         if (error != 0) return error == EAGAIN ? State::blocked : State::broken;
+        if (frame.hasDescriptor()) --descriptors_;
         frames_.pop_front();
     }
     return State::drained;
@@ -134,13 +134,19 @@ OutputQueue::State OutputQueue::flush(int socket) {
 
 void OutputQueue::append(OutgoingFrame frame) {
     endPosition_ += frame.size();
-    bytes_ += frame.size();
+    keep(std::move(frame));
+}
+
+void OutputQueue::keep(OutgoingFrame frame) {
+    bytes_ += frame.left();
+    if (frame.hasDescriptor()) ++descriptors_;
     frames_.push_back(std::move(frame));
 }
 
 void OutputQueue::clear() {
     frames_.clear();
     bytes_ = 0;
+    descriptors_ = 0;
 }
 
 }  // namespace mox

@@ -26,6 +26,7 @@ public:
 
     std::size_t size() const { return size_; }
     std::size_t left() const { return size_ - sent_; }
+    bool hasDescriptor() const { return descriptor_ != nullptr; }
 
     // Sends what the socket takes without waiting; answers 0 or an errno, EAGAIN when something is left.
     int send(int socket);
@@ -57,15 +58,22 @@ public:
     void clear();
 
     bool empty() const { return frames_.empty(); }
-    std::size_t bytes() const { return bytes_; }  // that wait
+
+    // What waits, in bytes. A descriptor that waits is one of the daemon's own, scarcer than memory: it weighs as much
+    // as kDescriptorWeight of them, so that the bound on bytes bounds descriptors too.
+    std::size_t burden() const { return bytes_ + descriptors_ * kDescriptorWeight; }
+    static constexpr std::size_t kDescriptorWeight = std::size_t{64} << 10;
 
     // Positions in the stream of all bytes ever queued, by which one tells whether what waited at some time has gone.
     std::uint64_t endPosition() const { return endPosition_; }
     std::uint64_t sentPosition() const { return endPosition_ - bytes_; }
 
 private:
+    void keep(OutgoingFrame frame);
+
     std::deque<OutgoingFrame> frames_;
     std::size_t bytes_ = 0;
+    std::size_t descriptors_ = 0;
     std::uint64_t endPosition_ = 0;
 };
 
