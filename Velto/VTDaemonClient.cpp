@@ -95,6 +95,7 @@ void VTDaemonClient::set(mox::Dictionary& message, std::span<const value::Uuid> 
 }
 
 void VTDaemonClient::send(const mox::Dictionary& message, Reply reply) {
+    if (!reply) reply = [](const mox::Object&) {};
     // The connection delivers on the queue that it was made with, which either setter can make another than this.
     vtd()->send(message, [queue = replyQueue(), reply = std::move(reply)](const mox::Object& object) {
         if (queue->isCurrent()) return reply(object);

@@ -95,6 +95,7 @@ bool VTPlugInCore::setDictionaries(const value::Value& bundleInfo) {
 
     const value::Dictionary* top = whole->dictionary(VTInfoKey::extension);
     topDictionary_ = top != nullptr ? std::optional{*top} : std::nullopt;
+    plugInDictionary_.reset();
     noteChange();
     if (top == nullptr) return false;
 
@@ -113,11 +114,12 @@ const value::Dictionary& VTPlugInCore::topDictionary() const {
     return topDictionary_ ? *topDictionary_ : noEntries();
 }
 
-void VTPlugInCore::setTopDictionary(const value::Dictionary& dictionary) {
+// By value, as below: the argument may be one of the very views that change here.
+void VTPlugInCore::setTopDictionary(value::Dictionary dictionary) {
     if (topDictionary_ && !topDictionary_->isSameObject(dictionary)) {
         setBundleInfoDictionary(dictionaryChanging(bundleInfoDictionary(), VTInfoKey::extension, dictionary));
     }
-    topDictionary_ = dictionary;
+    topDictionary_ = std::move(dictionary);
     noteChange();
 }
 
@@ -125,7 +127,7 @@ const value::Dictionary& VTPlugInCore::plugInDictionary() const {
     return plugInDictionary_ ? *plugInDictionary_ : noEntries();
 }
 
-void VTPlugInCore::setPlugInDictionary(const value::Dictionary& dictionary) {
+void VTPlugInCore::setPlugInDictionary(value::Dictionary dictionary) {
     if (plugInDictionary_ && !plugInDictionary_->isSameObject(dictionary)) {
         if (isMultiplexed()) {
             const value::Dictionary* all = topDictionary().dictionary(VTInfoKey::multiple);
@@ -136,7 +138,7 @@ void VTPlugInCore::setPlugInDictionary(const value::Dictionary& dictionary) {
             setTopDictionary(dictionary);
         }
     }
-    plugInDictionary_ = dictionary;
+    plugInDictionary_ = std::move(dictionary);
     noteChange();
 }
 

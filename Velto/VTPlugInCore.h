@@ -116,9 +116,9 @@ public:
     bool onSystemVolume() const { return onSystemVolume_.load(); }
     void setOnSystemVolume(bool value) { change(onSystemVolume_, value); }
     const value::Dictionary& topDictionary() const;  // empty when not set
-    virtual void setTopDictionary(const value::Dictionary& dictionary);
+    virtual void setTopDictionary(value::Dictionary dictionary);
     const value::Dictionary& plugInDictionary() const;  // empty when not set
-    virtual void setPlugInDictionary(const value::Dictionary& dictionary);
+    virtual void setPlugInDictionary(value::Dictionary dictionary);
     std::string identifier() const { return identifier_.load(); }
     void setIdentifier(std::string value) { change(identifier_, std::move(value)); }
     std::string originalIdentifier() const { return originalIdentifier_.load(); }

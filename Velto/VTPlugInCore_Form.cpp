@@ -60,7 +60,7 @@ std::optional<VTForm> VTPlugInCore::exportForm(std::optional<value::Error>* /*er
 
     value::Dictionary::Builder form;
     form.set(VTFormKey::bundleInfo, dictionaryChanging(bundleInfoDictionary(), VTInfoKey::infoPlistURL, std::nullopt));
-    if (const auto containing = containingUrl()) form.set(VTFormKey::containingPath, *containing);
+    setUnlessEmpty(form, VTFormKey::containingPath, containingPath());
     form.set(VTFormKey::hubProtocolVersion, hubProtocolVersion());
     form.set(VTFormKey::identifier, identifier());
     form.set(VTFormKey::info, plugInDictionary());

@@ -24,7 +24,9 @@ bool isPlainName(const std::string& name) {
 // memory.
 class Cache {
 public:
-    std::optional<value::Dictionary> read(const std::string& path) {
+    enum class Faults { said, silent };
+
+    std::optional<value::Dictionary> read(const std::string& path, Faults faults) {
         const auto stamp = file::stampOf(path);
         const std::lock_guard lock{mutex_};
         const auto kept = entries_.find(path);
@@ -36,7 +38,7 @@ public:
 
         Entry fresh = load(path, *stamp);
         const bool reported = kept != entries_.end() && kept->second.stamp == fresh.stamp;
-        if (!fresh.fault.empty() && !reported) logging::error("SDK not read, " + fresh.fault);
+        if (!fresh.fault.empty() && !reported && faults == Faults::said) logging::error("SDK not read, " + fresh.fault);
         return (entries_[path] = std::move(fresh)).content;
     }
 
@@ -77,12 +79,12 @@ Cache& cache() {
 
 std::optional<value::Dictionary> entry(const std::string& extensionPoint) {
     if (!isPlainName(extensionPoint)) return {};
-    return cache().read(paths::directories().systemVolume + "/SDKs/" + extensionPoint + ".plist");
+    return cache().read(paths::directories().systemVolume + "/SDKs/" + extensionPoint + ".plist", Cache::Faults::said);
 }
 
 std::optional<value::Dictionary> entryIn(const std::string& directory, const std::string& extensionPoint) {
     if (!isPlainName(extensionPoint)) return {};
-    return cache().read(directory + "/" + extensionPoint);
+    return cache().read(directory + "/" + extensionPoint, Cache::Faults::silent);
 }
 
 }  // namespace sdk
