@@ -27,7 +27,11 @@ bool MatchList::admits(const VTForm& candidate) {
         if (everyVersion && order != std::weak_ordering::equivalent) continue;
         const bool wins =
             order == std::weak_ordering::equivalent ? winsTie(candidate, listed) : order == std::weak_ordering::greater;
-        if (wins) remove(at);
+        if (wins) {
+            remove(at);
+            // There was no other copy to look at: the next one need not walk past all that have been removed.
+            if (!everyVersion) copies_.erase(copies);
+        }
         return wins;
     }
     return true;

@@ -18,6 +18,9 @@
 
 namespace {
 
+// Each shared resource costs a look at the disk in every discovery: a bundle may not name so many that others wait.
+constexpr std::size_t kMostSharedResources = 256;
+
 // Generations of the plug-in protocol where a bundle names none.
 constexpr std::uint32_t kOldStyleProtocol = 1;
 constexpr std::uint32_t kCurrentProtocol = 2;
@@ -151,8 +154,14 @@ value::Dictionary VTDPlugIn::issueResourceExtensions(const value::Value& shared)
                                                            : value::Array{};
     const std::string root = url();
     value::Dictionary::Builder extensions;
-    extensions.reserve(names.size());
+    extensions.reserve(std::min(names.size(), kMostSharedResources));
+    std::size_t looked = 0;
     for (const value::Value& element : names) {
+        if (++looked > kMostSharedResources) {
+            logging::notice(text::format("only the first {} shared resources of the plug-in at {} are extended",
+                                         kMostSharedResources, root));
+            break;
+        }
         const std::string* name = element.string();
         if (name == nullptr) continue;
         const std::string target = *name == "." ? root : root + '/' + *name;

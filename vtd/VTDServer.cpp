@@ -51,8 +51,9 @@ VTDServer::VTDServer(std::shared_ptr<VTDAnnotationStore> annotations,
       sandbox_{sandbox::Service::create(service)} {}
 
 std::optional<value::Error> VTDServer::start() {
-    if (auto error = service_->resume()) return error;
+    // First what clients need as soon as they have been answered.
     if (auto error = sandbox_->resume()) return error;
+    if (auto error = service_->resume()) return error;
     if (const auto error = readiness::announce()) logging::warning(error->localizedDescription());
     return {};
 }

@@ -56,7 +56,8 @@ public:
     std::shared_ptr<VTDPlugIn> findPlugInAtPath(const std::string& path);
 
     // The candidates of a discovery request: each plug-in once, in the registry's order. A pre-selection by those rules
-    // that name identifiers, extension points and elections literally; never leaves out what the rules accept. Nothing
+    // that name identifiers, extension points and elections literally; leaves out what the rules accept only where the
+    // election filter is narrower than they are (it compares the low byte, as text). Nothing
     // when the registry has no list.
     std::optional<PlugIns> findPlugIns(const std::optional<value::Dictionary>& rules);
 
@@ -72,8 +73,8 @@ public:
 
     std::optional<value::Dictionary> annotationForPlugIn(const VTDPlugIn& plugIn) override;
 
-    // Stores (merges into what is there; nothing removes it), saves, and posts the change. Never an error: what cannot
-    // be saved is logged and stands in memory.
+    // Stores (merges into what is there; without an annotation the record is removed), saves, and posts the change.
+    // Never an error: what cannot be saved is logged and stands in memory.
     std::optional<value::Error> setAnnotation(const std::optional<value::Dictionary>& annotation,
                                               const VTDPlugIn& plugIn);
 

@@ -1,8 +1,12 @@
+#include <algorithm>
 #include <utility>
+#include <vector>
 
 #include "Velto/VTDaemonClient.h"
 #include "Velto/VTProtocol.h"
+#include "platform/logging/Log.h"
 #include "platform/sandbox/Sandbox.h"
+#include "platform/text/Format.h"
 #include "vtd/Discovery.h"
 #include "vtd/Probes.h"
 #include "vtd/Transaction.h"
@@ -11,6 +15,21 @@
 #include "vtd/VTDServer.h"
 
 namespace {
+
+// Far below what a frame may hold, far above what any device has installed: reached only by bundles made to reach it.
+constexpr std::size_t kMostEncodedBytes = std::size_t{256} << 20;
+
+// Leaves out what would make the reply so large that no host could take it.
+void keepWithinReply(std::vector<VTForm>& matches) {
+    std::size_t bytes = 0;
+    const auto beyond = std::find_if(matches.begin(), matches.end(), [&bytes](const VTForm& form) {
+        return (bytes += form.encodedSizeHint()) > kMostEncodedBytes;
+    });
+    if (beyond == matches.end()) return;
+    logging::notice(text::format("{} matches left out of a reply, from {} on: it would be larger than {} bytes",
+                                 matches.end() - beyond, beyond->identifier(), kMostEncodedBytes));
+    matches.erase(beyond, matches.end());
+}
 
 constexpr char kManagerEntitlement[] = "halvern.private.velto.manager";
 
@@ -46,7 +65,8 @@ void Transaction::matchPlugIns() {
                         [this](const VTDPlugIn& plugIn, VTForm& form) { addAnnotationForPlugIn(plugIn, form); }};
     for (const auto& candidate : candidates) discovery.visit(*candidate);
 
-    const std::vector<VTForm> matches = std::move(discovery).finish();
+    std::vector<VTForm> matches = std::move(discovery).finish();
+    keepWithinReply(matches);
     if (auto encoded = VTDaemonClient::convertToMox(matches, static_cast<std::int64_t>(version()))) {
         reply().setEncoded(VTKey::matches, *std::move(encoded));
     }
