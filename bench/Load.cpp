@@ -1,3 +1,4 @@
+#include <poll.h>
 #include <sys/epoll.h>
 #include <sys/socket.h>
 #include <unistd.h>
@@ -48,7 +49,9 @@ double requestsASecond(const std::string& socketPath, std::size_t clients, bool 
     std::array<epoll_event, 64> events;
     while ((elapsed = microsecondsSince(start) / 1e6) < seconds) {
         const int count = epoll_wait(epoll.get(), events.data(), events.size(), 1000);
-        if (count <= 0) throw std::runtime_error("the service at " + socketPath + " stopped answering after " + std::to_string(answered));
+        if (count <= 0)
+            throw std::runtime_error("the service at " + socketPath + " stopped answering after " +
+                                     std::to_string(answered));
         for (int i = 0; i < count; ++i) {
             auto& connection = *static_cast<RawConnection*>(events[static_cast<std::size_t>(i)].data.ptr);
             if (!connection.readFrame()) continue;
@@ -73,13 +76,13 @@ void behaveBadly(const std::string& socketPath, int ready) {
     }
     const std::vector<std::byte> request = requestFrame(smallRequestMessage());
     connections[0]->sendAll(request.data(), request.size() / 2);
-    write(ready, "", 1);
-    // Until the socket is full in both directions; then this process waits in send, as such a client would.
-    try {
-        for (;;) connections[1]->sendAll(request.data(), request.size());
-    } catch (const std::runtime_error&) {
-        pause();  // the service ended that connection; the others stay
+    // Until everything is full in both directions. Frames are cut where the socket is full, which harms nobody else.
+    pollfd stalled{connections[1]->fd(), POLLOUT, 0};
+    while (poll(&stalled, 1, 100) > 0 && (stalled.revents & (POLLERR | POLLHUP)) == 0) {
+        if (send(stalled.fd, request.data(), request.size(), MSG_DONTWAIT | MSG_NOSIGNAL) < 0) usleep(1000);
     }
+    if (write(ready, "", 1) != 1) return;
+    pause();
 }
 
 }  // namespace

@@ -24,7 +24,10 @@ public:
             notes_.note([&] { events_.push_back(mox::errorDescription(event)); });
         });
     }
+    // First the client goes, so that no event comes after; then what runs on its queue ends, and what that left behind.
     ~ClientOfAService() {
+        client.reset();
+        queue_->sync([] {});
         queue_->sync([] {});
     }
 
