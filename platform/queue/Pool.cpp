@@ -133,7 +133,7 @@ void Pool::schedule(std::shared_ptr<SerialQueue::State> queue) {
         const std::lock_guard lock{mutex_};
         scheduled_.push(std::move(queue));
         if (!anyoneWaits()) return;  // everybody is at work and will look here
-        wakes = lent == 0 || scheduled_.size() > 1;
+        wakes = lent == 0;
     }
     if (wakes) {
         wakeOne();
@@ -166,6 +166,23 @@ void Pool::beforeWork() {
 
 void Pool::setReminder() {
     if (reminderSet_.exchange(true)) return;
+    startReminder();
+}
+
+// Whether those at work have got stuck. As long as one of them polls now and then there is nothing to take over: a
+// second thread would only share the first one's work, at the price of its cache and its core.
+bool Pool::isTakeOverDue() {
+    if (polling_) {
+        reminderSet_ = false;  // whoever polls sets it again before it works
+        return false;
+    }
+    if (polls_ == pollsReminded_) return true;
+    startReminder();
+    return false;
+}
+
+void Pool::startReminder() {
+    pollsReminded_ = polls_.load();
     itimerspec when{};
     when.it_value.tv_nsec = kReminderNanoseconds;
     required("timerfd_settime", ::timerfd_settime(reminder_.get(), 0, &when, nullptr));
@@ -199,7 +216,6 @@ void Pool::workUntil(const std::function<bool()>& done) {
 
 void Pool::workOnce(Lender* lender, std::uint64_t recallsSeen) {
     std::shared_ptr<SerialQueue::State> queue;
-    bool others = false;
     Place place = Place::poller;
     {
         const std::lock_guard lock{mutex_};
@@ -214,13 +230,11 @@ void Pool::workOnce(Lender* lender, std::uint64_t recallsSeen) {
             }
             if (lender != nullptr) lender->waiting = true;
         }
-        others = scheduled_.size() > 0 && anyoneWaits();
     }
     if (!queue) {
         waitForEvents(place, lender);
         return;
     }
-    if (others) wakeOne();
     if (!queue->take()) return;
     beforeWork();
     itemsSinceEvents += queue->drain();
@@ -231,7 +245,11 @@ void Pool::workOnce(Lender* lender, std::uint64_t recallsSeen) {
 Pool::Taken Pool::takeEvents(Place place, Lender* lender) {
     std::array<epoll_event, kEventsAtOnce> events;  // NOLINT(*-member-init): the kernel fills what is read
     const file::UniqueFd& epoll = place == Place::standby ? standby_ : epoll_;
-    const int count = ::epoll_wait(epoll.get(), events.data(), kEventsAtOnce, place == Place::passing ? 0 : -1);
+    int count = 0;
+    do {
+        if (place != Place::standby) ++polls_;
+        count = ::epoll_wait(epoll.get(), events.data(), kEventsAtOnce, place == Place::passing ? 0 : -1);
+    } while (place == Place::standby && count == 1 && events.front().data.u64 == kReminder && !isTakeOverDue());
     if (place == Place::poller) polling_ = false;
     if (place == Place::standby) --standbys_;
     itemsSinceEvents = 0;

@@ -24,10 +24,9 @@ namespace queue {
 // again: a lone request meets one thread. Nobody takes its place in the meantime: an event that arrived would wake a
 // second thread for what the first is about to see by itself, and cost each request a change of threads.
 //
-// Work that a pool thread leaves for a queue goes on the list of scheduled queues and wakes nobody as long as it is the
-// only entry, because the thread itself comes for it next. When a thread goes on with something long instead (or
-// blocks), a timer ("the reminder") brings one that stands by within a millisecond: it takes what is scheduled, or else
-// polls.
+// Work that a pool thread leaves for a queue goes on the list of scheduled queues and wakes nobody, because the thread
+// itself comes for it next. When nobody has polled for a millisecond, because a thread goes on with something long (or
+// blocks), a timer ("the reminder") brings one that stands by: it takes what is scheduled, or else polls.
 //
 // Created at first use and never destroyed.
 class Pool {
@@ -81,6 +80,8 @@ private:
     void wakeOne();
     void beforeWork();
     void setReminder();
+    void startReminder();
+    bool isTakeOverDue();
 
     const file::UniqueFd epoll_;        // what the poller waits for
     const file::UniqueFd standby_;      // an epoll instance, too: what gets those that stand by
@@ -94,8 +95,10 @@ private:
     std::atomic<bool> pollerWoken_{false};
     std::atomic<bool> standbyWoken_{false};
     std::atomic<bool> reminderSet_{false};
-    std::atomic<bool> polling_{false};   // a thread polls, or is about to; raised under mutex_
-    std::atomic<unsigned> standbys_{0};  // threads that stand by, or are about to; raised under mutex_
+    std::atomic<std::uint64_t> polls_{0};          // how often somebody looked at epoll_
+    std::atomic<std::uint64_t> pollsReminded_{0};  // when the reminder was started
+    std::atomic<bool> polling_{false};             // a thread polls, or is about to; raised under mutex_
+    std::atomic<unsigned> standbys_{0};            // threads that stand by, or are about to; raised under mutex_
     std::atomic<std::uint64_t> recalls_{0};
 
     std::mutex mutex_;  // guards what follows; no other lock is taken under it
