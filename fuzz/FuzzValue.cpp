@@ -1,4 +1,7 @@
+#include <algorithm>
+#include <cstdint>
 #include <cstdlib>
+#include <string_view>
 #include <vector>
 
 #include "platform/mox/Object.h"
@@ -10,6 +13,11 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     if (!object) return 0;
     if (object->view().size() != size) std::abort();
     static_cast<void>(mox::description(object->view()));
+    // Keys stand once each, so looking for one finds the very entry that the walk came by.
+    object->view().forEachEntry([&](std::string_view key, mox::View entry) {
+        const auto found = object->view().find(key);
+        if (!found || found->bytes() != entry.bytes()) std::abort();
+    });
     const value::Value value = object->view().toValue();
     const mox::Object again{value};
     if (mox::check(again.view().encoded(), mox::kRequestLimits)) std::abort();
