@@ -28,7 +28,8 @@ public:
         for (const value::Dictionary::Entry& entry : rule) {
             const auto most = entry.value.isNumber() ? entry.value.integerValue() : std::nullopt;
             if (!most) return {};
-            tally.keys_.push_back({entry.key, *most});
+            tally.numbers_.emplace(entry.key, tally.keys_.size());
+            tally.keys_.push_back({*most});
         }
         return tally;
     }
@@ -58,7 +59,6 @@ public:
 
 private:
     struct Key {
-        std::string_view type;
         std::int64_t most;
         std::int64_t items = 0;
     };
@@ -68,13 +68,14 @@ private:
         if (const auto known = keysOfType_.find(type); known != keysOfType_.end()) return &known->second;
         if (keysOfType_.size() == kMostTypes) return nullptr;
         std::vector<std::size_t> keys;
-        for (std::size_t i = 0; i < keys_.size(); ++i) {
-            if (types::conforms(type, keys_[i].type)) keys.push_back(i);
-        }
+        types::forEachSupertype(type, [&](std::string_view supertype) {
+            if (const auto key = numbers_.find(supertype); key != numbers_.end()) keys.push_back(key->second);
+        });
         return &keysOfType_.emplace(type, std::move(keys)).first->second;
     }
 
     std::vector<Key> keys_;
+    std::unordered_map<std::string_view, std::size_t> numbers_;  // the rule's texts to places in keys_
     std::unordered_map<std::string_view, std::vector<std::size_t>> keysOfType_;
 };
 

@@ -44,19 +44,15 @@ void TypeGraph::addAliases(std::string_view lines) {
     });
 }
 
-bool TypeGraph::conforms(std::string_view a, std::string_view b) const {
-    if (a == b) return true;
-    const auto from = numbers_.find(a);
-    const auto to = numbers_.find(b);
-    if (from == numbers_.end() || to == numbers_.end()) return false;
-
+template <typename Visitor>
+bool TypeGraph::walkUntil(Type from, const Visitor& isLast) const {
     std::vector<bool> seen(supertypes_.size());
-    std::vector<Type> open{from->second};
-    seen[from->second] = true;
+    std::vector<Type> open{from};
+    seen[from] = true;
     while (!open.empty()) {
         const Type type = open.back();
         open.pop_back();
-        if (type == to->second) return true;
+        if (isLast(type)) return true;
         for (const Type supertype : supertypes_[type]) {
             if (seen[supertype]) continue;
             seen[supertype] = true;
@@ -66,10 +62,27 @@ bool TypeGraph::conforms(std::string_view a, std::string_view b) const {
     return false;
 }
 
+bool TypeGraph::conforms(std::string_view a, std::string_view b) const {
+    if (a == b) return true;
+    const auto from = numbers_.find(a);
+    const auto to = numbers_.find(b);
+    if (from == numbers_.end() || to == numbers_.end()) return false;
+    return walkUntil(from->second, [&](Type type) { return type == to->second; });
+}
+
+void TypeGraph::forEachSupertype(std::string_view type, const std::function<void(std::string_view)>& visit) const {
+    const auto from = numbers_.find(type);
+    if (from == numbers_.end()) return visit(type);
+    walkUntil(from->second, [&](Type supertype) {
+        visit(*names_[supertype]);
+        return false;
+    });
+}
+
 TypeGraph::Type TypeGraph::number(std::string_view name) {
     if (const auto known = numbers_.find(name); known != numbers_.end()) return known->second;
     const Type next = static_cast<Type>(supertypes_.size());
-    numbers_.emplace(name, next);
+    names_.push_back(&numbers_.emplace(name, next).first->first);
     supertypes_.emplace_back();
     return next;
 }

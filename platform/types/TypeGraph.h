@@ -25,6 +25,9 @@ public:
 
     bool conforms(std::string_view a, std::string_view b) const;
 
+    // Calls once with each type that this one conforms to, itself first, in no further order.
+    void forEachSupertype(std::string_view type, const std::function<void(std::string_view)>& visit) const;
+
 private:
     using Type = std::uint32_t;
 
@@ -36,7 +39,12 @@ private:
     Type number(std::string_view name);
     void add(std::string_view type, std::string_view supertype);
 
+    // Walks the closure until the visitor says so; answers whether it did.
+    template <typename Visitor>
+    bool walkUntil(Type from, const Visitor& isLast) const;
+
     std::unordered_map<std::string, Type, Hash, std::equal_to<>> numbers_;
+    std::vector<const std::string*> names_;      // by number; the map's keys
     std::vector<std::vector<Type>> supertypes_;  // by number
 };
 

@@ -136,12 +136,19 @@ private:
     std::shared_ptr<const Hierarchy> hierarchy_;
 };
 
+std::shared_ptr<const Hierarchy> current() {
+    static Current& readings = *new Current;  // never destroyed: queues may still ask while the process ends
+    return readings.get();
+}
+
 }  // namespace
 
 bool conforms(std::string_view a, std::string_view b) {
-    static Current& current = *new Current;  // never destroyed: queues may still ask while the process ends
-    if (a == b) return true;
-    return current.get()->graph.conforms(a, b);
+    return a == b || current()->graph.conforms(a, b);
+}
+
+void forEachSupertype(std::string_view type, const std::function<void(std::string_view)>& visit) {
+    current()->graph.forEachSupertype(type, visit);
 }
 
 }  // namespace types

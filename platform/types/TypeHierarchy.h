@@ -1,5 +1,6 @@
 #pragma once
 
+#include <functional>
 #include <string_view>
 
 // The type-identifier hierarchy: Types.plist on the system volume (a type to the type, or the array of types, that it
@@ -14,5 +15,9 @@ namespace types {
 // Whether A conforms to B: a type conforms to itself and to every type it is declared to conform to, transitively;
 // cycles end. Any thread.
 bool conforms(std::string_view a, std::string_view b);
+
+// Calls once with each type that this one conforms to, itself first: one walk, where many are to be looked for. The
+// texts are valid during the call. Any thread.
+void forEachSupertype(std::string_view type, const std::function<void(std::string_view)>& visit);
 
 }  // namespace types
