@@ -10,6 +10,9 @@
 #define PROBE_TEXT_request_output "request-output"
 #define PROBE_TEXT_db_load "db-load"
 #define PROBE_TEXT_discover_raw "discover-raw"
+#define PROBE_TEXT_plugin_add "plugin-add"
+#define PROBE_TEXT_plugin_remove "plugin-remove"
+#define PROBE_TEXT_plugin_ready "plugin-ready"
 
 PROBE_SEMAPHORE(vtd, client_new);
 PROBE_SEMAPHORE(vtd, client_done);
@@ -18,6 +21,9 @@ PROBE_SEMAPHORE(vtd, request);
 PROBE_SEMAPHORE(vtd, request_output);
 PROBE_SEMAPHORE(vtd, db_load);
 PROBE_SEMAPHORE(vtd, discover_raw);
+PROBE_SEMAPHORE(vtd, plugin_add);
+PROBE_SEMAPHORE(vtd, plugin_remove);
+PROBE_SEMAPHORE(vtd, plugin_ready);
 
 namespace probes::site {
 
@@ -47,6 +53,18 @@ void dbLoad(const char* domain, std::int64_t code) {
 
 void discoverRaw(std::size_t candidates) {
     PROBE1(vtd, discover_raw, candidates);
+}
+
+void pluginAdd(const char* path) {
+    PROBE1(vtd, plugin_add, path);
+}
+
+void pluginRemove(const char* path, bool resolved) {
+    PROBE2(vtd, plugin_remove, path, static_cast<int>(resolved));
+}
+
+void pluginReady(const char* uuid) {
+    PROBE1(vtd, plugin_ready, uuid);
 }
 
 }  // namespace probes::site

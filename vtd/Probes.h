@@ -21,6 +21,9 @@ extern volatile unsigned short vtd_request_semaphore;
 extern volatile unsigned short vtd_request_output_semaphore;
 extern volatile unsigned short vtd_db_load_semaphore;
 extern volatile unsigned short vtd_discover_raw_semaphore;
+extern volatile unsigned short vtd_plugin_add_semaphore;
+extern volatile unsigned short vtd_plugin_remove_semaphore;
+extern volatile unsigned short vtd_plugin_ready_semaphore;
 }
 #pragma GCC visibility pop
 
@@ -35,6 +38,9 @@ void request(pid_t pid, const char* name);
 void requestOutput(pid_t pid, const char* reply);
 void dbLoad(const char* domain, std::int64_t code);
 void discoverRaw(std::size_t candidates);
+void pluginAdd(const char* path);
+void pluginRemove(const char* path, bool resolved);
+void pluginReady(const char* uuid);
 }  // namespace site
 
 // "client-new" (pid): a client was set up.
@@ -80,6 +86,25 @@ inline void dbLoad(const std::string& domain, std::int64_t code) {
 inline void discoverRaw(std::size_t candidates) {
     if (vtd_discover_raw_semaphore != 0) [[unlikely]]
         site::discoverRaw(candidates);
+}
+
+// "plugin-add" (path): a path of an "add" is about to be registered.
+inline void pluginAdd(const std::string& path) {
+    if (vtd_plugin_add_semaphore != 0) [[unlikely]]
+        site::pluginAdd(path.c_str());
+}
+
+// "plugin-remove" (path, whether it is the canonical one): a path of a "remove" is about to be unregistered.
+inline void pluginRemove(const std::string& path, bool resolved) {
+    if (vtd_plugin_remove_semaphore != 0) [[unlikely]]
+        site::pluginRemove(path.c_str(), resolved);
+}
+
+// "plugin-ready" (text of the plug-in's UUID): a plug-in of a "ready" is about to be prepared.
+template <typename MakeText>
+void pluginReady(MakeText&& uuid) {
+    if (vtd_plugin_ready_semaphore != 0) [[unlikely]]
+        site::pluginReady(std::string{uuid()}.c_str());
 }
 
 }  // namespace probes

@@ -1,5 +1,6 @@
 #include "vtd/Transaction.h"
 
+#include <new>
 #include <string_view>
 #include <utility>
 
@@ -19,7 +20,9 @@ struct Transaction::Handler {
 
 const Transaction::Handler* Transaction::handlerNamed(std::string_view name) {
     static constexpr Handler kHandlers[] = {
-        {VTRequest::match, &Transaction::matchPlugIns},
+        {VTRequest::add, &Transaction::addPlugIns},           {VTRequest::remove, &Transaction::removePlugIns},
+        {VTRequest::bulk, &Transaction::bulkPlugIns},         {VTRequest::match, &Transaction::matchPlugIns},
+        {VTRequest::annotate, &Transaction::annotatePlugIns},
     };
     for (const Handler& handler : kHandlers) {
         if (handler.name == name) return &handler;
@@ -87,6 +90,26 @@ bool Transaction::processPaths(const PathHandler& handler) {
     if (!marshalPaths(handler)) return false;
     done();
     return true;
+}
+
+bool Transaction::processUuidList(const PlugInHandler& handler) {
+    const auto malformed = [this](const char* message) {
+        fail(VTErrorRequest, message);
+        return false;
+    };
+    const auto uuids = mox_dictionary_get_array(request(), VTKey::uuids);
+    if (!uuids) return malformed("invalid request format (uuid)");
+
+    return uuids->forEachElement([&](mox::View element) {
+        const std::optional<value::Uuid> sent = element.uuid();
+        if (!sent) return malformed("invalid request (bad uuid array)");
+        // An object of its own, as the protocol has it: want of memory is answered, and does not end the daemon.
+        const std::unique_ptr<const value::Uuid> uuid{new (std::nothrow) value::Uuid{*sent}};
+        if (!uuid) return malformed("invalid request (uuid allocation failure)");
+        const auto plugIn = server()->findPlugIn(*uuid);
+        if (!plugIn) return malformed("no such plugin (uuid not found)");
+        return handler(plugIn);
+    });
 }
 
 void Transaction::done() {

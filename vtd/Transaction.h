@@ -31,6 +31,10 @@ public:
     // Answers whether to go on; one that answers false has already replied.
     using PathHandler = std::function<bool(const std::string& path, bool resolved)>;
 
+    // What is done with one plug-in of a list of UUIDs. Answers whether to go on; one that answers false has already
+    // replied.
+    using PlugInHandler = std::function<bool(const std::shared_ptr<VTDPlugIn>& plugIn)>;
+
     Transaction(mox::Request request, std::shared_ptr<VTDMoxClient> client);  // initWithRequest:forClient:
     Transaction(const Transaction&) = delete;
     Transaction& operator=(const Transaction&) = delete;
@@ -43,6 +47,11 @@ public:
 
     // The same, and done() when all went through.
     bool processPaths(const PathHandler& handler);
+
+    // Hands the plug-in of each of the request's "uuids" to the handler, in order, up to the first element that names
+    // none (the request has then failed) or that the handler refuses. Answers whether all went through; it never calls
+    // done().
+    bool processUuidList(const PlugInHandler& handler);
 
     void done();  // sends the reply
 
@@ -64,7 +73,11 @@ private:
     static const Handler* handlerNamed(std::string_view name);
 
     // The handlers, each in the file of its request.
+    void addPlugIns();
+    void removePlugIns();
+    void bulkPlugIns();
     void matchPlugIns();
+    void annotatePlugIns();
 
     // Sets the form's "annotations" to the plug-in's, or to none.
     void addAnnotationForPlugIn(const VTDPlugIn& plugIn, VTForm& form) const;

@@ -48,14 +48,15 @@ private:
     const file::UniqueFd socket_;
 };
 
-// Asks twice and hangs up. Ends the daemon, and so the trace, when it does not answer.
+// Asks and hangs up. Ends the daemon, and so the trace, when it does not answer.
 void beAClient(const Readiness& readiness, pid_t daemon) {
     bool served = readiness.await();
     const auto connection =
         mox::ClientConnection::create("halvern.velto.vtd", std::make_shared<queue::SerialQueue>("client"));
     connection->resume();
-    for (const char* name : {"unheard of", "match"}) {
+    for (const char* name : {"unheard of", "match", "add", "remove"}) {
         mox::Dictionary message;
+        message.set("paths", value::Array{"/"});
         message.set("version", 3u);
         message.set("request", name);
         std::promise<void> replied;
@@ -71,8 +72,8 @@ TEST(Probes, StandInTheProgramUnderTheirNamesAndFireWithTheirArguments) {
     GTEST_SKIP() << "the tracer knows one machine's registers";
 #endif
     const std::vector<Probe> probes = listProbes(VTD_PROGRAM);
-    for (const char* name :
-         {"client-new", "client-done", "request-input", "request", "request-output", "db-load", "discover-raw"}) {
+    for (const char* name : {"client-new", "client-done", "request-input", "request", "request-output", "db-load",
+                             "discover-raw", "plugin-add", "plugin-remove", "plugin-ready"}) {
         EXPECT_EQ(std::count_if(probes.begin(), probes.end(),
                                 [&](const Probe& probe) { return probe.provider == "vtd" && probe.name == name; }),
                   1)
@@ -104,7 +105,9 @@ TEST(Probes, StandInTheProgramUnderTheirNamesAndFireWithTheirArguments) {
         first.emplace(probe.name, probe.arguments);
     }
     EXPECT_THAT(order, ElementsAre("db-load", "client-new", "request-input", "request", "request-output",
-                                   "request-input", "request", "discover-raw", "request-output", "client-done"));
+                                   "request-input", "request", "discover-raw", "request-output", "request-input",
+                                   "request", "plugin-add", "request-output", "request-input", "request",
+                                   "plugin-remove", "request-output", "client-done"));
     EXPECT_EQ(first["db-load"].at(0).text, "Velto");
     EXPECT_EQ(first["db-load"].at(1).number, 7);
     for (const char* name : {"client-new", "client-done", "request-input", "request", "request-output"}) {
@@ -115,6 +118,9 @@ TEST(Probes, StandInTheProgramUnderTheirNamesAndFireWithTheirArguments) {
     EXPECT_THAT(first["request-output"].at(1).text, HasSubstr("unrecognized request"));
     ASSERT_THAT(first["discover-raw"], SizeIs(1));
     EXPECT_EQ(first["discover-raw"][0].number, 2);
+    EXPECT_EQ(first["plugin-add"].at(0).text, "/");
+    EXPECT_EQ(first["plugin-remove"].at(0).text, "/");
+    EXPECT_EQ(first["plugin-remove"].at(1).number, 1);
 }
 
 }  // namespace

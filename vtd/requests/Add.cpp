@@ -1,0 +1,20 @@
+#include "Velto/VTProtocol.h"
+#include "platform/text/Format.h"
+#include "vtd/Probes.h"
+#include "vtd/Transaction.h"
+#include "vtd/VTDMoxClient.h"
+#include "vtd/VTDServer.h"
+
+void Transaction::addPlugIns() {
+    processPaths([this](const std::string& path, bool resolved) {
+        if (!resolved) {
+            fail(VTErrorPath, text::format("invalid plugin path: {}", path));
+            return false;
+        }
+        probes::pluginAdd(path);
+        if (!server()->addPlugIn(path)) return true;
+        server()->log("failed to register plug-in at {}", path);
+        fail(VTErrorRegistry, text::format("unable to register plug-in at {}", path));
+        return false;
+    });
+}

@@ -1,0 +1,42 @@
+#include <string>
+
+#include "Velto/VTProtocol.h"
+#include "Velto/VTValueHelpers.h"
+#include "vtd/Transaction.h"
+#include "vtd/VTDMoxClient.h"
+#include "vtd/VTDPlugIn.h"
+#include "vtd/VTDServer.h"
+
+namespace {
+constexpr char kElection[] = "election";
+constexpr char kExtension[] = "extension";
+}  // namespace
+
+// Everything is checked before anything is stored. Each plug-in is then saved and announced by itself; the reply leaves
+// behind the last save, so that what was answered is on the disk.
+void Transaction::annotatePlugIns() {
+    const auto sent = mox_dictionary_get_dictionary(request(), VTKey::annotations);
+    if (!sent) return fail(VTErrorRequest, "invalid request format (bad annotations dictionary)");
+
+    value::Dictionary::Builder update;
+    std::string electionText = "(null)";
+    if (const auto found = sent->find(kElection)) {
+        const value::Value election = found->toValue();
+        if (!election.isNumber()) return fail(VTErrorRequest, "invalid request format (annotation election)");
+        electionText = description(election);
+        update.set(kElection, election);
+    }
+    if (const auto extension = sent->find(kExtension)) {
+        if (!extension->isDictionary()) return fail(VTErrorRequest, "invalid request format (annotation extension)");
+        update.set(kExtension, extension->toValue());
+    }
+    if (update.size() == 0) return done();
+
+    const value::Dictionary annotation = std::move(update).build();
+    const bool all = processUuidList([&](const std::shared_ptr<VTDPlugIn>& plugIn) {
+        server()->log("client {} plug-in {} election := {}", client()->pid(), plugIn->identifier(), electionText);
+        static_cast<void>(server()->setAnnotation(annotation, *plugIn));  // never an error
+        return true;
+    });
+    if (all) done();
+}
