@@ -9,6 +9,7 @@
 #include <array>
 #include <cerrno>
 #include <string_view>
+#include <thread>
 
 #include "platform/text/Format.h"
 
@@ -46,6 +47,17 @@ value::Result<LockFile> LockFile::take(const std::string& path) {
         [[maybe_unused]] const ssize_t written = ::pwrite(descriptor.get(), pid.data(), pid.size(), 0);
     }
     return LockFile{std::move(descriptor)};
+}
+
+// By trying again: the kernel's own wait cannot be given an end without a signal.
+value::Result<LockFile> LockFile::takeWithin(const std::string& path, std::chrono::milliseconds patience) {
+    constexpr std::chrono::milliseconds kPause{2};
+    const auto deadline = std::chrono::steady_clock::now() + patience;
+    for (;;) {
+        auto taken = take(path);
+        if (taken || taken.error().code != EWOULDBLOCK || std::chrono::steady_clock::now() >= deadline) return taken;
+        std::this_thread::sleep_for(kPause);
+    }
 }
 
 }  // namespace lock

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <chrono>
 #include <string>
 
 #include "platform/file/UniqueFd.h"
@@ -16,6 +17,9 @@ public:
     // the holder. Errors are of the domain "posix"; a lock that somebody holds is EWOULDBLOCK, and the message names
     // the holder.
     static value::Result<LockFile> take(const std::string& path);
+
+    // The same, but waits so long for somebody to let go: for locks that are held for moments.
+    static value::Result<LockFile> takeWithin(const std::string& path, std::chrono::milliseconds patience);
 
 private:
     explicit LockFile(file::UniqueFd descriptor) : descriptor_{std::move(descriptor)} {}

@@ -1,22 +1,24 @@
 #include "platform/sdk/SdkRegistry.h"
 
+#include <climits>
 #include <mutex>
+#include <string_view>
 #include <unordered_map>
 #include <utility>
 
-#include "platform/file/File.h"
 #include "platform/logging/Log.h"
 #include "platform/paths/Paths.h"
-#include "platform/plist/Plist.h"
+#include "platform/plist/KeptFile.h"
 
 namespace sdk {
 
 namespace {
 
-constexpr std::size_t kLimit = std::size_t{4} << 20;
+constexpr plist::Limits kLimits{.bytes = std::size_t{4} << 20};
 
 bool isPlainName(const std::string& name) {
-    return !name.empty() && name.front() != '.' && name.find('/') == std::string::npos &&
+    constexpr std::size_t kLongest = NAME_MAX - std::string_view{".plist"}.size();
+    return !name.empty() && name.size() <= kLongest && name.front() != '.' && name.find('/') == std::string::npos &&
            name.find('\0') == std::string::npos;
 }
 
@@ -27,47 +29,24 @@ public:
     enum class Faults { said, silent };
 
     std::optional<value::Dictionary> read(const std::string& path, Faults faults) {
-        const auto stamp = file::stampOf(path);
         const std::lock_guard lock{mutex_};
-        const auto kept = entries_.find(path);
-        if (!stamp) {
-            if (kept != entries_.end()) entries_.erase(kept);
+        const auto kept = files_.try_emplace(path, path, kLimits).first;
+        const plist::KeptFile::Reading& reading = kept->second.read();
+        if (!reading.root && !reading.fault) {
+            files_.erase(kept);
             return {};
         }
-        if (kept != entries_.end() && kept->second.settled && kept->second.stamp == *stamp) return kept->second.content;
-
-        Entry fresh = load(path, *stamp);
-        const bool reported = kept != entries_.end() && kept->second.stamp == fresh.stamp;
-        if (!fresh.fault.empty() && !reported && faults == Faults::said) logging::error("SDK not read, " + fresh.fault);
-        return (entries_[path] = std::move(fresh)).content;
+        if (reading.root && reading.root->dictionary() != nullptr) return *reading.root->dictionary();
+        if (reading.news && faults == Faults::said) {
+            logging::error("SDK not read, " +
+                           (reading.fault ? reading.fault->localizedDescription() : path + ": not a dictionary"));
+        }
+        return {};
     }
 
 private:
-    struct Entry {
-        file::Stamp stamp;
-        bool settled = false;  // whether an unchanged stamp proves unchanged content
-        std::optional<value::Dictionary> content;
-        std::string fault;
-    };
-
-    static Entry load(const std::string& path, const file::Stamp& seen) {
-        const bool settled = file::settled(seen);  // as of before the attempt to read
-        const auto contents = file::readRegular(path, kLimit);
-        if (!contents) return {seen, settled, {}, contents.error().localizedDescription()};
-        Entry entry{contents->stamp, contents->settled, {}, {}};
-        const auto list = plist::read(contents->bytes);
-        if (!list) {
-            entry.fault = path + ": " + list.error().localizedDescription();
-        } else if (const value::Dictionary* dictionary = list->dictionary()) {
-            entry.content = *dictionary;
-        } else {
-            entry.fault = path + ": not a dictionary";
-        }
-        return entry;
-    }
-
     std::mutex mutex_;
-    std::unordered_map<std::string, Entry> entries_;
+    std::unordered_map<std::string, plist::KeptFile> files_;
 };
 
 Cache& cache() {
