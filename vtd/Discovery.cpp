@@ -57,6 +57,22 @@ struct Discovery::Gates {
         return Reason{"does not match the rule", rule->key};
     }
 
+    static Verdict exclusions(Visit& visit) {
+        for (const value::Value& exclusion : visit.query.exclusions) {
+            const value::Dictionary* rules = exclusion.dictionary();
+            if (rules != nullptr && visit.candidate.unmatchedRule(*rules) == nullptr) {
+                return Reason{"is excluded by the user"};
+            }
+        }
+        return {};
+    }
+
+    static Verdict hostAuthorization(Visit& visit) {
+        auto refusal = visit.query.refuseToClient ? visit.query.refuseToClient(visit.candidate) : std::nullopt;
+        if (!refusal) return {};
+        return Reason{"may not be used by the client", *std::move(refusal)};
+    }
+
     static Verdict exported(Visit& visit) {
         std::optional<value::Error> error;
         visit.form = visit.candidate.exportForm(&error);
@@ -77,8 +93,10 @@ struct Discovery::Gates {
         {"location", Gate::Scope::unlessAll, location},      //
         {"dedication", Gate::Scope::unlessAll, dedication},  //
         {"rules", Gate::Scope::always, rules},               //
-        {"export", Gate::Scope::always, exported},           //
-        {"duplicates", Gate::Scope::always, duplicates},     //
+        {kExclusionsGate, Gate::Scope::always, exclusions},
+        {kHostGate, Gate::Scope::unlessAll, hostAuthorization},
+        {"export", Gate::Scope::always, exported},        //
+        {"duplicates", Gate::Scope::always, duplicates},  //
     };
 };
 

@@ -25,7 +25,15 @@ public:
         // Where the client's own plug-ins lie, if it has a bundle: asked for dedicated candidates only, since it may
         // look at the disk. Empty: nowhere.
         std::function<std::optional<std::string>()> clientPlugInsPath;
+        // What the user wants no host to see: rules, of which none may match. Elements of another kind match nothing.
+        value::Array exclusions = {};
+        // Why the client may not use a plug-in, or nothing when it may. Empty: it may use every one.
+        std::function<std::optional<std::string>(const VTDPlugIn& plugIn)> refuseToClient = {};
     };
+
+    // The gates that callers know by name.
+    static constexpr std::string_view kExclusionsGate = "exclusions";
+    static constexpr std::string_view kHostGate = "host authorization";
 
     // Why a candidate is not among the matches.
     struct Refusal {

@@ -14,6 +14,8 @@
 #include "platform/value/Value.h"
 #include "vtd/VTDAnnotationSource.h"
 
+class VTDMoxClient;
+
 // Entitlements of a plug-in that say how the user's choices apply to it.
 inline constexpr char kReplacePlugInEntitlement[] = "halvern.developer.replace-plugin";
 inline constexpr char kAutoElectEntitlement[] = "halvern.developer.auto-elect-plugin";
@@ -24,12 +26,12 @@ const std::string& annotationKeyFor(const std::string& identifier, const value::
 
 // The daemon's record of one installed plug-in: the shared record, built from the registry's record and the bundle's
 // info dictionary, with what only the registry knows (display names, entitlements, the data container), the rule
-// language, and the extensions for shared resources.
+// language, the decision whether a host may use it, and the extensions for shared resources.
 //
 // Ownership: built and cached by the database; holds its registry record; refers to its annotation source weakly.
 // Threading: built on the database's queue, then used by requests on the service queue, one at a time: what is filled
-// on first read (display names, resolved resources) has no lock of its own but for the properties' atomicity.
-// Errors: a plug-in that cannot be used makes no record; the reason is logged.
+// on first read (display names, resolved resources, the age rating) has no lock of its own but for the properties'
+// atomicity. Errors: a plug-in that cannot be used makes no record; the reason is logged.
 class VTDPlugIn : public VTPlugInCore {
 public:
     // Null when the plug-in has no bundle, no usable description, or is mis-configured.
@@ -74,6 +76,22 @@ public:
     bool matchValuePattern(std::string_view value, std::string_view pattern) const;
     bool matchDictionary(const value::Value& rule, const value::Dictionary& items) const;
 
+    // --- Host authorization (VTDPlugIn_Host.cpp)
+
+    // Nothing when the client may use the plug-in, else why not: first what the host's own entitlement restricts it to,
+    // then the entitlement that the plug-in demands, then the device's restriction. The second form is for the many
+    // plug-ins of one request, which asks for the restriction once.
+    std::optional<std::string> allowForClient(const VTDMoxClient& client) const;
+    std::optional<std::string> allowForClient(const VTDMoxClient& client,
+                                              std::optional<std::int64_t> maximumRating) const;
+
+    // Whether the containing application is rated above the maximum that the device allows.
+    bool ageRestricted() const;
+    bool ageRestricted(std::optional<std::int64_t> maximumRating) const;
+
+    // The rank of the containing application's age rating, -1 when it is not known; read once for a record.
+    std::int64_t containerAgeRestriction() const;
+
     // Where "KXUserElection" is asked; without one nothing was ever decided.
     void setAnnotationSource(std::weak_ptr<VTDAnnotationSource> source) { annotationSource_.store(std::move(source)); }
 
@@ -87,6 +105,7 @@ private:
     mutable VTAtomic<std::string> localizedName_;
     mutable VTAtomic<std::string> localizedShortName_;
     mutable VTAtomic<std::string> localizedContainingName_;
+    mutable VTAtomic<std::optional<std::int64_t>> containerAgeRestriction_;  // once it was asked for
     VTAtomic<std::shared_ptr<const dravo::DVVeltoProxy>> dvproxy_;
     VTAtomic<std::weak_ptr<VTDAnnotationSource>> annotationSource_;
 };

@@ -48,7 +48,8 @@ VTDServer::VTDServer(std::shared_ptr<VTDAnnotationStore> annotations,
       moxQueue_{std::make_shared<queue::SerialQueue>("mox")},
       mainQueue_{std::make_shared<queue::SerialQueue>("service", queue::QualityOfService::userInitiated)},
       service_{mox::listen(service, moxQueue_)},
-      sandbox_{sandbox::Service::create(service)} {}
+      sandbox_{sandbox::Service::create(service)},
+      userPrefs_{std::make_shared<VTDUserPrefs>()} {}
 
 std::optional<value::Error> VTDServer::start() {
     // First what clients need as soon as they have been answered.

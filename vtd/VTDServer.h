@@ -14,6 +14,7 @@
 #include "platform/sandbox/Sandbox.h"
 #include "platform/text/Described.h"
 #include "platform/text/Format.h"
+#include "vtd/VTDUserPrefs.h"
 #include "vtd/VTDatabase.h"
 
 // The daemon: at once the plug-in database and the service that clients talk to. Listens on the named service, makes a
@@ -69,6 +70,7 @@ public:
     const std::shared_ptr<queue::SerialQueue>& moxQueue() const { return moxQueue_; }
     const std::shared_ptr<queue::SerialQueue>& mainQueue() const { return mainQueue_; }
     const std::shared_ptr<mox::Listener>& service() const { return service_; }
+    const std::shared_ptr<VTDUserPrefs>& userPrefs() const { return userPrefs_; }
 
 private:
     VTDServer(std::shared_ptr<VTDAnnotationStore> annotations, std::shared_ptr<dravo::DVApplicationWorkspace> workspace,
@@ -78,6 +80,7 @@ private:
     const std::shared_ptr<queue::SerialQueue> mainQueue_;
     const std::shared_ptr<mox::Listener> service_;
     const std::shared_ptr<sandbox::Service> sandbox_;  // where those who hold our tokens ask for files
+    const std::shared_ptr<VTDUserPrefs> userPrefs_;
 
     VTAtomic<std::uint32_t> verbose_;
 };

@@ -5,6 +5,7 @@
 #include "Velto/VTDaemonClient.h"
 #include "Velto/VTProtocol.h"
 #include "platform/logging/Log.h"
+#include "platform/restrictions/Restrictions.h"
 #include "platform/sandbox/Sandbox.h"
 #include "platform/text/Format.h"
 #include "vtd/Discovery.h"
@@ -41,6 +42,16 @@ bool maySeeAll(const VTDMoxClient& client) {
     return connection && !sandbox::isSandboxed(*connection->identity());
 }
 
+// What is told about a candidate that a gate held back: only the two where somebody may wonder.
+void explain(const VTDServer& server, const VTDMoxClient& client, const VTDPlugIn& candidate,
+             const Discovery::Refusal& refusal) {
+    if (refusal.gate == Discovery::kExclusionsGate) {
+        server.debug("client {} plugin {} excluded", client.pid(), candidate.identifier());
+    } else if (refusal.gate == Discovery::kHostGate) {
+        server.debug("client {} cannot use plugin {}: {}", client.pid(), candidate.identifier(), refusal.detail);
+    }
+}
+
 }  // namespace
 
 void Transaction::matchPlugIns() {
@@ -58,12 +69,19 @@ void Transaction::matchPlugIns() {
     }
     if (const auto& bundle = client()->bundle()) query.clientPlugInsPath = [bundle] { return bundle->plugInsPath(); };
 
+    query.exclusions = server()->userPrefs()->exclusions().value_or(value::Array{});
+    query.refuseToClient = [&client = *client(), maximumRating = restrictions::maximumAppsRating()](
+                               const VTDPlugIn& plugIn) { return plugIn.allowForClient(client, maximumRating); };
+
     const VTDatabase::PlugIns candidates = server()->findPlugIns(query.rules).value_or(VTDatabase::PlugIns{});
     probes::discoverRaw(candidates.size());
 
     Discovery discovery{std::move(query),
                         [this](const VTDPlugIn& plugIn, VTForm& form) { addAnnotationForPlugIn(plugIn, form); }};
-    for (const auto& candidate : candidates) discovery.visit(*candidate);
+    for (const auto& candidate : candidates) {
+        const auto refusal = discovery.visit(*candidate);
+        if (refusal && server()->verbose() > 0) explain(*server(), *client(), *candidate, *refusal);
+    }
 
     std::vector<VTForm> matches = std::move(discovery).finish();
     keepWithinReply(matches);

@@ -1,0 +1,60 @@
+#include <string>
+
+#include "Velto/VTInfoKeys.h"
+#include "platform/restrictions/Restrictions.h"
+#include "platform/text/Format.h"
+#include "vtd/VTDAgeRating.h"
+#include "vtd/VTDMoxClient.h"
+#include "vtd/VTDPlugIn.h"
+
+// Host authorization: whether a host may see and use a plug-in. Every candidate of every discovery passes here, so what
+// needs a look at the disk is asked at most once for a request, or for a record.
+
+namespace {
+
+constexpr char kAllowedPlugInsEntitlement[] = "halvern.developer.velto.allowedplugins";
+
+// What names no entitlement is held by nobody.
+bool holds(const VTDMoxClient& client, const value::Value& entitlement) {
+    const std::string* name = entitlement.string();
+    return name != nullptr && client.hasEntitlement(*name);
+}
+
+}  // namespace
+
+std::optional<std::string> VTDPlugIn::allowForClient(const VTDMoxClient& client) const {
+    return allowForClient(client, restrictions::maximumAppsRating());
+}
+
+std::optional<std::string> VTDPlugIn::allowForClient(const VTDMoxClient& client,
+                                                     std::optional<std::int64_t> maximumRating) const {
+    if (const auto restriction = client.entitlementValueForKey(kAllowedPlugInsEntitlement)) {
+        const value::Dictionary* rules = restriction->dictionary();
+        if (rules == nullptr) return "invalid host restriction entitlement";
+        if (unmatchedRule(*rules) != nullptr) return "the host's plug-in entitlement does not allow this plug-in";
+    }
+    const value::Value* demanded = plugInDictionary().find(VTInfoKey::hostEntitlement);
+    if (demanded != nullptr && !holds(client, *demanded)) {
+        return text::format("the host does not have the \"{}\" entitlement", value::description(*demanded));
+    }
+    if (ageRestricted(maximumRating)) return "the containing Application is age restricted";
+    return {};
+}
+
+bool VTDPlugIn::ageRestricted() const {
+    return ageRestricted(restrictions::maximumAppsRating());
+}
+
+bool VTDPlugIn::ageRestricted(std::optional<std::int64_t> maximumRating) const {
+    return maximumRating && containerAgeRestriction() > *maximumRating;
+}
+
+std::int64_t VTDPlugIn::containerAgeRestriction() const {
+    if (const auto known = containerAgeRestriction_.load()) return *known;
+    const auto container = dvproxy()->containingBundle();
+    const auto directory =
+        container && container->application ? container->application->bundleContainerPath() : std::nullopt;
+    const std::int64_t rating = directory ? ageRatingInContainer(*directory) : kUnknownAgeRating;
+    containerAgeRestriction_.store(rating);
+    return rating;
+}

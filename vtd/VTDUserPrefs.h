@@ -1,0 +1,22 @@
+#pragma once
+
+#include <optional>
+
+#include "platform/prefs/Preferences.h"
+#include "platform/value/Value.h"
+
+inline constexpr char kUserPrefsDomain[] = "halvern.velto.userprefs";
+inline constexpr char kExclusionsKey[] = "exclusions";
+
+// What the user has decided for all hosts: the exclusions, rules of plug-ins that no discovery ever returns. The daemon
+// reads them; other programs write them.
+//
+// Ownership: the server's. Threading: any thread; requests ask on the service queue.
+class VTDUserPrefs : public prefs::UserDefaults {
+public:
+    VTDUserPrefs() { addSuite(kUserPrefsDomain); }
+
+    // The rules dictionaries as they are stored now, or nothing. What is no array of dictionaries excludes nothing, and
+    // the log says so once for each change of the preferences.
+    std::optional<value::Array> exclusions();
+};
