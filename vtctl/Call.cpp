@@ -9,6 +9,7 @@
 #include "platform/queue/Reactor.h"
 #include "vtctl/Connection.h"
 #include "vtctl/Json.h"
+#include "vtctl/Terminal.h"
 
 namespace {
 
@@ -37,10 +38,10 @@ void worsen(ExitStatus& status, ExitStatus by) {
 
 ExitStatus print(const mox::Object& reply, const std::string& serviceName) {
     if (reply.isError()) {
-        std::cerr << "vtctl: " << mox::errorDescription(reply) << " (service " << serviceName << ")\n";
+        terminal::complain(mox::errorDescription(reply) + " (service " + serviceName + ")");
         return ExitStatus::unreachable;
     }
-    std::cout << json::oneLine(json::fromView(reply.view())) << std::endl;
+    std::cout << json::text(json::fromView(reply.view())) << std::endl;
     const auto code = reply.view().find(VTKey::errorCode);
     return code && code->unsignedInteger().value_or(0) != 0 ? ExitStatus::errorReply : ExitStatus::success;
 }
@@ -56,7 +57,7 @@ value::Result<mox::Dictionary> messageFromText(const std::string& text, const st
 ExitStatus runCall(const std::string& serviceName, const std::string& name, const std::string& object) {
     const auto message = messageFromText(object.empty() ? "{}" : object, name);
     if (!message) {
-        std::cerr << "vtctl: " << message.error().localizedDescription() << "\n";
+        terminal::complain(message.error().localizedDescription());
         return ExitStatus::usage;
     }
     VTDaemonClient client{serviceName};
@@ -78,7 +79,7 @@ ExitStatus runCallLines(const std::string& serviceName, std::istream& lines) {
         const auto message = messageFromText(line, "");
         const std::lock_guard lock{progress->mutex};
         if (!message) {
-            std::cerr << "vtctl: line " << number << ": " << message.error().localizedDescription() << "\n";
+            terminal::complain("line " + std::to_string(number) + ": " + message.error().localizedDescription());
             worsen(progress->status, ExitStatus::usage);
             continue;
         }

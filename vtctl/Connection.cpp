@@ -1,29 +1,48 @@
 #include "vtctl/Connection.h"
 
-#include <iostream>
+#include <memory>
+#include <mutex>
+#include <optional>
 
 #include "platform/queue/Reactor.h"
+#include "vtctl/Terminal.h"
 
 mox::Object sendAndWait(VTDaemonClient& client, const mox::Dictionary& request) {
-    std::optional<mox::Object> answer;
-    client.send(request, [&answer](const mox::Object& reply) {
-        answer = reply;
+    struct Answer {
+        std::mutex mutex;  // the reply comes on a thread of the pool
+        std::optional<mox::Object> reply;
+    };
+    const auto answer = std::make_shared<Answer>();
+    client.send(request, [answer](const mox::Object& reply) {
+        const std::lock_guard lock{answer->mutex};
+        answer->reply = reply;
         queue::wake();
     });
-    queue::runUntil([&answer] { return answer.has_value(); });
-    return *std::move(answer);
+    queue::runUntil([&answer] {
+        const std::lock_guard lock{answer->mutex};
+        return answer->reply.has_value();
+    });
+    const std::lock_guard lock{answer->mutex};
+    return *answer->reply;
 }
 
-ExitStatus reportErrorIn(VTDaemonClient& client, const mox::Object& reply, const std::string& serviceName) {
+ExitStatus reportErrorIn(VTDaemonClient& client, const mox::Object& reply, const std::string& serviceName,
+                         Advice advice) {
     if (reply.isError()) {
-        std::cerr << "vtctl: " << mox::errorDescription(reply) << "\n"
-                  << "vtctl: is the daemon running? Start vtd, or name its service with -S (now " << serviceName
-                  << ")\n";
+        terminal::complain(mox::errorDescription(reply));
+        terminal::complain("is the daemon running? Start vtd, or name its service with -S (now " + serviceName + ")");
         return ExitStatus::unreachable;
     }
-    if (const auto error = client.errorInReply(reply)) {
-        std::cerr << "vtctl: " << error->localizedDescription() << " (error " << error->code << ")\n";
-        return ExitStatus::errorReply;
+    const auto error = client.errorInReply(reply);
+    if (!error) return ExitStatus::success;
+    terminal::complain(error->localizedDescription() + " (error " + std::to_string(error->code) + ")");
+    for (const auto& [code, what] : advice) {
+        if (code == error->code) terminal::complain(what);
     }
-    return ExitStatus::success;
+    return ExitStatus::errorReply;
+}
+
+ExitStatus sendAndReport(VTDaemonClient& client, const mox::Dictionary& request, const std::string& serviceName,
+                         Advice advice) {
+    return reportErrorIn(client, sendAndWait(client, request), serviceName, advice);
 }

@@ -1,11 +1,14 @@
 #include "vtctl/Json.h"
 
+#include <algorithm>
 #include <array>
 #include <cmath>
 #include <cstdint>
 #include <cstdio>
 #include <ctime>
 #include <optional>
+
+#include "platform/logging/Escape.h"
 
 namespace json {
 
@@ -111,6 +114,19 @@ std::optional<value::Result<value::Value>> special(const Json& object) {
     return malformed(name + " cannot be read from \"" + text + "\"");
 }
 
+// The dump escapes the control characters of ASCII but one. The others that a terminal obeys stand inside strings, too,
+// and the log's escapes for them are JSON's.
+std::string safe(const std::string& dumped) {
+    std::string result;
+    for (std::size_t at = 0; at < dumped.size();) {
+        const std::size_t end = std::min(dumped.find_first_of("\n\x7f", at), dumped.size());
+        logging::appendEscaped(result, std::string_view{dumped}.substr(at, end - at));
+        if (end < dumped.size()) result += dumped[end] == '\n' ? "\n" : "\\u007f";
+        at = end + 1;
+    }
+    return result;
+}
+
 }  // namespace
 
 value::Result<Json> parse(const std::string& text) {
@@ -191,8 +207,12 @@ Json fromView(mox::View view) {
     return {};
 }
 
-std::string oneLine(const Json& json) {
-    return json.dump(-1, ' ', false, Json::error_handler_t::replace);
+std::string text(const Json& json) {
+    return safe(json.dump(-1, ' ', false, Json::error_handler_t::replace));
+}
+
+std::string indentedText(const Json& json) {
+    return safe(json.dump(2, ' ', false, Json::error_handler_t::replace));
 }
 
 }  // namespace json

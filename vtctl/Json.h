@@ -21,7 +21,8 @@ value::Result<value::Value> toValue(const Json& json);
 
 Json fromView(mox::View view);
 
-// One line; text that is not to be shown on a terminal is escaped by JSON's own rules.
-std::string oneLine(const Json& json);
+// One line, or indented over several. What is not to be shown on a terminal as it is, is escaped by JSON's own rules.
+std::string text(const Json& json);
+std::string indentedText(const Json& json);
 
 }  // namespace json
