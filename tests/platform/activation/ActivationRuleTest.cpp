@@ -1,9 +1,17 @@
+#include <string>
+
+#include <gtest/gtest.h>
+
 #include "platform/activation/ActivationRule.h"
-#include "tests/support/PrivateRoot.h"
-#include "tests/support/Words.h"
+#include "platform/paths/Paths.h"
+#include "tests/support/TemporaryDirectory.h"
 
 namespace activation {
 namespace {
+
+using value::Array;
+using value::Dictionary;
+using value::Value;
 
 Value item(Array types) {
     return Dictionary{{"types", std::move(types)}};
@@ -26,8 +34,15 @@ Array manyTypes(int count) {
 }
 
 TEST(ActivationRule, AcceptsWhatEveryItemAndEveryKeyAllows) {
-    const support::PrivateRoot root;
-    root.writeList("system/Types.plist", Dictionary{{"jpeg", "image"}, {"png", "image"}});
+    const support::TemporaryDirectory root;
+    root.write("Types.plist",
+               "<plist version=\"1.0\"><dict><key>jpeg</key><string>image</string>"
+               "<key>png</key><string>image</string></dict></plist>");
+    paths::Directories directories;
+    directories.systemVolume = root.path();
+    directories.privateRoot = true;
+    paths::setDirectories(directories);
+
     const Value jpeg = item({"jpeg"});
     const Value png = item({"png"});
     const Value text = item({"text"});

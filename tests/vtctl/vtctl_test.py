@@ -1,0 +1,189 @@
+"""The tool as people and scripts use it, against the real daemon on a copy of the sample world.
+
+Usage: vtctl_test.py VTCTL VTD EXAMPLES
+"""
+import json
+import os
+import plistlib
+import re
+import shutil
+import signal
+import socket
+import subprocess
+import sys
+import tempfile
+import unittest
+
+VTCTL, VTD, EXAMPLES = sys.argv[1:4]
+
+
+class World:
+    """A root of its own with the sample world, and the daemon on it."""
+
+    def __init__(self):
+        self.root = tempfile.mkdtemp(prefix='vtctl-test-')
+        shutil.copytree(EXAMPLES + '/world', self.root, dirs_exist_ok=True)
+        # Its identifier goes on where that of Sketch's ends, and its name would drive a terminal.
+        with open(self.install('Sketch.app', 'Extra.app') + '/PlugIns/Note.appex/Info.plist', 'r+b') as file:
+            info = plistlib.load(file)
+            info.update(QFBundleIdentifier='example.sketch.note.extra', QFBundleDisplayName='Fine\u009b2J\u202e\x7f')
+            file.seek(0)
+            file.truncate()
+            plistlib.dump(info, file)
+        self.environment = dict(os.environ, HALVERN_ROOT=self.root, NOTIFY_SOCKET=self.root + '/ready')
+        self.ready = socket.socket(socket.AF_UNIX, socket.SOCK_DGRAM)
+        self.ready.bind(self.root + '/ready')
+        self.ready.settimeout(20)
+        self.daemon = None
+        self.start()
+
+    def install(self, name, copy):
+        place = f'{self.root}/user/Applications/{copy}'
+        shutil.copytree(f'{EXAMPLES}/world/user/Applications/{name}', place)
+        subprocess.run(['chmod', '-R', 'go-w', self.root], check=True)
+        return place
+
+    def start(self):
+        self.log = open(self.root + '/log', 'ab')
+        self.daemon = subprocess.Popen([VTD, '-v'], env=self.environment, stderr=self.log)
+        while self.ready.recv(100) != b'READY=1':
+            pass
+
+    def kill(self):
+        self.daemon.kill()
+        self.daemon.wait()
+        self.log.close()
+
+    def end(self):
+        self.kill()
+        self.ready.close()
+        shutil.rmtree(self.root)
+
+    def vtctl(self, *arguments, **options):
+        options = {'stdout': subprocess.PIPE, 'stderr': subprocess.PIPE, **options}
+        return subprocess.run([VTCTL, *arguments], env=self.environment, timeout=20, **options)
+
+    def begin(self, *arguments, **options):
+        return subprocess.Popen([VTCTL, *arguments], env=self.environment, stdout=subprocess.PIPE,
+                                stderr=subprocess.PIPE, **options)
+
+    def listed(self, *rules):
+        return {form['identifier']: form for form in json.loads(self.vtctl('match', '--json', *rules).stdout)}
+
+    def elections(self):
+        try:
+            with open(self.root + '/state/halvern.velto/Annotations', 'rb') as file:
+                return {key: record['election'] for key, record in plistlib.load(file)['data'].items()}
+        except FileNotFoundError:
+            return {}
+
+
+class VtctlTest(unittest.TestCase):
+    maxDiff = None
+
+    def setUp(self):
+        self.world = World()
+        self.addCleanup(self.world.end)
+
+    def check(self, arguments, status, out='', error='', **options):
+        """Runs the tool; the texts are patterns that its output must hold, an empty one that there is none."""
+        ran = self.world.vtctl(*arguments, **options)
+        with self.subTest(arguments):
+            self.assertEqual(ran.returncode, status, ran.stderr)
+            for pattern, stream in ((out, ran.stdout), (error, ran.stderr)):
+                if stream is not None:
+                    self.assertRegex(stream.decode(), pattern if pattern else r'\A\Z')
+        return ran
+
+    def test_elections_are_of_the_plug_ins_that_the_words_name(self):
+        uuid = self.world.listed()['halvern.emoji']['uuid']
+        none = '00000000-0000-4000-8000-000000000000'
+        for arguments, status, out, error, elected in [
+            (['enable', 'quick'], 0, 'halvern.quicknote: enabled', '', {'halvern.quicknote': 1}),
+            (['disable', uuid.lower()], 0, 'halvern.emoji: disabled', '', {'halvern.emoji': 2}),
+            (['default', 'quick', 'halvern.quicknote'], 0, r'^halvern\.quicknote: left to the default\n$', '',
+             {'halvern.quicknote': 0}),
+            # Kept under what it replaces.
+            (['enable', 'example.sketch.note'], 0, r'^example\.sketch\.note: enabled\n$', '', {'halvern.quicknote': 1}),
+            (['enable', 'example.postcard.share'], 0, r'^example\.postcard\.share: enabled\n$', '',  # two versions
+             {'example.postcard.share': 1}),
+            # Nothing of these may change anything.
+            (['disable', 'quick', 'sketch'], 2, '', r'"sketch" can be any.*\n.*note .*\n.*note\.extra .*\n.*nothing was changed', {}),
+            (['disable', 'quick', ''], 2, '', 'no plug-in is called "".*UUID', {}),
+            (['disable', 'quick', none], 1, '', 'nothing was changed', {}),
+            (['disable'], 2, '', 'required', {}),
+        ]:
+            before = self.world.elections()
+            self.check(arguments, status, out, error)
+            self.assertEqual(self.world.elections(), {**before, **elected}, arguments)
+
+    def test_exclusions_are_kept_beside_other_preferences(self):
+        path = f'{self.world.root}/config/preferences/halvern.velto.userprefs.{socket.gethostname()}.plist'
+        os.makedirs(os.path.dirname(path))
+        with open(path, 'wb') as file:
+            plistlib.dump({'other': [1, 'two']}, file)
+        emoji = 'KXExtensionIdentifier=halvern.emoji'
+        for arguments, status, out, error in [
+            (['exclusions'], 0, '', 'no exclusions'),
+            (['exclude', emoji], 0, '^1  ' + emoji, ''),
+            (['exclude', 'A=true', 'B==true', 'C=x y', 'C=z'], 0, "^2  A=true B==true 'C=x y' C=z", ''),
+            (['exclude', emoji], 0, '^1  ' + emoji, ''),
+            (['exclude', 'novalue'], 2, '', 'no KEY=PATTERN'),
+            (['exclude', b'A=\xff'], 2, '', 'not in UTF-8'),
+            (['exclusions'], 0, r'\A1  .*\n2  .*\n\Z', ''),
+            (['exclusions', '--json'], 0, r'"B": "=true",\s+"C": \[\s+"x y",\s+"z"', ''),
+            (['include', '3'], 2, '', 'no exclusion 3.*2 there are'),
+            (['include', '0'], 2, '', 'no exclusion 0'),
+            (['include', 'one'], 2, '', 'one'),
+            (['include', '2'], 0, 'no longer excluded: A=true', ''),
+        ]:
+            self.check(arguments, status, out, error)
+        with open(path, 'rb') as file:
+            self.assertEqual(plistlib.load(file), {'other': [1, 'two'],
+                                                   'exclusions': [{'KXExtensionIdentifier': 'halvern.emoji'}]})
+        with open(path, 'wb') as file:
+            plistlib.dump({'exclusions': 'all'}, file)
+        for arguments in ['exclusions'], ['exclude', emoji], ['include', '1']:
+            self.check(arguments, 2, '', 'not as a list')
+
+    def test_plug_ins_are_registered_by_paths_from_the_current_directory(self):
+        place = self.world.root + '/elsewhere'
+        shutil.copytree(EXAMPLES + '/world/system/PlugIns/Emoji.bundle', place + '/New.bundle')
+        for arguments, status, error in [
+            (['add', 'New.bundle'], 0, ''),
+            (['remove', './New.bundle'], 0, ''),
+            (['remove', 'New.bundle'], 1, f'no plugin at {place}/New.bundle.*\n.*match --json'),
+            (['add', 'New.bundle', 'Missing.bundle'], 1, f'invalid plugin path: {place}/Missing.bundle'),
+            (['add', '.'], 1, 'unable to register'),
+            (['add', ''], 2, 'empty'),
+            (['add', b'\xff'], 2, 'not in UTF-8'),
+        ]:
+            self.check(arguments, status, '', error, cwd=place)
+
+    def test_nothing_from_a_bundle_reaches_the_terminal_as_a_control_character(self):
+        for arguments in ['match'], ['match', '--json'], ['enable', 'sketch']:
+            ran = self.world.vtctl(*arguments)
+            self.assertIn('Fine', ran.stdout.decode() + ran.stderr.decode())
+            self.assertNotRegex(ran.stdout.decode() + ran.stderr.decode(), '[\x00-\x09\x0b-\x1f\x7f-\x9f\u202a-\u202e]')
+        self.assertIn('Fine\u009b2J\u202e\x7f', {f.get('localizedDisplayName') for f in self.world.listed().values()})
+
+    def test_output_that_cannot_be_written_is_an_error(self):
+        with open('/dev/full', 'wb') as full:
+            self.check(['match'], 1, error='cannot write', stdout=full)
+        self.check(['match'], 1, error='cannot write', stdout=None, preexec_fn=lambda: os.close(1))
+        reader, writer = os.pipe()
+        os.close(reader)
+        self.check(['match'], -signal.SIGPIPE, stdout=writer)
+        os.close(writer)
+
+    def test_a_daemon_that_is_not_there_is_told_from_a_refusal(self):
+        for arguments in [['match'], ['enable', 'quick'], ['add', '/x'], ['-S', 'other', 'match'], ['hold', '/x'],
+                          ['access', 'quick'], ['unhold', '00000000-0000-4000-8000-000000000000']]:
+            if '-S' not in arguments:
+                self.world.daemon.kill()
+                self.world.daemon.wait()
+            self.check(arguments, 7, '', 'is the daemon running')
+
+
+if __name__ == '__main__':
+    unittest.main(argv=sys.argv[:1])

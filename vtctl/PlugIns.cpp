@@ -1,0 +1,154 @@
+#include "vtctl/PlugIns.h"
+
+#include <algorithm>
+#include <functional>
+#include <iostream>
+#include <set>
+#include <tuple>
+#include <utility>
+
+#include "Velto/VTForm.h"
+#include "Velto/VTProtocol.h"
+#include "vtctl/Connection.h"
+#include "vtctl/Terminal.h"
+
+namespace plugins {
+
+namespace {
+
+struct Listed {
+    PlugIn plugIn;
+    std::string originalIdentifier;
+};
+
+std::optional<Listed> listedFrom(mox::View form) {
+    const auto text = [form](const char* key) -> std::string {
+        const auto found = form.find(key);
+        return std::string{found ? found->string().value_or("") : ""};
+    };
+    const auto uuid = value::Uuid::parse(text(VTFormKey::uuid));
+    if (!uuid) return {};
+    return Listed{{*uuid, text(VTFormKey::identifier), text(VTFormKey::version), text(VTFormKey::localizedName),
+                   text(VTFormKey::path)},
+                  text(VTFormKey::originalIdentifier)};
+}
+
+mox::Object discover(VTDaemonClient& client, std::uint64_t flags) {
+    mox::Dictionary request = client.request(VTRequest::match);
+    request.set(VTKey::flags, flags);
+    return sendAndWait(client, request);
+}
+
+// All that the user can choose about takes an entitlement to see: what is on hold, or meant for other hosts. Without
+// it, what any host sees has to do, and a UUID names the rest.
+mox::Object discover(VTDaemonClient& client, Which which) {
+    if (which == Which::onePerIdentifier) return discover(client, std::uint64_t{0});
+    constexpr std::uint64_t kCopies = VTDiscoverEveryVersion | VTDiscoverEveryCopy;
+    const mox::Object everything = discover(client, kCopies | VTDiscoverAll);
+    const auto error = everything.isError() ? std::nullopt : VTDaemonClient::errorInReply(everything);
+    return error && error->code == VTErrorAccess ? discover(client, kCopies) : everything;
+}
+
+using Test = std::function<bool(const Listed&)>;
+
+std::vector<const Listed*> select(const std::vector<Listed>& all, const Test& test) {
+    std::vector<const Listed*> found;
+    for (const Listed& one : all) {
+        if (test(one)) found.push_back(&one);
+    }
+    return found;
+}
+
+// The first way of naming that finds anything decides.
+std::vector<const Listed*> named(const std::vector<Listed>& all, const std::string& word) {
+    const Test ways[] = {
+        [&word](const Listed& one) { return one.plugIn.identifier == word; },
+        [&word](const Listed& one) { return one.originalIdentifier == word; },
+        [&word](const Listed& one) { return one.plugIn.identifier.find(word) != std::string::npos; },
+    };
+    for (const Test& way : ways) {
+        if (auto found = select(all, way); !found.empty()) return found;
+    }
+    return {};
+}
+
+bool isAmbiguous(const std::vector<const Listed*>& found) {
+    return std::any_of(found.begin(), found.end(), [&found](const Listed* one) {
+        return one->plugIn.identifier != found.front()->plugIn.identifier;
+    });
+}
+
+void reportAmbiguous(const std::string& word, std::vector<const Listed*> found) {
+    std::sort(found.begin(), found.end(), [](const Listed* a, const Listed* b) {
+        return std::tie(a->plugIn.identifier, a->plugIn.version) < std::tie(b->plugIn.identifier, b->plugIn.version);
+    });
+    terminal::complain('"' + word + "\" can be any of these; write one identifier in full, or a UUID:");
+    std::vector<std::vector<std::string>> rows;
+    for (const Listed* one : found) {
+        rows.push_back({terminal::shownOrDash(one->plugIn.identifier), terminal::shownOrDash(one->plugIn.version),
+                        terminal::shownOrDash(one->plugIn.name), one->plugIn.uuid.string()});
+    }
+    terminal::printTable(rows, std::cerr, "    ");
+}
+
+void reportUnknown(const std::string& word) {
+    terminal::complain(
+        "no plug-in is called \"" + word +
+        "\"; `vtctl match` lists those there are. One that is on hold, excluded by the user, or meant for "
+        "other hosts is not listed: name it by its UUID");
+}
+
+}  // namespace
+
+std::string PlugIn::title() const {
+    return terminal::shown(identifier.empty() ? uuid.string() : identifier);
+}
+
+Resolution resolve(VTDaemonClient& client, const std::string& serviceName, const std::vector<std::string>& words,
+                   Which which) {
+    const mox::Object reply = discover(client, which);
+    if (const ExitStatus status = reportErrorIn(client, reply, serviceName); status != ExitStatus::success) {
+        return {status, {}};
+    }
+    std::vector<Listed> all;
+    const auto matches = reply.view().find(VTKey::matches);
+    if (const auto forms = matches ? matches->message() : std::nullopt) {
+        forms->forEachElement([&all](mox::View form) {
+            if (auto one = listedFrom(form)) all.push_back(*std::move(one));
+        });
+    }
+
+    Resolution resolution;
+    std::set<value::Uuid> taken;
+    const auto take = [&](const PlugIn& plugIn) {
+        if (taken.insert(plugIn.uuid).second) resolution.plugIns.push_back(plugIn);
+    };
+    for (const std::string& word : words) {
+        if (const auto uuid = value::Uuid::parse(word)) {
+            const auto found = select(all, [&uuid](const Listed& one) { return one.plugIn.uuid == *uuid; });
+            take(found.empty() ? PlugIn{*uuid, {}, {}, {}, {}} : found.front()->plugIn);
+            continue;
+        }
+        const auto found = word.empty() ? std::vector<const Listed*>{} : named(all, word);
+        if (!found.empty() && !isAmbiguous(found)) {
+            for (const Listed* one : found) take(one->plugIn);
+            continue;
+        }
+        resolution.status = ExitStatus::usage;
+        if (found.empty()) {
+            reportUnknown(word);
+        } else {
+            reportAmbiguous(word, found);
+        }
+    }
+    if (resolution.status != ExitStatus::success) resolution.plugIns.clear();
+    return resolution;
+}
+
+std::vector<value::Uuid> uuidsOf(const std::vector<PlugIn>& plugIns) {
+    std::vector<value::Uuid> uuids;
+    for (const PlugIn& plugIn : plugIns) uuids.push_back(plugIn.uuid);
+    return uuids;
+}
+
+}  // namespace plugins

@@ -1,0 +1,33 @@
+#include "vtctl/Register.h"
+
+#include "Velto/VTProtocol.h"
+#include "vtctl/Connection.h"
+#include "vtctl/Paths.h"
+
+namespace {
+
+ExitStatus sendPaths(const std::string& serviceName, const char* request, const std::vector<std::string>& paths,
+                     Advice advice) {
+    const auto absolute = absolutePaths(paths);
+    if (!absolute) return ExitStatus::usage;
+    VTDaemonClient client{serviceName};
+    return sendAndReport(client, client.request(request, *absolute), serviceName, advice);
+}
+
+}  // namespace
+
+ExitStatus runAdd(const std::string& serviceName, const std::vector<std::string>& paths) {
+    return sendPaths(
+        serviceName, VTRequest::add, paths,
+        {{VTErrorRegistry,
+          "is it the folder of a plug-in, with an Info.plist? The daemon's log has the reason; paths before "
+          "this one are registered"},
+         {VTErrorPath, "nothing can be found there; paths before this one are registered"}});
+}
+
+ExitStatus runRemove(const std::string& serviceName, const std::vector<std::string>& paths) {
+    return sendPaths(serviceName, VTRequest::remove, paths,
+                     {{VTErrorPath,
+                       "`vtctl match --json` shows the \"path\" of each plug-in; paths before this one are "
+                       "unregistered"}});
+}
