@@ -103,6 +103,7 @@ std::shared_ptr<VTDPlugIn> VTDatabase::createPlugInForProxy(const std::shared_pt
     if (!plugIn) return nullptr;
     plugIn->setAnnotationSource(weak_from_this());
     if (plugIn->hasEntitlement(kAutoElectEntitlement)) autoElect(*plugIn);
+    std::erase_if(departing_, [](const auto& announced) { return announced.expired(); });
     const bool departing = std::any_of(departing_.begin(), departing_.end(),
                                        [&](const auto& announced) { return announced.lock() == proxy; });
     if (departing) return plugIn;

@@ -61,14 +61,27 @@ bool isAutoElected(const value::Dictionary& entitlements) {
     return entitlement != nullptr && entitlement->isNumber() && entitlement->booleanValue();
 }
 
-bool isStillInstalling(const dravo::DVVeltoProxy& proxy) {
-    const auto container = proxy.containingBundle();
-    if (!container) return false;
-    if (!container->application) {
-        logging::internalInconsistency("DV reported containingBundle is not an application", "vtd/VTDatabase");
+// Whether a plug-in's application is still being installed. Asking costs a look at the disk: plug-ins of one
+// application come one after the other, and share the answer.
+class Installing {
+public:
+    bool operator()(const dravo::DVVeltoProxy& proxy) {
+        const auto container = proxy.containingBundle();
+        if (!container) return false;
+        if (!container->application) {
+            logging::internalInconsistency("DV reported containingBundle is not an application", "vtd/VTDatabase");
+        }
+        if (application_ != container->application) {
+            application_ = container->application;
+            isPlaceholder_ = application_->isPlaceholder();
+        }
+        return isPlaceholder_;
     }
-    return container->application->isPlaceholder();
-}
+
+private:
+    std::shared_ptr<const dravo::DVApplicationProxy> application_;
+    bool isPlaceholder_ = false;
+};
 
 }  // namespace
 
@@ -100,6 +113,7 @@ std::optional<VTDatabase::PlugIns> VTDatabase::findPlugIns(const std::optional<v
     PlugIns candidates;
     candidates.reserve(proxies->size());
     std::unordered_set<value::Uuid> seen{proxies->size()};
+    Installing isStillInstalling;
     for (const auto& proxy : *proxies) {
         if (!proxy->bundlePath() || isStillInstalling(*proxy)) continue;
         auto plugIn = plugInForProxy(proxy);

@@ -1,7 +1,6 @@
 #include "platform/dravo/DataContainers.h"
 
 #include <dirent.h>
-#include <fcntl.h>
 #include <sys/stat.h>
 
 #include <cerrno>
@@ -18,22 +17,18 @@ namespace {
 
 constexpr mode_t kPrivate = 0700;
 
-bool makeDirectoryAt(int parent, const std::string& name) {
-    if (::mkdirat(parent, name.c_str(), kPrivate) == 0) return true;
-    if (errno != EEXIST) return false;
+int makeDirectory(const std::string& path) {
+    if (::mkdir(path.c_str(), kPrivate) == 0) return 0;
+    if (errno != EEXIST) return errno;
     struct stat status {};
-    if (::fstatat(parent, name.c_str(), &status, AT_SYMLINK_NOFOLLOW) != 0) return false;
-    if (S_ISDIR(status.st_mode)) return true;
-    errno = ENOTDIR;
-    return false;
+    if (::lstat(path.c_str(), &status) != 0) return errno;
+    return S_ISDIR(status.st_mode) ? 0 : ENOTDIR;
 }
 
 }  // namespace
 
-DataContainers::DataContainers(const std::string& root) {
+DataContainers::DataContainers(const std::string& root) : root_{root} {
     if (file::makeDirectories(root, kPrivate)) return;  // ensure() then fails, and says so
-    root_ = file::UniqueFd{::open(root.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC)};
-    if (!root_) return;
     const std::unique_ptr<DIR, int (*)(DIR*)> listing{::opendir(root.c_str()), ::closedir};
     if (!listing) return;
     while (const dirent* const entry = ::readdir(listing.get())) {
@@ -43,17 +38,22 @@ DataContainers::DataContainers(const std::string& root) {
 
 bool DataContainers::ensure(const std::string& identifier) {
     const std::string name = file::encodedName(identifier);
-    if (listed_.contains(name) || make(name)) return true;
+    if (listed_.contains(name)) return true;
+    const int error = makeDataContainer(root_, identifier);
+    if (error == 0) return true;
     if (!complained_) {
         logging::error(text::format("cannot make the data container of {}: {} (further failures are not logged)",
-                                    identifier, std::strerror(errno)));
+                                    identifier, std::strerror(error)));
     }
     complained_ = true;
     return false;
 }
 
-bool DataContainers::make(const std::string& name) const {
-    return makeDirectoryAt(root_.get(), name) && makeDirectoryAt(root_.get(), name + "/tmp");
+int makeDataContainer(const std::string& root, const std::string& identifier) {
+    const std::string path = dataContainerPath(root, identifier);
+    int error = makeDirectory(path);
+    if (error == ENOENT && !file::makeDirectories(root, kPrivate)) error = makeDirectory(path);
+    return error != 0 ? error : makeDirectory(path + "/tmp");
 }
 
 std::string dataContainerPath(const std::string& root, const std::string& identifier) {

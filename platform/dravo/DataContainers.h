@@ -21,12 +21,13 @@ public:
     void dropListing() { listed_.clear(); }
 
 private:
-    bool make(const std::string& name) const;
-
-    file::UniqueFd root_;
+    const std::string root_;
     std::unordered_set<std::string> listed_;
     bool complained_ = false;
 };
+
+// Makes the container when it is missing; an errno when that cannot be done. Any thread.
+[[nodiscard]] int makeDataContainer(const std::string& root, const std::string& identifier);
 
 // Where the container of the identifier lies.
 std::string dataContainerPath(const std::string& root, const std::string& identifier);

@@ -49,7 +49,7 @@ public:
     virtual std::optional<std::string> localizedName() const = 0;
     virtual std::optional<std::string> localizedShortName() const = 0;
     virtual value::Dictionary entitlements() const = 0;
-    virtual std::optional<std::string> dataContainerPath() const = 0;  // nothing when it could not be made
+    virtual std::optional<std::string> dataContainerPath() const = 0;  // nothing while it cannot be made
 };
 
 using PluginList = std::vector<std::shared_ptr<const DVVeltoProxy>>;
@@ -99,8 +99,8 @@ public:
     virtual PluginList pluginsOf(const DVApplicationProxy& application) const = 0;
 
     // Registration of a bundle by path, kept over restarts; false when there is no plug-in there, or nothing to remove,
-    // or it could not be saved. Both return when it is on disk and has been announced, so an observer must not call
-    // them.
+    // or it could not be saved (nothing has changed then). Both return when it is on disk and has been announced, so an
+    // observer must not call them.
     virtual bool registerPlugin(const std::string& path) = 0;
     virtual bool unregisterPlugin(const std::string& path) = 0;
 

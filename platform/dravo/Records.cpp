@@ -61,8 +61,10 @@ value::Dictionary PlugInRecord::entitlements() const {
 
 std::optional<std::string> PlugInRecord::dataContainerPath() const {
     const auto index = static_cast<std::size_t>(this - bundle_.plugIns().data());
-    if (!bundle_.containers()[index]) return {};
-    return dravo::dataContainerPath(bundle_.surroundings().containersPath, facts_.identifier);
+    const std::string& containers = bundle_.surroundings().containersPath;
+    // What could not be made when the plug-in came may well be made by now.
+    if (!bundle_.containers()[index] && makeDataContainer(containers, facts_.identifier) != 0) return {};
+    return dravo::dataContainerPath(containers, facts_.identifier);
 }
 
 BundleRecord::BundleRecord(BundlePlace place, BundleFacts facts, Containers containers,

@@ -1,5 +1,8 @@
 #include "platform/dravo/Registrar.h"
 
+#include <fcntl.h>
+
+#include <algorithm>
 #include <cerrno>
 #include <utility>
 
@@ -13,7 +16,8 @@ namespace dravo {
 namespace {
 
 constexpr std::size_t kDirtyLimit = 10'000;  // topics; past that one look at everything is cheaper
-constexpr std::chrono::seconds kRetry{1};
+constexpr std::chrono::seconds kLongestRetry{60};
+constexpr std::chrono::seconds kSaveAgain{10};
 constexpr int kPollShare = 50;  // at most one part in so many of the time goes into polling
 
 // What the store remembers, as a snapshot to compare the disk with.
@@ -48,6 +52,34 @@ bool isBeneath(const std::string& path, const std::string& directory) {
     return path.starts_with(directory) && path.size() > directory.size() && path[directory.size()] == '/';
 }
 
+const std::string& pathOf(const ApplicationRecord& application) {
+    return application.bundlePath();
+}
+const std::string& pathOf(const BundleRecord& bundle) {
+    return bundle.path();
+}
+
+// The first of the records, which are in the order of their paths, that is not before the path.
+template <typename Records>
+auto firstFrom(const Records& records, const std::string& path) {
+    return std::lower_bound(records.begin(), records.end(), path,
+                            [](const auto& record, const std::string& bound) { return pathOf(*record) < bound; });
+}
+
+// The entries of the directory in which something is known to be installed.
+std::vector<std::string> entriesKnown(const Snapshot& snapshot, const std::string& directory) {
+    std::set<std::string> names;
+    const std::string prefix = directory + "/";
+    const auto collect = [&](const auto& records) {
+        for (auto at = firstFrom(records, prefix); at != records.end() && pathOf(**at).starts_with(prefix); ++at) {
+            names.insert(pathOf(**at).substr(prefix.size(), pathOf(**at).find('/', prefix.size()) - prefix.size()));
+        }
+    };
+    collect(snapshot.applications());
+    collect(snapshot.bundles());
+    return {names.begin(), names.end()};
+}
+
 }  // namespace
 
 value::Result<std::shared_ptr<Registrar>> Registrar::open(const Noticing& noticing) {
@@ -80,7 +112,7 @@ Registrar::Registrar(const Noticing& noticing, lock::LockFile lock, std::string 
       registrations_{opened.contents.registrations.begin(), opened.contents.registrations.end()},
       containers_{containers},
       scanner_{surroundings_, containers_, opened.contents.lastRow},
-      settling_{queue_, [this] { lookAgain(); }},
+      settling_{queue_},
       snapshot_{remembered(std::move(opened.contents), surroundings_, containers_, sdkNames_)} {}
 
 void Registrar::stop() {
@@ -90,6 +122,7 @@ void Registrar::stop() {
         settling_.rest();
         pollTimer_.reset();
         retryTimer_.reset();
+        saveTimer_.reset();
         store_.reset();
         lock_.reset();
     };
@@ -116,6 +149,8 @@ bool Registrar::registerPlugin(const std::string& path) {
     return queue_->sync([&] { return registerCanonical(*canonical); });
 }
 
+// Registrations go to the disk by themselves and first: when that fails nothing has happened yet, and nobody has been
+// told anything.
 bool Registrar::registerCanonical(const std::string& path) {
     const bool isNew = registrations_.insert(path).second;
     {
@@ -127,38 +162,39 @@ bool Registrar::registerCanonical(const std::string& path) {
     const auto& bundles = finding != findings_.end() ? finding->second.bundles : Snapshot::Bundles{};
     const bool isPlugIn = !bundles.empty() && !bundles.front()->plugIns().empty() &&
                           bundles.front()->plugIns().front().pluginDictionary().has_value();
-    if (isPlugIn) {
-        Registrations fresh;
-        if (isNew) fresh.fresh.push_back(path);
-        if (!apply(Announce::changes, fresh)) return true;
+    const bool isKept = !isNew || (isPlugIn && !save({}, *snapshot(), {.gone = {}, .fresh = {path}}));
+    if (!isKept) {
+        registrations_.erase(path);
+        forget({Topic::Kind::registered, path});
     }
-    if (!isNew) return isPlugIn;
-    registrations_.erase(path);
-    forget({Topic::Kind::registered, path});
-    static_cast<void>(apply(Announce::changes));
-    return false;
+    apply(Announce::changes);
+    return isPlugIn && isKept;
 }
 
 bool Registrar::unregisterPlugin(const std::string& path) {
     // What is gone from the disk is still known by the path under which it was registered.
     const std::string canonical = file::canonicalPath(path).value_or(path);
-    return queue_->sync([&] {
-        if (registrations_.erase(canonical) == 0) return false;
-        forget({Topic::Kind::registered, canonical});
-        if (!apply(Announce::changes, {.gone = {canonical}, .fresh = {}})) return true;
-        registrations_.insert(canonical);
-        const Scanner::Pass pass{scanner_, snapshot()};
-        lookAtRegistered(canonical);
-        static_cast<void>(apply(Announce::changes));
-        return false;
-    });
+    return queue_->sync([&] { return unregisterCanonical(canonical); });
 }
 
-// Nothing is forgotten for want of descriptors: better not to start.
+bool Registrar::unregisterCanonical(const std::string& path) {
+    if (registrations_.erase(path) == 0) return false;
+    if (save({}, *snapshot(), {.gone = {path}, .fresh = {}})) {
+        registrations_.insert(path);
+        return false;
+    }
+    forget({Topic::Kind::registered, path});
+    apply(Announce::changes);
+    return true;
+}
+
+// Without descriptors nothing can be looked at, nor anybody be served: better not to start.
 std::optional<value::Error> Registrar::firstLook() {
     lookAtEverything();
-    if (retryTimer_) return value::posixError(EMFILE, "cannot look at what is installed");
-    static_cast<void>(apply(isNew_ ? Announce::nothing : Announce::changes));
+    if (retryTimer_ && !file::UniqueFd{::open("/", O_PATH | O_CLOEXEC)}) {
+        return value::posixError(errno, "cannot look at what is installed");
+    }
+    apply(isNew_ ? Announce::nothing : Announce::changes);
     return {};
 }
 
@@ -171,12 +207,12 @@ void Registrar::watch() {
             queue_, [this](const Topic& topic, std::string_view name) { changed(topic, name); },
             [this] {
                 everythingDirty_ = true;
-                settling_.note();
+                lookSoon();
             });
     }
     lookAtEverything();
     lookAtSdks();
-    static_cast<void>(apply(Announce::changes));
+    apply(Announce::changes);
     containers_.dropListing();
     pollIfBlind();
 }
@@ -211,7 +247,13 @@ void Registrar::changed(const Topic& topic, std::string_view name) {
         return;
     }
     if (dirty_.size() > kDirtyLimit) everythingDirty_ = true;
-    settling_.note();
+    lookSoon();
+}
+
+void Registrar::lookSoon() {
+    settling_.note([weak = weak_from_this()] {
+        if (const auto self = weak.lock()) self->lookAgain();
+    });
 }
 
 void Registrar::lookAgain() {
@@ -225,28 +267,29 @@ void Registrar::lookAgain() {
         const Scanner::Pass pass{scanner_, snapshot()};
         for (const Topic& topic : dirty) lookAt(topic);
     }
-    static_cast<void>(apply(Announce::changes));
+    apply(Announce::changes);
     pollIfBlind();
 }
 
 void Registrar::lookAtEverything() {
     ++look_;
     roots_ = installationRoots();
-    const Scanner::Pass pass{scanner_, snapshot()};
-    bool complete = true;
+    retryTimer_.reset();
+    const auto known = snapshot();
+    const Scanner::Pass pass{scanner_, known};
     for (const Root& root : roots_) {
         const Topic topic{Topic::Kind::root, root.path};
         Watcher::Look look{watcher_.get(), topic};
         look.towards(root.path);
-        const auto names = scanner_.entries(root);
-        complete = complete && !scanner_.starved();
+        auto names = scanner_.entries(root);
+        if (scanner_.uncertain()) {
+            retryLater();
+            names = entriesKnown(*known, root.path);
+        }
         for (const std::string& name : names) lookAtEntry(root, name);
     }
     for (const std::string& path : registrations_) lookAtRegistered(path);
-    if (!complete) {
-        retryLater();
-        return;
-    }
+    if (!retryTimer_) retryDelay_ = kFirstRetry;
     std::vector<Topic> gone;
     for (const auto& [topic, finding] : findings_) {
         if (finding.look != look_) gone.push_back(topic);
@@ -254,14 +297,16 @@ void Registrar::lookAtEverything() {
     for (const Topic& topic : gone) forget(topic);
 }
 
-// What could not be looked at stays as it was known, until it can.
+// Ever less often, for some troubles last.
 void Registrar::retryLater() {
-    retryTimer_ = queue::after(kRetry, queue_, [weak = weak_from_this()] {
+    if (retryTimer_) return;
+    retryTimer_ = queue::after(retryDelay_, queue_, [weak = weak_from_this()] {
         const auto self = weak.lock();
         if (!self || self->stopped_) return;
         self->everythingDirty_ = true;
         self->lookAgain();
     });
+    retryDelay_ = std::min(retryDelay_ * 2, kLongestRetry);
 }
 
 void Registrar::lookAt(const Topic& topic) {
@@ -296,15 +341,35 @@ void Registrar::lookAtRegistered(const std::string& path) {
 }
 
 void Registrar::record(const Topic& topic, Finding finding) {
-    if (scanner_.starved()) {
+    if (scanner_.uncertain()) {
         retryLater();
-        if (const auto known = findings_.find(topic); known != findings_.end()) known->second.look = look_;
+        keepAsKnown(topic);
     } else if (finding.empty()) {
         findings_.erase(topic);
     } else {
         finding.look = look_;
         findings_.insert_or_assign(topic, std::move(finding));
     }
+}
+
+// Known from an earlier look, or since before the start from the store.
+void Registrar::keepAsKnown(const Topic& topic) {
+    auto known = findings_.find(topic);
+    if (known == findings_.end()) {
+        Finding remembered;
+        const auto before = snapshot();
+        const auto keep = [&](const auto& records, auto& kept) {
+            for (auto at = firstFrom(records, topic.path); at != records.end() && pathOf(**at).starts_with(topic.path);
+                 ++at) {
+                if (pathOf(**at) == topic.path || isBeneath(pathOf(**at), topic.path)) kept.push_back(*at);
+            }
+        };
+        keep(before->applications(), remembered.applications);
+        keep(before->bundles(), remembered.bundles);
+        if (remembered.empty()) return;
+        known = findings_.emplace(topic, std::move(remembered)).first;
+    }
+    known->second.look = look_;
 }
 
 void Registrar::lookAtSdks() {
@@ -320,7 +385,7 @@ void Registrar::forget(const Topic& topic) {
     const Watcher::Look look{watcher_.get(), topic};  // names nothing, and so lets go of everything
 }
 
-std::optional<value::Error> Registrar::apply(Announce announce, const Registrations& registrations) {
+void Registrar::apply(Announce announce) {
     const auto before = snapshot();
     Snapshot::Applications applications;
     Snapshot::Bundles bundles;
@@ -330,13 +395,12 @@ std::optional<value::Error> Registrar::apply(Announce announce, const Registrati
     }
     auto after = std::make_shared<const Snapshot>(std::move(applications), std::move(bundles), sdkNames_);
     Difference changes = difference(*before, *after);
-    if (changes.empty() && registrations.gone.empty() && registrations.fresh.empty() && !sdksChanged_) return {};
+    if (changes.empty() && !sdksChanged_) return;
     sdksChanged_ = false;
     if (announce == Announce::changes) announcements_->willUninstall(std::move(changes.plugInsGone));
-    auto error = save(changes, *after, registrations);
+    static_cast<void>(save(changes, *after, {}));  // what fails is logged, and done later
     publish(std::move(after));
     if (announce == Announce::changes) announcements_->didInstall(std::move(changes.plugInsNew));
-    return error;
 }
 
 std::optional<value::Error> Registrar::save(const Difference& changes, const Snapshot& after,
@@ -356,8 +420,17 @@ std::optional<value::Error> Registrar::save(const Difference& changes, const Sna
         if (!error) error = store_->save(everything());
     }
     if (error && !unsaved_) logging::error("cannot save what is installed: " + error->localizedDescription());
+    if (!error && unsaved_) logging::notice("what is installed is saved again");
     unsaved_ = error.has_value();
+    if (unsaved_) saveLater();
     return error;
+}
+
+void Registrar::saveLater() {
+    saveTimer_ = queue::after(kSaveAgain, queue_, [weak = weak_from_this()] {
+        const auto self = weak.lock();
+        if (self && !self->stopped_) static_cast<void>(self->save({}, *self->snapshot(), {}));
+    });
 }
 
 std::optional<value::Error> Registrar::replaceStore(const std::string& why) {

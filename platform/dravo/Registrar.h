@@ -28,7 +28,9 @@ struct Noticing {
 };
 
 // Keeps what is known in step with what is on disk: looks, compares, announces, saves, publishes. Each change goes this
-// way: will-uninstall is announced, the store is written, the new snapshot published, did-install announced.
+// way: will-uninstall is announced, the store is written, the new snapshot published, did-install announced. What could
+// not be looked at for a reason that says nothing of it stays as it was known. What could not be saved is saved later,
+// but for registrations: they are on the disk, or refused.
 //
 // Threading: all work is done on the registry's queue; snapshot() answers on any thread. The members that change
 // something enter the queue and wait, so they must not be called from an observer.
@@ -48,6 +50,8 @@ public:
     void clearSchemaCaches() { surroundings_->schemas.clear(); }
 
 private:
+    static constexpr std::chrono::seconds kFirstRetry{1};
+
     enum class Announce : std::uint8_t { changes, nothing };
     struct Registrations {
         std::vector<std::string> gone, fresh;
@@ -61,21 +65,25 @@ private:
     void poll();
     void pollIfBlind();
     void changed(const Topic& topic, std::string_view name);
+    void lookSoon();
     void lookAgain();
     void lookAtEverything();
     void lookAt(const Topic& topic);
     void lookAtEntry(const Root& root, const std::string& name);
     void lookAtRegistered(const std::string& path);
     void record(const Topic& topic, Finding finding);
+    void keepAsKnown(const Topic& topic);
     void retryLater();
     void lookAtSdks();
     void forget(const Topic& topic);
 
-    [[nodiscard]] std::optional<value::Error> apply(Announce announce, const Registrations& registrations = {});
+    void apply(Announce announce);
+    void saveLater();
     [[nodiscard]] std::optional<value::Error> save(const Difference& changes, const Snapshot& after,
                                                    const Registrations& changed);
     [[nodiscard]] std::optional<value::Error> replaceStore(const std::string& why);
     bool registerCanonical(const std::string& path);
+    bool unregisterCanonical(const std::string& path);
     void publish(std::shared_ptr<const Snapshot> snapshot);
 
     const Noticing noticing_;
@@ -103,6 +111,8 @@ private:
     Settling settling_;
     std::unique_ptr<queue::Timer> pollTimer_;
     std::unique_ptr<queue::Timer> retryTimer_;
+    std::chrono::seconds retryDelay_{kFirstRetry};  // until the next look, should that fail again
+    std::unique_ptr<queue::Timer> saveTimer_;
     std::uint64_t look_ = 0;  // counts the looks at everything
 
     mutable std::mutex mutex_;

@@ -35,38 +35,15 @@ bool isBeneath(const std::string& path, const std::string& directory) {
     return path.size() > directory.size() && path.starts_with(directory) && path[directory.size()] == '/';
 }
 
-std::optional<struct stat> statusOf(int parent, const std::string& name) {
-    struct stat status {};
-    if (::fstatat(parent, name.c_str(), &status, AT_SYMLINK_NOFOLLOW) != 0) return {};
-    return status;
-}
-
-std::optional<file::Stamp> stampAt(int parent, const std::string& name) {
-    const auto status = statusOf(parent, name);
-    if (!status) return {};
-    return file::stampOf(*status);
-}
-
 // A stamp that a later write is sure to change; else one that is never equal to a file's.
 file::Stamp trusted(const file::Stamp& stamp) {
     return stamp == file::Stamp{} || file::settled(stamp) ? stamp : kUntrusted;
 }
 
-// Nothing when there is no Info.plist: no bundle, or one that is still being made.
-std::optional<BundleStamps> stampsOf(int parent, const std::string& name, const struct stat& directory) {
-    const auto info = stampAt(parent, name + "/" + bundle::kInfoFile);
-    if (!info) return {};
-    const auto entitlements = stampAt(parent, name + "/" + entitlements::kFile);
-    return BundleStamps{file::stampOf(directory), *info, entitlements.value_or(file::Stamp{})};
-}
-
-// What passes by itself, and says nothing of the file.
-bool isStarvation(int errorNumber) {
-    return errorNumber == EMFILE || errorNumber == ENFILE || errorNumber == ENOMEM;
-}
-
-bool isStarvation(const value::Error& error) {
-    return error.domain == "posix" && isStarvation(static_cast<int>(error.code));
+// What says nothing of the file, and may pass.
+bool isUncertain(int errorNumber) {
+    constexpr int kErrors[] = {EMFILE, ENFILE, ENOMEM, EIO, ESTALE, ETIMEDOUT};
+    return std::find(std::begin(kErrors), std::end(kErrors), errorNumber) != std::end(kErrors);
 }
 
 double now() {
@@ -112,6 +89,23 @@ Scanner::Pass::~Pass() {
     scanner_.root_.reset();
 }
 
+std::optional<struct stat> Scanner::statusOf(int parent, const std::string& name, const std::string& path) {
+    struct stat status {};
+    if (::fstatat(parent, name.c_str(), &status, AT_SYMLINK_NOFOLLOW) == 0) return status;
+    if (isUncertain(errno)) trouble(path, errno);
+    return {};
+}
+
+// Nothing when there is no Info.plist: no bundle, or one that is still being made.
+std::optional<BundleStamps> Scanner::stampsOf(int parent, const std::string& name, const struct stat& directory,
+                                              const std::string& path) {
+    const auto info = statusOf(parent, name + "/" + bundle::kInfoFile, path);
+    if (!info) return {};
+    const auto entitlements = statusOf(parent, name + "/" + entitlements::kFile, path);
+    return BundleStamps{file::stampOf(directory), file::stampOf(*info),
+                        entitlements ? file::stampOf(*entitlements) : file::Stamp{}};
+}
+
 int Scanner::rootDirectory(const Root& root) {
     if (rootPath_ != root.path || !root_) {
         rootPath_ = root.path;
@@ -122,14 +116,14 @@ int Scanner::rootDirectory(const Root& root) {
 }
 
 std::vector<std::string> Scanner::entries(const Root& root) {
-    starved_ = false;
+    uncertain_ = false;
     const int directory = rootDirectory(root);
     if (directory < 0) return {};
     return list(directory, root.path, kEntriesLimit);
 }
 
 Finding Scanner::entry(const Root& root, const std::string& name, Watcher::Look& look) {
-    starved_ = false;
+    uncertain_ = false;
     Finding finding;
     const int parent = rootDirectory(root);
     if (parent < 0) return finding;
@@ -160,7 +154,7 @@ Finding Scanner::entry(const Root& root, const std::string& name, Watcher::Look&
 }
 
 Finding Scanner::registered(const std::string& path, Watcher::Look& look) {
-    starved_ = false;
+    uncertain_ = false;
     Finding finding;
     look.towards(path);
     if (file::canonicalPath(path) != path) return finding;  // gone, or reached through a link by now
@@ -168,7 +162,7 @@ Finding Scanner::registered(const std::string& path, Watcher::Look& look) {
     const bool onSystemVolume = isBeneath(path, file::canonicalPath(volume).value_or(volume));
     BundlePlace place{path, onSystemVolume, applicationAround(path)};
     if (place.application) finding.applications.push_back(place.application);
-    if (const auto status = statusOf(AT_FDCWD, path)) bundle(AT_FDCWD, path, *status, std::move(place), finding);
+    if (const auto status = statusOf(AT_FDCWD, path, path)) bundle(AT_FDCWD, path, *status, std::move(place), finding);
     return finding;
 }
 
@@ -177,7 +171,7 @@ Scanner::Directory Scanner::open(int parent, const std::string& name, const std:
     file::UniqueFd descriptor{::openat(parent, name.c_str(), kDirectory)};
     if (descriptor) return {std::move(descriptor), path};
     const int reason = errno;
-    const auto status = statusOf(parent, name);
+    const auto status = statusOf(parent, name, path);
     if (status && S_ISLNK(status->st_mode)) return followLink(path, bounds);
     trouble(path, reason);
     return {};
@@ -240,25 +234,25 @@ void Scanner::application(const Root& root, const Directory& directory, const st
 
 std::shared_ptr<const ApplicationRecord> Scanner::applicationRecord(int directory, const std::string& path,
                                                                     const std::optional<std::string>& container) {
-    const file::Stamp stamp = stampAt(directory, bundle::kInfoFile).value_or(file::Stamp{});
-    auto& record = seen_[path];
-    record = known_->application(path);
-    if (record && record->facts().info == stamp && record->facts().containerPath == container) return record;
+    const auto status = statusOf(directory, bundle::kInfoFile, path);
+    const file::Stamp stamp = status ? file::stampOf(*status) : file::Stamp{};
+    const auto known = known_->application(path);
+    if (known && known->facts().info == stamp && known->facts().containerPath == container) return seen_[path] = known;
     ApplicationFacts facts;
-    facts.row = record ? record->facts().row : ++lastRow_;
+    facts.row = known ? known->facts().row : ++lastRow_;
     facts.containerPath = container;
     facts.info = trusted(stamp);
     if (stamp != file::Stamp{}) {
         if (const auto info = readInfoFile(directory)) {
             facts.identifier = sensibleText(info->dictionary, bundle::kIdentifierKey);
             facts.name = displayName(info->dictionary);
-        } else if (isStarvation(info.error())) {
-            starved_ = true;
-        } else if (!record || record->facts().info != stamp) {
+        } else if (!passesBy(path, info.error()) && (!known || known->facts().info != stamp)) {
             logging::warning(text::format("application at {}: {}", path, info.error().localizedDescription()));
         }
     }
-    record = std::make_shared<const ApplicationRecord>(path, std::move(facts));
+    auto record = std::make_shared<const ApplicationRecord>(path, std::move(facts));
+    // What is uncertain goes with this call; another one in the same pass looks for itself.
+    if (!uncertain_) seen_[path] = record;
     return record;
 }
 
@@ -284,12 +278,12 @@ void Scanner::plugIn(int parent, const std::string& name, BundlePlace place, con
                      Finding& finding) {
     if (place.path.size() > kPathLimit) return;
     look.directory(place.path);
-    const auto status = statusOf(parent, name);
+    const auto status = statusOf(parent, name, place.path);
     if (status && S_ISDIR(status->st_mode)) {
         bundle(parent, name, *status, std::move(place), finding);
     } else if (status && S_ISLNK(status->st_mode)) {
         const Directory target = followLink(place.path, bounds);
-        const auto targetStatus = target ? statusOf(target.descriptor.get(), ".") : std::nullopt;
+        const auto targetStatus = target ? statusOf(target.descriptor.get(), ".", target.path) : std::nullopt;
         if (!targetStatus) return;
         look.directory(target.path);
         place.path = target.path;
@@ -299,8 +293,8 @@ void Scanner::plugIn(int parent, const std::string& name, BundlePlace place, con
 
 void Scanner::bundle(int parent, const std::string& name, const struct stat& directory, BundlePlace place,
                      Finding& finding) {
-    const auto stamps = stampsOf(parent, name, directory);
-    if (!stamps) return;
+    const auto stamps = stampsOf(parent, name, directory, place.path);
+    if (!stamps || uncertain_) return;
     auto known = known_->bundle(place.path);
     if (known && known->facts().stamps == *stamps) {
         const bool samePlace =
@@ -314,7 +308,7 @@ void Scanner::bundle(int parent, const std::string& name, const struct stat& dir
         return;
     }
     auto facts = read(opened.get(), place.path, *stamps, known ? &known->facts() : nullptr);
-    if (!starved_) finding.bundles.push_back(record(std::move(place), std::move(facts)));
+    if (!uncertain_) finding.bundles.push_back(record(std::move(place), std::move(facts)));
 }
 
 BundleFacts Scanner::read(int directory, const std::string& path, const BundleStamps& stamps,
@@ -325,18 +319,18 @@ BundleFacts Scanner::read(int directory, const std::string& path, const BundleSt
     if (const auto info = readInfoFile(directory)) {
         describe(*info, facts);
     } else {
-        starved_ = starved_ || isStarvation(info.error());
+        static_cast<void>(passesBy(path, info.error()));
         facts.refusal = info.error().localizedDescription();
     }
     if (stamps.entitlements != file::Stamp{}) {
         if (auto entitlements = entitlements::ofBundle(directory, path)) {
             facts.entitlements = std::move(*entitlements);
         } else {
-            starved_ = starved_ || isStarvation(entitlements.error());
+            static_cast<void>(passesBy(path, entitlements.error()));
             facts.remark = entitlements.error().localizedDescription();
         }
     }
-    if (starved_) return facts;
+    if (uncertain_) return facts;
     const bool isNews = !known || known->digest != facts.digest;
     if (!facts.refusal.empty() && (isNews || known->refusal != facts.refusal)) {
         logging::warning(text::format("no plug-in at {}: {}", path, facts.refusal));
@@ -355,10 +349,17 @@ std::shared_ptr<const BundleRecord> Scanner::record(BundlePlace place, BundleFac
                                                 surroundings_);
 }
 
-// A directory that does not open: gone by now, no directory, or something to tell of.
+// What cannot be looked at: gone by now, no directory, or something to tell of.
 void Scanner::trouble(const std::string& path, int errorNumber) {
-    starved_ = starved_ || isStarvation(errorNumber);
+    uncertain_ = uncertain_ || isUncertain(errorNumber);
     if (errorNumber != ENOENT && errorNumber != ENOTDIR) complain(path, std::strerror(errorNumber));
+}
+
+// Whether the error says nothing of what cannot be read.
+bool Scanner::passesBy(const std::string& path, const value::Error& error) {
+    if (error.domain != "posix" || !isUncertain(static_cast<int>(error.code))) return false;
+    trouble(path, static_cast<int>(error.code));
+    return true;
 }
 
 void Scanner::complain(const std::string& path, const std::string& why) {

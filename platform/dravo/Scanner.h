@@ -58,8 +58,9 @@ public:
         Scanner& scanner_;
     };
 
-    // Whether the last call below lacked descriptors or memory: what it says is missing may well be there.
-    bool starved() const { return starved_; }
+    // Whether the last call below met with an error that says nothing of what is installed (descriptors or memory are
+    // lacking, a disk cannot be read): what it does not tell of may well be there.
+    bool uncertain() const { return uncertain_; }
 
     std::vector<std::string> entries(const Root& root);
     Finding entry(const Root& root, const std::string& name, Watcher::Look& look);
@@ -78,6 +79,9 @@ private:
         std::string except;  // empty: nothing
     };
 
+    std::optional<struct stat> statusOf(int parent, const std::string& name, const std::string& path);
+    std::optional<BundleStamps> stampsOf(int parent, const std::string& name, const struct stat& directory,
+                                         const std::string& path);
     int rootDirectory(const Root& root);
     Directory open(int parent, const std::string& name, const std::string& path, const Bounds& bounds);
     Directory followLink(const std::string& path, const Bounds& bounds);
@@ -93,12 +97,13 @@ private:
     BundleFacts read(int directory, const std::string& path, const BundleStamps& stamps, const BundleFacts* known);
     std::shared_ptr<const BundleRecord> record(BundlePlace place, BundleFacts facts);
     void trouble(const std::string& path, int errorNumber);
+    bool passesBy(const std::string& path, const value::Error& error);
     void complain(const std::string& path, const std::string& why);
 
     const std::shared_ptr<Surroundings> surroundings_;
     DataContainers& containers_;
     std::int64_t lastRow_;
-    bool starved_ = false;
+    bool uncertain_ = false;
     std::shared_ptr<const Snapshot> known_;
     std::string rootPath_;  // the root that is open for this pass
     file::UniqueFd root_;

@@ -10,20 +10,20 @@
 namespace dravo {
 
 // Lets a burst of changes (an application being copied) come to rest before anybody looks, but not for ever. Belongs to
-// the queue, on which the work runs; the work must hold its owner weakly.
+// the queue, on which the work runs.
 class Settling {
 public:
-    Settling(std::shared_ptr<queue::SerialQueue> queue, queue::SerialQueue::Work work)
-        : queue_{std::move(queue)}, work_{std::move(work)} {}
+    explicit Settling(std::shared_ptr<queue::SerialQueue> queue) : queue_{std::move(queue)} {}
 
-    void note();  // something changed
+    // Something changed: the work is to run when that has come to rest. It must keep its owner alive while it runs,
+    // since the owner's last user may let go of it meanwhile.
+    void note(queue::SerialQueue::Work work);
     void rest();  // somebody looks now: nothing is left to wait for
 
 private:
     using Clock = std::chrono::steady_clock;
 
     const std::shared_ptr<queue::SerialQueue> queue_;
-    const queue::SerialQueue::Work work_;
     std::optional<Clock::time_point> since_;  // the first change of this burst
     std::unique_ptr<queue::Timer> timer_;
 };

@@ -1,7 +1,5 @@
 #include <fcntl.h>
-#include <sched.h>
 #include <signal.h>
-#include <sys/mount.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -24,6 +22,7 @@
 #include "platform/plist/Plist.h"
 #include "tests/support/ChildProcess.h"
 #include "tests/support/LogLines.h"
+#include "tests/support/Mounts.h"
 #include "tests/support/TemporaryDirectory.h"
 #include "vtd/VTDAnnotationStore.h"
 #include "vtd/VTDPlugInSignature.h"
@@ -208,27 +207,13 @@ TEST(AnnotationStore, AChangeThatCannotBeSavedStandsAndTheNextSaveWritesAll) {
 
 // In a file system of 64 KiB of its own, made in a namespace of the child's own.
 std::string surviveAFullDisk(const std::string& mountPoint) {
-    const std::string user = "0 " + std::to_string(::geteuid()) + " 1";
-    const std::string group = "0 " + std::to_string(::getegid()) + " 1";
-    // A privileged user needs no other one (which a process with a second thread, a sanitizer's, could not become).
-    if (::unshare(CLONE_NEWNS) != 0) {
-        if (::unshare(CLONE_NEWUSER | CLONE_NEWNS) != 0) return "cannot unshare";
-        std::ofstream{"/proc/self/uid_map"} << user;
-        std::ofstream{"/proc/self/setgroups"} << "deny";
-        std::ofstream{"/proc/self/gid_map"} << group;
-    }
-    if (::mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0) return "cannot unshare";
-    if (::mount("tmpfs", mountPoint.c_str(), "tmpfs", 0, "size=64k") != 0) return "cannot mount";
+    if (!support::enterMountNamespace()) return "cannot unshare";
+    const support::Mount disk = support::Mount::small(mountPoint, "64k");
     const std::string path = mountPoint + "/Annotations";
-    const std::string ballast = mountPoint + "/ballast";
     const auto store = openStore(path);
     store->setAnnotation(Dictionary{{"election", 1}}, "before");
     const std::string before = bytesOf(path);
-    {
-        std::ofstream filler{ballast, std::ios::binary};
-        while (filler << std::string(4096, 'x') << std::flush) {
-        }
-    }
+    const std::string ballast = disk.fill();
     support::LogLines log;
     store->setAnnotation(Dictionary{{"election", 1}, {"extension", Dictionary{{"large", std::string(9000, 'y')}}}},
                          "during");

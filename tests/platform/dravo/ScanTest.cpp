@@ -200,6 +200,9 @@ TEST(Scan, WithoutADataContainerThePlugInIsThereAllTheSame) {
     EXPECT_EQ(world.at("system/PlugIns/A")->dataContainerPath(), std::nullopt);
     EXPECT_EQ(world.at("system/PlugIns/B")->dataContainerPath(), std::nullopt);
     EXPECT_EQ(world.log().size(), 1U);
+    world.remove("state/containers");
+    const std::string container = world.at("system/PlugIns/A")->dataContainerPath().value_or("none");
+    EXPECT_TRUE(std::filesystem::is_directory(container + "/tmp")) << container;
 }
 
 }  // namespace
