@@ -7,12 +7,15 @@
 #include <string>
 #include <string_view>
 
+#include "platform/plist/Plist.h"
+
 namespace support {
 
-// A directory of one test's own, removed with all that is in it.
+// A directory of one test's own, removed with all that is in it. No part of its path is a link.
 class TemporaryDirectory {
 public:
-    TemporaryDirectory() : path_{std::filesystem::temp_directory_path() / "vtd-test-XXXXXX"} {
+    TemporaryDirectory()
+        : path_{std::filesystem::canonical(std::filesystem::temp_directory_path()) / "vtd-test-XXXXXX"} {
         if (::mkdtemp(path_.data()) == nullptr) throw std::runtime_error{"no temporary directory"};
     }
     TemporaryDirectory(const TemporaryDirectory&) = delete;
@@ -33,6 +36,9 @@ public:
         stream << bytes;
         if (!stream.flush()) throw std::runtime_error{"cannot write " + file.string()};
         return file;
+    }
+    std::string writeList(std::string_view name, const value::Value& root) const {
+        return write(name, *plist::writeXml(root));
     }
 
 private:

@@ -1,17 +1,9 @@
-#include <string>
-
-#include <gtest/gtest.h>
-
 #include "platform/activation/ActivationRule.h"
-#include "platform/paths/Paths.h"
-#include "tests/support/TemporaryDirectory.h"
+#include "tests/support/PrivateRoot.h"
+#include "tests/support/Words.h"
 
 namespace activation {
 namespace {
-
-using value::Array;
-using value::Dictionary;
-using value::Value;
 
 Value item(Array types) {
     return Dictionary{{"types", std::move(types)}};
@@ -34,15 +26,8 @@ Array manyTypes(int count) {
 }
 
 TEST(ActivationRule, AcceptsWhatEveryItemAndEveryKeyAllows) {
-    const support::TemporaryDirectory root;
-    root.write("Types.plist",
-               "<plist version=\"1.0\"><dict><key>jpeg</key><string>image</string>"
-               "<key>png</key><string>image</string></dict></plist>");
-    paths::Directories directories;
-    directories.systemVolume = root.path();
-    directories.privateRoot = true;
-    paths::setDirectories(directories);
-
+    const support::PrivateRoot root;
+    root.writeList("system/Types.plist", Dictionary{{"jpeg", "image"}, {"png", "image"}});
     const Value jpeg = item({"jpeg"});
     const Value png = item({"png"});
     const Value text = item({"text"});

@@ -1,37 +1,24 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <vector>
-
-#include <gmock/gmock.h>
-#include <gtest/gtest.h>
-
 #include "platform/bundle/Bundle.h"
-#include "platform/file/File.h"
-#include "platform/logging/Log.h"
-#include "platform/plist/Plist.h"
+#include "tests/support/LogLines.h"
 #include "tests/support/TemporaryDirectory.h"
+#include "tests/support/Words.h"
 
 namespace bundle {
 namespace {
 
-using value::Dictionary;
-
 class BundleReader : public testing::Test {
 protected:
-    BundleReader() {
-        logging::setSink([this](logging::Level, std::string_view line) { log_.emplace_back(line); });
-    }
-    ~BundleReader() override { logging::setSink({}); }
-
-    // The directory of a bundle with that dictionary, and its path as the kernel has it.
+    // The directory of a bundle with that dictionary.
     std::string make(const std::string& name, const Dictionary& info) {
-        root_.write(name + "/Info.plist", *plist::writeXml(info));
-        return *file::canonicalPath(root_ / name);
+        root_.writeList(name + "/Info.plist", info);
+        return root_ / name;
     }
 
     const support::TemporaryDirectory root_;
-    std::vector<std::string> log_;
+    support::LogLines log_;
 };
 
 TEST_F(BundleReader, KnowsABundleByItsInfoFile) {
@@ -44,11 +31,11 @@ TEST_F(BundleReader, KnowsABundleByItsInfoFile) {
 }
 
 TEST_F(BundleReader, TakesAnInfoFileThatIsNoneForNoBundle) {
-    root_.write("outside", *plist::writeXml(Dictionary{}));
+    root_.writeList("outside", Dictionary{});
     root_.write("directory/Info.plist/x", "");
     root_.write("huge/Info.plist", "");
     ASSERT_EQ(::truncate((root_ / "huge/Info.plist").c_str(), kInfoLimit + 1), 0);
-    for (const char* name : {"pipe", "link", "device", "none"}) std::filesystem::create_directory(root_ / name);
+    for (const char* name : {"pipe", "link", "device", "none"}) fs::create_directory(root_ / name);
     ASSERT_EQ(::mkfifo((root_ / "pipe/Info.plist").c_str(), 0600), 0);
     ASSERT_EQ(::symlink("../outside", (root_ / "link/Info.plist").c_str()), 0);
     ASSERT_EQ(::symlink("/dev/zero", (root_ / "device/Info.plist").c_str()), 0);
@@ -69,8 +56,8 @@ TEST_F(BundleReader, HasNoDictionaryWhenTheInfoFileIsBrokenAndSaysWhyOnce) {
         EXPECT_FALSE(bundle->infoDictionary()) << name;
         EXPECT_FALSE(bundle->executablePath()) << name;
     }
-    EXPECT_THAT(log_, testing::ElementsAre(testing::HasSubstr("broken/Info.plist: line 1"),
-                                           testing::HasSubstr("array/Info.plist: not a dictionary")));
+    EXPECT_THAT(log_.take(),
+                ElementsAre(HasSubstr("broken/Info.plist: line 1"), HasSubstr("array/Info.plist: not a dictionary")));
 }
 
 TEST_F(BundleReader, KeepsWhatItReadUntilTheCacheIsFlushed) {
@@ -96,39 +83,20 @@ TEST_F(BundleReader, FindsTheBundleThatNamesThisVeryExecutable) {
     root_.write("A.app/PlugIns/P.bundle/target", "program");
     ASSERT_EQ(::link((app + "/main").c_str(), (app + "/1/2/3/4/5/near").c_str()), 0);
     ASSERT_EQ(::link((app + "/main").c_str(), (app + "/1/2/3/4/5/6/far").c_str()), 0);
-    const struct {
-        const char* executable;
-        bool found;
-    } rows[] = {
-        {"A.app/main", true},
-        {"to-main", true},
-        {"A.app/1/2/3/4/5/near", true},  // another name of the same file, five directories further down
-        {"A.app/1/2/3/4/5/6/far", false},
-        {"A.app/1/2/3/4/5/6/file", false},
-        {"A.app/other", false},
-        {"A.app/PlugIns/P.bundle/target", false},
-        {"A.app/PlugIns/P.bundle/link", false},
-        {"A.app/PlugIns", false},
-        {"A.app/absent", false},
-    };
-    for (const auto& row : rows) {
-        const auto bundle = Bundle::open(root_ / row.executable, PathKind::executable);
-        EXPECT_EQ(bundle->bundlePath(), row.found ? std::optional{app} : std::nullopt) << row.executable;
-    }
+    // "near" is another name of the same file, five directories further down.
+    for (const char* found : {"A.app/main", "to-main", "A.app/1/2/3/4/5/near"})
+        EXPECT_EQ(Bundle::open(root_ / found, PathKind::executable)->bundlePath(), app) << found;
+    for (const char* other : {"A.app/1/2/3/4/5/6/far", "A.app/1/2/3/4/5/6/file", "A.app/other", "A.app/absent",
+                              "A.app/PlugIns/P.bundle/target", "A.app/PlugIns/P.bundle/link", "A.app/PlugIns"})
+        EXPECT_FALSE(Bundle::open(root_ / other, PathKind::executable)->bundlePath()) << other;
     EXPECT_FALSE(Bundle::openMain()->bundlePath()) << "no bundle names a test program";
 }
 
 TEST_F(BundleReader, NamesAnExecutableInsideTheBundleOnly) {
-    const struct {
-        value::Value name;
-        bool plain;
-    } rows[] = {{"a.out", true}, {"..a", true},   {"", false},    {".", false},
-                {"..", false},   {"../x", false}, {"x/y", false}, {std::string{"x\0y", 3}, false},
-                {7, false}};
-    for (const auto& row : rows) {
-        EXPECT_EQ(executableInBundle("/b", {{"QFBundleExecutable", row.name}}).has_value(), row.plain)
-            << description(row.name);
-    }
+    const auto named = [](Value name) { return executableInBundle("/b", {{"QFBundleExecutable", std::move(name)}}); };
+    for (const char* plain : {"a.out", "..a"}) EXPECT_TRUE(named(plain)) << plain;
+    for (const Value& other : Array{"", ".", "..", "../x", "x/y", "x\0y"s, 7})
+        EXPECT_FALSE(named(other)) << description(other);
     EXPECT_EQ(executableInBundle("/", {{"QFBundleExecutable", "x"}}), "/x");
     EXPECT_FALSE(executableInBundle("/b", {}));
 }

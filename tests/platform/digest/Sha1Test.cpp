@@ -1,9 +1,6 @@
-#include <string>
-
-#include <gtest/gtest.h>
-
 #include "platform/digest/Sha1.h"
 #include "platform/text/Format.h"
+#include "tests/support/Words.h"
 
 namespace {
 

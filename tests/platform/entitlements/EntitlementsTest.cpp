@@ -4,71 +4,57 @@
 
 #include <functional>
 
-#include <gtest/gtest.h>
-
 #include "platform/entitlements/Entitlements.h"
-#include "platform/paths/Paths.h"
-#include "tests/support/TemporaryDirectory.h"
+#include "tests/support/PrivateRoot.h"
+#include "tests/support/Words.h"
 
 namespace entitlements {
 namespace {
 
-constexpr char kList[] =
-    "<?xml version=\"1.0\"?><plist version=\"1.0\"><dict>"
-    "<key>halvern.private.velto.manager</key><true/><key>halvern.developer.velto.hosts</key><string>x</string>"
-    "</dict></plist>";
-const value::Dictionary kPublic{{"halvern.developer.velto.hosts", "x"}};
-const value::Dictionary kAll{{"halvern.private.velto.manager", true}, {"halvern.developer.velto.hosts", "x"}};
+const Dictionary kPublic{{"halvern.developer.velto.hosts", "x"}};
+const Dictionary kAll{{"halvern.private.velto.manager", true}, {"halvern.developer.velto.hosts", "x"}};
 
 class Entitlements : public testing::Test {
 protected:
-    Entitlements() {
-        paths::Directories directories;
-        directories.systemVolume = root / "system";
-        directories.privateRoot = true;
-        paths::setDirectories(directories);
-        mkdir(directories.systemVolume.c_str(), 0755);
-    }
+    Entitlements() { fs::create_directory(root / "system"); }
 
     // A bundle with the list in it, at a place below the root.
     std::string bundle(const std::string& place) const {
-        root.write(place + "/Entitlements.plist", kList);
+        root.writeList(place + "/Entitlements.plist", kAll);
         chmod((root / place).c_str(), 0755);
         chmod((root / (place + "/Entitlements.plist")).c_str(), 0644);
         return root / place;
     }
 
-    static value::Result<value::Dictionary> read(const std::string& path) {
+    static value::Result<Dictionary> read(const std::string& path) {
         return ofBundle(file::UniqueFd{open(path.c_str(), O_RDONLY | O_DIRECTORY)}.get(), path);
     }
 
-    const support::TemporaryDirectory root;
+    const support::PrivateRoot root;
 };
 
 TEST_F(Entitlements, AreNotHonouredWhenAnybodyElseCouldHaveWrittenThem) {
+    using Path = const std::string&;
     const struct {
         const char* name;
-        std::function<int(const std::string& bundle, const std::string& file)> spoil;
-        bool honoured;
+        int (*spoil)(Path bundle, Path file);
+        bool honoured = false;
     } rows[] = {
-        {"as installed", [](const auto&, const auto&) { return 0; }, true},
-        {"read-only", [](const auto&, const auto& file) { return chmod(file.c_str(), 0400); }, true},
-        {"group writes the file", [](const auto&, const auto& file) { return chmod(file.c_str(), 0664); }, false},
-        {"all write the file", [](const auto&, const auto& file) { return chmod(file.c_str(), 0646); }, false},
-        {"group writes the bundle", [](const auto& path, const auto&) { return chmod(path.c_str(), 0775); }, false},
-        {"another's file", [](const auto&, const auto& file) { return chown(file.c_str(), 4711, 0); }, false},
-        {"another's bundle", [](const auto& path, const auto&) { return chown(path.c_str(), 4711, 0); }, false},
+        {"as installed", [](Path, Path) { return 0; }, true},
+        {"read-only", [](Path, Path file) { return chmod(file.c_str(), 0400); }, true},
+        {"group writes the file", [](Path, Path file) { return chmod(file.c_str(), 0664); }},
+        {"all write the file", [](Path, Path file) { return chmod(file.c_str(), 0646); }},
+        {"group writes the bundle", [](Path bundle, Path) { return chmod(bundle.c_str(), 0775); }},
+        {"another's file", [](Path, Path file) { return chown(file.c_str(), 4711, 0); }},
+        {"another's bundle", [](Path bundle, Path) { return chown(bundle.c_str(), 4711, 0); }},
         {"a link",
-         [](const auto&, const auto& file) {
+         [](Path, Path file) {
              const std::string elsewhere = file + ".real";
              return rename(file.c_str(), elsewhere.c_str()) + symlink(elsewhere.c_str(), file.c_str());
-         },
-         false},
-        {"a pipe", [](const auto&, const auto& file) { return unlink(file.c_str()) + mkfifo(file.c_str(), 0600); },
-         false},
-        {"a directory", [](const auto&, const auto& file) { return unlink(file.c_str()) + mkdir(file.c_str(), 0700); },
-         false},
-        {"not a list", [](const auto&, const auto& file) { return truncate(file.c_str(), 30); }, false},
+         }},
+        {"a pipe", [](Path, Path file) { return unlink(file.c_str()) + mkfifo(file.c_str(), 0600); }},
+        {"a directory", [](Path, Path file) { return unlink(file.c_str()) + mkdir(file.c_str(), 0700); }},
+        {"not a list", [](Path, Path file) { return truncate(file.c_str(), 30); }},
     };
     for (const auto& row : rows) {
         const std::string path = bundle("system/" + std::string{row.name} + ".app");
@@ -78,7 +64,7 @@ TEST_F(Entitlements, AreNotHonouredWhenAnybodyElseCouldHaveWrittenThem) {
         }
         const auto found = read(path);
         ASSERT_EQ(found.ok(), row.honoured) << row.name;
-        EXPECT_EQ(found ? *found : value::Dictionary{}, row.honoured ? kAll : value::Dictionary{}) << row.name;
+        EXPECT_EQ(found ? *found : Dictionary{}, row.honoured ? kAll : Dictionary{}) << row.name;
     }
 }
 

@@ -1,11 +1,8 @@
-#include <gtest/gtest.h>
-
 #include "platform/file/File.h"
+#include "tests/support/Words.h"
 
 namespace file {
 namespace {
-
-using namespace std::string_literals;
 
 TEST(EncodedName, LeavesPlainTextAndEscapesWhatAFileNameMustNotHold) {
     const struct {

@@ -3,10 +3,9 @@
 
 #include <cerrno>
 
-#include <gtest/gtest.h>
-
 #include "platform/file/File.h"
 #include "tests/support/TemporaryDirectory.h"
+#include "tests/support/Words.h"
 
 namespace file {
 namespace {

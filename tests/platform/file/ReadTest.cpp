@@ -8,16 +8,13 @@
 #include <cerrno>
 #include <cstddef>
 
-#include <gtest/gtest.h>
-
 #include "platform/file/File.h"
 #include "tests/support/ChildProcess.h"
 #include "tests/support/TemporaryDirectory.h"
+#include "tests/support/Words.h"
 
 namespace file {
 namespace {
-
-using namespace std::string_literals;
 
 TEST(ReadRegular, TakesRegularFilesWholeAndRefusesAllElseWithoutBlocking) {
     const support::TemporaryDirectory root;

@@ -4,54 +4,28 @@
 #include <unistd.h>
 
 #include <array>
-#include <cerrno>
-#include <cstdlib>
-#include <filesystem>
-#include <fstream>
-#include <string>
-
-#include <gmock/gmock.h>
-#include <gtest/gtest.h>
 
 #include "platform/lock/LockFile.h"
+#include "tests/support/TemporaryDirectory.h"
+#include "tests/support/Words.h"
 
 namespace {
 
-using testing::HasSubstr;
-
-class LockFileTest : public testing::Test {
-protected:
-    LockFileTest() {
-        std::string pattern = std::filesystem::temp_directory_path() / "vtd-lock-XXXXXX";
-        root_ = ::mkdtemp(pattern.data());
-    }
-    ~LockFileTest() override { std::filesystem::remove_all(root_); }
-
-    std::filesystem::path root_;
-};
-
-TEST_F(LockFileTest, AnotherTakerLearnsWhoHoldsIt) {
-    const std::string path = root_ / "guarded.lock";
+TEST(LockFile, IsHeldUntilItGoesOrItsHolderIsKilled) {
+    const support::TemporaryDirectory root;
+    const std::string path = root / "guarded.lock";
     {
         const auto first = lock::LockFile::take(path);
         ASSERT_TRUE(first);
-        const auto second = lock::LockFile::take(path);
-        ASSERT_FALSE(second);
-        EXPECT_EQ(second.error().code, EWOULDBLOCK);
-        EXPECT_THAT(*second.error().message, HasSubstr("process " + std::to_string(::getpid()) + " holds the lock"));
+        EXPECT_THAT(whyNot(lock::LockFile::take(path)),
+                    HasSubstr("process " + std::to_string(::getpid()) + " holds the lock"));
     }
-    EXPECT_TRUE(lock::LockFile::take(path)) << "given back with the object";
-}
-
-TEST_F(LockFileTest, AKilledHolderLetsGo) {
-    const std::string path = root_ / "guarded.lock";
     std::array<int, 2> held{};
     ASSERT_EQ(::pipe(held.data()), 0);
     const pid_t child = ::fork();
     if (child == 0) {
         const auto mine = lock::LockFile::take(path);
-        const char told = mine ? '+' : '-';
-        if (::write(held[1], &told, 1) == 1) ::pause();
+        if (::write(held[1], mine ? "+" : "-", 1) == 1) ::pause();
         ::_exit(1);
     }
     char told = '?';
@@ -61,18 +35,16 @@ TEST_F(LockFileTest, AKilledHolderLetsGo) {
     ::kill(child, SIGKILL);
     ::waitpid(child, nullptr, 0);
     EXPECT_TRUE(lock::LockFile::take(path));
-    ::close(held[0]);
-    ::close(held[1]);
+    for (const int end : held) ::close(end);
 }
 
-TEST_F(LockFileTest, WhatIsNoRegularFileIsAnErrorAndNoHang) {
-    ASSERT_EQ(::mkfifo((root_ / "pipe").c_str(), 0600), 0);
-    std::ofstream{root_ / "target"} << "precious";
-    std::filesystem::create_symlink("target", root_ / "link");
-    for (const char* name : {"pipe", "link", ".", "missing/lock"}) {
-        EXPECT_FALSE(lock::LockFile::take(root_ / name)) << name;
-    }
-    EXPECT_EQ(std::filesystem::file_size(root_ / "target"), 8u);
+TEST(LockFile, WhatIsNoRegularFileIsAnErrorAndNoHang) {
+    const support::TemporaryDirectory root;
+    ASSERT_EQ(::mkfifo((root / "pipe").c_str(), 0600), 0);
+    fs::create_symlink(root.write("target", "precious"), root / "link");
+    for (const char* name : {"pipe", "link", ".", "missing/lock"})
+        EXPECT_FALSE(lock::LockFile::take(root / name)) << name;
+    EXPECT_EQ(fs::file_size(root / "target"), 8U);
 }
 
 }  // namespace

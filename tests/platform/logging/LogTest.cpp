@@ -1,20 +1,19 @@
 #include <fcntl.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
-#include <sys/un.h>
 #include <unistd.h>
 
 #include <array>
 #include <cstdlib>
-#include <string>
-
-#include <gmock/gmock.h>
-#include <gtest/gtest.h>
 
 #include "platform/file/UniqueFd.h"
 #include "platform/logging/Log.h"
 #include "platform/logging/Outlet.h"
 #include "platform/text/Format.h"
+#include "tests/support/BoundSocket.h"
+#include "tests/support/LogLines.h"
+#include "tests/support/TemporaryDirectory.h"
+#include "tests/support/Words.h"
 
 namespace logging {
 namespace {
@@ -35,15 +34,9 @@ struct Ends {
     file::UniqueFd reader, writer;
 };
 
-Ends pipeEnds() {
+Ends ends(bool ofASocket) {
     std::array<int, 2> fds{};
-    EXPECT_EQ(::pipe2(fds.data(), O_CLOEXEC), 0);
-    return {file::UniqueFd{fds[0]}, file::UniqueFd{fds[1]}};
-}
-
-Ends socketEnds() {
-    std::array<int, 2> fds{};
-    EXPECT_EQ(::socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, fds.data()), 0);
+    EXPECT_EQ(ofASocket ? ::socketpair(AF_UNIX, SOCK_STREAM, 0, fds.data()) : ::pipe(fds.data()), 0);
     return {file::UniqueFd{fds[0]}, file::UniqueFd{fds[1]}};
 }
 
@@ -58,10 +51,7 @@ std::string takeAll(const file::UniqueFd& reader) {
 }
 
 TEST(Log, EscapesWhatCouldForgeALine) {
-    struct Row {
-        std::string_view given, line;
-    };
-    constexpr Row kRows[] = {
+    const std::pair<std::string_view, std::string_view> rows[] = {
         {"plain, \\ and \"quoted\"", "plain, \\ and \"quoted\""},
         {"one\ntwo\r\tthree", "one\\ntwo\\r\\tthree"},
         {"\x1b[31mred\x7f", "\\x1b[31mred\\x7f"},
@@ -73,21 +63,16 @@ TEST(Log, EscapesWhatCouldForgeALine) {
         {"overlong \xc0\x8a \xe0\x80\x8a \xf0\x80\x80\x8a", "overlong \\xc0\\x8a \\xe0\\x80\\x8a \\xf0\\x80\\x80\\x8a"},
         {"surrogate \xed\xa0\x80, beyond \xf4\x90\x80\x80", "surrogate \\xed\\xa0\\x80, beyond \\xf4\\x90\\x80\\x80"},
     };
-    std::string line;
-    setSink([&](Level level, std::string_view written) {
-        EXPECT_EQ(level, Level::notice);
-        line = written;
-    });
-    for (const Row& row : kRows) {
-        notice(row.given);
-        EXPECT_EQ(line, row.line);
+    support::LogLines log;
+    for (const auto& [given, line] : rows) {
+        notice(given);
+        EXPECT_THAT(log.take(Level::notice), ElementsAre(line));
     }
-    setSink({});
 }
 
 TEST(Log, WritesOneLineACallWithTheJournalsPrefixOnlyForTheJournal) {
-    const Ends plain = pipeEnds();
-    const Ends journal = socketEnds();
+    const Ends plain = ends(false);
+    const Ends journal = ends(true);
     struct stat status {};
     ASSERT_EQ(::fstat(journal.writer.get(), &status), 0);
     ::setenv("JOURNAL_STREAM", text::format("{}:{}", status.st_dev, status.st_ino).c_str(), 1);
@@ -107,67 +92,49 @@ TEST(Log, WritesOneLineACallWithTheJournalsPrefixOnlyForTheJournal) {
 }
 
 // A reader that does not read: the caller goes on, whole lines are lost and counted, and no line is torn.
-void expectDropsAndCounts(const Ends& ends) {
-    const StandardError redirected{ends.writer.get()};
-    constexpr std::size_t kWritten = 5000;
-    const std::string message(999, 'x');
-    for (std::size_t i = 0; i < kWritten; ++i) notice(message);
-    EXPECT_EQ(::fcntl(ends.writer.get(), F_GETFL) & O_NONBLOCK, 0) << "others share this open file";
-    std::string all = takeAll(ends.reader);
-    notice("after");
-    all += takeAll(ends.reader);
+TEST(Log, DropsAndCountsWhenItsReaderStalls) {
+    for (const bool ofASocket : {false, true}) {
+        const Ends stalled = ends(ofASocket);
+        const StandardError redirected{stalled.writer.get()};
+        constexpr std::size_t kWritten = 5000;
+        const std::string message(999, 'x');
+        for (std::size_t i = 0; i < kWritten; ++i) notice(message);
+        EXPECT_EQ(::fcntl(stalled.writer.get(), F_GETFL) & O_NONBLOCK, 0) << "others share this open file";
+        std::string all = takeAll(stalled.reader);
+        notice("after");
+        all += takeAll(stalled.reader);
 
-    std::size_t whole = 0;
-    while (all.starts_with(message + '\n')) {
-        all.erase(0, message.size() + 1);
-        ++whole;
+        std::size_t whole = 0;
+        for (; all.starts_with(message + '\n'); ++whole) all.erase(0, message.size() + 1);
+        EXPECT_GT(whole, 0);
+        EXPECT_EQ(all, text::format("lines dropped because the log was full: {}\nafter\n", kWritten - whole));
     }
-    EXPECT_GT(whole, 0);
-    EXPECT_EQ(all, text::format("lines dropped because the log was full: {}\nafter\n", kWritten - whole));
-}
-
-TEST(Log, DropsAndCountsWhenAPipeStalls) {
-    expectDropsAndCounts(pipeEnds());
-}
-
-TEST(Log, DropsAndCountsWhenASocketStalls) {
-    expectDropsAndCounts(socketEnds());
 }
 
 TEST(Log, SurvivesAReaderThatIsGone) {
-    for (const auto& make : {pipeEnds, socketEnds}) {
-        Ends ends = make();
-        const StandardError redirected{ends.writer.get()};
-        ends.reader.reset();
+    for (const bool ofASocket : {false, true}) {
+        Ends broken = ends(ofASocket);
+        const StandardError redirected{broken.writer.get()};
+        broken.reader.reset();
         notice("nobody reads this");
     }
 }
 
 TEST(Log, TurnsToTheSystemLogWhenStandardErrorIsTheNullDevice) {
-    const std::string path = testing::TempDir() + text::format("log.{}", ::getpid());
-    const file::UniqueFd daemon{::socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0)};
-    sockaddr_un address{};
-    address.sun_family = AF_UNIX;
-    path.copy(address.sun_path, sizeof address.sun_path - 1);
-    ASSERT_EQ(::bind(daemon.get(), reinterpret_cast<const sockaddr*>(&address), sizeof address), 0);
+    const support::TemporaryDirectory root;
+    const support::BoundSocket daemon{root / "log"};
     const file::UniqueFd null{::open("/dev/null", O_WRONLY | O_CLOEXEC)};
-
-    Outlet outlet{path};
-    constexpr int kMoreThanASocketTakes = 10'000;
-    std::array<char, 256> datagram{};
-    const auto receive = [&] {
-        const ssize_t size = ::recv(daemon.get(), datagram.data(), datagram.size(), 0);
-        return std::string(datagram.data(), size > 0 ? static_cast<std::size_t>(size) : 0);
-    };
+    Outlet outlet{root / "log"};
     const StandardError redirected{null.get()};
-    for (int i = 0; i < kMoreThanASocketTakes; ++i) outlet.write(Level::notice, "hello");
-    EXPECT_THAT(receive(), testing::MatchesRegex(text::format("<29>.* logging_test.{}.: hello", ::getpid())));
-    while (!receive().empty()) {
+    for (int moreThanASocketTakes = 10'000; moreThanASocketTakes > 0; --moreThanASocketTakes) {
+        outlet.write(Level::notice, "hello");
+    }
+    EXPECT_THAT(daemon.receive(), testing::MatchesRegex(text::format("<29>.* logging_test.{}.: hello", ::getpid())));
+    while (!daemon.receive().empty()) {
     }
     outlet.write(Level::notice, "after");
-    EXPECT_THAT(receive(), testing::MatchesRegex("<28>.*: lines dropped because the log was full: [0-9]+"));
-    EXPECT_THAT(receive(), testing::EndsWith(": after"));
-    ::unlink(path.c_str());
+    EXPECT_THAT(daemon.receive(), testing::MatchesRegex("<28>.*: lines dropped because the log was full: [0-9]+"));
+    EXPECT_THAT(daemon.receive(), EndsWith(": after"));
 }
 
 TEST(LogDeathTest, AnInconsistencyIsWrittenPastTheSink) {

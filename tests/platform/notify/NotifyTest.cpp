@@ -7,17 +7,12 @@
 #include <algorithm>
 #include <chrono>
 #include <condition_variable>
-#include <filesystem>
 #include <mutex>
-#include <string>
-#include <vector>
-
-#include <gtest/gtest.h>
 
 #include "platform/file/UniqueFd.h"
 #include "platform/notify/Notify.h"
-#include "platform/paths/Paths.h"
-#include "tests/support/TemporaryDirectory.h"
+#include "tests/support/PrivateRoot.h"
+#include "tests/support/Words.h"
 
 namespace notify {
 namespace {
@@ -60,13 +55,7 @@ private:
 
 class Notify : public testing::Test {
 protected:
-    Notify() {
-        paths::Directories directories;
-        directories.runtime = root / "run";
-        paths::setDirectories(directories);
-    }
-
-    const support::TemporaryDirectory root;
+    const support::PrivateRoot root;
 };
 
 TEST_F(Notify, LosesNoPostOfManyProcesses) {
@@ -76,20 +65,14 @@ TEST_F(Notify, LosesNoPostOfManyProcesses) {
     Tally one{"n"};
     Tally other{"n"};
     Tally stranger{"n2"};
-    std::vector<pid_t> children;
     for (std::uint64_t i = 0; i < kProcesses; ++i) {
-        children.push_back(fork());
-        if (children.back() != 0) continue;
+        if (fork() != 0) continue;
         for (std::uint64_t j = 0; j < kPosts; ++j) {
             if (post("n")) _exit(1);
         }
         _exit(0);
     }
-    for (const pid_t child : children) {
-        int status = 0;
-        EXPECT_EQ(waitpid(child, &status, 0), child);
-        EXPECT_EQ(status, 0);
-    }
+    for (int status = 0; wait(&status) > 0;) EXPECT_EQ(status, 0);
     EXPECT_EQ(one.waitFor(kProcesses * kPosts), kProcesses * kPosts);
     EXPECT_EQ(other.waitFor(kProcesses * kPosts), kProcesses * kPosts);
     ASSERT_FALSE(post("n2"));
@@ -111,21 +94,20 @@ TEST_F(Notify, TellsWithinTenMilliseconds) {
 
 TEST_F(Notify, SurvivesWhateverHappensToTheFile) {
     Tally tally{"../n"};
-    const std::string file = root / "run/notify/" + std::filesystem::directory_iterator {
+    const std::string file = fs::directory_iterator {
         root / "run/notify"
-        } -> path().filename().string();
+        } -> path();
     const struct {
         const char* name;
         std::function<void()> happens;
     } rows[] = {
         {"nothing", [] {}},
-        {"deleted", [&] { std::filesystem::remove(file); }},
-        {"replaced",
-         [&] { root.write("other", "00000000000000000000\n"), std::filesystem::rename(root / "other", file); }},
-        {"emptied", [&] { std::filesystem::resize_file(file, 0); }},
-        {"spoilt", [&] { std::filesystem::resize_file(file, 5); }},
-        {"deleted with its directory", [&] { std::filesystem::remove_all(root / "run/notify"); }},
-        {"moved with its directory", [&] { std::filesystem::rename(root / "run/notify", root / "run/gone"); }},
+        {"deleted", [&] { fs::remove(file); }},
+        {"replaced", [&] { root.write("other", "00000000000000000000\n"), fs::rename(root / "other", file); }},
+        {"emptied", [&] { fs::resize_file(file, 0); }},
+        {"spoilt", [&] { fs::resize_file(file, 5); }},
+        {"deleted with its directory", [&] { fs::remove_all(root / "run/notify"); }},
+        {"moved with its directory", [&] { fs::rename(root / "run/notify", root / "run/gone"); }},
     };
     std::uint64_t posts = 0;
     for (const auto& row : rows) {

@@ -1,18 +1,10 @@
 #include <limits>
 
-#include <gmock/gmock.h>
-#include <gtest/gtest.h>
-
-#include "platform/plist/Plist.h"
+#include "tests/platform/plist/Checks.h"
 #include "tests/support/Hex.h"
 
 namespace plist {
 namespace {
-
-using testing::HasSubstr;
-using value::Array;
-using value::Dictionary;
-using value::Value;
 
 std::string bytesOf(std::string_view hex) {
     const auto bytes = support::fromHex(hex);
@@ -71,68 +63,46 @@ TEST(BinaryPlist, ReadsEveryKindOfValue) {
         {{"a3 01 02 01", "09", "a0"}, Array{true, Array{}, true}},
         {{"d2 02 01 03 04", "51 61", "61 00 62", "10 05", "d0"}, Dictionary{{"a", Dictionary{}}, {"b", 5}}},
     };
-    for (const auto& row : rows) {
-        const auto root = read(list(row.objects));
-        ASSERT_TRUE(root) << row.objects[0] << root.error().localizedDescription();
-        EXPECT_EQ(*root, row.value) << row.objects[0];
-        EXPECT_EQ(root->kind(), row.value.kind()) << row.objects[0];
-    }
+    for (const auto& row : rows) expectValue(read(list(row.objects)), row.value, row.objects[0]);
     EXPECT_EQ(*read(list({"09", "a1 00 00 00", "a1 00 00 00"}, {.offsetSize = 8, .referenceSize = 3, .root = 2})),
               (Array{true}));
 }
 
 TEST(BinaryPlist, RefusesWhatIsBrokenOrNotRead) {
     const struct {
-        std::string bytes;
         const char* message;
+        Texts lists;
     } rows[] = {
-        {"bplist00", "cut short"},
-        {"bplist15" + list({"09"}).substr(8), "another version"},
-        {list({"09"}, {.offsetSize = 0}), "impossible size"},
-        {list({"09"}, {.offsetSize = 9}), "impossible size"},
-        {list({"09"}, {.referenceSize = 0}), "impossible size"},
-        {list({"09"}, {.objects = 0}), "no such root"},
-        {list({"09"}, {.root = 1}), "no such root"},
-        {list({"09"}, {.objects = 2}), "offset table outside"},
-        {list({"09"}, {.objects = 1ULL << 63}), "offset table outside"},
-        {list({"09"}, {.table = 7}), "offset table outside"},
-        {list({"09"}, {.table = ~0ULL}), "offset table outside"},
-        {list({"09"}, {.table = 8}), "object 0 at byte 2304: outside"},  // the object itself taken for its offset
-        {list({"00"}), "a null"},
-        {list({"0f"}), "a null"},
-        {list({"15 00"}), "impossible size"},
-        {list({"21 00 00"}), "impossible size"},
-        {list({"32 00 00 00 00"}), "impossible size"},
-        {list({"33 7f f0 00 00 00 00 00 00"}), "no point in time"},
-        {list({"14 00 00 00 00 00 00 00 01 00 00 00 00 00 00 00 00"}), "beyond 64 bits"},
-        {list({"14 ff ff ff ff ff ff ff ff 7f ff ff ff ff ff ff ff"}), "beyond 64 bits"},
-        {list({"13 00"}), "ends outside"},
-        {list({"5f"}), "a length that is none"},
-        {list({"5f 51 61"}), "a length that is none"},
-        {list({"5f 14 00"}), "a length that is none"},
-        {list({"5f 13 ff ff ff ff ff ff ff ff 61"}), "ends outside"},
-        {list({"af 13 40 00 00 00 00 00 00 00 00"}, {.referenceSize = 4}), "ends outside"},
-        {list({"df 13 80 00 00 00 00 00 00 00 00"}), "ends outside"},
-        {list({"52 61"}), "ends outside"},
-        {list({"51 e9"}), "no ASCII"},
-        {list({"61 d8 00"}), "no UTF-16"},
-        {list({"62 d8 00 00 41"}), "no UTF-16"},
-        {list({"61 dc 00"}), "no UTF-16"},
-        {list({"71 61"}), "not read"},
-        {list({"80 01"}), "not read"},
-        {list({"b0"}), "not read"},
-        {list({"c0"}), "not read"},
-        {list({"a1 01"}), "object 0 at byte 8: a reference to object 1"},
-        {list({"a1 00"}), "inside itself"},
-        {list({"a1 01", "d1 02 00", "51 61"}), "inside itself"},
-        {list({"d1 01 01", "10 05"}), "object 1 at byte 11: a key that is no text"},
-        {list({"d2 01 02 01 01", "51 61", "61 00 61"}), "a key stands twice"},
+        {"cut short", {"bplist00"}},
+        {"another version", {"bplist15" + list({"09"}).substr(8)}},
+        {"impossible size",
+         {list({"09"}, {.offsetSize = 0}), list({"09"}, {.offsetSize = 9}), list({"09"}, {.referenceSize = 0}),
+          list({"15 00"}), list({"21 00 00"}), list({"32 00 00 00 00"})}},
+        {"no such root", {list({"09"}, {.objects = 0}), list({"09"}, {.root = 1})}},
+        {"offset table outside",
+         {list({"09"}, {.objects = 2}), list({"09"}, {.objects = 1ULL << 63}), list({"09"}, {.table = 7}),
+          list({"09"}, {.table = ~0ULL})}},
+        {"object 0 at byte 2304: outside", {list({"09"}, {.table = 8})}},  // the object itself taken for its offset
+        {"a null", {list({"00"}), list({"0f"})}},
+        {"no point in time", {list({"33 7f f0 00 00 00 00 00 00"})}},
+        {"beyond 64 bits",
+         {list({"14 00 00 00 00 00 00 00 01 00 00 00 00 00 00 00 00"}),
+          list({"14 ff ff ff ff ff ff ff ff 7f ff ff ff ff ff ff ff"})}},
+        {"a length that is none", {list({"5f"}), list({"5f 51 61"}), list({"5f 14 00"})}},
+        {"ends outside",
+         {list({"13 00"}), list({"5f 13 ff ff ff ff ff ff ff ff 61"}), list({"52 61"}),
+          list({"af 13 40 00 00 00 00 00 00 00 00"}, {.referenceSize = 4}),
+          list({"df 13 80 00 00 00 00 00 00 00 00"})}},
+        {"no ASCII", {list({"51 e9"})}},
+        {"no UTF-16", {list({"61 d8 00"}), list({"62 d8 00 00 41"}), list({"61 dc 00"})}},
+        {"not read", {list({"71 61"}), list({"80 01"}), list({"b0"}), list({"c0"})}},
+        {"object 0 at byte 8: a reference to object 1", {list({"a1 01"})}},
+        {"inside itself", {list({"a1 00"}), list({"a1 01", "d1 02 00", "51 61"})}},
+        {"object 1 at byte 11: a key that is no text", {list({"d1 01 01", "10 05"})}},
+        {"a key stands twice", {list({"d2 01 02 01 01", "51 61", "61 00 61"})}},
     };
     for (const auto& row : rows) {
-        const auto root = readBinary(row.bytes);
-        ASSERT_FALSE(root) << row.message;
-        EXPECT_EQ(root.error().code, static_cast<std::int64_t>(ErrorCode::malformed)) << row.message;
-        EXPECT_THAT(root.error().localizedDescription(), HasSubstr(row.message));
+        for (const std::string& bytes : row.lists) expectRefusal(readBinary(bytes), ErrorCode::malformed, row.message);
     }
 }
 
@@ -144,20 +114,14 @@ TEST(BinaryPlist, CountsWhatIsSharedEachTimeItIsUsed) {
         objects.push_back(std::string{"a2 "} + next + next);
     }
     objects.emplace_back("5f 10 20 " + std::string(64, '4'));
-    const struct {
-        Limits limits;
-        std::vector<std::string> objects;
-    } rows[] = {
+    const std::pair<Limits, Texts> rows[] = {
         {{.values = 100'000}, objects},
         {{.bytes = 4096}, objects},  // thirty-two bytes of text, a hundred and some times
         {{.depth = 19}, objects},
         {{.bytes = 40}, {"09"}},
     };
-    for (const auto& row : rows) {
-        const auto root = readBinary(list(row.objects), row.limits);
-        ASSERT_FALSE(root);
-        EXPECT_EQ(root.error().code, static_cast<std::int64_t>(ErrorCode::beyondLimits));
-    }
+    for (const auto& [limits, shared] : rows)
+        expectRefusal(readBinary(list(shared), limits), ErrorCode::beyondLimits, "");
 }
 
 }  // namespace

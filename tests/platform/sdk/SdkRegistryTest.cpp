@@ -1,82 +1,64 @@
 #include <sys/stat.h>
 
-#include <filesystem>
-#include <string>
-#include <vector>
-
-#include <gtest/gtest.h>
-
-#include "platform/logging/Log.h"
-#include "platform/paths/Paths.h"
 #include "platform/sdk/SdkRegistry.h"
-#include "tests/support/TemporaryDirectory.h"
+#include "tests/support/LogLines.h"
+#include "tests/support/PrivateRoot.h"
+#include "tests/support/Words.h"
 
 namespace sdk {
 namespace {
 
-std::string list(const std::string& text) {
-    return "<plist version=\"1.0\"><dict><key>k</key><string>" + text + "</string></dict></plist>";
-}
-
 class SdkRegistry : public testing::Test {
 protected:
-    SdkRegistry() {
-        paths::Directories directories;
-        directories.systemVolume = root.path();
-        paths::setDirectories(directories);
-        logging::setSink([this](logging::Level, std::string_view line) { lines.emplace_back(line); });
-    }
-    ~SdkRegistry() override { logging::setSink({}); }
+    void put(const std::string& name, const std::string& text) const { root.writeList(name, Dictionary{{"k", text}}); }
 
-    static std::string text(const std::optional<value::Dictionary>& entry) {
+    static std::string text(const std::optional<Dictionary>& entry) {
         return entry && entry->string("k") != nullptr ? *entry->string("k") : "none";
     }
 
-    const support::TemporaryDirectory root;
-    std::vector<std::string> lines;
+    const support::PrivateRoot root;
+    const std::string file = root / "system/SDKs/p.plist";
+    support::LogLines log;
 };
 
 TEST_F(SdkRegistry, FindsEntriesByPlainNamesOnly) {
-    root.write("SDKs/halvern.share.plist", list("share"));
-    root.write("SDKs/.hidden.plist", list("hidden"));
-    root.write("above.plist", list("above"));
-    root.write("sdks/halvern.share", list("elsewhere"));
+    put("system/SDKs/halvern.share.plist", "share");
+    put("system/SDKs/.hidden.plist", "hidden");
+    put("system/above.plist", "above");
+    put("sdks/halvern.share", "elsewhere");
     EXPECT_EQ(text(entry("halvern.share")), "share");
     EXPECT_EQ(text(entryIn(root / "sdks", "halvern.share")), "elsewhere");
-    for (const std::string& name :
-         {std::string{}, std::string{".hidden"}, std::string{"../above"}, std::string{"../SDKs/halvern.share"},
-          std::string{"halvern.share.plist\0", 20}, std::string{"unknown"}, std::string(5000, 'x')}) {
+    for (const std::string& name : {""s, ".hidden"s, "../above"s, "../SDKs/halvern.share"s, "halvern.share.plist\0"s,
+                                    "unknown"s, std::string(5000, 'x')}) {
         EXPECT_EQ(text(entry(name)), "none") << name;
-        EXPECT_EQ(text(entryIn(root.path(), name)), "none") << name;
+        EXPECT_EQ(text(entryIn(root / "system", name)), "none") << name;
     }
-    EXPECT_TRUE(lines.empty());
+    EXPECT_THAT(log.take(), IsEmpty());
 }
 
 TEST_F(SdkRegistry, ReadsAChangedFileAnewHoweverSoonItChanged) {
     for (int i = 0; i < 100; ++i) {
-        root.write("SDKs/p.plist", list(std::to_string(i % 10)));  // all of one size, many within one clock tick
+        put("system/SDKs/p.plist", std::to_string(i % 10));  // all of one size, many within one clock tick
         EXPECT_EQ(text(entry("p")), std::to_string(i % 10));
         EXPECT_EQ(text(entry("p")), std::to_string(i % 10));
     }
-    std::filesystem::remove(root / "SDKs/p.plist");
+    fs::remove(file);
     EXPECT_EQ(text(entry("p")), "none");
 }
 
 TEST_F(SdkRegistry, ComplainsOnceForEachChangeOfAMalformedFile) {
-    for (const std::string& bad : {std::string{"no list"}, std::string{"<plist version=\"1.0\"><array/></plist>"}}) {
-        lines.clear();
-        root.write("SDKs/p.plist", bad);
+    for (const char* bad : {"no list", "<plist version=\"1.0\"><array/></plist>"}) {
+        root.write("system/SDKs/p.plist", bad);
         for (int i = 0; i < 3; ++i) EXPECT_EQ(text(entry("p")), "none");
-        ASSERT_EQ(lines.size(), 1U) << bad;
-        EXPECT_NE(lines.front().find("SDKs/p.plist"), std::string::npos);
+        EXPECT_THAT(log.take(), ElementsAre(HasSubstr("SDKs/p.plist"))) << bad;
     }
-    ASSERT_TRUE(std::filesystem::remove(root / "SDKs/p.plist"));
-    ASSERT_EQ(mkfifo((root / "SDKs/p.plist").c_str(), 0600), 0);
+    ASSERT_TRUE(fs::remove(file));
+    ASSERT_EQ(mkfifo(file.c_str(), 0600), 0);
     EXPECT_EQ(text(entry("p")), "none");
-    EXPECT_EQ(lines.size(), 2U);
-    root.write("SDKs/q.plist", list("good"));
+    EXPECT_THAT(log.take(), SizeIs(1));
+    put("system/SDKs/q.plist", "good");
     EXPECT_EQ(text(entry("q")), "good");
-    EXPECT_EQ(lines.size(), 2U);
+    EXPECT_THAT(log.take(), IsEmpty());
 }
 
 }  // namespace

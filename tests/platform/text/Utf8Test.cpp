@@ -1,10 +1,7 @@
-#include <string>
-
-#include <gtest/gtest.h>
-
 #include "platform/text/Described.h"
 #include "platform/text/Utf8.h"
 #include "platform/value/Value.h"
+#include "tests/support/Words.h"
 
 namespace {
 
