@@ -112,6 +112,12 @@ std::shared_ptr<const Bundle> bundleOfExecutable(const std::string& path) {
     return notFound;
 }
 
+std::optional<std::string> nameIn(const value::Dictionary& info, const char* key) {
+    const std::string* const text = info.string(key);
+    const bool sensible = text != nullptr && text->size() <= kNameLimit && text->find('\0') == std::string::npos;
+    return sensible ? std::optional{*text} : std::nullopt;
+}
+
 std::string withoutTrailingSeparators(std::string path) {
     while (path.size() > 1 && path.back() == '/') path.pop_back();
     return path;
@@ -134,6 +140,16 @@ std::optional<std::string> executableInBundle(const std::string& bundlePath, con
     const std::string* name = info.string(kExecutableKey);
     if (name == nullptr || !isPlainName(*name)) return {};
     return bundlePath.ends_with('/') ? bundlePath + *name : bundlePath + "/" + *name;
+}
+
+std::string identifierOf(const value::Dictionary& info) {
+    return nameIn(info, kIdentifierKey).value_or(std::string{});
+}
+
+std::string versionOf(const value::Dictionary& info) {
+    if (auto text = nameIn(info, kVersionKey)) return *text;
+    const value::Value* const other = info.find(kVersionKey);
+    return other != nullptr && other->isNumber() ? value::description(*other) : std::string{};
 }
 
 }  // namespace bundle

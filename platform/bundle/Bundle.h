@@ -47,4 +47,10 @@ public:
 // NUL byte, not "." or "..". Whether there is such a file, and of what kind, is not looked at.
 std::optional<std::string> executableInBundle(const std::string& bundlePath, const value::Dictionary& info);
 
+// What names a bundle to the services that keep something for it: QFBundleIdentifier, and QFBundleVersion (a number as
+// its text). Empty when there is none, or none of at most kNameLimit bytes without a NUL.
+inline constexpr std::size_t kNameLimit = 1024;
+std::string identifierOf(const value::Dictionary& info);
+std::string versionOf(const value::Dictionary& info);
+
 }  // namespace bundle

@@ -12,12 +12,6 @@ bool isSensible(const std::string& text) {
     return !text.empty() && text.size() <= kTextLimit && text.find('\0') == std::string::npos;
 }
 
-std::string version(const value::Dictionary& info) {
-    if (auto text = sensibleText(info, bundle::kVersionKey)) return *text;
-    const value::Value* const other = info.find(bundle::kVersionKey);
-    return other && other->isNumber() ? value::description(*other) : std::string{};
-}
-
 PlugInFacts plugIn(const value::Dictionary& info, const value::Dictionary* description, std::string identifier) {
     PlugInFacts facts;
     if (description) facts.extensionPoint = sensibleText(*description, kExtensionPointKey);
@@ -71,8 +65,8 @@ std::optional<std::string> displayName(const value::Dictionary& info) {
 void describe(const InfoFile& info, BundleFacts& facts) {
     const value::Dictionary& dictionary = info.dictionary;
     facts.digest = info.digest;
-    facts.identifier = sensibleText(dictionary, bundle::kIdentifierKey).value_or("");
-    facts.version = version(dictionary);
+    facts.identifier = bundle::identifierOf(dictionary);
+    facts.version = bundle::versionOf(dictionary);
     facts.displayName = displayName(dictionary);
     facts.shortName = sensibleText(dictionary, bundle::kNameKey);
     const value::Dictionary* const top = dictionary.dictionary(kPlugInKey);

@@ -6,6 +6,7 @@
 #include <string>
 #include <vector>
 
+#include "platform/bundle/Bundle.h"
 #include "platform/file/File.h"
 #include "platform/value/Value.h"
 
@@ -13,11 +14,11 @@
 namespace dravo {
 
 // Bounds on what a bundle may claim; more is as good as a broken bundle, and costs one line in the log.
-inline constexpr std::size_t kTextLimit = 1024;              // bytes of an identifier, a name, a version
-inline constexpr std::size_t kMultipleLimit = 1024;          // plug-ins in one bundle
-inline constexpr std::size_t kPointNamesLimit = 64;          // names of one plug-in's extension point
-inline constexpr std::size_t kEntriesLimit = 100'000;        // entries of a directory
-inline constexpr std::size_t kContainerEntriesLimit = 1000;  // entries of an application's own container folder
+inline constexpr std::size_t kTextLimit = bundle::kNameLimit;  // bytes of an identifier, a name, a version
+inline constexpr std::size_t kMultipleLimit = 1024;            // plug-ins in one bundle
+inline constexpr std::size_t kPointNamesLimit = 64;            // names of one plug-in's extension point
+inline constexpr std::size_t kEntriesLimit = 100'000;          // entries of a directory
+inline constexpr std::size_t kContainerEntriesLimit = 1000;    // entries of an application's own container folder
 
 // A stamp that no file has: what was read must be read again, because it was too fresh for its stamp to be trusted.
 inline constexpr file::Stamp kUntrusted{.size = -1};

@@ -11,7 +11,6 @@ namespace file {
 
 namespace {
 
-constexpr std::size_t kLongest = 200;  // of the 255 that a file name may have: suffixes are appended
 constexpr std::size_t kLongestCharacter = 4;
 
 // Neither is what an escape looks like: "%" and two upper-case hexadecimal digits.
@@ -44,13 +43,13 @@ std::string hashOf(std::string_view text) {
 
 }  // namespace
 
-std::string encodedName(std::string_view text) {
-    constexpr std::size_t kLongestBeforeHash = kLongest - kHashMark.size() - std::size_t{2} * SHA256_DIGEST_SIZE;
+std::string encodedName(std::string_view text, std::size_t longest) {
+    const std::size_t longestBeforeHash = longest - kHashMark.size() - std::size_t{2} * SHA256_DIGEST_SIZE;
     if (text.empty()) return kEmptyName;
     std::string name;
     std::size_t cut = 0;  // the last end of a whole character or escape that leaves room for the hash
     bool leading = true;
-    for (std::size_t at = 0; at < text.size() && name.size() <= kLongest;) {
+    for (std::size_t at = 0; at < text.size() && name.size() <= longest;) {
         const std::size_t length = characterLength(text.substr(at));
         leading = leading && text[at] == '.';
         if (length == 0 || mustBeEscaped(text[at], leading)) {
@@ -60,9 +59,9 @@ std::string encodedName(std::string_view text) {
             name += text.substr(at, length);
             at += length;
         }
-        if (name.size() <= kLongestBeforeHash) cut = name.size();
+        if (name.size() <= longestBeforeHash) cut = name.size();
     }
-    if (name.size() <= kLongest) return name;
+    if (name.size() <= longest) return name;
     name.resize(cut);
     return name.append(kHashMark).append(hashOf(text));
 }

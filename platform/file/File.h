@@ -74,9 +74,10 @@ std::optional<std::string> canonicalPath(const std::string& path);
 [[nodiscard]] std::optional<value::Error> makeDirectories(const std::string& path, mode_t mode);
 
 // A file name made of a text from outside (an identifier, a version): separators, "@", "%", control characters, leading
-// dots and bytes that are no UTF-8 are percent-encoded, what would grow beyond 200 bytes is cut and ends in "%~" and a
-// hash of the whole text, and the empty text is "%empty". Different texts give different names. Never empty, never "."
-// or "..", and without "@", so that it may separate two such names.
-std::string encodedName(std::string_view text);
+// dots and bytes that are no UTF-8 are percent-encoded, what would grow beyond the longest is cut and ends in "%~" and
+// a hash of the whole text, and the empty text is "%empty". Different texts give different names. Never empty, never
+// "." or "..", and without "@", so that it may separate two such names. The default leaves room for a suffix in the 255
+// bytes that a file name may have; several texts in one name share them (each needs more than 70).
+std::string encodedName(std::string_view text, std::size_t longest = 200);
 
 }  // namespace file

@@ -59,24 +59,6 @@ std::optional<std::string> readLink(const std::string& path) {
     return std::string{text.data(), static_cast<std::size_t>(length)};
 }
 
-// The 22nd field of the process's stat line; the second, in parentheses, may contain anything.
-std::uint64_t readStartTime(pid_t pid) {
-    const file::UniqueFd fd{::open(procPath(pid, "stat").c_str(), O_RDONLY | O_CLOEXEC)};
-    std::array<char, 1024> text;
-    const ssize_t length = fd ? ::read(fd.get(), text.data(), text.size()) : 0;
-    if (length <= 0) return 0;
-    std::string_view rest{text.data(), static_cast<std::size_t>(length)};
-    rest.remove_prefix(std::min(rest.rfind(')'), rest.size()));
-    for (int field = 2; field < 22; ++field) {
-        const std::size_t space = rest.find(' ');
-        if (space == std::string_view::npos) return 0;
-        rest.remove_prefix(space + 1);
-    }
-    std::uint64_t ticks = 0;
-    std::from_chars(rest.data(), rest.data() + rest.size(), ticks);
-    return ticks;
-}
-
 bool hasOurPids(pid_t pid) {
     const auto theirs = identify(procPath(pid, "ns/pid"));
     return theirs && theirs == identify("/proc/self/ns/pid");
@@ -119,7 +101,7 @@ value::Result<PeerIdentity> readPeer(int socket) {
     identity.pidfd = openProcess(socket, identity.pid);
     if (!identity.pidfd) return value::posixError(errno, text::format("process {}", identity.pid));
 
-    identity.startTime = readStartTime(identity.pid);
+    identity.startTime = startTimeOf(identity.pid);
     const std::string link = procPath(identity.pid, "exe");
     identity.executable = identify(link);
     const auto path = readLink(link);
@@ -131,8 +113,26 @@ value::Result<PeerIdentity> readPeer(int socket) {
 }
 
 bool isUnchanged(const PeerIdentity& identity) {
-    return readStartTime(identity.pid) == identity.startTime &&
+    return startTimeOf(identity.pid) == identity.startTime &&
            identify(procPath(identity.pid, "exe")) == identity.executable && isAlive(identity.pidfd.get());
+}
+
+// The 22nd field of the process's stat line; the second, in parentheses, may contain anything.
+std::uint64_t startTimeOf(pid_t pid) {
+    const file::UniqueFd fd{::open(procPath(pid, "stat").c_str(), O_RDONLY | O_CLOEXEC)};
+    std::array<char, 1024> text;
+    const ssize_t length = fd ? ::read(fd.get(), text.data(), text.size()) : 0;
+    if (length <= 0) return 0;
+    std::string_view rest{text.data(), static_cast<std::size_t>(length)};
+    rest.remove_prefix(std::min(rest.rfind(')'), rest.size()));
+    for (int field = 2; field < 22; ++field) {
+        const std::size_t space = rest.find(' ');
+        if (space == std::string_view::npos) return 0;
+        rest.remove_prefix(space + 1);
+    }
+    std::uint64_t ticks = 0;
+    std::from_chars(rest.data(), rest.data() + rest.size(), ticks);
+    return ticks;
 }
 
 void openBundle(PeerIdentity& identity) {

@@ -48,6 +48,9 @@ value::Result<PeerIdentity> readPeer(int socket);
 // Whether the process still is what was read: alive, started when it was, running the same executable.
 bool isUnchanged(const PeerIdentity& identity);
 
+// When the process started, in clock ticks since boot; 0 when it cannot be read.
+std::uint64_t startTimeOf(pid_t pid);
+
 // Finds and opens the bundle of the peer's executable.
 void openBundle(PeerIdentity& identity);
 
