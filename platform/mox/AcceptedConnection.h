@@ -57,6 +57,7 @@ public:
     void resume() override;
     void send(const Reply& reply) override;
     void cancel() override;
+    Charge charge(std::size_t bytes) override { return Charge{account_, {.kept = bytes}}; }
     std::string description() const override;
 
     void readAgain() override;

@@ -7,7 +7,7 @@ namespace mox {
 namespace {
 
 std::size_t bytesOf(const Holdings& held) {
-    return held.backlog + held.partial;
+    return held.backlog + held.partial + held.kept;
 }
 std::size_t requestsOf(const Holdings& held) {
     return held.requests;
@@ -25,6 +25,7 @@ bool exceeds(const Holdings& held, const Holdings& bound) {
 Holdings& Holdings::operator+=(const Holdings& other) {
     backlog += other.backlog;
     partial += other.partial;
+    kept += other.kept;
     requests += other.requests;
     connections += other.connections;
     return *this;
@@ -33,6 +34,7 @@ Holdings& Holdings::operator+=(const Holdings& other) {
 Holdings& Holdings::operator-=(const Holdings& other) {
     backlog -= other.backlog;
     partial -= other.partial;
+    kept -= other.kept;
     requests -= other.requests;
     connections -= other.connections;
     return *this;

@@ -17,13 +17,15 @@
 //
 // Two of the counts drain by themselves: bytes of unanswered requests and of replies that wait to be sent (`backlog`),
 // and the number of those requests. A connection is not read while they are past its own bound or its process's. Bytes
-// of frames that came in part wait for the peer, so they pause nothing, but they count in the total. Where the total is
-// reached the process that holds most loses its greatest connection; who came last is not to blame.
+// of frames that came in part wait for the peer, and what the service keeps for it (`kept`) stays until it takes it
+// back: neither pauses anything, since that would keep the peer from ending it, but both count in the total. Where the
+// total is reached the process that holds most loses its greatest connection; who came last is not to blame.
 namespace mox {
 
 struct Holdings {
     std::size_t backlog = 0;
     std::size_t partial = 0;
+    std::size_t kept = 0;
     std::size_t requests = 0;
     std::size_t connections = 0;
 
@@ -35,7 +37,8 @@ struct Holdings {
 struct Bounds {
     Holdings connection{.backlog = std::size_t{4} << 20, .requests = 128};
     Holdings process{.backlog = std::size_t{32} << 20, .requests = 1024, .connections = 2048};
-    Holdings total{.backlog = std::size_t{256} << 20, .requests = 16384, .connections = 8192};  // backlog with partial
+    Holdings total{
+        .backlog = std::size_t{256} << 20, .requests = 16384, .connections = 8192};  // backlog, partial, kept
 
     std::chrono::milliseconds drainDeadline{10'000};      // for what waits to be sent
     std::chrono::milliseconds handshakeDeadline{10'000};  // from accept to echo

@@ -85,6 +85,9 @@ public:
 
     virtual void cancel() = 0;  // ends the connection; its handler gets connectionInvalid
 
+    // Charges the peer with so many bytes, roughly, that the service keeps for it until the charge goes (Charges.h).
+    virtual Charge charge(std::size_t bytes) = 0;
+
     virtual std::string description() const = 0;
 };
 

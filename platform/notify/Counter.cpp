@@ -81,14 +81,14 @@ value::Result<file::UniqueFd> openCounter(const std::string& notification) {
     return fd;
 }
 
-std::optional<value::Error> raiseCounter(const std::string& notification) {
+std::optional<value::Error> raiseCounter(const std::string& notification, std::uint64_t posts) {
     for (int i = 0; i < kMostReplacements; ++i) {
         const auto fd = openCounter(notification);
         if (!fd) return fd.error();
         const Lock lock{fd->get()};
         if (!lock.held()) return value::posixError(errno, "locking the counter of " + notification);
         if (!isLinked(fd->get())) continue;
-        if (!write(fd->get(), readCounter(fd->get()).value_or(0) + 1)) {
+        if (!write(fd->get(), readCounter(fd->get()).value_or(0) + posts)) {
             return value::posixError(errno, "raising the counter of " + notification);
         }
         if (isLinked(fd->get())) return {};  // else nobody may have seen it

@@ -18,8 +18,9 @@ std::string counterFileName(const std::string& notification);
 // Opens the counter, making it and its directory when they are not there.
 value::Result<file::UniqueFd> openCounter(const std::string& notification);
 
-// Raises it by one. The file may be deleted or replaced at any time: what counts is the one that the name leads to.
-[[nodiscard]] std::optional<value::Error> raiseCounter(const std::string& notification);
+// Raises it by so many posts. The file may be deleted or replaced at any time: what counts is the one that the name
+// leads to.
+[[nodiscard]] std::optional<value::Error> raiseCounter(const std::string& notification, std::uint64_t posts);
 
 // What it says; 0 for a new one, nothing for content that is none of ours. Takes no lock, so that a process stopped in
 // its post stops no reader.

@@ -93,8 +93,8 @@ private:
 
 }  // namespace
 
-std::optional<value::Error> post(const std::string& name) {
-    return raiseCounter(name);
+std::optional<value::Error> post(const std::string& name, std::uint64_t times) {
+    return raiseCounter(name, times);
 }
 
 std::unique_ptr<Observer> observe(const std::string& name, const std::shared_ptr<queue::SerialQueue>& queue,

@@ -33,6 +33,7 @@ public:
     void resume() override {}
     void send(const mox::Reply& reply) override { replies_.push_back(*reply.toObject().view().toValue().dictionary()); }
     void cancel() override {}
+    mox::Charge charge(std::size_t) override { return {}; }
     std::string description() const override { return "<fake>"; }
 
 private:

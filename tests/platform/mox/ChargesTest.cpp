@@ -67,7 +67,7 @@ TEST(Charges, EndTheGreatestConnectionOfTheGreatestProcessAtTheTotal) {
     const auto great = connect(ledger, kFirst);
     const Charge a{single->account, {.backlog = 40}};
     const Charge b{small->account, {.partial = 25}};
-    const Charge c{great->account, {.partial = 30}};
+    const Charge c{great->account, {.kept = 30}};
     EXPECT_FALSE(great->ended);
     const Charge straw{single->account, {.backlog = 6}};
     EXPECT_TRUE(great->ended);
