@@ -1,0 +1,180 @@
+#include <fcntl.h>
+#include <signal.h>
+#include <sys/file.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <array>
+#include <filesystem>
+#include <optional>
+#include <string>
+#include <utility>
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include "platform/assertions/Assertions.h"
+#include "platform/file/UniqueFd.h"
+#include "platform/paths/Paths.h"
+#include "tests/support/ChildProcess.h"
+#include "tests/support/TemporaryDirectory.h"
+
+namespace assertions {
+namespace {
+
+using value::Dictionary;
+
+const std::string kIdentifier = "org.example.share";
+
+class Assertions : public testing::Test {
+protected:
+    Assertions() {
+        paths::Directories directories;
+        directories.runtime = root_ / "run";
+        paths::setDirectories(directories);
+    }
+
+    std::string path(const std::string& name) const { return root_ / ("run/assertions/" + kIdentifier + "/" + name); }
+
+    // A word for each instance that is seen.
+    static std::string seen(const std::string& identifier = kIdentifier) {
+        std::string text;
+        for (const Dictionary& instance : busyInstances({&identifier, 1})) {
+            text += instance == Dictionary{{kBundleIdentifierKey, identifier}} ? "busy " : "incomplete ";
+            EXPECT_LE(instance.size(), 1U);
+        }
+        return text;
+    }
+    static std::string seenByAnother() {
+        return support::inChildProcess([] { return seen(); });
+    }
+
+    const support::TemporaryDirectory root_;
+};
+
+// Locks a whole file for writing, in the way that the command says.
+bool lockWhole(int fd, int command) {
+    struct flock whole {};
+    whole.l_type = F_WRLCK;
+    whole.l_whence = SEEK_SET;
+    return ::fcntl(fd, command, &whole) == 0;
+}
+
+TEST_F(Assertions, CountUntilTheLastOfAProcessIsGivenBack) {
+    EXPECT_EQ(seen(), "");
+    auto first = Assertion::take(kIdentifier);
+    ASSERT_TRUE(first) << first.error().localizedDescription();
+    {
+        const auto second = Assertion::take(kIdentifier);
+        EXPECT_EQ(seen(), "busy ");  // and looking does not lose it
+        EXPECT_EQ(seen("org.example"), "");
+        ::unlink(path(std::to_string(::getpid())).c_str());
+        EXPECT_EQ(seenByAnother(), "");
+        const auto third = Assertion::take(kIdentifier);  // makes up for the file that was removed
+        EXPECT_EQ(seenByAnother(), "busy ");
+    }
+    Assertion moved = *std::move(first);
+    EXPECT_EQ(seenByAnother(), "busy ");
+    EXPECT_EQ(support::inChildProcess([] {
+                  {
+                      const auto own = Assertion::take(kIdentifier);
+                      if (!own || seen() != "busy busy ") return "a child has its own beside the parent's: " + seen();
+                  }
+                  return seen();
+              }),
+              "busy ");
+    EXPECT_EQ(seenByAnother(), "busy ") << "what a child gives back is not its parent's";
+    { const Assertion last = std::move(moved); }
+    EXPECT_EQ(seen(), "");
+    EXPECT_TRUE(std::filesystem::is_empty(std::filesystem::path{path("")}));
+}
+
+TEST_F(Assertions, RefuseIdentifiersThatNoBundleHas) {
+    for (const std::string& identifier : {std::string{}, std::string(kLongestIdentifier + 1, 'x'), std::string{"\xFF"}}) {
+        EXPECT_FALSE(Assertion::take(identifier)) << identifier.size();
+    }
+    const std::string odd = "../@" + std::string(kLongestIdentifier - 4, '/');
+    const auto assertion = Assertion::take(odd);
+    EXPECT_EQ(seen(odd), "busy ");
+}
+
+TEST_F(Assertions, DieWithTheirProcessThoughItsChildLivesOn) {
+    std::array<int, 2> told{};
+    std::array<int, 2> ended{};  // closed when the grandchild has ended
+    ASSERT_EQ(::pipe(told.data()) + ::pipe(ended.data()), 0);
+    const pid_t holder = ::fork();
+    if (holder == 0) {
+        const auto assertion = Assertion::take(kIdentifier);
+        const pid_t child = ::fork();
+        if (child != 0 && ::write(told[1], &child, sizeof child) != sizeof child) ::_exit(1);
+        ::pause();
+        ::_exit(0);
+    }
+    ::close(ended[1]);
+    pid_t child = 0;
+    ASSERT_EQ(::read(told[0], &child, sizeof child), static_cast<ssize_t>(sizeof child));
+    EXPECT_EQ(seen(), "busy ");
+    ::kill(holder, SIGKILL);
+    ::waitpid(holder, nullptr, 0);
+    EXPECT_EQ(::kill(child, 0), 0);
+    EXPECT_EQ(seen(), "");
+    EXPECT_FALSE(std::filesystem::exists(path(std::to_string(holder)))) << "swept";
+    ::kill(child, SIGKILL);
+    char none = 0;
+    EXPECT_EQ(::read(ended[0], &none, 1), 0);
+    for (const int fd : {told[0], told[1], ended[0]}) ::close(fd);
+}
+
+TEST_F(Assertions, WhatIsNoneNeitherCountsNorBlocks) {
+    const std::string directory = "run/assertions/" + kIdentifier + "/";
+    root_.write(directory + "1", kIdentifier);
+    root_.write(directory + "2", kIdentifier);
+    root_.write(directory + "readme", "");
+    std::filesystem::create_directories(path("3/4"));
+    ASSERT_EQ(::mkfifo(path("5").c_str(), 0600), 0);
+    std::filesystem::create_symlink("readme", path("6"));
+    const file::UniqueFd openFile{::open(path("1").c_str(), O_RDWR | O_CLOEXEC)};
+    ASSERT_TRUE(lockWhole(openFile.get(), F_OFD_SETLK));
+    const file::UniqueFd flocked{::open(path("2").c_str(), O_RDWR | O_CLOEXEC)};
+    ASSERT_EQ(::flock(flocked.get(), LOCK_EX), 0);
+    EXPECT_EQ(seen(), "");
+    EXPECT_TRUE(std::filesystem::exists(path("1"))) << "somebody may be removing it";
+    EXPECT_FALSE(std::filesystem::exists(path("2"))) << "swept";
+    EXPECT_TRUE(std::filesystem::exists(path("readme")));
+
+    // In the way of what this process takes, too.
+    std::filesystem::create_directories(path(std::to_string(::getpid())));
+    ASSERT_EQ(::mkfifo(path(std::to_string(::getpid()) + "-1").c_str(), 0600), 0);
+    const auto assertion = Assertion::take(kIdentifier);
+    ASSERT_TRUE(assertion) << assertion.error().localizedDescription();
+    EXPECT_EQ(seenByAnother(), "busy ");
+}
+
+TEST_F(Assertions, OneThatDoesNotSayItsIdentifierIsIncomplete) {
+    for (const std::string& content : {std::string{}, kIdentifier + "x", std::string{"org.example"}}) {
+        const std::string file = root_.write("run/assertions/" + kIdentifier + "/77", content);
+        const file::UniqueFd mine{::open(file.c_str(), O_RDWR | O_CLOEXEC)};
+        ASSERT_TRUE(lockWhole(mine.get(), F_SETLK));
+        EXPECT_EQ(seenByAnother(), "incomplete ") << content;
+    }
+}
+
+TEST_F(Assertions, AreNeverSweptByWhoLooksWhileTheyAreTaken) {
+    const pid_t looking = ::fork();
+    if (looking == 0) {
+        for (;;) seen();
+    }
+    int lost = 0;
+    for (int i = 0; i < 2000; ++i) {
+        root_.write("run/assertions/" + kIdentifier + "/" + std::to_string(::getpid()), "stale");
+        const auto assertion = Assertion::take(kIdentifier);
+        if (!assertion || std::filesystem::is_empty(std::filesystem::path{path("")})) ++lost;
+    }
+    ::kill(looking, SIGKILL);
+    ::waitpid(looking, nullptr, 0);
+    EXPECT_EQ(lost, 0);
+}
+
+}  // namespace
+}  // namespace assertions
