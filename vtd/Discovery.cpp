@@ -51,6 +51,11 @@ struct Discovery::Gates {
         return Reason{"is dedicated to another application"};
     }
 
+    static Verdict holds(Visit& visit) {
+        if (!visit.query.isOnHold || !visit.query.isOnHold(visit.candidate)) return {};
+        return Reason{"is on hold"};
+    }
+
     static Verdict rules(Visit& visit) {
         const value::Dictionary::Entry* rule = visit.candidate.unmatchedRule(visit.query.rules);
         if (rule == nullptr) return {};
@@ -92,6 +97,7 @@ struct Discovery::Gates {
     static constexpr Gate kInOrder[] = {
         {"location", Gate::Scope::unlessAll, location},      //
         {"dedication", Gate::Scope::unlessAll, dedication},  //
+        {"holds", Gate::Scope::unlessAll, holds},            //
         {"rules", Gate::Scope::always, rules},               //
         {kExclusionsGate, Gate::Scope::always, exclusions},
         {kHostGate, Gate::Scope::unlessAll, hostAuthorization},

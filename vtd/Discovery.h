@@ -25,6 +25,7 @@ public:
         // Where the client's own plug-ins lie, if it has a bundle: asked for dedicated candidates only, since it may
         // look at the disk. Empty: nowhere.
         std::function<std::optional<std::string>()> clientPlugInsPath;
+        std::function<bool(const VTDPlugIn&)> isOnHold = {};  // empty: nothing is
         // What the user wants no host to see: rules, of which none may match. Elements of another kind match nothing.
         value::Array exclusions = {};
         // Why the client may not use a plug-in, or nothing when it may. Empty: it may use every one.

@@ -78,6 +78,8 @@ private:
     void bulkPlugIns();
     void matchPlugIns();
     void annotatePlugIns();
+    void lockDownPlugIns();
+    void releaseHolds(mox::View tokens);
 
     // Sets the form's "annotations" to the plug-in's, or to none.
     void addAnnotationForPlugIn(const VTDPlugIn& plugIn, VTForm& form) const;

@@ -43,6 +43,7 @@ void VTDMoxClient::dying() {
 }
 
 void VTDMoxClient::dead() {
+    server_->unholdClient(*this);
     server_->debug("client {} is dead", pid());
     setAcceptWork(false);
     probes::clientDone(pid());

@@ -17,11 +17,12 @@
 class VTDServer;
 
 // One peer process connected to the daemon's service: knows who it is, makes a transaction of each request and queues
-// it on the service queue, and refuses further work once the peer is dead.
+// it on the service queue, and refuses further work once the peer is dead, whose holds it has the server release.
 //
 // Ownership: the connection owns the client, as its context; the client refers to the connection weakly. So it lives as
 // long as the connection, and as any transaction that still refers to it.
-// Threading: every member may be called from any thread, but for requestCount, which belongs to the service queue.
+// Threading: every member may be called from any thread, but for requestCount, which belongs to the service queue,
+// and gaveUpHolds, which belongs to the hold table's.
 class VTDMoxClient : public std::enable_shared_from_this<VTDMoxClient> {
 public:
     // Sets the client up for the connection and resumes that: requests may arrive before this returns. Never null.
@@ -51,6 +52,10 @@ public:
     const std::shared_ptr<VTBundle>& bundle() const { return bundle_; }  // null when the executable is not known
     std::uint32_t requestCount() const { return requestCount_; }
 
+    // Once its holds were released for good. The hold table's: on the server's syncQueue.
+    bool gaveUpHolds() const { return gaveUpHolds_; }
+    void setGaveUpHolds() { gaveUpHolds_ = true; }
+
 private:
     VTDMoxClient(const std::shared_ptr<mox::Connection>& connection, std::shared_ptr<VTDServer> server);
 
@@ -67,4 +72,5 @@ private:
 
     VTAtomic<bool> acceptWork_{true};
     std::uint32_t requestCount_ = 0;  // requests taken from this peer so far; wraps
+    bool gaveUpHolds_ = false;
 };

@@ -64,6 +64,12 @@ public:
 
     [[nodiscard]] std::optional<value::Error> diagnose() const override;
 
+    // --- Busy instances (VTDPlugIn_Busy.cpp)
+
+    // What tells a client that a running instance of the plug-in's bundle is busy: its bundle identifier, under the key
+    // of process assertions. Nothing when none is. Asked of the disk at each call.
+    std::optional<value::Dictionary> checkBusy() const;
+
     // --- The rule language (VTDPlugIn_Match.cpp). Nothing fails: what makes no sense is not matched.
 
     bool match(const std::optional<value::Dictionary>& rules) const;  // no rules match everything

@@ -47,6 +47,7 @@ VTDServer::VTDServer(std::shared_ptr<VTDAnnotationStore> annotations,
     : VTDatabase{std::move(annotations), std::move(workspace)},
       moxQueue_{std::make_shared<queue::SerialQueue>("mox")},
       mainQueue_{std::make_shared<queue::SerialQueue>("service", queue::QualityOfService::userInitiated)},
+      syncQueue_{std::make_shared<queue::SerialQueue>("serverSync")},
       service_{mox::listen(service, moxQueue_)},
       sandbox_{sandbox::Service::create(service)},
       userPrefs_{std::make_shared<VTDUserPrefs>()} {}

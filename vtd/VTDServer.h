@@ -14,8 +14,11 @@
 #include "platform/sandbox/Sandbox.h"
 #include "platform/text/Described.h"
 #include "platform/text/Format.h"
+#include "vtd/VTDHoldTable.h"
 #include "vtd/VTDUserPrefs.h"
 #include "vtd/VTDatabase.h"
+
+class VTDMoxClient;
 
 // The daemon: at once the plug-in database and the service that clients talk to. Listens on the named service, makes a
 // client object of each connection, and runs every request on its service queue.
@@ -25,6 +28,7 @@
 // Threading: every member may be called from any thread, but for run(), which is the main thread's. Queues:
 //     "mox"      builds one client for each new connection
 //     "service"  user-initiated: every request from dispatch to reply, one at a time in order of arrival
+//     "serverSync"  the hold table, entered synchronously; what runs there waits for no other queue
 // Errors: a server that cannot be built is a null pointer, and the log says why.
 class VTDServer : public VTDatabase {
 public:
@@ -63,13 +67,29 @@ public:
     // Appends the closure to the service queue: the one road by which request work gets there.
     void submitWork(std::function<void()> work) const { mainQueue_->async(std::move(work)); }
 
+    // --- Holds (VTDServer_Holds.cpp). Each enters syncQueue by itself; each hold that comes or goes is one
+    // notification.
+
+    // Whether any hold, of whomever, covers the plug-in. One load while there are no holds at all.
+    bool holdOnPlugIn(const VTDPlugIn& plugIn) const;
+
+    // Puts the hold into the table. False, and nothing, when its client has died meanwhile: what unholdClient() has
+    // once released a client's holds, it gets no more.
+    bool addHold(const std::shared_ptr<VTDPlugInHold>& hold);
+
+    void unholdToken(
+        const value::Uuid& token);            // whoever knows the token may release the hold; an unknown one is nothing
+    void unholdClient(VTDMoxClient& client);  // the client is dead: releases all of its holds
+
     // --- Properties
 
     std::uint32_t verbose() const { return verbose_.load(); }
     void setVerbose(std::uint32_t verbose) { verbose_.store(verbose); }
     const std::shared_ptr<queue::SerialQueue>& moxQueue() const { return moxQueue_; }
     const std::shared_ptr<queue::SerialQueue>& mainQueue() const { return mainQueue_; }
+    const std::shared_ptr<queue::SerialQueue>& syncQueue() const { return syncQueue_; }
     const std::shared_ptr<mox::Listener>& service() const { return service_; }
+    const VTDHoldTable& holds() const { return holds_; }  // on syncQueue
     const std::shared_ptr<VTDUserPrefs>& userPrefs() const { return userPrefs_; }
 
 private:
@@ -78,9 +98,13 @@ private:
 
     const std::shared_ptr<queue::SerialQueue> moxQueue_;
     const std::shared_ptr<queue::SerialQueue> mainQueue_;
+    const std::shared_ptr<queue::SerialQueue> syncQueue_;
     const std::shared_ptr<mox::Listener> service_;
     const std::shared_ptr<sandbox::Service> sandbox_;  // where those who hold our tokens ask for files
     const std::shared_ptr<VTDUserPrefs> userPrefs_;
 
     VTAtomic<std::uint32_t> verbose_;
+
+    VTDHoldTable holds_;                  // on syncQueue
+    VTAtomic<std::size_t> holdCount_{0};  // its size: changed on syncQueue, read anywhere
 };

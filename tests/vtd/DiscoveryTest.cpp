@@ -61,6 +61,18 @@ TEST(Discovery, EachGateHoldsBackWhatItShould) {
     }
 }
 
+TEST(Discovery, AHoldHidesAPlugInButFromWhoSeesAll) {
+    const auto plugIn = plugInAt(Place::system);
+    for (const std::uint64_t flags : {0, 0x200}) {
+        Discovery::Query query;
+        query.flags = flags;
+        query.isOnHold = [&](const VTDPlugIn& asked) { return asked == *plugIn; };
+        Discovery discovery{std::move(query), annotate};
+        const auto refusal = discovery.visit(*plugIn);
+        EXPECT_EQ(refusal ? refusal->gate : "", flags == 0 ? "holds" : "") << flags;
+    }
+}
+
 TEST(Discovery, MatchCarriesItsAnnotationsAndLinksAndRefusesItsOwnCopy) {
     const auto plugIn = plugInAt(Place::system);
     Discovery discovery{{{}, 0, {}}, annotate};

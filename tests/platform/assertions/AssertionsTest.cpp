@@ -91,7 +91,8 @@ TEST_F(Assertions, CountUntilTheLastOfAProcessIsGivenBack) {
 }
 
 TEST_F(Assertions, RefuseIdentifiersThatNoBundleHas) {
-    for (const std::string& identifier : {std::string{}, std::string(kLongestIdentifier + 1, 'x'), std::string{"\xFF"}}) {
+    for (const std::string& identifier :
+         {std::string{}, std::string(kLongestIdentifier + 1, 'x'), std::string{"\xFF"}}) {
         EXPECT_FALSE(Assertion::take(identifier)) << identifier.size();
     }
     const std::string odd = "../@" + std::string(kLongestIdentifier - 4, '/');
