@@ -27,13 +27,13 @@ struct Granted {
 
 Granted request(const std::string& serviceName, const std::vector<std::string>& words) {
     VTDaemonClient client{serviceName};
-    auto [status, plugIns] = plugins::resolve(client, serviceName, words, plugins::Which::onePerIdentifier);
-    if (status != ExitStatus::success) return {status, {}, {}};
+    plugins::Resolution resolved = plugins::resolve(client, serviceName, words, plugins::Which::onePerIdentifier);
+    if (resolved.status != ExitStatus::success) return {resolved.status, {}, {}};
     mox::Dictionary message = client.request(VTRequest::access);
-    VTDaemonClient::set(message, plugins::uuidsOf(plugIns));
+    VTDaemonClient::set(message, plugins::uuidsOf(resolved.plugIns));
     message.set(VTKey::flags, std::uint64_t{0});
     const mox::Object reply = sendAndWait(client, message);
-    status =
+    const ExitStatus status =
         reportErrorIn(client, reply, serviceName, {{VTErrorRequest, "`vtctl match` shows the plug-ins there are"}});
     if (status != ExitStatus::success) return {status, {}, {}};
     std::vector<std::string> tokens;
@@ -41,11 +41,11 @@ Granted request(const std::string& serviceName, const std::vector<std::string>& 
         extensions->forEachElement(
             [&tokens](mox::View token) { tokens.emplace_back(token.string().value_or(std::string_view{})); });
     }
-    if (tokens.size() != plugIns.size()) {
+    if (tokens.size() != resolved.plugIns.size()) {
         terminal::complain("the reply does not hold a token for each plug-in");
         return {ExitStatus::errorReply, {}, {}};
     }
-    return {status, std::move(plugIns), std::move(tokens)};
+    return {status, std::move(resolved.plugIns), std::move(tokens)};
 }
 
 // Nothing on success, else the errno.

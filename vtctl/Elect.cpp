@@ -1,5 +1,7 @@
 #include "vtctl/Elect.h"
 
+#include <algorithm>
+#include <cstdint>
 #include <iostream>
 #include <set>
 
@@ -34,11 +36,28 @@ ExitStatus checkUnlisted(VTDaemonClient& client, const std::string& serviceName,
                          {{VTErrorRequest, "`vtctl match` shows the UUIDs there are; nothing was changed"}});
 }
 
+// A plug-in shares its election with what it replaces, which no form tells: what has changed besides is told.
+void tellOthers(VTDaemonClient& client, const std::string& serviceName, const std::vector<plugins::PlugIn>& before,
+                Election election) {
+    const auto wanted = static_cast<std::int64_t>(election);
+    const plugins::Resolution now = plugins::resolve(client, serviceName, {}, plugins::Which::allCopies);
+    std::set<std::string> told;
+    for (const plugins::PlugIn& plugIn : now.others) {
+        const bool changed =
+            plugIn.election == wanted && std::any_of(before.begin(), before.end(), [&](const plugins::PlugIn& earlier) {
+                return earlier.uuid == plugIn.uuid && earlier.election != wanted;
+            });
+        if (changed && told.insert(plugIn.title()).second) {
+            std::cout << plugIn.title() << ": " << nameOf(election) << " with it, as one replaces the other\n";
+        }
+    }
+}
+
 }  // namespace
 
 ExitStatus runElect(const std::string& serviceName, const std::vector<std::string>& words, Election election) {
     VTDaemonClient client{serviceName};
-    const auto [status, plugIns] = plugins::resolve(client, serviceName, words, plugins::Which::allCopies);
+    const auto [status, plugIns, others] = plugins::resolve(client, serviceName, words, plugins::Which::allCopies);
     if (status != ExitStatus::success) {
         if (status == ExitStatus::usage) terminal::complain("nothing was changed");
         return status;
@@ -57,5 +76,6 @@ ExitStatus runElect(const std::string& serviceName, const std::vector<std::strin
     for (const plugins::PlugIn& plugIn : plugIns) {
         if (told.insert(plugIn.title()).second) std::cout << plugIn.title() << ": " << nameOf(election) << "\n";
     }
+    tellOthers(client, serviceName, others, election);
     return ExitStatus::success;
 }

@@ -9,6 +9,7 @@
 
 #include "Velto/VTForm.h"
 #include "Velto/VTProtocol.h"
+#include "Velto/VTValueHelpers.h"
 #include "vtctl/Connection.h"
 #include "vtctl/Terminal.h"
 
@@ -28,8 +29,10 @@ std::optional<Listed> listedFrom(mox::View form) {
     };
     const auto uuid = value::Uuid::parse(text(VTFormKey::uuid));
     if (!uuid) return {};
+    const auto annotations = mox_dictionary_get_dictionary(form, VTFormKey::annotations);
+    const auto election = annotations ? annotations->find("election") : std::nullopt;
     return Listed{{*uuid, text(VTFormKey::identifier), text(VTFormKey::version), text(VTFormKey::localizedName),
-                   text(VTFormKey::path)},
+                   text(VTFormKey::path), election ? election->toValue().integerValue().value_or(0) : 0},
                   text(VTFormKey::originalIdentifier)};
 }
 
@@ -108,7 +111,7 @@ Resolution resolve(VTDaemonClient& client, const std::string& serviceName, const
                    Which which) {
     const mox::Object reply = discover(client, which);
     if (const ExitStatus status = reportErrorIn(client, reply, serviceName); status != ExitStatus::success) {
-        return {status, {}};
+        return {status, {}, {}};
     }
     std::vector<Listed> all;
     const auto matches = reply.view().find(VTKey::matches);
@@ -126,7 +129,7 @@ Resolution resolve(VTDaemonClient& client, const std::string& serviceName, const
     for (const std::string& word : words) {
         if (const auto uuid = value::Uuid::parse(word)) {
             const auto found = select(all, [&uuid](const Listed& one) { return one.plugIn.uuid == *uuid; });
-            take(found.empty() ? PlugIn{*uuid, {}, {}, {}, {}} : found.front()->plugIn);
+            take(found.empty() ? PlugIn{*uuid, {}, {}, {}, {}, 0} : found.front()->plugIn);
             continue;
         }
         const auto found = word.empty() ? std::vector<const Listed*>{} : named(all, word);
@@ -142,6 +145,9 @@ Resolution resolve(VTDaemonClient& client, const std::string& serviceName, const
         }
     }
     if (resolution.status != ExitStatus::success) resolution.plugIns.clear();
+    for (const Listed& one : all) {
+        if (taken.count(one.plugIn.uuid) == 0) resolution.others.push_back(one.plugIn);
+    }
     return resolution;
 }
 

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <cstdint>
 #include <string>
 #include <vector>
 
@@ -17,7 +18,8 @@ struct PlugIn {
     std::string identifier;
     std::string version;
     std::string name;
-    std::string path;  // of its bundle
+    std::string path;           // of its bundle
+    std::int64_t election = 0;  // the user's, 0 for none
 
     std::string title() const;  // what to call it in a line for people
 };
@@ -30,6 +32,7 @@ enum class Which {
 struct Resolution {
     ExitStatus status = ExitStatus::success;
     std::vector<PlugIn> plugIns;  // in the order of the words, each once; empty without success
+    std::vector<PlugIn> others;   // all that discovery shows besides
 };
 
 // The plug-ins that the words name. An exact identifier wins over parts; with allCopies an identifier stands for all

@@ -27,9 +27,9 @@ int run(int argc, char** argv) {
     if (work == nullptr) return static_cast<int>(std::get<ExitStatus>(asked));
     const int status = (*work)();
     std::cout.flush();
-    if (std::cout || status != 0) return status;
+    if (std::cout) return status;
     terminal::complain("cannot write to standard output");
-    return static_cast<int>(ExitStatus::errorReply);
+    return status != 0 ? status : static_cast<int>(ExitStatus::errorReply);
 }
 
 }  // namespace

@@ -2,9 +2,11 @@
 
 Usage: vtctl_test.py VTCTL VTD EXAMPLES
 """
+import fcntl
 import json
 import os
 import plistlib
+import pty
 import re
 import shutil
 import signal
@@ -101,10 +103,11 @@ class VtctlTest(unittest.TestCase):
         for arguments, status, out, error, elected in [
             (['enable', 'quick'], 0, 'halvern.quicknote: enabled', '', {'halvern.quicknote': 1}),
             (['disable', uuid.lower()], 0, 'halvern.emoji: disabled', '', {'halvern.emoji': 2}),
-            (['default', 'quick', 'halvern.quicknote'], 0, r'^halvern\.quicknote: left to the default\n$', '',
+            (['default', 'quick', 'halvern.quicknote'], 0, r'^halvern\.quicknote: left to the default\n(.* with it, .*\n){2}$', '',
              {'halvern.quicknote': 0}),
             # Kept under what it replaces.
-            (['enable', 'example.sketch.note'], 0, r'^example\.sketch\.note: enabled\n$', '', {'halvern.quicknote': 1}),
+            (['enable', 'example.sketch.note'], 0,
+             r'^example\.sketch\.note: enabled\n(.* with it, .*\n){2}$', '', {'halvern.quicknote': 1}),
             (['enable', 'example.postcard.share'], 0, r'^example\.postcard\.share: enabled\n$', '',  # two versions
              {'example.postcard.share': 1}),
             # Nothing of these may change anything.
@@ -145,6 +148,98 @@ class VtctlTest(unittest.TestCase):
             plistlib.dump({'exclusions': 'all'}, file)
         for arguments in ['exclusions'], ['exclude', emoji], ['include', '1']:
             self.check(arguments, 2, '', 'not as a list')
+
+    def test_an_exclusion_acts_at_once(self):
+        self.check(['exclude', 'KXExtensionIdentifier=halvern.emoji'], 0, '1')
+        self.assertNotIn('halvern.emoji', self.world.listed())
+        self.check(['include', '1'], 0, 'no longer')
+        self.assertIn('halvern.emoji', self.world.listed())
+
+    def test_a_hold_lasts_as_long_as_its_command(self):
+        emoji = self.world.listed()['halvern.emoji']['path']
+        match = [VTCTL, 'match', 'KXExtensionIdentifier=halvern.emoji']
+        for command, status, out, error in [
+            (match, 0, '', 'no plug-in matches'),
+            (['sh', '-c', 'exit 3'], 3, '', ''),
+            (['sh', '-c', 'kill -KILL $$'], 128 + signal.SIGKILL, '', ''),
+            (['no-such-program'], 127, '', 'cannot run no-such-program: No such file'),
+            (['/etc/passwd'], 126, '', 'cannot run /etc/passwd: Permission denied'),
+            ([], 2, '', 'no command'),
+        ]:
+            self.check(['hold', os.path.relpath(emoji), '--', *command], status, out, error)
+            self.check(match[1:], 0, 'halvern.emoji')
+        for arguments, status, error in [
+            (['hold', '/nowhere', '--', 'true'], 1, 'invalid path: /nowhere.*\n.*--app'),
+            (['hold', self.world.root + '/user', '--', 'true'], 1, 'no plug-in at path'),
+            (['unhold', 'x'], 2, 'no token'),
+        ]:
+            self.check(arguments, status, '', error)
+
+    def test_signals_reach_the_command_once_and_it_decides(self):
+        emoji = self.world.listed()['halvern.emoji']['path']
+        trap = "n=10; trap 'n=$((n+1))' USR1; trap 'exit $n' TERM; echo up; while :; do sleep 0.02; done"
+        hold = self.world.begin('hold', emoji, '--', 'sh', '-c', trap)
+        self.assertEqual(hold.stdout.readline(), b'up\n')
+        for sent in signal.SIGUSR1, signal.SIGTERM:
+            hold.send_signal(sent)
+        hold.communicate(timeout=20)
+        self.assertEqual(hold.returncode, 11)
+
+        # What the terminal sends has reached the command by itself.
+        pid, terminal = pty.fork()
+        if pid == 0:
+            count = "n=0; trap 'n=$((n+1))' INT; echo up; while [ $n = 0 ]; do sleep 0.02; done; sleep 0.2; exit $n"
+            os.execve(VTCTL, [VTCTL, 'hold', emoji, '--', 'sh', '-c', count], self.world.environment)
+        self.assertIn(b'up', os.read(terminal, 100))
+        os.write(terminal, b'\x03')
+        self.assertEqual(os.waitstatus_to_exitcode(os.waitpid(pid, 0)[1]), 1)
+        os.close(terminal)
+
+    def test_a_hold_without_a_command_lasts_until_it_is_interrupted_or_released(self):
+        emoji = self.world.listed()['halvern.emoji']['path']
+        for end in signal.SIGINT, signal.SIGTERM:
+            hold = self.world.begin('hold', emoji)
+            token = hold.stdout.readline().decode().strip()
+            self.assertNotIn('halvern.emoji', self.world.listed())
+            hold.send_signal(end)
+            self.assertEqual(hold.communicate(timeout=20), (b'', b''))
+            self.assertEqual(hold.returncode, 0)
+            self.assertIn('halvern.emoji', self.world.listed())
+        hold = self.world.begin('hold', '--app', self.world.root + '/user/Applications/Postcard.app')
+        token = hold.stdout.readline().decode().strip()
+        self.assertNotIn('example.postcard.stamps', self.world.listed())
+        self.check(['unhold', token], 0)
+        self.assertIn('example.postcard.stamps', self.world.listed())
+        hold.kill()
+        hold.communicate()
+        self.check(['hold', emoji], 1, error='cannot write', stdout=None, preexec_fn=lambda: os.close(1))
+        self.assertIn('halvern.emoji', self.world.listed())
+
+    def test_a_hold_that_the_daemon_takes_with_it_is_told(self):
+        emoji = self.world.listed()['halvern.emoji']['path']
+        for command, status in ([], 7), (['--', 'cat'], 7), (['--', 'sh', '-c', 'cat; exit 4'], 4):
+            hold = self.world.begin('hold', emoji, *command, stdin=subprocess.PIPE)
+            if command:
+                hold.stdin.write(b'held\n')
+                hold.stdin.flush()
+            hold.stdout.readline()
+            self.world.kill()
+            self.assertIn(b'the daemon went away', hold.stderr.readline())
+            self.assertEqual((hold.communicate(timeout=20)[0], hold.returncode), (b'', status))
+            self.world.start()
+            self.assertIn('halvern.emoji', self.world.listed())
+
+    def test_a_refused_hold_names_what_is_busy(self):
+        postcard = self.world.root + '/user/Applications/Postcard.app'
+        busy = self.world.root + '/run/assertions/example.postcard.share'
+        os.makedirs(busy)
+        with open(f'{busy}/{os.getpid()}', 'w') as file:
+            file.write('example.postcard.share')
+            file.flush()
+            fcntl.lockf(file, fcntl.LOCK_EX)
+            self.check(['hold', '--app', postcard, '--', 'true'], 1, '',
+                       'plug-ins are busy.*\n.*busy: example.postcard.share\n.*without --app')
+            self.check(['hold', postcard + '/PlugIns/Share.appex', '--', 'true'], 0)
 
     def test_plug_ins_are_registered_by_paths_from_the_current_directory(self):
         place = self.world.root + '/elsewhere'
