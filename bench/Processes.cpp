@@ -1,5 +1,6 @@
 #include "bench/Processes.h"
 
+#include <fcntl.h>
 #include <sched.h>
 #include <signal.h>
 #include <sys/prctl.h>
@@ -50,8 +51,10 @@ void unpin() {
 
 Child::Child(const std::function<void()>& work) : pid_{startChild(work)} {}
 
-Child::Child(const std::string& program, const std::vector<std::string>& arguments)
+Child::Child(const std::string& program, const std::vector<std::string>& arguments, const std::string& errors)
     : Child{[&] {
+          const int log = open(errors.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0600);
+          if (log < 0 || dup2(log, STDERR_FILENO) < 0) _exit(127);
           std::vector<std::string> texts{program};
           texts.insert(texts.end(), arguments.begin(), arguments.end());
           std::vector<char*> pointers;
@@ -80,7 +83,7 @@ Daemon::Daemon(const std::string& root, const std::vector<std::string>& argument
           paths::setDirectories(paths::readDirectories());
           std::vector<std::string> all{"-S", kServiceName};
           all.insert(all.end(), arguments.begin(), arguments.end());
-          return Child{VTD_PROGRAM, all};
+          return Child{VTD_PROGRAM, all, root + "/vtd.log"};
       }()} {
     if (!waitForDaemon()) throw std::runtime_error("the daemon did not answer");
 }

@@ -13,11 +13,12 @@ namespace bench {
 void pinToCore(int core);
 void unpin();
 
-// A child process that runs the closure, or another program; killed and waited for when the object goes.
+// A child process that runs the closure, or another program whose standard error goes to a file; killed and waited for
+// when the object goes.
 class Child {
 public:
     explicit Child(const std::function<void()>& work);
-    Child(const std::string& program, const std::vector<std::string>& arguments);
+    Child(const std::string& program, const std::vector<std::string>& arguments, const std::string& errors);
     ~Child();
     Child(const Child&) = delete;
     Child& operator=(const Child&) = delete;
@@ -29,7 +30,8 @@ private:
     pid_t pid_;
 };
 
-// The real daemon on a world, with a service name of its own; HALVERN_ROOT of this process is set to the world's root.
+// The real daemon on a world, with a service name of its own and its log in vtd.log there; HALVERN_ROOT of this process
+// is set to the world's root.
 class Daemon {
 public:
     Daemon(const std::string& root, const std::vector<std::string>& arguments = {});

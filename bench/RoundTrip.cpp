@@ -7,9 +7,9 @@
 
 namespace bench {
 
-// A discovery that finds nothing: a request of the usual size and the smallest of replies, through the client library,
-// the socket, the service queue, the rules and back. Everything on one core: across two, waking the idle one hides the
-// rest.
+// A registration of nothing: the smallest request that does nothing and logs nothing, and the smallest of replies,
+// through the client library, the socket, the service queue and back. Everything on one core: across two, waking the
+// idle one hides the rest.
 Row smallRequest() {
     constexpr std::size_t kRounds = 20'000;
     constexpr int kRepetitions = 5;
@@ -19,7 +19,7 @@ Row smallRequest() {
     pinToCore(0);
     const Daemon daemon{world.root()};
     VTDaemonClient client{kServiceName};
-    const auto send = [&](VTDaemonClient::Reply reply) { client.bulkPlugins(0, std::move(reply)); };
+    const auto send = [&](VTDaemonClient::Reply reply) { client.addPlugIns({}, std::move(reply)); };
     roundTrips(kRounds / 10, send);
 
     std::vector<double> ours, floor;

@@ -12,6 +12,7 @@ Row manyClients();                  // Load.cpp
 Row besideBadClients();             // Load.cpp
 std::vector<Row> discoveries();     // Match.cpp
 Row buildingOneRecord();            // Record.cpp
+Row annotating();                   // Annotate.cpp
 std::vector<Row> startsAndScans();  // Start.cpp
 std::vector<Row> residentMemory();  // Memory.cpp
 

@@ -16,6 +16,7 @@ int main(int argc, char** argv) {
          }},
         {"match", bench::discoveries},
         {"record", [] { return Rows{bench::buildingOneRecord()}; }},
+        {"annotate", [] { return Rows{bench::annotating()}; }},
         {"start", bench::startsAndScans},
         {"memory", bench::residentMemory},
     };

@@ -7,6 +7,7 @@
 #include <fstream>
 #include <stdexcept>
 #include <string>
+#include <utility>
 
 namespace support {
 
@@ -36,10 +37,14 @@ public:
     // What lies at `from`, under another path.
     static Mount bind(const std::string& from, const std::string& at) { return Mount{from, at, "", MS_BIND, ""}; }
 
-    ~Mount() { ::umount2(at_.c_str(), MNT_DETACH); }
+    ~Mount() {
+        if (!at_.empty()) ::umount2(at_.c_str(), MNT_DETACH);
+    }
+    Mount(Mount&& other) noexcept : at_{std::exchange(other.at_, {})} {}
     Mount(const Mount&) = delete;
     Mount& operator=(const Mount&) = delete;
 
+    // Nothing in it may be open for writing.
     void setReadOnly(bool readOnly) const {
         const unsigned long flags = MS_BIND | MS_REMOUNT | (readOnly ? unsigned{MS_RDONLY} : 0U);
         if (::mount(nullptr, at_.c_str(), nullptr, flags, nullptr) != 0) throw std::runtime_error{"remount " + at_};
@@ -62,7 +67,7 @@ private:
         }
     }
 
-    const std::string at_;
+    std::string at_;
 };
 
 }  // namespace support

@@ -1,10 +1,6 @@
-#include <fcntl.h>
-#include <signal.h>
 #include <sys/stat.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
-#include <array>
 #include <filesystem>
 #include <fstream>
 #include <iterator>
@@ -17,12 +13,9 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include "platform/file/UniqueFd.h"
 #include "platform/paths/Paths.h"
 #include "platform/plist/Plist.h"
-#include "tests/support/ChildProcess.h"
 #include "tests/support/LogLines.h"
-#include "tests/support/Mounts.h"
 #include "tests/support/TemporaryDirectory.h"
 #include "vtd/VTDAnnotationStore.h"
 #include "vtd/VTDPlugInSignature.h"
@@ -202,81 +195,6 @@ TEST(AnnotationStore, AChangeThatCannotBeSavedStandsAndTheNextSaveWritesAll) {
         EXPECT_THAT(log.take(), IsEmpty());
         EXPECT_EQ(storedTable(path),
                   (Dictionary{{"one", Dictionary{{"election", 1}}}, {"two", Dictionary{{"election", -1}}}}));
-    }
-}
-
-// In a file system of 64 KiB of its own, made in a namespace of the child's own.
-std::string surviveAFullDisk(const std::string& mountPoint) {
-    if (!support::enterMountNamespace()) return "cannot unshare";
-    const support::Mount disk = support::Mount::small(mountPoint, "64k");
-    const std::string path = mountPoint + "/Annotations";
-    const auto store = openStore(path);
-    store->setAnnotation(Dictionary{{"election", 1}}, "before");
-    const std::string before = bytesOf(path);
-    const std::string ballast = disk.fill();
-    support::LogLines log;
-    store->setAnnotation(Dictionary{{"election", 1}, {"extension", Dictionary{{"large", std::string(9000, 'y')}}}},
-                         "during");
-    if (const auto lines = log.take(); lines.size() != 1 || !lines[0].starts_with("unable to save annotations:")) {
-        return "a failed save was not logged";
-    }
-    if (bytesOf(path) != before) return "the file changed";
-    int files = 0;
-    for ([[maybe_unused]] const auto& entry : std::filesystem::directory_iterator{mountPoint}) ++files;
-    if (files != 3) return "something was left behind";  // the file, its lock, the ballast
-
-    std::filesystem::remove(ballast);
-    store->setAnnotation(Dictionary{{"election", 1}}, "after");
-    return storedTable(path).size() == 3 ? "survived" : "a change was lost";
-}
-
-TEST(AnnotationStore, AFullDiskLosesNothing) {
-    const support::TemporaryDirectory directory;
-    const std::string outcome = support::inChildProcess([&] { return surviveAFullDisk(directory.path()); });
-    if (outcome == "cannot unshare") GTEST_SKIP() << "no namespaces to be had here";
-    EXPECT_EQ(outcome, "survived");
-}
-
-// Sets "count" to 1, 2, ... and tells each one once it is saved.
-[[noreturn]] void countUntilKilled(const std::string& path, int report) {
-    const auto store = openStore(path);
-    const std::string ballast(20'000, 'b');
-    for (int count = 1;; ++count) {
-        store->setAnnotation(Dictionary{{"count", count}, {"ballast", ballast}}, "record");
-        if (::write(report, &count, sizeof count) != sizeof count) ::_exit(1);
-    }
-}
-
-TEST(AnnotationStore, AKillAtAnyMomentLeavesTheOldStateOrTheNew) {
-    const support::TemporaryDirectory directory;
-    const std::string path = directory / "Annotations";
-    for (int round = 0; round < 40; ++round) {
-        std::array<int, 2> ends{};
-        ASSERT_EQ(::pipe2(ends.data(), O_CLOEXEC), 0);
-        file::UniqueFd reading{ends[0]};
-        file::UniqueFd writing{ends[1]};
-        const pid_t child = ::fork();
-        if (child == 0) {
-            reading.reset();
-            countUntilKilled(path, writing.get());
-        }
-        writing.reset();
-        // Killed while it works on a later count than the one waited for, each round at another stretch of the way.
-        int saved = 0;
-        for (int waitedFor = round % 5 + 1; saved < waitedFor;) {
-            ASSERT_EQ(::read(reading.get(), &saved, sizeof saved), static_cast<ssize_t>(sizeof saved));
-        }
-        for (volatile int spin = 0; spin < round * 5'000;) spin = spin + 1;
-        ::kill(child, SIGKILL);
-        ::waitpid(child, nullptr, 0);
-        while (::read(reading.get(), &saved, sizeof saved) == static_cast<ssize_t>(sizeof saved)) {
-        }
-
-        const Dictionary table = storedTable(path);
-        ASSERT_NE(table.dictionary("record"), nullptr) << "round " << round;
-        const std::int64_t found = table.dictionary("record")->find("count")->integerValue().value_or(-1);
-        EXPECT_TRUE(found == saved || found == saved + 1) << found << " after " << saved;
-        EXPECT_EQ(table.dictionary("record")->string("ballast")->size(), 20'000u);
     }
 }
 

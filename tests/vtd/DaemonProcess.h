@@ -57,6 +57,9 @@ public:
 
     pid_t pid() const { return pid_; }
 
+    // Gives its end, and the waiting for that, to somebody else.
+    pid_t release() { return std::exchange(pid_, -1); }
+
     // Waits until it says that it is up; false when it ends instead, or says nothing for a long time.
     bool awaitReady() const {
         std::array<pollfd, 2> watched{{{readiness_.get(), POLLIN, 0}, {output_.get(), 0, 0}}};
