@@ -1,7 +1,9 @@
 #include <fcntl.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
+#include <iterator>
 #include <map>
 #include <optional>
 #include <utility>
@@ -66,6 +68,7 @@ std::optional<LockedFile> lockFile(std::string path, const std::string& content)
     if (isLinkToOwn || (fd >= 0 && ::fstat(fd, &file.status) == 0 && !S_ISREG(file.status.st_mode))) errno = EEXIST;
     if (fd < 0 || !S_ISREG(file.status.st_mode)) return {};
     const auto size = static_cast<ssize_t>(content.size());
+    errno = ENOSPC;  // what a write means that is cut short
     if (::pwrite(fd, content.data(), content.size(), 0) != size || ::ftruncate(fd, size) != 0) return {};
     struct flock wanted {};
     wanted.l_type = F_WRLCK;
@@ -76,6 +79,12 @@ std::optional<LockedFile> lockFile(std::string path, const std::string& content)
         return {};
     }
     return file;
+}
+
+// Whether only the name is not to be had, and another one may be.
+bool isTaken(int error) {
+    constexpr int kErrors[] = {EAGAIN, EACCES, EEXIST, EISDIR, ELOOP, ESTALE};
+    return std::find(std::begin(kErrors), std::end(kErrors), error) != std::end(kErrors);
 }
 
 }  // namespace
@@ -111,7 +120,8 @@ value::Result<Assertion> Assertion::take(const std::string& bundleIdentifier) {
     for (int i = 0; i < kMostNames; ++i) {
         const std::string suffix = i == 0 ? std::string{} : text::format("-{}", i);
         auto file = lockFile(text::format("{}/{}{}", directory, ::getpid(), suffix), bundleIdentifier);
-        if (!file) continue;
+        if (!file && isTaken(errno)) continue;
+        if (!file) break;
         const std::size_t before = taken.pid == ::getpid() ? taken.count : 0;  // their file was removed
         taken = {*std::move(file), ::getpid(), before + 1};
         return Assertion{directory};

@@ -25,8 +25,9 @@ inline constexpr char kBundleIdentifierKey[] = "ExtensionBundleIdentifier";
 inline constexpr std::size_t kLongestIdentifier = 1024;
 
 // Held for as long as it lives, and no longer than the process that took it: a child of a fork has none, and leaves the
-// parent's alone. Several of one identifier in one process are one to others, given back with the last of them.
-// Threading: any thread. Nothing else in the process may open the file: closing it lets go of the lock.
+// parent's alone; a program that the process executes has none either. Several of one identifier in one process are one
+// to others, given back with the last of them. Threading: any thread. Nothing else in the process may open the file:
+// closing it lets go of the lock.
 class Assertion {
 public:
     // An identifier that is empty, longer than kLongestIdentifier, or not UTF-8 is EINVAL. Errors are of the domain

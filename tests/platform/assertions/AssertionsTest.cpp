@@ -6,35 +6,24 @@
 #include <unistd.h>
 
 #include <array>
-#include <filesystem>
-#include <optional>
-#include <string>
 #include <utility>
 
-#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include "platform/assertions/Assertions.h"
 #include "platform/file/UniqueFd.h"
-#include "platform/paths/Paths.h"
 #include "tests/support/ChildProcess.h"
-#include "tests/support/TemporaryDirectory.h"
+#include "tests/support/Mounts.h"
+#include "tests/support/PrivateRoot.h"
+#include "tests/support/Words.h"
 
 namespace assertions {
 namespace {
-
-using value::Dictionary;
 
 const std::string kIdentifier = "org.example.share";
 
 class Assertions : public testing::Test {
 protected:
-    Assertions() {
-        paths::Directories directories;
-        directories.runtime = root_ / "run";
-        paths::setDirectories(directories);
-    }
-
     std::string path(const std::string& name) const { return root_ / ("run/assertions/" + kIdentifier + "/" + name); }
 
     // A word for each instance that is seen.
@@ -50,7 +39,7 @@ protected:
         return support::inChildProcess([] { return seen(); });
     }
 
-    const support::TemporaryDirectory root_;
+    const support::PrivateRoot root_;
 };
 
 // Locks a whole file for writing, in the way that the command says.
@@ -87,7 +76,7 @@ TEST_F(Assertions, CountUntilTheLastOfAProcessIsGivenBack) {
     EXPECT_EQ(seenByAnother(), "busy ") << "what a child gives back is not its parent's";
     { const Assertion last = std::move(moved); }
     EXPECT_EQ(seen(), "");
-    EXPECT_TRUE(std::filesystem::is_empty(std::filesystem::path{path("")}));
+    EXPECT_TRUE(fs::is_empty(fs::path{path("")}));
 }
 
 TEST_F(Assertions, RefuseIdentifiersThatNoBundleHas) {
@@ -120,7 +109,7 @@ TEST_F(Assertions, DieWithTheirProcessThoughItsChildLivesOn) {
     ::waitpid(holder, nullptr, 0);
     EXPECT_EQ(::kill(child, 0), 0);
     EXPECT_EQ(seen(), "");
-    EXPECT_FALSE(std::filesystem::exists(path(std::to_string(holder)))) << "swept";
+    EXPECT_FALSE(fs::exists(path(std::to_string(holder)))) << "swept";
     ::kill(child, SIGKILL);
     char none = 0;
     EXPECT_EQ(::read(ended[0], &none, 1), 0);
@@ -132,20 +121,20 @@ TEST_F(Assertions, WhatIsNoneNeitherCountsNorBlocks) {
     root_.write(directory + "1", kIdentifier);
     root_.write(directory + "2", kIdentifier);
     root_.write(directory + "readme", "");
-    std::filesystem::create_directories(path("3/4"));
+    fs::create_directories(path("3/4"));
     ASSERT_EQ(::mkfifo(path("5").c_str(), 0600), 0);
-    std::filesystem::create_symlink("readme", path("6"));
+    fs::create_symlink("readme", path("6"));
     const file::UniqueFd openFile{::open(path("1").c_str(), O_RDWR | O_CLOEXEC)};
     ASSERT_TRUE(lockWhole(openFile.get(), F_OFD_SETLK));
     const file::UniqueFd flocked{::open(path("2").c_str(), O_RDWR | O_CLOEXEC)};
     ASSERT_EQ(::flock(flocked.get(), LOCK_EX), 0);
     EXPECT_EQ(seen(), "");
-    EXPECT_TRUE(std::filesystem::exists(path("1"))) << "somebody may be removing it";
-    EXPECT_FALSE(std::filesystem::exists(path("2"))) << "swept";
-    EXPECT_TRUE(std::filesystem::exists(path("readme")));
+    EXPECT_TRUE(fs::exists(path("1"))) << "somebody may be removing it";
+    EXPECT_FALSE(fs::exists(path("2"))) << "swept";
+    EXPECT_TRUE(fs::exists(path("readme")));
 
     // In the way of what this process takes, too.
-    std::filesystem::create_directories(path(std::to_string(::getpid())));
+    fs::create_directories(path(std::to_string(::getpid())));
     ASSERT_EQ(::mkfifo(path(std::to_string(::getpid()) + "-1").c_str(), 0600), 0);
     const auto assertion = Assertion::take(kIdentifier);
     ASSERT_TRUE(assertion) << assertion.error().localizedDescription();
@@ -161,16 +150,28 @@ TEST_F(Assertions, OneThatDoesNotSayItsIdentifierIsIncomplete) {
     }
 }
 
+TEST_F(Assertions, AreNotTakenOnAFullDiskNorFillIt) {
+    if (!support::enterMountNamespace()) GTEST_SKIP() << "no mounts here";
+    fs::create_directories(root_ / "run");
+    const auto mount = support::Mount::small(root_ / "run", "64k");
+    root_.write("run/assertions/" + kIdentifier + "/1", "");
+    mount.fill();
+    const auto assertion = Assertion::take(kIdentifier);
+    ASSERT_FALSE(assertion);
+    EXPECT_EQ(assertion.error().code, ENOSPC);
+    EXPECT_LE(std::distance(fs::directory_iterator{path("")}, {}), 2);
+}
+
 TEST_F(Assertions, AreNeverSweptByWhoLooksWhileTheyAreTaken) {
     const pid_t looking = ::fork();
     if (looking == 0) {
         for (;;) seen();
     }
     int lost = 0;
-    for (int i = 0; i < 2000; ++i) {
+    for (int i = 0; i < 1000; ++i) {
         root_.write("run/assertions/" + kIdentifier + "/" + std::to_string(::getpid()), "stale");
         const auto assertion = Assertion::take(kIdentifier);
-        if (!assertion || std::filesystem::is_empty(std::filesystem::path{path("")})) ++lost;
+        if (!assertion || fs::is_empty(fs::path{path("")})) ++lost;
     }
     ::kill(looking, SIGKILL);
     ::waitpid(looking, nullptr, 0);
