@@ -133,6 +133,7 @@ std::optional<value::Error> VTDAnnotationStore::loadDb() {
 }
 
 std::optional<value::Error> VTDAnnotationStore::saveDb() {
+    saved_.reset();
     if (auto error = takeLock()) return error;
 
     std::optional<value::Error> leftOut;
@@ -143,8 +144,11 @@ std::optional<value::Error> VTDAnnotationStore::saveDb() {
         xml = plist::writeXml(rootOf(writablePart(table)));
         if (!xml) return xml.error();
     }
+    // What would not load again must not replace what does.
+    if (xml->size() > kLimits.bytes) return value::posixError(EFBIG, annotationsURL_);
     if (auto error = keepReplacedFile()) return error;
     if (auto error = file::writeAtomically(annotationsURL_, *xml)) return error;
+    if (!leftOut) saved_ = file::stampOf(annotationsURL_);
     return leftOut;
 }
 
@@ -187,12 +191,14 @@ std::optional<value::Dictionary> VTDAnnotationStore::annotationForPlugIn(const V
 
 void VTDAnnotationStore::setAnnotation(const std::optional<value::Dictionary>& annotation,
                                        const std::string& annotationKey) {
-    std::optional<value::Value> record;
+    const std::optional<value::Dictionary> before = annotationForIdentifier(annotationKey);
+    std::optional<value::Dictionary> record;
     if (annotation) {
-        value::Dictionary::Builder merged{annotationForIdentifier(annotationKey).value_or(value::Dictionary{})};
+        value::Dictionary::Builder merged{before.value_or(value::Dictionary{})};
         for (const auto& [name, value] : *annotation) merged.set(name, value);
         record = std::move(merged).build();
     }
+    if (record == before && saved_ && saved_ == file::stampOf(annotationsURL_)) return;
     annotations_.store(annotations().changing(annotationKey, std::move(record)));
     if (const auto error = saveDb()) {
         logging::notice(

@@ -5,6 +5,7 @@
 #include <string>
 
 #include "Velto/VTAtomic.h"
+#include "platform/file/File.h"
 #include "platform/lock/LockFile.h"
 #include "platform/value/Value.h"
 
@@ -12,7 +13,9 @@ class VTDPlugIn;
 
 // What the user decided about plug-ins, kept over restarts: a table of annotation records, each a dictionary of
 // annotation names to values ("election" is the one in use), under the annotation key of the plug-in, an identifier.
-// Loaded from one file at start and written back whole after every change; in between the table is authoritative.
+// Loaded from one file at start and written back whole after every change; in between the table is authoritative. What
+// changes nothing in the table is not written again, as long as the file is the one that was saved last: a request may
+// name one plug-in a thousand times.
 //
 //     file := XML property list {"version": 16, "data": {annotation key: annotation record}}
 //
@@ -63,5 +66,6 @@ private:
 
     // On the database's queue.
     std::optional<lock::LockFile> lock_;
-    bool fileHoldsMore_ = false;  // than the table: the next save keeps the file beside the one that replaces it
+    std::optional<file::Stamp> saved_;  // of the file, when it is the table as it was saved last
+    bool fileHoldsMore_ = false;        // than the table: the next save keeps the file beside the one that replaces it
 };

@@ -172,9 +172,14 @@ bool Registrar::registerCanonical(const std::string& path) {
 }
 
 bool Registrar::unregisterPlugin(const std::string& path) {
-    // What is gone from the disk is still known by the path under which it was registered.
-    const std::string canonical = file::canonicalPath(path).value_or(path);
-    return queue_->sync([&] { return unregisterCanonical(canonical); });
+    const auto canonical = file::canonicalPath(path);
+    if (canonical) return queue_->sync([&] { return unregisterCanonical(*canonical); });
+    // What is gone from the disk is still known by the path under which it was registered: the one given, or the one
+    // that leads there through the links that are left.
+    const std::size_t slash = path.rfind('/');
+    const auto parent = slash != std::string::npos ? file::canonicalPath(path.substr(0, slash + 1)) : std::nullopt;
+    return queue_->sync(
+        [&] { return unregisterCanonical(path) || (parent && unregisterCanonical(*parent + path.substr(slash))); });
 }
 
 bool Registrar::unregisterCanonical(const std::string& path) {

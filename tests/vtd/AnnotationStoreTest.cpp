@@ -13,6 +13,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include "platform/file/File.h"
 #include "platform/paths/Paths.h"
 #include "platform/plist/Plist.h"
 #include "tests/support/LogLines.h"
@@ -129,6 +130,11 @@ TEST(AnnotationStore, SettingMergesByNameAndSettingNothingRemoves) {
     store->setAnnotation(Dictionary{{"election", 0}, {"extension", Dictionary{{"a", 1}}}}, "one");
     store->setAnnotation(Dictionary{{"election", 1}}, "one");
     store->setAnnotation(Dictionary{}, "two");
+    const auto saved = file::stampOf(path);
+    store->setAnnotation(Dictionary{{"election", 1}}, "one");
+    EXPECT_EQ(file::stampOf(path), saved) << "what is there is not written again";
+    directory.write("Annotations", "spoilt by somebody");
+    store->setAnnotation(Dictionary{{"election", 1}}, "one");
     const Dictionary merged{{"election", 1}, {"extension", Dictionary{{"a", 1}}}};
     EXPECT_EQ(storedTable(path), (Dictionary{{"one", merged}, {"two", Dictionary{}}}));
     EXPECT_EQ(store->annotationForIdentifier("one"), merged);

@@ -158,7 +158,7 @@ TEST_F(RegistryRequests, RegisterAndUnregisterByPath) {
     // What is gone from the disk is still unregistered, by the path as it is sent.
     const std::string inside = root_ / "user/elsewhere/A.app/PlugIns/inside";
     std::filesystem::remove_all(inside);
-    EXPECT_EQ(ask("remove", {{"paths", Array{inside}}}), "");
+    EXPECT_EQ(ask("remove", {{"paths", Array{root_ / "user/link/A.app/PlugIns/inside"}}}), "");
     EXPECT_EQ(ask("remove", {{"paths", Array{inside}}}), "9 no plugin at user/elsewhere/A.app/PlugIns/inside");
 }
 
