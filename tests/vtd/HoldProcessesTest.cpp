@@ -80,10 +80,11 @@ protected:
 
 TEST_F(HoldProcesses, ABusyPlugInKeepsItsApplicationFromBeingHeldUntilItsProcessEnds) {
     const pid_t busy = start("assert org.example.a");
-    const file::UniqueFd nameless{::open(root.write("run/assertions/org.example.b/1", "").c_str(), O_RDWR | O_CLOEXEC)};
+    const file::UniqueFd incomplete{
+        ::open(root.write("run/assertions/org.example.b/1", "org.example.bx").c_str(), O_RDWR | O_CLOEXEC)};
     struct flock whole {};
     whole.l_type = F_WRLCK;
-    ASSERT_EQ(::fcntl(nameless.get(), F_SETLK, &whole), 0);
+    ASSERT_EQ(::fcntl(incomplete.get(), F_SETLK, &whole), 0);
 
     const Dictionary refusal{{"errorcode", 14},
                              {"error", "plug-ins are busy"},
