@@ -1,18 +1,6 @@
-#include <future>
-#include <string>
-#include <utility>
-#include <vector>
-
-#include <gmock/gmock.h>
-
 #include "Velto/VTAssertion.h"
 #include "Velto/VTDaemonClient.h"
-#include "tests/support/LogLines.h"
-
-using testing::ElementsAre;
-using value::Array;
-using value::Dictionary;
-using value::Value;
+#include "tests/support/Words.h"
 
 namespace {
 
@@ -47,17 +35,22 @@ TEST(DaemonClient, BuildsTheRequestsThatTheDaemonKnows) {
     const std::vector<std::string> paths{"/a", "/b"};
     const std::vector<value::Uuid> uuids{value::Uuid::random(), value::Uuid::random()};
     const Dictionary structured{{"k", Array{1, value::Date{2}}}};
-    const auto ignore = [](const mox::Object&) {};
+    std::latch replies{9};
+    const auto count = [&](const mox::Object&) {
+        EXPECT_TRUE(client.replyQueue()->isCurrent());
+        replies.count_down();
+    };
 
-    client.addPlugIns(paths, ignore);
-    client.removePlugIns(paths, ignore);
-    client.bulkPlugins(5, ignore);
-    client.readyPlugIns(uuids, 1, ignore);
-    client.accessPlugIns(uuids, 2, ignore);
-    client.matchPlugIns(structured, VTDiscoverAll, ignore);
-    client.setPluginAnnotations(uuids, structured, ignore);
-    client.holdPlugins(paths, VTHoldPlugIn, ignore);
-    client.releaseHold(uuids[0], ignore);
+    client.addPlugIns(paths, count);
+    client.removePlugIns(paths, count);
+    client.bulkPlugins(5, count);
+    client.readyPlugIns(uuids, 1, count);
+    client.accessPlugIns(uuids, 2, count);
+    client.matchPlugIns(structured, VTDiscoverAll, count);
+    client.setPluginAnnotations(uuids, structured, count);
+    client.holdPlugins(paths, VTHoldPlugIn, count);
+    client.releaseHold(uuids[0], count);
+    replies.wait();
 
     const Array pathValues{"/a", "/b"};
     const Array uuidValues{uuids[0], uuids[1]};
@@ -79,33 +72,16 @@ TEST(DaemonClient, BuildsTheRequestsThatTheDaemonKnows) {
     EXPECT_EQ(client.request("bulk").toObject().view().find("version")->unsignedInteger(), 2U);
 }
 
-TEST(DaemonClient, HandsRepliesOnInItsOwnQueue) {
-    VTDaemonClient client{kNobody};
-    client.setVtd(std::make_shared<RecordingConnection>());
-    std::promise<bool> onQueue;
-    client.bulkPlugins(0, [&](const mox::Object&) { onQueue.set_value(client.replyQueue()->isCurrent()); });
-    EXPECT_TRUE(onQueue.get_future().get());
-    EXPECT_EQ(client.replyQueue()->label(), "vtd_client");
-}
-
 TEST(DaemonClient, TurnsRepliesIntoErrors) {
-    const auto code = [](std::int64_t c) { return static_cast<std::uint64_t>(c); };
-    const struct {
-        const char* name;
-        Value reply;
-        std::optional<value::Error> error;
-    } rows[] = {
-        {"success", Dictionary{}, {}},
-        {"success with a result", Dictionary{{"matches", Array{}}}, {}},
-        {"code and message", Dictionary{{"errorcode", code(14)}, {"error", "plug-ins are busy"}},
-         veltoError(14, "plug-ins are busy")},
-        {"code alone", Dictionary{{"errorcode", code(9)}}, veltoError(9, "unknown error returned by Velto subsystem")},
-        {"negative code", Dictionary{{"errorcode", code(-3)}, {"error", "m"}}, veltoError(-3, "m")},
-        {"only the low 32 bits", Dictionary{{"errorcode", std::uint64_t{7} << 32}}, {}},
+    const std::pair<Dictionary, std::optional<value::Error>> rows[] = {
+        {{}, {}},
+        {{{"matches", Array{}}}, {}},
+        {{{"errorcode", 14U}, {"error", "plug-ins are busy"}}, veltoError(14, "plug-ins are busy")},
+        {{{"errorcode", 9U}}, veltoError(9, "unknown error returned by Velto subsystem")},
+        {{{"errorcode", ~std::uint64_t{2}}, {"error", "m"}}, veltoError(-3, "m")},
+        {{{"errorcode", std::uint64_t{7} << 32}}, {}},  // only the low 32 bits
     };
-    for (const auto& row : rows) {
-        EXPECT_EQ(VTDaemonClient::errorInReply(mox::Object{row.reply}), row.error) << row.name;
-    }
+    for (const auto& [reply, error] : rows) EXPECT_EQ(VTDaemonClient::errorInReply(mox::Object{reply}), error);
 
     const auto failed = VTDaemonClient::errorInReply(mox::Object{value::Error{"mox", 1, "no such service"}});
     EXPECT_EQ(failed->domain, "Velto");

@@ -1,76 +1,7 @@
-#include <algorithm>
-#include <cstdlib>
-#include <random>
-#include <set>
-#include <string>
-
-#include <gmock/gmock.h>
-
 #include "Velto/VTPlugInCore.h"
-#include "tests/support/LogLines.h"
-#include "tests/support/TemporaryDirectory.h"
-
-using testing::ElementsAre;
-using testing::IsEmpty;
-using value::Array;
-using value::Dictionary;
-using value::Value;
+#include "tests/support/Words.h"
 
 namespace {
-
-// The rule, value by value: what stands under a key when the SDK says one thing and the bundle another.
-Value expected(const std::string& key, const Value* sdk, const Value* own) {
-    if (sdk == nullptr) return *own;
-    if (own == nullptr || key == "CleanTimeout") return *sdk;
-    if (key == "Shared") {
-        Array::Storage paths;
-        for (const Value* list : {own, sdk}) {
-            for (const Value& path : list->array() != nullptr ? *list->array() : Array{*list}) {
-                const bool known = std::find(paths.begin(), paths.end(), path) != paths.end();
-                if (path.string() != nullptr && !known) paths.push_back(path);
-            }
-        }
-        return Array{paths};
-    }
-    if (sdk->dictionary() == nullptr || own->dictionary() == nullptr) return *own;
-    std::set<std::string> keys;
-    for (const Value* side : {sdk, own}) {
-        for (const Dictionary::Entry& entry : *side->dictionary()) keys.insert(entry.key);
-    }
-    Dictionary::Builder merged;
-    for (const std::string& k : keys) {
-        merged.set(k, expected(k, sdk->dictionary()->find(k), own->dictionary()->find(k)));
-    }
-    return std::move(merged).build();
-}
-
-// Descriptions whose keys and values meet often.
-class RandomDescription {
-public:
-    explicit RandomDescription(unsigned seed) : random_{seed} {}
-
-    Dictionary operator()(int depth = 0) {
-        Dictionary::Builder made;
-        for (const char* key : {"A", "B", "CleanTimeout", "Shared", "Z"}) {
-            if (below(3) != 0) made.set(key, any(depth));
-        }
-        return std::move(made).build();
-    }
-
-private:
-    Value any(int depth) {
-        switch (below(depth < 3 ? 5 : 3)) {
-            case 0: return static_cast<int>(below(3));
-            case 1: return letter();
-            case 2: return Array{"a", letter(), static_cast<int>(below(2))};
-            default: return (*this)(depth + 1);
-        }
-    }
-    std::string letter() { return std::string(1, "abcd"[below(4)]); }
-    unsigned below(unsigned bound) { return static_cast<unsigned>(random_() % bound); }
-
-    std::mt19937 random_;
-};
 
 Dictionary around(const Dictionary& plugIn) {
     return {{"KXExtension", plugIn}};
@@ -80,18 +11,16 @@ std::shared_ptr<VTPlugInCore> recordOf(const Dictionary& info, const std::string
     return VTPlugInCore::initWithName("a", path, info, {}, value::Uuid::random());
 }
 
-// A directory of SDK dictionaries that stands before the registry while it lives.
+// Puts a description of a plug-in into a directory of SDK dictionaries that stands before the registry.
 class SdkDirectory {
 public:
-    SdkDirectory() { ::setenv("VTTEST_SDK", directory_.path().c_str(), 1); }
+    explicit SdkDirectory(const Dictionary& plugIn) {
+        directory_.writeList("point", around(plugIn));
+        ::setenv("VTTEST_SDK", directory_.path().c_str(), 1);
+    }
     ~SdkDirectory() { ::unsetenv("VTTEST_SDK"); }
     SdkDirectory(const SdkDirectory&) = delete;
     SdkDirectory& operator=(const SdkDirectory&) = delete;
-
-    void put(const std::string& name, const std::string& plugIn) const {
-        directory_.write(
-            name, "<plist version=\"1.0\"><dict><key>KXExtension</key><dict>" + plugIn + "</dict></dict></plist>");
-    }
 
 private:
     support::TemporaryDirectory directory_;
@@ -99,14 +28,34 @@ private:
 
 }  // namespace
 
-TEST(SdkMerge, AgreesWithTheRuleForEveryShapeOfValues) {
-    const VTPlugInCore record;
-    RandomDescription random{7};
-    for (int i = 0; i < 500; ++i) {
-        const Value sdk = random();
-        const Value own = random();
-        ASSERT_EQ(Value{record.mergeDictionary(*sdk.dictionary(), *own.dictionary())}, expected("", &sdk, &own))
-            << value::description(sdk) << value::description(own);
+TEST(SdkMerge, GoesKeyByKeyTheBundleBeforeTheSdkButForTwoKeys) {
+    const Dictionary one{{"a", 1}}, two{{"a", 2}, {"b", 2}};
+    const struct {
+        const char* key;
+        std::optional<Value> sdk, own, merged;
+    } rows[] = {
+        {"K", 1, {}, 1},
+        {"K", {}, 2, 2},
+        {"K", 1, 2, 2},
+        {"K", Array{1}, Array{2}, Array{2}},
+        {"K", one, 2, 2},
+        {"K", 1, two, two},
+        {"K", two, one, Dictionary{{"a", 1}, {"b", 2}}},
+        {"K", Dictionary{{"K", two}, {"CleanTimeout", 1}}, Dictionary{{"K", one}, {"CleanTimeout", 2}},
+         Dictionary{{"K", Dictionary{{"a", 1}, {"b", 2}}}, {"CleanTimeout", 1}}},
+        {"CleanTimeout", 1, 2, 1},
+        {"CleanTimeout", two, one, two},
+        {"CleanTimeout", {}, 2, 2},
+        {"Shared", Array{"a", "b"}, Array{"c", "a", "c"}, Array{"c", "a", "b"}},
+        {"Shared", "a", Array{7, "b"}, Array{"b", "a"}},
+        {"Shared", one, "b", Array{"b"}},
+        {"Shared", Array{"a", "a"}, {}, Array{"a", "a"}},
+        {"Shared", {}, 7, 7},
+    };
+    for (const auto& row : rows) {
+        const auto holding = [&](const std::optional<Value>& value) { return Dictionary{}.changing(row.key, value); };
+        EXPECT_EQ(VTPlugInCore{}.mergeDictionary(holding(row.sdk), holding(row.own)), holding(row.merged))
+            << value::description(holding(row.merged));
     }
 }
 
@@ -135,31 +84,24 @@ TEST(SdkMerge, GivesEveryRecordItsCanonicalForm) {
 }
 
 TEST(SdkMerge, TakesTheSdkFromTheTestDirectoryAndElseFromTheRegistry) {
-    const SdkDirectory sdks;
-    sdks.put("point", "<key>KXExtensionProtocol</key><string>P</string>");
+    const SdkDirectory sdks{{{"KXExtensionProtocol", "P"}}};
     support::LogLines log;
 
-    const auto found = recordOf(around({{"KXExtensionPointIdentifier", "point"}}));
-    found->resolveSDK();
-    EXPECT_EQ(found->protocolSpec(), "P");
-    EXPECT_EQ(found->version(), "1");
+    const auto resolved = [](const Value& point) {
+        auto record = recordOf(around({{"KXExtensionPointIdentifier", point}}));
+        record->resolveSDK();
+        return record->protocolSpec() + record->version();
+    };
+    EXPECT_EQ(resolved("point"), "P1");
     EXPECT_THAT(log.take(), IsEmpty());
-
-    const auto missing = recordOf(around({{"KXExtensionPointIdentifier", "../point"}}));
-    missing->resolveSDK();
-    EXPECT_EQ(missing->protocolSpec(), "");
-    EXPECT_EQ(missing->version(), "1");
+    EXPECT_EQ(resolved("../point"), "1");
     EXPECT_THAT(log.take(), ElementsAre("plug-in sdk \"../point\" not registered"));
-
-    const auto invalid = recordOf(around({{"KXExtensionPointIdentifier", 7}}));
-    invalid->resolveSDK();
-    EXPECT_TRUE(invalid->attributes().empty());
+    EXPECT_EQ(resolved(7), "") << "not even made canonical";
     EXPECT_THAT(log.take(), ElementsAre("invalid SDK key:7"));
 }
 
 TEST(SdkMerge, AnSdkThatLeavesNoPlugInDictionaryMakesTheRecordUnusable) {
-    const SdkDirectory sdks;
-    sdks.put("point", "<key>Multiple</key><dict><key>b</key><dict/></dict>");
+    const SdkDirectory sdks{{{"Multiple", Dictionary{{"b", Dictionary{}}}}}};
     const auto record = recordOf(around({{"KXExtensionPointIdentifier", "point"}}), "/p/A.appex");
     record->resolveSDK();
     EXPECT_TRUE(record->diagnose().has_value());

@@ -1,17 +1,39 @@
 #pragma once
 
+#include <fcntl.h>
+#include <signal.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <array>
+#include <cerrno>
+#include <chrono>
+#include <cstdlib>
+#include <cstring>
 #include <filesystem>
+#include <functional>
+#include <future>
+#include <latch>
+#include <limits>
 #include <memory>
 #include <optional>
+#include <stdexcept>
 #include <string>
 #include <string_view>
+#include <thread>
+#include <utility>
 #include <vector>
 
 #include <gmock/gmock.h>
 
 #include "platform/value/Value.h"
+#include "tests/support/LogLines.h"
+#include "tests/support/PrivateRoot.h"
 
-// The words that nearly every test uses, so that none has to introduce them.
+// What nearly every test uses, so that none has to introduce it: files and processes, values, a directory or a whole
+// root of its own, the log, and the words of expectations.
 using testing::AllOf;
 using testing::AnyOf;
 using testing::Contains;

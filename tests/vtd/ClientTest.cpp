@@ -1,33 +1,11 @@
-#include <fcntl.h>
-
-#include <latch>
-#include <memory>
-#include <optional>
-#include <string>
-#include <string_view>
-#include <vector>
-
-#include <gmock/gmock.h>
-#include <gtest/gtest.h>
-
 #include "platform/file/UniqueFd.h"
-#include "tests/support/LogLines.h"
+#include "tests/support/Words.h"
 #include "tests/vtd/FakePeer.h"
 #include "tests/vtd/World.h"
 #include "vtd/Transaction.h"
 #include "vtd/VTDMoxClient.h"
 
 namespace {
-
-using testing::AllOf;
-using testing::Contains;
-using testing::ElementsAre;
-using testing::EndsWith;
-using testing::HasSubstr;
-using testing::IsEmpty;
-using testing::Not;
-using testing::StartsWith;
-using value::Dictionary;
 
 const Dictionary kUnknown{{"version", 3u}, {"request", "unheard of"}};
 
@@ -112,111 +90,87 @@ TEST_F(ClientTest, IsDescribedByItsConnectionWhileThereIsOne) {
 }
 
 TEST_F(ClientTest, HasAnEntitlementUnlessItsValueIsFalseOrZero) {
-    const struct {
-        std::string_view value;
-        bool has;
-    } rows[] = {{"<true/>", true},
-                {"<false/>", false},
-                {"<integer>0</integer>", false},
-                {"<real>0</real>", false},
-                {"<integer>2</integer>", true},
-                {"<string></string>", true},
-                {"<string>0</string>", true},
-                {"<array/>", true},
-                {"<dict/>", true}};
     const support::TemporaryDirectory bundle;
-    bundle.write("Info.plist", "<plist version=\"1.0\"><dict/></plist>");
-    const auto connectFromBundle = [&](const std::string& entitlements) {
-        bundle.write("Entitlements.plist", entitlements);
+    bundle.writeList("Info.plist", Dictionary{});
+    const auto connectFromBundle = [&] {
         mox::PeerIdentity identity;
         identity.executablePath = bundle / "program";
         identity.bundlePath = bundle.path();
         identity.bundleDirectory = file::UniqueFd{::open(bundle.path().c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC)};
         connect(std::move(identity));
     };
-    for (const auto& row : rows) {
-        connectFromBundle("<plist version=\"1.0\"><dict><key>e</key>" + std::string{row.value} + "</dict></plist>");
-        EXPECT_EQ(client_->hasEntitlement("e"), row.has) << row.value;
-        EXPECT_FALSE(client_->hasEntitlement("other"));
-    }
+    const Dictionary held{{"true", true}, {"2", 2},           {"empty", ""},
+                          {"0", "0"},     {"array", Array{}}, {"dict", Dictionary{}}};
+    bundle.writeList("Entitlements.plist", held.changing("no", false).changing("zero", 0).changing("real", 0.0));
+    connectFromBundle();
+    for (const auto& entitlement : held) EXPECT_TRUE(client_->hasEntitlement(entitlement.key)) << entitlement.key;
+    for (const char* lacked : {"no", "zero", "real", "other"}) EXPECT_FALSE(client_->hasEntitlement(lacked)) << lacked;
     EXPECT_THAT(log_.take(), IsEmpty());
 
-    connectFromBundle("torn");
-    EXPECT_FALSE(client_->hasEntitlement("e"));
+    bundle.write("Entitlements.plist", "torn");
+    connectFromBundle();
+    EXPECT_FALSE(client_->hasEntitlement("true"));
     EXPECT_THAT(log_.take(logging::Level::notice), Contains("error retrieving entitlements for pid 4711"));
 }
 
-// Which paths a handler was given, and what the peer was then told.
-struct PathsRow {
-    std::string_view name;
-    std::optional<value::Value> paths;
-    std::vector<std::string> seen;  // "+" before a resolved one
-    std::int64_t code;              // 0: success
-    std::string_view message;
-};
-
 TEST_F(ClientTest, PathsGoToTheHandlerUpToTheFirstThatIsMalformed) {
     const support::TemporaryDirectory directory;
-    const std::string file = directory.write("sub/file", "");
-    std::filesystem::create_symlink("sub", directory / "link");
-    const std::string missing = "/no/such/thing";
-    const PathsRow rows[] = {
-        {"missing", std::nullopt, {}, 4, "invalid request format"},
-        {"no array", value::Value{"/a"}, {}, 4, "invalid request format"},
-        {"empty", value::Array{}, {}, 0, ""},
-        {"resolved", value::Array{directory / "link/../link/./file"}, {"+" + file}, 0, ""},
-        {"unresolved as sent", value::Array{"/no/../such//thing"}, {"-/no/../such//thing"}, 0, ""},
-        {"relative",
-         value::Array{missing, "relative/x", "/b"},
-         {"-" + missing},
-         9,
-         "absolute path required: relative/x"},
-        {"empty path", value::Array{""}, {}, 9, "absolute path required: "},
-        {"a number", value::Array{missing, 5, "/b"}, {"-" + missing}, 4, "invalid request format"},
-        {"refused by the handler", value::Array{"/refused", "/b"}, {"-/refused"}, 2, "refused"},
-        {"a NUL inside", value::Array{std::string{"/\0x", 3}}, {std::string{"-/\0x", 4}}, 0, ""},
-        {"too long", value::Array{"/" + std::string(5000, 'x')}, {"-/" + std::string(5000, 'x')}, 0, ""},
+    const std::string file = directory.write("sub/file", ""), missing = "/no/such/thing", nul = "/\0x"s;
+    const std::string format = "invalid request format", relative = "absolute path required: ";
+    fs::create_symlink("sub", directory / "link");
+    const struct {
+        const char* name;
+        std::optional<Value> paths;
+        Texts seen;  // "+" before a resolved one
+        std::int64_t code = 0;
+        std::string message = {};
+    } rows[] = {
+        {"missing", std::nullopt, {}, 4, format},
+        {"no array", Value{"/a"}, {}, 4, format},
+        {"empty", Array{}, {}},
+        {"resolved", Array{directory / "link/../link/./file"}, {"+" + file}},
+        {"unresolved as sent", Array{"/no/../such//thing"}, {"-/no/../such//thing"}},
+        {"relative", Array{missing, "relative/x", "/b"}, {"-" + missing}, 9, relative + "relative/x"},
+        {"empty path", Array{""}, {}, 9, relative},
+        {"a number", Array{missing, 5, "/b"}, {"-" + missing}, 4, format},
+        {"refused by the handler", Array{"/refused", "/b"}, {"-/refused"}, 2, "refused"},
+        {"a NUL inside", Array{nul}, {"-" + nul}},
+        {"too long", Array{"/" + std::string(5000, 'x')}, {"-/" + std::string(5000, 'x')}},
     };
-    for (const PathsRow& row : rows) {
-        SCOPED_TRACE(row.name);
+    for (const auto& row : rows) {
         const Dictionary request = Dictionary{}.changing("paths", row.paths);
         Transaction transaction{mox::Request{mox::Object{request}, nullptr}, client_};
-        std::vector<std::string> seen;
+        Texts seen;
         const bool all = transaction.processPaths([&](const std::string& path, bool resolved) {
             seen.push_back((resolved ? "+" : "-") + path);
-            if (path != "/refused") return true;
-            transaction.fail(2, "refused");
-            return false;
+            if (path == "/refused") transaction.fail(2, "refused");
+            return path != "/refused";
         });
-        EXPECT_EQ(seen, row.seen);
-        EXPECT_EQ(all, row.code == 0);
-        const auto replies = peer_->takeReplies();
-        ASSERT_EQ(replies.size(), 1u);
-        Dictionary expected;
-        if (row.code != 0) expected = {{"errorcode", row.code}, {"error", row.message}};
-        EXPECT_EQ(replies.front(), expected);
+        EXPECT_EQ(seen, row.seen) << row.name;
+        EXPECT_EQ(all, row.code == 0) << row.name;
+        const Dictionary expected{{"errorcode", row.code}, {"error", row.message}};
+        EXPECT_THAT(peer_->takeReplies(), ElementsAre(row.code == 0 ? Dictionary{} : expected)) << row.name;
     }
 }
 
 TEST_F(ClientTest, ErrorsBringTheirOwnCodeWhenTheyAreOfTheSystem) {
     const struct {
-        std::string_view name;
         value::Error error;
         std::uint64_t code;
         std::optional<std::string> message;
     } rows[] = {
-        {"own", {"Velto", 12, "why"}, 12, "why"},
-        {"own, without a message", {"Velto", 12, {}}, 12, {}},
-        {"own, negative", {"Velto", -1, "why"}, 0xFFFF'FFFF'FFFF'FFFFU, "why"},
-        {"foreign", {"posix", 5, "why"}, 4, "why"},
-        {"foreign, without a message", {"posix", 5, {}}, 4, "posix error 5"},
-        {"not UTF-8", {"Velto", 2, "/caf\xE9"}, 2, "/caf\uFFFD"},
+        {{"Velto", 12, "why"}, 12, "why"},
+        {{"Velto", 12, {}}, 12, {}},
+        {{"Velto", -1, "why"}, 0xFFFF'FFFF'FFFF'FFFFU, "why"},
+        {{"posix", 5, "why"}, 4, "why"},
+        {{"posix", 5, {}}, 4, "posix error 5"},
+        {{"Velto", 2, "/caf\xE9"}, 2, "/caf\uFFFD"},
     };
     for (const auto& row : rows) {
         Transaction{mox::Request{mox::Object{kUnknown}, nullptr}, client_}.fail(4, row.error);
         Dictionary expected{{"errorcode", row.code}};
         if (row.message) expected = expected.changing("error", *row.message);
-        EXPECT_THAT(peer_->takeReplies(), ElementsAre(expected)) << row.name;
+        EXPECT_THAT(peer_->takeReplies(), ElementsAre(expected)) << row.error.localizedDescription();
     }
 }
 

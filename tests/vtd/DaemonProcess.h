@@ -5,33 +5,23 @@
 #include <signal.h>
 #include <spawn.h>
 #include <sys/socket.h>
-#include <sys/un.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <array>
-#include <cstring>
 #include <optional>
 #include <stdexcept>
 #include <string>
 #include <vector>
 
-#include "platform/file/UniqueFd.h"
+#include "platform/value/Uuid.h"
+#include "tests/support/BoundSocket.h"
 
 // The daemon as people start it: the installed program, as a process of its own with a root of its own. Killed at the
 // end. Standard error is a socket that keeps the borders of the writes.
 class DaemonProcess {
 public:
     DaemonProcess(const std::string& root, std::vector<std::string> arguments) {
-        const std::string readinessPath = root + "/ready-" + std::to_string(::getpid());
-        ::unlink(readinessPath.c_str());
-        readiness_ = file::UniqueFd{::socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0)};
-        sockaddr_un address{};
-        address.sun_family = AF_UNIX;
-        std::memcpy(address.sun_path, readinessPath.data(), readinessPath.size());
-        const auto* const where = reinterpret_cast<const sockaddr*>(&address);
-        if (::bind(readiness_.get(), where, sizeof address) != 0) throw std::runtime_error{"cannot bind"};
-
         std::array<int, 2> ends{};
         if (::socketpair(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0, ends.data()) != 0) {
             throw std::runtime_error{"no socket pair"};
@@ -40,7 +30,7 @@ public:
         const file::UniqueFd theirs{ends[1]};
 
         arguments.insert(arguments.begin(), "vtd");
-        const std::vector<std::string> environment{"HALVERN_ROOT=" + root, "NOTIFY_SOCKET=" + readinessPath};
+        const std::vector<std::string> environment{"HALVERN_ROOT=" + root, "NOTIFY_SOCKET=" + readyAt_};
         posix_spawn_file_actions_t actions;
         ::posix_spawn_file_actions_init(&actions);
         ::posix_spawn_file_actions_adddup2(&actions, theirs.get(), STDERR_FILENO);
@@ -64,8 +54,7 @@ public:
     bool awaitReady() const {
         std::array<pollfd, 2> watched{{{readiness_.get(), POLLIN, 0}, {output_.get(), 0, 0}}};
         if (::poll(watched.data(), watched.size(), 20'000) <= 0 || watched[0].revents == 0) return false;
-        std::array<char, 32> text{};
-        return ::recv(readiness_.get(), text.data(), text.size(), 0) == 7 && std::string{text.data()} == "READY=1";
+        return readiness_.receive() == "READY=1";
     }
 
     // Waits until it ends by itself; its exit status, or nothing when a signal or this call had to end it.
@@ -104,7 +93,8 @@ private:
         return result;
     }
 
-    file::UniqueFd readiness_;
+    const std::string readyAt_ = "@vtd-ready-" + value::Uuid::random().string();
+    const support::BoundSocket readiness_{readyAt_};
     file::UniqueFd output_;
     pid_t pid_ = -1;
 };

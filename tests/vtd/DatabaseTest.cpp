@@ -1,10 +1,5 @@
-#include <gtest/gtest.h>
-
 #include "Velto/VTError.h"
-#include "platform/paths/Paths.h"
-#include "platform/plist/Plist.h"
-#include "tests/support/LogLines.h"
-#include "tests/support/TemporaryDirectory.h"
+#include "tests/support/Words.h"
 #include "tests/vtd/FakeRegistry.h"
 #include "vtd/VTDAnnotationStore.h"
 #include "vtd/VTDPlugIn.h"
@@ -13,14 +8,10 @@
 namespace {
 
 using fake::Names;
-using value::Array;
-using value::Dictionary;
-using value::Value;
 
 class Database : public testing::Test {
 protected:
     Database() {
-        paths::setDirectories({root / "run", root / "state", root / "config", root / "user", root / "system", true});
         database = *VTDatabase::initWithDatabase(root / "Annotations", registry);
         database->setCacheLimit(150);
     }
@@ -28,15 +19,15 @@ protected:
     // Data plug-ins in one bundle: what they are does not matter here, only how many there are.
     std::shared_ptr<fake::PlugIn> install(const std::string& identifier, Dictionary entitlements = {}) {
         const Dictionary info{{"KXExtension", Dictionary{{"KXExtensionProtocol", "#Data"}}}};
-        if (registry->installed.empty()) root.write("bundle/Info.plist", *plist::writeXml(info));
+        if (registry->installed.empty()) root.writeList("bundle/Info.plist", info);
         auto proxy = std::make_shared<fake::PlugIn>(identifier, root / "bundle");
         proxy->held = std::move(entitlements);
         registry->installed.push_back(proxy);
         return proxy;
     }
 
-    std::vector<std::string> candidates(const Dictionary& rules) {
-        std::vector<std::string> identifiers;
+    Texts candidates(const Dictionary& rules) {
+        Texts identifiers;
         const auto found = database->findPlugIns(rules);
         for (const auto& plugIn : found.value()) identifiers.push_back(plugIn->identifier());
         return identifiers;
@@ -52,7 +43,7 @@ protected:
         return election != nullptr ? *election : Value{"none"};
     }
 
-    const support::TemporaryDirectory root;
+    const support::PrivateRoot root;
     support::LogLines log;
     const std::shared_ptr<fake::Workspace> registry = std::make_shared<fake::Workspace>();
     std::shared_ptr<VTDatabase> database;
@@ -60,7 +51,7 @@ protected:
 
 TEST_F(Database, LiteralRulesNarrowTheQuery) {
     install("a");
-    const auto names = [](auto... texts) { return Names{std::vector<std::string>{texts...}}; };
+    const auto names = [](auto... texts) { return Names{Texts{texts...}}; };
     const std::pair<Names, Names> everything;
     const struct {
         const char* name;
@@ -127,17 +118,12 @@ TEST_F(Database, CandidatesAreThoseThatCanBeUsedOnceEachInTheRegistrysOrder) {
     static_cast<fake::PlugIn&>(*proxy(3)).container = dravo::DVBundleProxy{registry->application, "/a.app"};
     registry->application->placeholder = true;
     registry->installed.push_back(registry->installed[1]);
-    EXPECT_EQ(candidates({}), (std::vector<std::string>{"c", "a", "b"}));
+    EXPECT_EQ(candidates({}), (Texts{"c", "a", "b"}));
     EXPECT_NE(database->findPlugIn(proxy(3)->pluginUUID()), nullptr);
 
     registry->application->placeholder = false;
     registry->answersQueries = false;
-    EXPECT_EQ(candidates({{"KXExtensionIdentifier", "a"}}), (std::vector<std::string>{"c", "a", "installing", "b"}));
-}
-
-TEST_F(Database, ContainerThatIsNoApplicationStopsTheDaemon) {
-    install("a")->container = dravo::DVBundleProxy{nullptr, "/somewhere"};
-    EXPECT_DEATH((logging::setSink({}), candidates({})), "DV reported containingBundle is not an application");
+    EXPECT_EQ(candidates({{"KXExtensionIdentifier", "a"}}), (Texts{"c", "a", "installing", "b"}));
 }
 
 TEST_F(Database, CacheIsEmptiedWholeOnceItIsOverTheLimit) {
@@ -151,7 +137,7 @@ TEST_F(Database, CacheIsEmptiedWholeOnceItIsOverTheLimit) {
     build(151);
     EXPECT_EQ(cached(), 1U);
     EXPECT_EQ(registry->cleared, 1);
-    EXPECT_EQ(log.take(), (std::vector<std::string>{"purging cache for 151 > 150"}));
+    EXPECT_EQ(log.take(), (Texts{"purging cache for 151 > 150"}));
     EXPECT_NE(build(0), first);
 
     database->setCacheLimit(0);
@@ -166,9 +152,8 @@ TEST_F(Database, LookupsThatFindNothingSaySo) {
     EXPECT_EQ(database->findPlugInAtPath(root / "bundle"), database->findPlugIn(proxy->uuid));
     EXPECT_EQ(database->findPlugInAtPath("/nowhere"), nullptr);
     EXPECT_EQ(database->findPlugIn(value::Uuid{}), nullptr);
-    EXPECT_EQ(log.take(),
-              (std::vector<std::string>{"Dravo cannot find plug-in at path:/nowhere",
-                                        "Dravo cannot find plug-in with UUID:00000000-0000-0000-0000-000000000000"}));
+    EXPECT_EQ(log.take(), (Texts{"Dravo cannot find plug-in at path:/nowhere",
+                                 "Dravo cannot find plug-in with UUID:00000000-0000-0000-0000-000000000000"}));
     EXPECT_EQ(database->plugInsWithinApplication("/a.app").value().size(), 1U);
     EXPECT_FALSE(database->plugInsWithinApplication("/b.app"));
     registry->installed.clear();
@@ -211,7 +196,7 @@ TEST_F(Database, UninstallDropsTheRecordAndTellsTheDelegateOutsideTheQueue) {
     observer->pluginsDidInstall({proxy});
     observer->pluginsWillUninstall({proxy, never});
     const std::string rest = " a(7) " + proxy->uuid.string() + " " + root.path() + "/bundle";
-    const std::vector<std::string> lines = log.take();
+    const Texts lines = log.take();
     EXPECT_EQ(lines.at(0), "INSTALLED:a" + rest);
     EXPECT_EQ(lines.at(1), "UNINSTALLED:a" + rest);
     EXPECT_EQ(delegate->told, 2U);
@@ -225,9 +210,11 @@ TEST_F(Database, UninstallDropsTheRecordAndTellsTheDelegateOutsideTheQueue) {
     EXPECT_EQ(cached(), 0U);
 }
 
-TEST_F(Database, OperationsOfTheQueueStopTheDaemonElsewhere) {
+TEST_F(Database, WhatBreaksItsContractStopsTheDaemon) {
     const auto proxy = install("a");
     EXPECT_DEATH((logging::setSink({}), database->createPlugInForProxy(proxy)), "createPlugInForProxy");
+    proxy->container = dravo::DVBundleProxy{nullptr, "/somewhere"};
+    EXPECT_DEATH((logging::setSink({}), candidates({})), "DV reported containingBundle is not an application");
 }
 
 }  // namespace

@@ -1,13 +1,10 @@
-#include <gtest/gtest.h>
-
 #include "Velto/VTProtocol.h"
+#include "tests/support/Words.h"
 #include "tests/vtd/FakeRegistry.h"
 #include "vtd/Discovery.h"
 #include "vtd/VTDPlugIn.h"
 
 namespace {
-
-using value::Dictionary;
 
 enum class Place { system, application, nowhere };
 

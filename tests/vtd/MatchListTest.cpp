@@ -1,16 +1,11 @@
 #include <random>
 
-#include <gtest/gtest.h>
-
 #include "Velto/VTProtocol.h"
 #include "Velto/VTVersionComparison.h"
+#include "tests/support/Words.h"
 #include "vtd/MatchList.h"
 
 namespace {
-
-using value::Array;
-using value::Dictionary;
-using value::Value;
 
 struct Copy {
     std::string uuid, identifier, version = "1";

@@ -1,16 +1,8 @@
-#include <future>
-
-#include <gtest/gtest.h>
-
 #include "Velto/VTDaemonClient.h"
-#include "platform/plist/Plist.h"
+#include "tests/support/Words.h"
 #include "tests/vtd/World.h"
 
 namespace {
-
-using value::Array;
-using value::Dictionary;
-using value::Value;
 
 // A whole daemon and its client in one process, over a real socket, with two plug-ins on the system volume.
 class MatchRequest : public testing::Test {
@@ -21,7 +13,7 @@ protected:
         for (const std::string name : {"one", "two"}) {
             const Dictionary info{{"QFBundleIdentifier", "org.example." + name},
                                   {"KXExtension", Dictionary{{"KXExtensionProtocol", "#Data"}}}};
-            World::get().root().write("system/PlugIns/" + name + ".plugin/Info.plist", *plist::writeXml(info));
+            World::get().root().writeList("system/PlugIns/" + name + ".plugin/Info.plist", info);
         }
     }
 

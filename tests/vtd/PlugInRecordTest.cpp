@@ -1,25 +1,15 @@
-#include <filesystem>
-
-#include <gtest/gtest.h>
-
-#include "platform/plist/Plist.h"
-#include "tests/support/LogLines.h"
-#include "tests/support/TemporaryDirectory.h"
+#include "tests/support/Words.h"
 #include "tests/vtd/FakeRegistry.h"
 #include "vtd/VTDPlugIn.h"
 
 namespace {
 
-using value::Array;
-using value::Dictionary;
-using value::Value;
-
 class PlugInRecord : public testing::Test {
 protected:
     // A bundle on disk, without an Info.plist when there is nothing to be in it, and what the registry says of it.
     std::shared_ptr<fake::PlugIn> install(const std::string& bundle, const std::optional<Dictionary>& info) {
-        std::filesystem::create_directories(root / bundle);
-        if (info) root.write(bundle + "/Info.plist", *plist::writeXml(*info));
+        fs::create_directories(root / bundle);
+        if (info) root.writeList(bundle + "/Info.plist", *info);
         return std::make_shared<fake::PlugIn>("org.example.one", root / bundle);
     }
 
@@ -36,7 +26,7 @@ TEST_F(PlugInRecord, IsBuiltOrDropsOutWithALine) {
         const char* bundle;
         std::optional<Dictionary> info;
         fake::Text dataContainer;
-        std::string_view line;  // part of what is logged; empty: a record
+        std::string line;  // part of what is logged; empty: a record
     } rows[] = {
         {"plain.plugin", plain, "/data", ""},
         {"defaults.appex", extension({}), "/data", ""},
@@ -54,9 +44,9 @@ TEST_F(PlugInRecord, IsBuiltOrDropsOutWithALine) {
         const auto proxy = install(row.bundle, row.info);
         proxy->dataContainer = row.dataContainer;
         EXPECT_EQ(VTDPlugIn::initWithDVData(proxy) != nullptr, row.line.empty()) << row.bundle;
-        const std::vector<std::string> lines = log.take();
+        const Texts lines = log.take();
         EXPECT_EQ(lines.size(), row.line.empty() ? 0U : 1U) << row.bundle;
-        EXPECT_TRUE(lines.empty() || lines[0].find(row.line) != std::string::npos) << row.bundle << ": " << lines[0];
+        EXPECT_THAT(lines, testing::Each(HasSubstr(row.line)));
     }
 }
 
@@ -110,8 +100,8 @@ TEST_F(PlugInRecord, EntitlementsCountUnlessFalseAndNameTheAnnotationKey) {
 TEST_F(PlugInRecord, SharedResourcesNeverLeadOutOfTheBundle) {
     root.write("1.plugin/Inside/file", "x");
     root.write("1.plugin2/file", "x");
-    std::filesystem::create_directory_symlink("../1.plugin2", root / "1.plugin/Out");
-    std::filesystem::create_directory_symlink("Inside", root / "1.plugin/In");
+    fs::create_directory_symlink("../1.plugin2", root / "1.plugin/Out");
+    fs::create_directory_symlink("Inside", root / "1.plugin/In");
     const struct {
         const char* name;
         Value shared;
@@ -142,13 +132,12 @@ TEST_F(PlugInRecord, SharedResourcesNeverLeadOutOfTheBundle) {
     EXPECT_TRUE(plugIn->issueResourceExtensions(std::string{"Inside\0x", 8}).empty());
     log.take();
     EXPECT_TRUE(plugIn->issueResourceExtensions("none").empty());
-    EXPECT_EQ(log.take(),
-              (std::vector<std::string>{"failed to make extension for " + (root / "1.plugin/none") + " in plug-in at " +
-                                        (root / "1.plugin") + ": No such file or directory"}));
+    EXPECT_THAT(log.take(), ElementsAre("failed to make extension for " + (root / "1.plugin/none") + " in plug-in at " +
+                                        (root / "1.plugin") + ": No such file or directory"));
 
     // What was sound once and was exchanged since is refused like any other.
-    std::filesystem::remove(root / "1.plugin/In");
-    std::filesystem::create_directory_symlink("../1.plugin2", root / "1.plugin/In");
+    fs::remove(root / "1.plugin/In");
+    fs::create_directory_symlink("../1.plugin2", root / "1.plugin/In");
     EXPECT_TRUE(plugIn->issueResourceExtensions("In").empty());
 }
 

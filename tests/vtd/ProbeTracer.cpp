@@ -1,13 +1,12 @@
 #include "tests/vtd/ProbeTracer.h"
 
+#include <fcntl.h>
 #include <signal.h>
 #include <sys/ptrace.h>
-#include <sys/uio.h>
 #include <sys/user.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <cerrno>
 #include <cinttypes>
 #include <cstdio>
 #include <cstdlib>
@@ -18,10 +17,9 @@
 #include <sstream>
 #include <stdexcept>
 
-namespace {
+#include "platform/file/UniqueFd.h"
 
-constexpr unsigned char kBreakpoint = 0xCC;
-constexpr unsigned char kNop = 0x90;
+namespace {
 
 std::vector<char*> pointers(std::vector<std::string>& texts) {
     std::vector<char*> result;
@@ -40,15 +38,36 @@ std::uint64_t loadAddress(pid_t pid, const std::string& program) {
     throw std::runtime_error{"the program is not mapped"};
 }
 
-template <typename T>
-void change(pid_t pid, std::uint64_t address, T expected, T replacement) {
-    auto* const where = reinterpret_cast<void*>(address);  // NOLINT: an address of the other process
-    errno = 0;
-    long word = ::ptrace(PTRACE_PEEKDATA, pid, where, nullptr);
-    if (errno != 0 || std::memcmp(&word, &expected, sizeof expected) != 0) throw std::runtime_error{"not as noted"};
-    std::memcpy(&word, &replacement, sizeof replacement);
-    if (::ptrace(PTRACE_POKEDATA, pid, where, word) != 0) throw std::runtime_error{"cannot write"};
-}
+// The memory of the traced process, its code included.
+class Memory {
+public:
+    explicit Memory(pid_t pid) : fd_{::open(("/proc/" + std::to_string(pid) + "/mem").c_str(), O_RDWR | O_CLOEXEC)} {}
+
+    // As much of it as is there.
+    std::string read(std::uint64_t address, std::size_t size) const {
+        std::string bytes(size, '\0');
+        const ssize_t got = ::pread(fd_.get(), bytes.data(), size, static_cast<off_t>(address));
+        bytes.resize(got > 0 ? static_cast<std::size_t>(got) : 0);
+        return bytes;
+    }
+    void change(std::uint64_t address, std::string_view expected, std::string_view replacement) const {
+        if (read(address, expected.size()) != expected) throw std::runtime_error{"not as noted"};
+        const ssize_t done = ::pwrite(fd_.get(), replacement.data(), replacement.size(), static_cast<off_t>(address));
+        if (done != static_cast<ssize_t>(replacement.size())) throw std::runtime_error{"cannot write"};
+    }
+    std::string text(std::uint64_t address) const {
+        std::string text;
+        for (std::size_t end = text.npos; end == text.npos;) {
+            const std::string piece = read(address + text.size(), 4096);
+            end = piece.empty() ? 0 : piece.find('\0');
+            text += piece.substr(0, end);
+        }
+        return text;
+    }
+
+private:
+    const file::UniqueFd fd_;
+};
 
 std::uint64_t registerNamed(const user_regs_struct& all, const std::string& name) {
     const struct {
@@ -65,28 +84,6 @@ std::uint64_t registerNamed(const user_regs_struct& all, const std::string& name
     throw std::runtime_error{"no register " + name};
 }
 
-std::string memory(pid_t pid, std::uint64_t address, std::size_t size) {
-    std::string bytes(size, '\0');
-    const iovec here{bytes.data(), size};
-    const iovec there{reinterpret_cast<void*>(address), size};  // NOLINT: an address of the other process
-    const ssize_t got = ::process_vm_readv(pid, &here, 1, &there, 1, 0);
-    bytes.resize(got > 0 ? static_cast<std::size_t>(got) : 0);
-    return bytes;
-}
-
-// A text of any length, read in pieces that never cross into a page that may not be there.
-std::string textAt(pid_t pid, std::uint64_t address) {
-    constexpr std::uint64_t kPage = 4096;
-    std::string text;
-    for (;;) {
-        const std::string piece = memory(pid, address, kPage - address % kPage);
-        const std::size_t end = piece.find('\0');
-        text += piece.substr(0, end);
-        if (piece.empty() || end != std::string::npos) return text;
-        address += piece.size();
-    }
-}
-
 // Of the size in bytes, negative for a signed number.
 std::int64_t extended(std::uint64_t value, int size) {
     if (size == -4) return static_cast<std::int32_t>(value);
@@ -94,7 +91,7 @@ std::int64_t extended(std::uint64_t value, int size) {
     return static_cast<std::int64_t>(value);
 }
 
-FiredArgument argumentOf(pid_t pid, const user_regs_struct& registers, const std::string& note) {
+FiredArgument argumentOf(const Memory& memory, const user_regs_struct& registers, const std::string& note) {
     int size = 0;
     long long number = 0;
     char base[8] = "";
@@ -106,22 +103,21 @@ FiredArgument argumentOf(pid_t pid, const user_regs_struct& registers, const std
     } else if (std::sscanf(note.c_str(), "%d@%lld(%%%7[a-z0-9])", &size, &number, base) == 3 ||
                std::sscanf(note.c_str(), "%d@(%%%7[a-z0-9])", &size, base) == 2) {
         const std::uint64_t address = registerNamed(registers, base) + static_cast<std::uint64_t>(number);
-        const std::string bytes = memory(pid, address, static_cast<std::size_t>(std::abs(size)));
+        const std::string bytes = memory.read(address, static_cast<std::size_t>(std::abs(size)));
         std::uint64_t value = 0;
         std::memcpy(&value, bytes.data(), bytes.size());
         argument.number = extended(value, size);
     } else {
         throw std::runtime_error{"operand " + note};
     }
-    argument.text = textAt(pid, static_cast<std::uint64_t>(argument.number));
+    argument.text = memory.text(static_cast<std::uint64_t>(argument.number));
     return argument;
 }
 
-// What follows the label on a line that begins with it, apart from blanks.
+// What follows the label on a line that has it.
 std::optional<std::string> field(const std::string& line, const std::string& label) {
-    const std::size_t start = line.find_first_not_of(' ');
-    if (start == std::string::npos || line.compare(start, label.size(), label) != 0) return {};
-    return line.substr(start + label.size());
+    const std::size_t start = line.find(label);
+    return start == line.npos ? std::nullopt : std::optional{line.substr(start + label.size())};
 }
 
 // Follows the program with all its threads. What is traced belongs to the tracing thread alone.
@@ -131,8 +127,8 @@ public:
         ::ptrace(PTRACE_SETOPTIONS, pid_, nullptr, PTRACE_O_TRACECLONE | PTRACE_O_EXITKILL);
         base_ = loadAddress(pid_, program);
         for (const Probe& probe : probes_) {
-            change(pid_, base_ + probe.semaphore, std::uint16_t{0}, std::uint16_t{1});
-            change(pid_, base_ + probe.location, kNop, kBreakpoint);
+            memory_.change(base_ + probe.semaphore, {"\0\0", 2}, {"\1\0", 2});
+            memory_.change(base_ + probe.location, "\x90", "\xCC");  // a one-byte nop, and a breakpoint
         }
     }
 
@@ -166,13 +162,14 @@ private:
             if (base_ + probe.location + 1 != registers.rip) continue;
             Fired fired{probe.name, {}};
             for (const std::string& note : probe.arguments) {
-                fired.arguments.push_back(argumentOf(thread, registers, note));
+                fired.arguments.push_back(argumentOf(memory_, registers, note));
             }
             fired_.push_back(std::move(fired));
         }
     }
 
     const pid_t pid_;
+    const Memory memory_{pid_};
     const std::vector<Probe>& probes_;
     std::uint64_t base_ = 0;
     std::vector<Fired> fired_;

@@ -1,62 +1,22 @@
-#include <signal.h>
-#include <sys/socket.h>
-#include <sys/un.h>
-#include <unistd.h>
-
 #include <algorithm>
-#include <chrono>
-#include <cstring>
-#include <future>
 #include <map>
-#include <memory>
-#include <string>
-#include <thread>
-#include <vector>
 
-#include <gmock/gmock.h>
-#include <gtest/gtest.h>
-
-#include "platform/file/UniqueFd.h"
 #include "platform/mox/ClientConnection.h"
-#include "platform/paths/Paths.h"
-#include "tests/support/TemporaryDirectory.h"
+#include "tests/support/BoundSocket.h"
+#include "tests/support/Words.h"
 #include "tests/vtd/ProbeTracer.h"
 
 namespace {
 
-using testing::ElementsAre;
-using testing::HasSubstr;
-using testing::SizeIs;
-
-// The service manager's end of the readiness socket.
-class Readiness {
-public:
-    explicit Readiness(const std::string& path) : socket_{::socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0)} {
-        sockaddr_un address{};
-        address.sun_family = AF_UNIX;
-        std::memcpy(address.sun_path, path.data(), path.size());
-        EXPECT_EQ(::bind(socket_.get(), reinterpret_cast<const sockaddr*>(&address), sizeof address), 0);
-        const timeval patience{20, 0};
-        ::setsockopt(socket_.get(), SOL_SOCKET, SO_RCVTIMEO, &patience, sizeof patience);
-    }
-    bool await() const {
-        char text[16];
-        return ::recv(socket_.get(), text, sizeof text, 0) > 0;
-    }
-
-private:
-    const file::UniqueFd socket_;
-};
-
 // Asks and hangs up. Ends the daemon, and so the trace, when it does not answer.
-void beAClient(const Readiness& readiness, pid_t daemon) {
-    bool served = readiness.await();
+void beAClient(const support::BoundSocket& readiness, pid_t daemon) {
+    bool served = readiness.receive(20'000) == "READY=1";
     const auto connection =
         mox::ClientConnection::create("halvern.velto.vtd", std::make_shared<queue::SerialQueue>("client"));
     connection->resume();
     for (const char* name : {"unheard of", "match", "add", "remove"}) {
         mox::Dictionary message;
-        message.set("paths", value::Array{"/"});
+        message.set("paths", Array{"/"});
         message.set("version", 3u);
         message.set("request", name);
         std::promise<void> replied;
@@ -80,18 +40,14 @@ TEST(Probes, StandInTheProgramUnderTheirNamesAndFireWithTheirArguments) {
             << name;
     }
 
-    const support::TemporaryDirectory root;
-    paths::setDirectories({root / "run", root / "state", root / "config", root / "user", root / "system", true});
-    const std::string annotations = root.write(
-        "annotations", "<plist version=\"1.0\"><dict><key>version</key><integer>15</integer></dict></plist>");
+    const support::PrivateRoot root;
+    const std::string annotations = root.writeList("annotations", Dictionary{{"version", 15}});
     for (const std::string name : {"one", "two"}) {
-        root.write("system/PlugIns/" + name + ".bundle/Info.plist",
-                   "<plist version=\"1.0\"><dict><key>QFBundleIdentifier</key><string>" + name +
-                       "</string><key>QFBundleVersion</key><string>1</string><key>KXExtension</key><dict>"
-                       "<key>KXExtensionPointIdentifier</key><string>point</string><key>KXExtensionProtocol</"
-                       "key><string>p</string></dict></dict></plist>");
+        root.writeList(
+            "system/PlugIns/" + name + ".bundle/Info.plist",
+            Dictionary{{"QFBundleIdentifier", name}, {"KXExtension", Dictionary{{"KXExtensionProtocol", "p"}}}});
     }
-    const Readiness readiness{root / "ready"};
+    const support::BoundSocket readiness{root / "ready"};
     std::thread client;
     const std::vector<Fired> fired = traceProgram(
         VTD_PROGRAM, {"-d", annotations}, {"HALVERN_ROOT=" + root.path(), "NOTIFY_SOCKET=" + (root / "ready")}, probes,

@@ -4,8 +4,7 @@
 #include <stdexcept>
 #include <string>
 
-#include "platform/paths/Paths.h"
-#include "tests/support/TemporaryDirectory.h"
+#include "tests/support/PrivateRoot.h"
 #include "vtd/VTDServer.h"
 
 // A world for the test program: the four directories lie under one temporary root, where nothing is installed but what
@@ -28,10 +27,7 @@ public:
     }
 
 private:
-    World() {
-        paths::setDirectories(
-            {root_ / "run", root_ / "state", root_ / "config", root_ / "user", root_ / "system", true});
-    }
+    World() = default;
 
-    const support::TemporaryDirectory root_;
+    const support::PrivateRoot root_;
 };

@@ -1,5 +1,4 @@
 #include "platform/activation/ActivationRule.h"
-#include "tests/support/PrivateRoot.h"
 #include "tests/support/Words.h"
 
 namespace activation {

@@ -1,9 +1,4 @@
-#include <sys/stat.h>
-#include <unistd.h>
-
 #include "platform/bundle/Bundle.h"
-#include "tests/support/LogLines.h"
-#include "tests/support/TemporaryDirectory.h"
 #include "tests/support/Words.h"
 
 namespace bundle {

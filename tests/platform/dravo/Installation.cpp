@@ -1,65 +1,34 @@
 #include "tests/platform/dravo/Installation.h"
 
-#include <chrono>
-#include <filesystem>
-#include <stdexcept>
-#include <utility>
-
-#include <gtest/gtest.h>
-
-#include "platform/file/File.h"
-#include "platform/logging/Log.h"
-#include "platform/paths/Paths.h"
-#include "platform/plist/Plist.h"
-
 namespace dravo {
 
-namespace {
-constexpr std::chrono::seconds kPatience{20};
-}
-
 Installation::Installation() {
-    const std::string base = *file::canonicalPath(root.path());
-    for (const char* const directory : {"run", "state", "config", "user", "system"}) {
-        std::filesystem::create_directory(base + "/" + directory);
-    }
-    paths::setDirectories({base + "/run", base + "/state", base + "/config", base + "/user", base + "/system", true});
-    logging::setSink([this](logging::Level, std::string_view line) {
-        const std::lock_guard lock{mutex_};
-        lines_.emplace_back(line);
-    });
+    for (const char* const name : {"state", "user", "system"}) fs::create_directory(root / name);
 }
 
-Installation::~Installation() {
-    stop();
-    logging::setSink({});
-}
-
-std::string Installation::write(const std::string& path, const value::Value& content) const {
-    const auto text = plist::writeXml(content);
-    if (!text) throw std::runtime_error{text.error().localizedDescription()};
-    return writeText(path, *text);
+std::string Installation::write(const std::string& path, const Value& content) const {
+    return writeText(path, *plist::writeXml(content));
 }
 
 std::string Installation::writeText(const std::string& path, const std::string& text) const {
     const std::string made = root.write("new", text);
-    const std::filesystem::path file = root / path;
-    std::filesystem::create_directories(file.parent_path());
-    std::filesystem::rename(made, file);
+    const fs::path file = root / path;
+    fs::create_directories(file.parent_path());
+    fs::rename(made, file);
     return file;
 }
 
 void Installation::remove(const std::string& path) const {
-    if (std::filesystem::remove_all(root / path) == 0) throw std::runtime_error{"nothing at " + path};
+    if (fs::remove_all(root / path) == 0) throw std::runtime_error{"nothing at " + path};
 }
 
 void Installation::move(const std::string& from, const std::string& to) const {
-    std::filesystem::rename(root / from, root / to);
+    fs::rename(root / from, root / to);
 }
 
 std::string Installation::plugIn(const std::string& path, const std::string& identifier,
-                                 const value::Dictionary& description) const {
-    write(path + "/Info.plist", value::Dictionary{{"QFBundleIdentifier", identifier}, {"KXExtension", description}});
+                                 const Dictionary& description) const {
+    write(path + "/Info.plist", Dictionary{{"QFBundleIdentifier", identifier}, {"KXExtension", description}});
     return root / path;
 }
 
@@ -75,8 +44,8 @@ void Installation::settle() const {
     workspace_->unregisterPlugin("/");  // does nothing, in its turn
 }
 
-std::vector<std::string> Installation::identifiers() const {
-    std::vector<std::string> found;
+Texts Installation::identifiers() const {
+    Texts found;
     const auto installed = workspace_->installedPlugins();
     for (const auto& plugIn : *installed) found.push_back(plugIn->pluginIdentifier());
     return found;
@@ -86,14 +55,9 @@ std::shared_ptr<const DVVeltoProxy> Installation::at(const std::string& path) co
     return workspace_->pluginAtPath(root / path);
 }
 
-std::vector<std::string> Installation::log() {
-    const std::lock_guard lock{mutex_};
-    return std::exchange(lines_, {});
-}
-
-std::vector<std::string> Witness::await(std::size_t count) {
+Texts Witness::await(std::size_t count) {
     std::unique_lock lock{mutex_};
-    told_.wait_for(lock, kPatience, [&] { return events_.size() >= count; });
+    told_.wait_for(lock, std::chrono::seconds{20}, [&] { return events_.size() >= count; });
     return std::exchange(events_, {});
 }
 

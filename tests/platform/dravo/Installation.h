@@ -1,15 +1,10 @@
 #pragma once
 
 #include <condition_variable>
-#include <functional>
-#include <memory>
 #include <mutex>
-#include <string>
-#include <vector>
 
 #include "platform/dravo/Workspace.h"
-#include "platform/value/Value.h"
-#include "tests/support/TemporaryDirectory.h"
+#include "tests/support/Words.h"
 
 namespace dravo {
 
@@ -17,19 +12,18 @@ namespace dravo {
 class Installation {
 public:
     Installation();
-    ~Installation();
 
-    support::TemporaryDirectory root;
+    support::PrivateRoot root;
 
     // Paths below the root; files are replaced as an installer does, by renaming.
-    std::string write(const std::string& path, const value::Value& content) const;
+    std::string write(const std::string& path, const Value& content) const;
     std::string writeText(const std::string& path, const std::string& text) const;
     void remove(const std::string& path) const;
     void move(const std::string& from, const std::string& to) const;
 
     // A plug-in's bundle: its folder with an Info.plist of the identifier and, more entries of the plug-in dictionary.
     std::string plugIn(const std::string& path, const std::string& identifier,
-                       const value::Dictionary& description = {}) const;
+                       const Dictionary& description = {}) const;
 
     // Opens, or opens again after a stop. Fails the test when that cannot be done.
     DVApplicationWorkspace& start(const Noticing& noticing = {});
@@ -37,16 +31,15 @@ public:
 
     void settle() const;  // waits until the change that is being announced is complete
 
-    std::vector<std::string> identifiers() const;  // of all that is installed, in the registry's order
+    Texts identifiers() const;  // of all that is installed, in the registry's order
     std::shared_ptr<const DVVeltoProxy> at(const std::string& path) const;
 
     // The lines that were logged since the last call.
-    std::vector<std::string> log();
+    Texts log() { return lines_.take(); }
 
 private:
+    support::LogLines lines_;
     std::shared_ptr<DVApplicationWorkspace> workspace_;
-    std::mutex mutex_;
-    std::vector<std::string> lines_;
 };
 
 // Remembers what it is told, as "+identifier" and "-identifier".
@@ -59,7 +52,7 @@ public:
     }
 
     // Waits until so many plug-ins were announced, and forgets them. Short when they do not come.
-    std::vector<std::string> await(std::size_t count);
+    Texts await(std::size_t count);
 
     std::function<void(const PluginList&)> onUninstall;  // set before the witness is added
 
@@ -68,7 +61,7 @@ private:
 
     std::mutex mutex_;
     std::condition_variable told_;
-    std::vector<std::string> events_;
+    Texts events_;
 };
 
 }  // namespace dravo

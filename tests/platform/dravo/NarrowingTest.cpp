@@ -1,23 +1,16 @@
 #include <algorithm>
 #include <random>
 
-#include <gmock/gmock.h>
-
 #include "platform/text/NumericCompare.h"
 #include "tests/platform/dravo/Installation.h"
 
 namespace dravo {
 namespace {
 
-using testing::ElementsAre;
-using value::Array;
-using value::Dictionary;
+using Names = std::optional<Texts>;
 
-using Texts = std::optional<std::vector<std::string>>;
-
-std::vector<std::string> narrowed(const DVApplicationWorkspace& workspace, const Texts& identifiers,
-                                  const Texts& points) {
-    std::vector<std::string> found;
+Texts narrowed(const DVApplicationWorkspace& workspace, const Names& identifiers, const Names& points) {
+    Texts found;
     const auto plugIns = workspace.plugins(identifiers, points, {}, nullptr);
     for (const auto& plugIn : *plugIns) {
         found.push_back(plugIn->pluginIdentifier());
@@ -54,7 +47,7 @@ TEST(Narrowing, FindsWhateverTheRulesCouldFindUnderTheExtensionPointName) {
     EXPECT_THAT(narrowed(workspace, {}, {{"q", "s"}}), ElementsAre("array", "sdkAttribute", "many"));
     EXPECT_THAT(narrowed(workspace, {}, {{"r.7"}}), ElementsAre("many", "number"));  // as the rules compare
     EXPECT_THAT(narrowed(workspace, {{"array", "other"}}, {{"p"}}), ElementsAre("array"));
-    EXPECT_THAT(narrowed(workspace, {}, Texts{std::vector<std::string>{}}), ElementsAre());
+    EXPECT_THAT(narrowed(workspace, {}, Names{Texts{}}), ElementsAre());
 }
 
 TEST(Narrowing, FollowsAChangedSdk) {
@@ -70,18 +63,15 @@ TEST(Narrowing, FollowsAChangedSdk) {
     EXPECT_THAT(narrowed(workspace, {}, {{"p"}}), ElementsAre("a"));
 }
 
-TEST(Narrowing, FilterSeesIdentifierAndEntitlements) {
+TEST(Narrowing, FilterSeesIdentifierAndEntitlementsAndHoldsNoLock) {
     Installation world;
-    world.plugIn("system/PlugIns/1", "a");
-    world.plugIn("system/PlugIns/2", "b");
+    for (const char* name : {"1", "2"}) world.plugIn("system/PlugIns/"s + name, name);
     world.write("system/PlugIns/2/Entitlements.plist", Dictionary{{"e", 1}});
-    auto& workspace = world.start();
+    const auto& workspace = world.start();
     const auto accepted = workspace.plugins({}, {}, {}, [&](const std::string& identifier, const Dictionary& held) {
-        EXPECT_EQ(workspace.installedPlugins()->size(), 2U);  // no lock is held
-        return identifier == "b" && held.contains("e");
+        return workspace.installedPlugins()->size() == 2 && identifier == "2" && held.contains("e");
     });
-    ASSERT_EQ(accepted->size(), 1U);
-    EXPECT_EQ((*accepted)[0]->pluginIdentifier(), "b");
+    EXPECT_THAT(*accepted, SizeIs(1));
 }
 
 // The obvious way: every plug-in, compared one by one.
@@ -91,7 +81,7 @@ TEST(Narrowing, EqualsComparingEveryPlugIn) {
     const auto pick = [&](int limit) { return std::to_string(std::uniform_int_distribution{0, limit}(random)); };
     struct Installed {
         std::string identifier;
-        std::vector<std::string> points;
+        Texts points;
     };
     std::vector<Installed> installed;
     for (int i = 0; i < 300; ++i) {
@@ -107,7 +97,7 @@ TEST(Narrowing, EqualsComparingEveryPlugIn) {
     }
     const auto& workspace = world.start();
     ASSERT_EQ(workspace.installedPlugins()->size(), installed.size());
-    const auto anyOf = [](const Texts& wanted, const std::vector<std::string>& texts) {
+    const auto anyOf = [](const Names& wanted, const Texts& texts) {
         return !wanted || std::any_of(wanted->begin(), wanted->end(), [&](const std::string& one) {
             return std::any_of(texts.begin(), texts.end(), [&](const std::string& text) {
                 return text::compareNumerically(one, text) == std::strong_ordering::equal;
@@ -115,14 +105,14 @@ TEST(Narrowing, EqualsComparingEveryPlugIn) {
         });
     };
     for (int query = 0; query < 500; ++query) {
-        Texts identifiers, points;
+        Names identifiers, points;
         if (query % 2 == 0) identifiers.emplace();
         if (query % 3 != 0) points.emplace();
         for (int i = query % 5; i > 0; --i) {
             if (identifiers) identifiers->push_back("id.0" + pick(60) + (i % 2 == 0 ? ".0" : ""));
             if (points) points->push_back("p" + pick(9));
         }
-        std::vector<std::string> expected;
+        Texts expected;
         for (const Installed& one : installed) {
             if (anyOf(identifiers, {one.identifier}) && anyOf(points, one.points)) expected.push_back(one.identifier);
         }

@@ -1,19 +1,7 @@
-#include <sys/stat.h>
-
-#include <filesystem>
-
-#include <gmock/gmock.h>
-
 #include "tests/platform/dravo/Installation.h"
 
 namespace dravo {
 namespace {
-
-using testing::ElementsAre;
-using testing::HasSubstr;
-using testing::IsEmpty;
-using value::Array;
-using value::Dictionary;
 
 Dictionary info(const std::string& identifier, const Dictionary& description = {}) {
     return {{"QFBundleIdentifier", identifier}, {"KXExtension", description}};
@@ -31,22 +19,19 @@ TEST(Scan, FindsPlugInsOfApplicationsOnBothVolumesAndTheSystemsOwn) {
     auto& workspace = world.start();
     EXPECT_THAT(world.identifiers(), ElementsAre("c.system", "d.lone", "a.direct", "b.contained"));
 
-    struct Row {
+    const struct {
         const char *plugIn, *application;
-        bool system;
         std::optional<std::string> container;
-    };
-    const Row rows[] = {
-        {"user/Applications/A.app/PlugIns/P.appex", "user/Applications/A.app", false, {}},
-        {"user/Applications/B0F4/B.app/PlugIns/P.appex", "user/Applications/B0F4/B.app", false,
+    } rows[] = {
+        {"user/Applications/A.app/PlugIns/P.appex", "user/Applications/A.app", {}},
+        {"user/Applications/B0F4/B.app/PlugIns/P.appex", "user/Applications/B0F4/B.app",
          world.root / "user/Applications/B0F4"},
-        {"system/Applications/C.app/PlugIns/P.appex", "system/Applications/C.app", true, {}},
+        {"system/Applications/C.app/PlugIns/P.appex", "system/Applications/C.app", {}},
     };
-    for (const Row& row : rows) {
+    for (const auto& row : rows) {
         const auto plugIn = world.at(row.plugIn);
-        ASSERT_TRUE(plugIn) << row.plugIn;
-        EXPECT_EQ(plugIn->onSystemPartition(), row.system) << row.plugIn;
-        ASSERT_TRUE(plugIn->containingBundle()) << row.plugIn;
+        ASSERT_TRUE(plugIn && plugIn->containingBundle()) << row.plugIn;
+        EXPECT_EQ(plugIn->onSystemPartition(), row.plugIn[0] == 's') << row.plugIn;
         EXPECT_EQ(plugIn->containingBundle()->bundlePath, world.root / row.application);
         const auto application = workspace.applicationAtPath(world.root / row.application);
         ASSERT_TRUE(application) << row.application;
@@ -124,9 +109,7 @@ TEST(Scan, FollowsLinksOnlyWithinTheirVolume) {
     world.plugIn("elsewhere/Out.app/PlugIns/P.appex", "out");
     world.plugIn("user/Store/In.app/PlugIns/P.appex", "in");
     world.plugIn("user/Applications/A.app/PlugIns/P.appex", "a");
-    const auto link = [&](const char* target, const char* name) {
-        std::filesystem::create_symlink(target, world.root / name);
-    };
+    const auto link = [&](const char* target, const char* name) { fs::create_symlink(target, world.root / name); };
     link("../../elsewhere/Out.app", "user/Applications/Out.app");
     link("../Store/In.app", "user/Applications/In.app");
     link(".", "user/Applications/loop");
@@ -135,7 +118,7 @@ TEST(Scan, FollowsLinksOnlyWithinTheirVolume) {
     link("A.app", "user/Applications/Twice.app");
     link("../../../../elsewhere/Out.app/PlugIns/P.appex", "user/Applications/A.app/PlugIns/Q.appex");
     world.plugIn("user/Applications/B.app/PlugIns/P.appex", "b");
-    std::filesystem::remove(world.root / "user/Applications/B.app/PlugIns/P.appex/Info.plist");
+    fs::remove(world.root / "user/Applications/B.app/PlugIns/P.appex/Info.plist");
     link("../../../A.app/PlugIns/P.appex/Info.plist", "user/Applications/B.app/PlugIns/P.appex/Info.plist");
     world.start();
     EXPECT_THAT(world.identifiers(), ElementsAre("a", "in"));
@@ -146,12 +129,11 @@ TEST(Scan, ABadBundleIsOneLineInTheLogAndOnePlugInLess) {
     Installation world;
     const std::string folder = "user/Applications/A.app/PlugIns/";
     world.plugIn(folder + "good.appex", "good");
-    std::filesystem::create_directories(world.root / (folder + "nothing.appex"));
+    fs::create_directories(world.root / (folder + "nothing.appex"));
     EXPECT_THAT(world.start().installedPlugins()->size(), 1U);
     EXPECT_THAT(world.log(), IsEmpty());
 
-    const std::string nul{"a\0b", 3};
-    const std::pair<std::string, value::Value> kBundles[] = {
+    const std::pair<std::string, Value> kBundles[] = {
         {"noIdentifier", Dictionary{{"KXExtension", Dictionary{}}}},
         {"emptyIdentifier", info("")},
         {"longIdentifier", info(std::string(10 << 10, 'x'))},
@@ -161,10 +143,10 @@ TEST(Scan, ABadBundleIsOneLineInTheLogAndOnePlugInLess) {
     };
     for (const auto& [name, content] : kBundles) world.write(folder + name + "/Info.plist", content);
     world.writeText(folder + "notAPropertyList/Info.plist", "<plist");
-    std::filesystem::create_directories(world.root / (folder + "pipe"));
+    fs::create_directories(world.root / (folder + "pipe"));
     ASSERT_EQ(::mkfifo((world.root / (folder + "pipe/Info.plist")).c_str(), 0600), 0);
     world.writeText(folder + "huge/Info.plist", "");
-    std::filesystem::resize_file(world.root / (folder + "huge/Info.plist"), std::uintmax_t{1} << 40);
+    fs::resize_file(world.root / (folder + "huge/Info.plist"), std::uintmax_t{1} << 40);
     world.start();
     EXPECT_THAT(world.identifiers(), ElementsAre("good"));
     auto lines = world.log();
@@ -174,8 +156,8 @@ TEST(Scan, ABadBundleIsOneLineInTheLogAndOnePlugInLess) {
     world.start();
     EXPECT_THAT(world.identifiers(), ElementsAre("good", "../../x/y"));
     EXPECT_THAT(world.log(), IsEmpty());  // what was bad and has not changed
-    EXPECT_TRUE(std::filesystem::exists(world.root / "state/containers/%2E%2E%2F..%2Fx%2Fy/tmp") ||
-                std::filesystem::exists(*world.at(folder + "separators")->dataContainerPath()));
+    EXPECT_TRUE(fs::exists(world.root / "state/containers/%2E%2E%2F..%2Fx%2Fy/tmp") ||
+                fs::exists(*world.at(folder + "separators")->dataContainerPath()));
 }
 
 TEST(Scan, EntitlementsThatAreNotHonouredAreEmptyAndOneLine) {

@@ -1,12 +1,5 @@
-#include <signal.h>
-#include <sys/wait.h>
-#include <unistd.h>
-
-#include <filesystem>
 #include <fstream>
 #include <map>
-
-#include <gmock/gmock.h>
 
 #include "platform/dravo/Store.h"
 #include "tests/platform/dravo/Installation.h"
@@ -14,24 +7,17 @@
 namespace dravo {
 namespace {
 
-using testing::AllOf;
-using testing::ElementsAre;
-using testing::HasSubstr;
-using testing::IsEmpty;
-
 TEST(Store, ASecondWorkspaceIsToldWhoHoldsTheFirst) {
     Installation world;
     world.start();
-    const auto second = DVApplicationWorkspace::open();
-    ASSERT_FALSE(second);
-    EXPECT_THAT(second.error().localizedDescription(), HasSubstr(std::to_string(::getpid())));
+    EXPECT_THAT(whyNot(DVApplicationWorkspace::open()), HasSubstr(std::to_string(::getpid())));
     world.stop();
     EXPECT_TRUE(DVApplicationWorkspace::open());
 }
 
-std::vector<std::string> kept(const Installation& world) {
-    std::vector<std::string> names;
-    for (const auto& entry : std::filesystem::directory_iterator{world.root / "state"}) {
+Texts kept(const Installation& world) {
+    Texts names;
+    for (const auto& entry : fs::directory_iterator{world.root / "state"}) {
         const std::string name = entry.path().filename();
         if (name.starts_with("Registry.db.kept-") && !name.ends_with("-wal")) names.push_back(name);
     }
@@ -41,7 +27,7 @@ std::vector<std::string> kept(const Installation& world) {
 TEST(Store, ThatCannotBeReadIsKeptAsideAndRebuilt) {
     const std::pair<const char*, void (*)(const std::string& path)> kDamage[] = {
         {"not a database", [](const std::string& path) { std::ofstream{path} << std::string(5000, 'x'); }},
-        {"cut short", [](const std::string& path) { std::filesystem::resize_file(path, 4096 + 100); }},
+        {"cut short", [](const std::string& path) { fs::resize_file(path, 4096 + 100); }},
         {"pages overwritten",
          [](const std::string& path) {
              std::fstream file{path, std::ios::in | std::ios::out | std::ios::binary};
@@ -54,8 +40,8 @@ TEST(Store, ThatCannotBeReadIsKeptAsideAndRebuilt) {
          [](const std::string& path) { ASSERT_FALSE(Database::open(path)->execute("UPDATE plugin SET uuid = 'x'")); }},
         {"a directory",
          [](const std::string& path) {
-             std::filesystem::remove(path);
-             std::filesystem::create_directory(path);
+             fs::remove(path);
+             fs::create_directory(path);
          }},
     };
     for (const auto& [name, damage] : kDamage) {
@@ -131,8 +117,8 @@ TEST(Store, IsWholeWheneverItsWriterIsKilled) {
         last = generation;
     }
     EXPECT_GT(last, 0U);
-    for (const auto& entry : std::filesystem::directory_iterator{directory.path()}) {
-        EXPECT_THAT(entry.path().string(), testing::Not(HasSubstr("kept")));
+    for (const auto& entry : fs::directory_iterator{directory.path()}) {
+        EXPECT_THAT(entry.path().string(), Not(HasSubstr("kept")));
     }
 }
 

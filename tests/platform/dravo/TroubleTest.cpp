@@ -1,7 +1,3 @@
-#include <filesystem>
-
-#include <gmock/gmock.h>
-
 #include "tests/platform/dravo/Installation.h"
 #include "tests/support/Mounts.h"
 

@@ -1,11 +1,4 @@
-#include <fcntl.h>
-#include <sys/stat.h>
-#include <unistd.h>
-
-#include <functional>
-
 #include "platform/entitlements/Entitlements.h"
-#include "tests/support/PrivateRoot.h"
 #include "tests/support/Words.h"
 
 namespace entitlements {

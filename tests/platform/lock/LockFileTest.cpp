@@ -1,12 +1,5 @@
-#include <signal.h>
-#include <sys/stat.h>
-#include <sys/wait.h>
-#include <unistd.h>
-
-#include <array>
-
 #include "platform/lock/LockFile.h"
-#include "tests/support/TemporaryDirectory.h"
+#include "tests/support/ChildProcess.h"
 #include "tests/support/Words.h"
 
 namespace {
@@ -20,22 +13,12 @@ TEST(LockFile, IsHeldUntilItGoesOrItsHolderIsKilled) {
         EXPECT_THAT(whyNot(lock::LockFile::take(path)),
                     HasSubstr("process " + std::to_string(::getpid()) + " holds the lock"));
     }
-    std::array<int, 2> held{};
-    ASSERT_EQ(::pipe(held.data()), 0);
-    const pid_t child = ::fork();
-    if (child == 0) {
-        const auto mine = lock::LockFile::take(path);
-        if (::write(held[1], mine ? "+" : "-", 1) == 1) ::pause();
-        ::_exit(1);
-    }
-    char told = '?';
-    ASSERT_EQ(::read(held[0], &told, 1), 1);
-    EXPECT_EQ(told, '+');
+    std::optional<value::Result<lock::LockFile>> theirs;
+    support::ChildProcess holder{[&] { return whyNot(theirs.emplace(lock::LockFile::take(path))); }};
+    EXPECT_EQ(holder.told(), "");
     EXPECT_FALSE(lock::LockFile::take(path));
-    ::kill(child, SIGKILL);
-    ::waitpid(child, nullptr, 0);
+    holder.end();
     EXPECT_TRUE(lock::LockFile::take(path));
-    for (const int end : held) ::close(end);
 }
 
 TEST(LockFile, WhatIsNoRegularFileIsAnErrorAndNoHang) {

@@ -1,18 +1,8 @@
-#include <fcntl.h>
-#include <sys/socket.h>
-#include <sys/stat.h>
-#include <unistd.h>
-
-#include <array>
-#include <cstdlib>
-
 #include "platform/file/UniqueFd.h"
 #include "platform/logging/Log.h"
 #include "platform/logging/Outlet.h"
 #include "platform/text/Format.h"
 #include "tests/support/BoundSocket.h"
-#include "tests/support/LogLines.h"
-#include "tests/support/TemporaryDirectory.h"
 #include "tests/support/Words.h"
 
 namespace logging {

@@ -1,6 +1,5 @@
-#include <gtest/gtest.h>
-
 #include "platform/mox/Charges.h"
+#include "tests/support/Words.h"
 
 namespace mox {
 namespace {
@@ -25,37 +24,23 @@ std::shared_ptr<Connection> connect(const std::shared_ptr<Ledger>& ledger, Proce
 constexpr ProcessKey kFirst{10, 1};
 constexpr ProcessKey kSecond{10, 2};  // the pid was reused
 
-TEST(Charges, PauseAConnectionPastItsOwnBoundUntilThingsGo) {
+TEST(Charges, PauseWhoIsPastABoundUntilThingsGo) {
     const auto ledger = std::make_shared<Ledger>(Bounds{});
-    const auto a = connect(ledger, kFirst);
-    const auto b = connect(ledger, kFirst);
+    const auto a = connect(ledger, kFirst), b = connect(ledger, kFirst), other = connect(ledger, kSecond);
     {
         const Charge within{a->account, {.backlog = Bounds{}.connection.backlog}};
         EXPECT_TRUE(a->account->mayRead());
         const Charge beyond{a->account, {.backlog = 1}};
         EXPECT_FALSE(a->account->mayRead());
         EXPECT_TRUE(b->account->mayRead());
-    }
-    EXPECT_EQ(a->resumed, 1);
-    EXPECT_EQ(b->resumed, 0);
-    EXPECT_TRUE(a->account->mayRead());
-}
-
-TEST(Charges, PauseAllConnectionsOfAProcessPastItsBound) {
-    const auto ledger = std::make_shared<Ledger>(Bounds{});
-    const auto a = connect(ledger, kFirst);
-    const auto b = connect(ledger, kFirst);
-    const auto other = connect(ledger, kSecond);
-    {
-        const Charge much{a->account, {.backlog = Bounds{}.process.backlog + 1}};
+        const Charge ofTheProcess{a->account, {.backlog = Bounds{}.process.backlog}};
         EXPECT_FALSE(b->account->mayRead());
         EXPECT_TRUE(other->account->mayRead());
     }
+    EXPECT_EQ(a->resumed, 1);
     EXPECT_EQ(b->resumed, 1);
-    {
-        const Charge partial{a->account, {.partial = Bounds{}.process.backlog + 1}};  // waits for the peer itself
-        EXPECT_TRUE(a->account->mayRead());
-    }
+    const Charge waitsForThePeer{a->account, {.partial = Bounds{}.process.backlog + 1}};
+    EXPECT_TRUE(a->account->mayRead());
 }
 
 TEST(Charges, EndTheGreatestConnectionOfTheGreatestProcessAtTheTotal) {

@@ -1,16 +1,14 @@
-#include <gtest/gtest.h>
-
 #include "platform/mox/Dictionary.h"
 #include "platform/mox/Encoder.h"
 #include "platform/mox/Object.h"
 #include "tests/support/Hex.h"
 #include "tests/support/RandomValue.h"
+#include "tests/support/Words.h"
 
 namespace mox {
 namespace {
 
 using support::fromHex;
-using value::Value;
 
 std::vector<std::byte> encoded(const Value& value) {
     Encoder encoder;
@@ -32,7 +30,7 @@ TEST(Codec, EveryValueComesBackWithItsExactKinds) {
 }
 
 TEST(Codec, RefusesAValueCutAtAnyByteAndOneWithMoreBehindIt) {
-    auto bytes = encoded(value::Dictionary{{"list", value::Array{1, "two", 3.0, true}},
+    auto bytes = encoded(value::Dictionary{{"list", Array{1, "two", 3.0, true}},
                                            {"token", value::Uuid::random()},
                                            {"bytes", value::Data(5)},
                                            {"when", value::Date{7}}});
@@ -45,34 +43,27 @@ TEST(Codec, RefusesAValueCutAtAnyByteAndOneWithMoreBehindIt) {
 }
 
 TEST(Codec, RefusesWhatTheBytesCannotHold) {
-    const struct {
-        const char *name, *hex, *what;
-    } rows[] = {
-        {"no tag", "00", "unknown kind"},
-        {"a tag of nobody", "0d", "unknown kind"},
-        {"an error from outside", "0b 04000000 00000000", "unknown kind"},
-        {"a boolean of 2", "01 02", "neither 0 nor 1"},
-        {"text longer than the frame", "05 ffffffff 61", "beyond what is left"},
-        {"text not in UTF-8", "05 02000000 c3 28", "not UTF-8"},
-        {"an overlong slash", "05 02000000 c0 af", "not UTF-8"},
-        {"a surrogate", "05 03000000 ed a0 80", "not UTF-8"},
-        {"data longer than the frame", "06 ffffffff", "cut off"},
-        {"a container beyond the frame", "08 ffffffff 00000000", "size beyond"},
-        {"four billion elements", "08 06000000 ffffffff 0100", "count beyond"},
-        {"a size without a count", "08 03000000 000000 00", "room for the count"},
-        {"a container longer than its elements", "08 07000000 01000000 0100 00", "where its size says"},
-        {"an element beyond its container", "08 06000000 01000000 02 00 00 00 00 00 00 00 00", "cut off"},
-        {"a key that stands twice", "09 10000000 02000000 00000000 0100 00000000 0100", "stands twice"},
-        {"twice with another between, out of order",
-         "09 19000000 03000000 01000000 62 0100 01000000 61 0100 01000000 62 0100", "stands twice"},
-        {"a key not in UTF-8", "09 0b000000 01000000 01000000 ff 0100", "not UTF-8"},
-        {"a message form inside another", "0c 0c 0100", "inside another"},
-        {"one deep inside another", "0c 08 07000000 01000000 0c 0100", "inside another"},
+    const std::pair<const char*, std::vector<const char*>> rows[] = {
+        {"unknown kind", {"00", "0d", "0b 04000000 00000000"}},  // the last: an error from outside
+        {"neither 0 nor 1", {"01 02"}},
+        {"beyond what is left", {"05 ffffffff 61"}},
+        {"not UTF-8",
+         {"05 02000000 c3 28", "05 02000000 c0 af", "05 03000000 ed a0 80", "09 0b000000 01000000 01000000 ff 0100"}},
+        {"cut off", {"06 ffffffff", "08 06000000 01000000 02 00 00 00 00 00 00 00 00"}},
+        {"size beyond", {"08 ffffffff 00000000"}},
+        {"count beyond", {"08 06000000 ffffffff 0100"}},
+        {"room for the count", {"08 03000000 000000 00"}},
+        {"where its size says", {"08 07000000 01000000 0100 00"}},
+        {"stands twice",  // at once, and out of order with another between
+         {"09 10000000 02000000 00000000 0100 00000000 0100",
+          "09 19000000 03000000 01000000 62 0100 01000000 61 0100 01000000 62 0100"}},
+        {"inside another", {"0c 0c 0100", "0c 08 07000000 01000000 0c 0100"}},  // message forms
     };
-    for (const auto& row : rows) {
-        const auto error = check(fromHex(row.hex), kRequestLimits);
-        ASSERT_TRUE(error) << row.name;
-        EXPECT_NE(error->message->find(row.what), std::string::npos) << row.name << ": " << *error->message;
+    for (const auto& [what, values] : rows) {
+        for (const char* hex : values) {
+            const auto error = check(fromHex(hex), kRequestLimits);
+            EXPECT_THAT(error ? *error->message : "", HasSubstr(what)) << hex;
+        }
     }
     EXPECT_EQ(check(fromHex("09 12000000 02000000 01000000 62 0100 01000000 61 0100"), kRequestLimits), std::nullopt)
         << "keys need not ascend";
@@ -82,22 +73,22 @@ TEST(Codec, RefusesWhatTheBytesCannotHold) {
 
 TEST(Codec, HoldsTheLimitsOfDepthAndNumberAndSize) {
     const auto nested = [](int depth) {
-        Value value = value::Array{};
-        for (int i = 1; i < depth; ++i) value = value::Array{value};
+        Value value = Array{};
+        for (int i = 1; i < depth; ++i) value = Array{value};
         return encoded(value);
     };
     EXPECT_FALSE(check(nested(32), kRequestLimits));
     EXPECT_TRUE(check(nested(33), kRequestLimits));
     EXPECT_TRUE(check(nested(200), Limits{1 << 20, 1'000'000, 1000})) << "whatever the limits ask for";
 
-    const auto three = encoded(value::Array{1, 2});
+    const auto three = encoded(Array{1, 2});
     EXPECT_FALSE(check(three, Limits{three.size(), 1, 3}));
     EXPECT_TRUE(check(three, Limits{three.size(), 1, 2}));
     EXPECT_TRUE(check(three, Limits{three.size() - 1, 1, 3}));
 }
 
 TEST(View, ReadsNothingFromAnotherKind) {
-    const Object object{value::Dictionary{{"text", "1"}, {"number", 1}, {"list", value::Array{1}}}};
+    const Object object{value::Dictionary{{"text", "1"}, {"number", 1}, {"list", Array{1, 2, 3}}}};
     const View text = *object.view().find("text");
     EXPECT_FALSE(text.boolean() || text.signedInteger() || text.unsignedInteger() || text.real() || text.data() ||
                  text.date() || text.uuid() || text.message() || text.error() || text.find("text"));
@@ -105,14 +96,9 @@ TEST(View, ReadsNothingFromAnotherKind) {
     EXPECT_FALSE(object.view().find("number")->unsignedInteger());
     EXPECT_FALSE(object.view().find("absent"));
     EXPECT_EQ(text.count(), 0U);
-    EXPECT_EQ(object.view().find("list")->count(), 1U);
-}
-
-TEST(View, AVisitorCanEndTheVisit) {
-    const Object object{value::Array{1, 2, 3}};
     int seen = 0;
-    EXPECT_FALSE(object.view().forEachElement([&](View) { return ++seen < 2; }));
-    EXPECT_EQ(seen, 2);
+    EXPECT_FALSE(object.view().find("list")->forEachElement([&](View) { return ++seen < 2; }));
+    EXPECT_EQ(seen, 2) << "a visitor can end the visit";
 }
 
 TEST(Encoder, WritesNoTextThatAReaderWouldRefuse) {
@@ -160,9 +146,9 @@ TEST(Object, ErrorsKeepTheirPartsAndAPartOutlivesTheWhole) {
 }
 
 TEST(Description, ShowsKindsAndStaysBounded) {
-    const Object object{value::Dictionary{{"a", 1U}, {"list", value::Array{"x", true, value::Data(2)}}}};
+    const Object object{value::Dictionary{{"a", 1U}, {"list", Array{"x", true, value::Data(2)}}}};
     EXPECT_EQ(description(object.view()), "dictionary { \"a\" = uint64 1 \"list\" = array { \"x\" true data 0000 } }");
-    const Object huge{value::Array{value::Array::Storage(100'000, "text")}};
+    const Object huge{Array{Array::Storage(100'000, "text")}};
     EXPECT_LT(description(huge.view()).size(), 20'000U);
 }
 

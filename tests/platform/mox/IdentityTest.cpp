@@ -1,23 +1,15 @@
-#include <fcntl.h>
 #include <poll.h>
 #include <sched.h>
-#include <signal.h>
 #include <sys/mount.h>
-#include <sys/stat.h>
-#include <sys/wait.h>
-
-#include <filesystem>
-
-#include <gtest/gtest.h>
 
 #include "tests/platform/mox/Peers.h"
+#include "tests/support/Words.h"
 
 // Who the service takes a peer for, and what is tried to be taken for somebody else. The trusted program of these tests
 // is /bin/sleep, or the shell where it has to execute another.
 namespace moxtest {
 namespace {
 
-namespace fs = std::filesystem;
 using mox::wire::FrameKind;
 
 // A child process that connects the socket, which the test holds as well, and executes a program before the service
@@ -92,9 +84,7 @@ protected:
         fs::create_directories(files_ / directory);
         fs::copy_file(MOX_ECHO_PEER, program);
         if (inBundle) {
-            files_.write(directory + "/Info.plist",
-                         "<plist version=\"1.0\"><dict><key>QFBundleIdentifier</key><string>a.host</string>"
-                         "<key>QFBundleExecutable</key><string>peer</string></dict></plist>");
+            files_.writeList(directory + "/Info.plist", Dictionary{{"QFBundleExecutable", "peer"}});
         }
         return fs::canonical(program);
     }
@@ -114,25 +104,16 @@ TEST_F(Identity, IsTheProcessItsExecutableAndItsBundle) {
     EXPECT_EQ(identity->uid, ::getuid());
     EXPECT_EQ(identity->executablePath, program);
     EXPECT_EQ(identity->bundlePath, fs::path{program}.parent_path());
-    struct stat opened {};
-    struct stat named {};
-    EXPECT_EQ(::fstat(identity->bundleDirectory.get(), &opened), 0);
-    EXPECT_EQ(::stat(identity->bundlePath.c_str(), &named), 0);
-    EXPECT_EQ(opened.st_ino, named.st_ino);
+    const std::string directory = "/proc/self/fd/" + std::to_string(identity->bundleDirectory.get());
+    EXPECT_TRUE(fs::equivalent(directory, identity->bundlePath));
 }
 
-TEST_F(Identity, HasNoBundleOutsideOne) {
-    RawPeer peer = opened();
-    const Process process{service_, peer, {install("Plain", false), socketOf(peer)}};
+TEST_F(Identity, HasNoBundleOutsideOneAndEndsWithItsProcessEvenWhileAnotherKeepsTheSocket) {
+    RawPeer kept = opened();
+    Process process{service_, kept, {install("Plain", false), socketOf(kept)}};
     ASSERT_TRUE(service_.awaitConnections(1));
     EXPECT_TRUE(service_.identity()->executablePath);
     EXPECT_FALSE(service_.identity()->bundleDirectory);
-}
-
-TEST_F(Identity, EndsWithItsProcessEvenWhileAnotherKeepsTheSocket) {
-    RawPeer kept = opened();
-    Process process{service_, kept, {MOX_ECHO_PEER, socketOf(kept)}};
-    ASSERT_TRUE(service_.awaitConnections(1));
     process.kill();
     EXPECT_TRUE(service_.awaitInvalid(1));
 }

@@ -1,17 +1,11 @@
-#include <fcntl.h>
 #include <sys/file.h>
-#include <sys/stat.h>
-#include <sys/wait.h>
-#include <unistd.h>
 
 #include <algorithm>
-#include <chrono>
 #include <condition_variable>
 #include <mutex>
 
 #include "platform/file/UniqueFd.h"
 #include "platform/notify/Notify.h"
-#include "tests/support/PrivateRoot.h"
 #include "tests/support/Words.h"
 
 namespace notify {

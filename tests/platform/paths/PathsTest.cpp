@@ -1,5 +1,3 @@
-#include <cstdlib>
-
 #include "platform/paths/Paths.h"
 #include "tests/support/Words.h"
 

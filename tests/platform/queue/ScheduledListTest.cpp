@@ -1,9 +1,5 @@
-#include <memory>
-#include <string>
-
-#include <gtest/gtest.h>
-
 #include "platform/queue/ScheduledList.h"
+#include "tests/support/Words.h"
 
 namespace queue {
 namespace {

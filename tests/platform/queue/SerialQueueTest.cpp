@@ -1,32 +1,10 @@
 #include <atomic>
-#include <latch>
-#include <memory>
-#include <optional>
-#include <stdexcept>
-#include <string>
-#include <thread>
-#include <vector>
-
-#include <gmock/gmock.h>
-#include <gtest/gtest.h>
 
 #include "platform/queue/SerialQueue.h"
+#include "tests/support/Words.h"
 
 namespace queue {
 namespace {
-
-TEST(SerialQueue, RunsClosuresInTheOrderOfSubmission) {
-    SerialQueue queue{"test"};
-    std::vector<int> order;
-    std::vector<int> expected;
-    for (int i = 0; i < 1000; ++i) {
-        queue.async([&order, i] { order.push_back(i); });
-        expected.push_back(i);
-    }
-    queue.sync([&order] { order.push_back(1000); });
-    expected.push_back(1000);
-    EXPECT_EQ(order, expected);
-}
 
 TEST(SerialQueue, NeverOverlapsWhateverWayWorkArrives) {
     constexpr int kThreads = 4;

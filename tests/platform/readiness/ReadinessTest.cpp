@@ -1,10 +1,5 @@
-#include <unistd.h>
-
-#include <cstdlib>
-
 #include "platform/readiness/Readiness.h"
 #include "tests/support/BoundSocket.h"
-#include "tests/support/TemporaryDirectory.h"
 #include "tests/support/Words.h"
 
 namespace {

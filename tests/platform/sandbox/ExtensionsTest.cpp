@@ -1,24 +1,13 @@
-#include <fcntl.h>
-#include <sys/stat.h>
-#include <sys/sysmacros.h>
-#include <unistd.h>
-
-#include <cerrno>
-#include <filesystem>
-#include <string>
-
-#include <gtest/gtest.h>
-
 #include "platform/sandbox/Extensions.h"
 #include "platform/sandbox/Sandbox.h"
-#include "tests/support/TemporaryDirectory.h"
+#include "tests/support/Words.h"
 
 namespace sandbox {
 namespace {
 
 class ExtensionsTest : public testing::Test {
 protected:
-    ExtensionsTest() : top{std::filesystem::canonical(root.path())} {
+    ExtensionsTest() {
         root.write("bundle/Resources/icon", "icon");
         root.write("bundle/Info.plist", "info");
         root.write("secret", "secret");
@@ -39,45 +28,34 @@ protected:
     }
 
     const support::TemporaryDirectory root;
-    const std::string top;
+    const std::string top = root.path();
     Extensions extensions;
 };
 
 TEST_F(ExtensionsTest, OpenRegularFilesBeneathTheTokensPathAndNothingElse) {
     const std::string bundle = top + "/bundle";
     ASSERT_EQ(symlink("../secret", (bundle + "/escape").c_str()), 0);
-    ASSERT_EQ(symlink("Info.plist", (bundle + "/inside").c_str()), 0);
     ASSERT_EQ(symlink("..", (bundle + "/up").c_str()), 0);
-    ASSERT_EQ(mkfifo((bundle + "/pipe").c_str(), 0600), 0);
-    const bool device = mknod((bundle + "/device").c_str(), S_IFCHR | 0600, makedev(1, 5)) == 0;
     root.write("bundle2/file", "beside");
     const std::int64_t handle = consume(bundle);
     ASSERT_GT(handle, 0);
-    const struct {
-        const char* name;
-        std::string path, outcome;
-    } rows[] = {
-        {"a file", bundle + "/Info.plist", "info"},
-        {"a deeper one", bundle + "/Resources/icon", "icon"},
-        {"a link out", bundle + "/escape", "ELOOP"},
-        {"a link inside", bundle + "/inside", "ELOOP"},
-        {"through a link", bundle + "/up/secret", "ELOOP"},
-        {"upwards", bundle + "/../secret", "EXDEV"},
-        {"up and down again", bundle + "/Resources/../Info.plist", "EXDEV"},
-        {"outside", top + "/secret", "EACCES"},
-        {"far outside", "/etc/passwd", "EACCES"},
-        {"a name that begins alike", top + "/bundle2/file", "EACCES"},
-        {"a relative path", "Info.plist", "EACCES"},
-        {"no path", "", "EACCES"},
-        {"an absolute path inside", bundle + "//etc/passwd", "EXDEV"},
-        {"a byte of zero", bundle + std::string{"/Info.plist\0/x", 14}, "EINVAL"},
-        {"missing", bundle + "/missing", "ENOENT"},
-        {"the directory", bundle, "EISDIR"},
-        {"a directory", bundle + "/Resources", "EISDIR"},
-        {"a pipe", bundle + "/pipe", "EINVAL"},
-        {"a device", bundle + "/device", device ? "EINVAL" : "ENOENT"},
+    const std::pair<std::string, const char*> rows[] = {
+        {bundle + "/Info.plist", "info"},
+        {bundle + "/Resources/icon", "icon"},
+        {bundle + "/escape", "ELOOP"},
+        {bundle + "/up/secret", "ELOOP"},
+        {bundle + "/../secret", "EXDEV"},
+        {bundle + "//etc/passwd", "EXDEV"},
+        {top + "/secret", "EACCES"},
+        {"/etc/passwd", "EACCES"},
+        {top + "/bundle2/file", "EACCES"},
+        {"Info.plist", "EACCES"},
+        {"", "EACCES"},
+        {bundle + "/Info.plist\0/x"s, "EINVAL"},
+        {bundle, "EISDIR"},
+        {bundle + "/missing", "ENOENT"},
     };
-    for (const auto& row : rows) EXPECT_EQ(read(handle, row.path), row.outcome) << row.name;
+    for (const auto& [path, outcome] : rows) EXPECT_EQ(read(handle, path), outcome) << path;
     extensions.release(handle);
     EXPECT_EQ(read(handle, bundle + "/Info.plist"), "EBADF");
 }
@@ -87,7 +65,7 @@ TEST_F(ExtensionsTest, OfAFileOpenThatFileOnly) {
     EXPECT_EQ(read(handle, top + "/bundle/Info.plist"), "info");
     EXPECT_EQ(read(handle, top + "/bundle/Info.plist/x"), "ENOTDIR");
     EXPECT_EQ(read(handle, top + "/bundle/Resources/icon"), "EACCES");
-    std::filesystem::rename(top + "/secret", top + "/bundle/Info.plist");
+    fs::rename(top + "/secret", top + "/bundle/Info.plist");
     EXPECT_EQ(read(handle, top + "/bundle/Info.plist"), "ESTALE");
 }
 
@@ -95,16 +73,16 @@ TEST_F(ExtensionsTest, DoNotFollowAPathThatWasSwappedAfterTheIssue) {
     const std::string bundle = top + "/bundle";
     const std::int64_t handle = consume(bundle);
     const std::int64_t deeper = consume(bundle + "/Resources");
-    std::filesystem::rename(bundle, top + "/moved");
+    fs::rename(bundle, top + "/moved");
     EXPECT_EQ(read(handle, bundle + "/Info.plist"), "ENOENT");
     ASSERT_EQ(symlink("moved", bundle.c_str()), 0);
     EXPECT_EQ(read(handle, bundle + "/Info.plist"), "ELOOP") << "though the link leads to the very directory";
     EXPECT_EQ(read(deeper, bundle + "/Resources/icon"), "ELOOP") << "nor a link above it";
-    std::filesystem::remove(bundle);
+    fs::remove(bundle);
     root.write("bundle/Info.plist", "another");
     EXPECT_EQ(read(handle, bundle + "/Info.plist"), "ESTALE");
-    std::filesystem::remove_all(bundle);
-    std::filesystem::rename(top + "/moved", bundle);
+    fs::remove_all(bundle);
+    fs::rename(top + "/moved", bundle);
     EXPECT_EQ(read(handle, bundle + "/Info.plist"), "info");
 }
 

@@ -1,69 +1,22 @@
 #include <linux/filter.h>
 #include <linux/seccomp.h>
 #include <sched.h>
-#include <signal.h>
 #include <sys/prctl.h>
-#include <sys/stat.h>
 #include <sys/syscall.h>
-#include <sys/wait.h>
-#include <unistd.h>
-
-#include <functional>
-#include <string>
-
-#include <gtest/gtest.h>
 
 #include "platform/sandbox/Sandbox.h"
-#include "tests/support/TemporaryDirectory.h"
+#include "tests/support/ChildProcess.h"
+#include "tests/support/Words.h"
 
 namespace sandbox {
 namespace {
 
-// A child process that has prepared itself and waits to be ended.
-class Child {
-public:
-    // The namespaces are made with the child, since a sanitizer's thread would keep it from making them itself.
-    explicit Child(const std::function<bool()>& prepare, int namespaces = 0) {
-        int ends[2];
-        if (pipe(ends) != 0) return;
-        pid_ = static_cast<pid_t>(syscall(SYS_clone, namespaces | SIGCHLD, nullptr, nullptr, nullptr, nullptr));
-        if (pid_ == 0) {
-            const char outcome = prepare() ? 'y' : 'n';
-            if (write(ends[1], &outcome, 1) == 1) {
-                for (;;) pause();
-            }
-            _exit(1);
-        }
-        close(ends[1]);
-        char outcome = 'n';
-        prepared_ = read(ends[0], &outcome, 1) == 1 && outcome == 'y';
-        close(ends[0]);
-    }
-    ~Child() { end(); }
-    Child(const Child&) = delete;
-    Child& operator=(const Child&) = delete;
-
-    bool prepared() const { return prepared_; }
-    pid_t pid() const { return pid_; }
-
-    mox::PeerIdentity identity() const {
-        mox::PeerIdentity identity;
-        identity.pid = pid_;
-        identity.pidfd = file::UniqueFd{static_cast<int>(syscall(SYS_pidfd_open, pid_, 0))};
-        return identity;
-    }
-
-    void end() {
-        if (pid_ <= 0) return;
-        kill(pid_, SIGKILL);
-        waitpid(pid_, nullptr, 0);
-        pid_ = -1;
-    }
-
-private:
-    pid_t pid_ = -1;
-    bool prepared_ = false;
-};
+mox::PeerIdentity identityOf(pid_t pid) {
+    mox::PeerIdentity identity;
+    identity.pid = pid;
+    identity.pidfd = file::UniqueFd{static_cast<int>(syscall(SYS_pidfd_open, pid, 0))};
+    return identity;
+}
 
 bool filterNothing() {
     sock_filter allow{BPF_RET | BPF_K, 0, 0, SECCOMP_RET_ALLOW};
@@ -92,13 +45,13 @@ TEST(IsSandboxed, TellsByWhatTheKernelSays) {
         {"a root that shows ours", [&] { return chroot(outward.path().c_str()) == 0; }, false},
     };
     for (const auto& row : rows) {
-        const Child child{row.prepare, row.namespaces};
-        if (!child.prepared()) {
+        const support::ChildProcess child{[&] { return row.prepare() ? "prepared"s : ""s; }, row.namespaces};
+        if (child.told() != "prepared") {
             EXPECT_NE(geteuid(), 0U) << row.name;  // only root may do all of this
             continue;
         }
         EXPECT_EQ(isSandboxed(child.pid()), row.sandboxed) << row.name;
-        EXPECT_EQ(isSandboxed(child.identity()), row.sandboxed) << row.name;
+        EXPECT_EQ(isSandboxed(identityOf(child.pid())), row.sandboxed) << row.name;
     }
     EXPECT_FALSE(isSandboxed(getpid()));
 }
@@ -108,8 +61,8 @@ TEST(IsSandboxed, TakesWhatItCannotReadForASandbox) {
     EXPECT_TRUE(isSandboxed(-1));
     EXPECT_TRUE(isSandboxed(mox::PeerIdentity{}));
 
-    Child child{[] { return true; }};
-    auto identity = child.identity();
+    support::ChildProcess child{[] { return ""s; }};
+    auto identity = identityOf(child.pid());
     child.end();
     EXPECT_TRUE(isSandboxed(identity));
     identity.pid = getpid();  // as if the number were in use again

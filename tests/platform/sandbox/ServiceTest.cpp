@@ -1,17 +1,7 @@
-#include <unistd.h>
-
-#include <array>
-#include <cerrno>
 #include <cstdio>
-#include <cstdlib>
-#include <filesystem>
-#include <string>
 
-#include <gtest/gtest.h>
-
-#include "platform/paths/Paths.h"
 #include "platform/sandbox/Sandbox.h"
-#include "tests/support/TemporaryDirectory.h"
+#include "tests/support/Words.h"
 
 namespace sandbox {
 namespace {
@@ -20,17 +10,17 @@ constexpr char kDaemon[] = "test.vtd";
 
 class ServiceTest : public testing::Test {
 protected:
-    ServiceTest() : file{std::filesystem::canonical(root.write("bundle/Resources/icon", "an icon"))} {
-        const char* given = getenv("SANDBOX_TEST_ROOT");
-        paths::Directories directories;
-        directories.runtime = given != nullptr ? given : root / "run";
-        directories.privateRoot = true;
-        paths::setDirectories(directories);
+    ServiceTest() {
+        if (const char* given = getenv("SANDBOX_TEST_ROOT")) {
+            paths::Directories directories = paths::directories();
+            directories.runtime = given;
+            paths::setDirectories(directories);
+        }
         setDaemonServiceName(kDaemon);
     }
     ~ServiceTest() override { setDaemonServiceName("halvern.velto.vtd"); }  // forgets the connection
 
-    std::string bundle() const { return file.parent_path().parent_path(); }
+    std::string bundle() const { return root / "bundle"; }
 
     // What the file holds, as the service hands it over.
     static std::string read(std::int64_t handle, const std::string& path) {
@@ -45,8 +35,8 @@ protected:
         return issueFileExtension(kReadOnlyFileClass, path).value_or("none");
     }
 
-    const support::TemporaryDirectory root;
-    const std::filesystem::path file;
+    const support::PrivateRoot root;
+    const std::string file = root.write("bundle/Resources/icon", "an icon");
 };
 
 TEST_F(ServiceTest, LendsFilesForTokensAndNothingWithout) {
@@ -61,8 +51,7 @@ TEST_F(ServiceTest, LendsFilesForTokensAndNothingWithout) {
     EXPECT_EQ(read(handle, "/etc/passwd"), "EACCES");
     EXPECT_EQ(read(handle + 1, file), "EBADF");
 
-    for (const std::string& forged :
-         {std::string{}, std::string{"token"}, std::string{"\xff"}, std::string(9000, ';'), token(bundle()) + "0"}) {
+    for (const std::string& forged : {""s, "token"s, "\xff"s, std::string(9000, ';'), token(bundle()) + "0"}) {
         EXPECT_EQ(consume(forged), -1) << forged.substr(0, 80);
     }
     release(-1);
@@ -89,7 +78,7 @@ TEST_F(ServiceTest, LendsToAnotherProcessThatShowsItsTokenAndTakesNoneOfThatOnes
     setenv("SANDBOX_TEST_ROOT", (root / "run").c_str(), 1);
     setenv("SANDBOX_TEST_TOKEN", token(bundle()).c_str(), 1);
     setenv("SANDBOX_TEST_PATH", file.c_str(), 1);
-    const std::string self = std::filesystem::read_symlink("/proc/self/exe");
+    const std::string self = fs::read_symlink("/proc/self/exe");
     FILE* other = popen(("'" + self + "' --gtest_filter=ServiceTest.LendsToAnother*").c_str(), "r");
     for (const char* name : {"SANDBOX_TEST_ROOT", "SANDBOX_TEST_TOKEN", "SANDBOX_TEST_PATH"}) unsetenv(name);
     ASSERT_NE(other, nullptr);

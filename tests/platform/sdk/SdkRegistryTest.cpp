@@ -1,8 +1,4 @@
-#include <sys/stat.h>
-
 #include "platform/sdk/SdkRegistry.h"
-#include "tests/support/LogLines.h"
-#include "tests/support/PrivateRoot.h"
 #include "tests/support/Words.h"
 
 namespace sdk {

@@ -1,6 +1,5 @@
 #include "platform/text/Described.h"
 #include "platform/text/Utf8.h"
-#include "platform/value/Value.h"
 #include "tests/support/Words.h"
 
 namespace {

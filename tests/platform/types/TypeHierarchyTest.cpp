@@ -1,10 +1,4 @@
-#include <chrono>
-#include <cstdlib>
-#include <thread>
-
 #include "platform/types/TypeHierarchy.h"
-#include "tests/support/LogLines.h"
-#include "tests/support/PrivateRoot.h"
 #include "tests/support/Words.h"
 
 namespace types {
@@ -50,24 +44,22 @@ TEST_F(TypeHierarchy, IsTransitiveOverAllItsFilesAndEndsInCycles) {
     const struct {
         const char *a, *b;
         bool conform;
-    } rows[] = {
-        {"halvern.jpeg", "halvern.content", true},
-        {"halvern.data", "halvern.jpeg", false},
-        {"unknown", "unknown", true},
-        {"unknown", "halvern.data", false},
-        {"halvern.data", "unknown", false},
-        {"Halvern.jpeg", "halvern.image", false},
-        {"loop.a", "loop.b", true},
-        {"loop.a", "halvern.data", false},
-        {"text/x-c++", "text/plain", true},
-        {"text/x-csrc", "text/plain", true},
-        {"text/x-c", "text/x-csrc", true},
-        {"my/own", "text/x-csrc", true},
-        {"halvern.note", "text/plain", true},
-        {"three", "words", false},
-        {"", "", true},
-        {"#", "a", false},
-    };
+    } rows[] = {{"halvern.jpeg", "halvern.content", true},
+                {"halvern.data", "halvern.jpeg", false},
+                {"unknown", "unknown", true},
+                {"unknown", "halvern.data", false},
+                {"halvern.data", "unknown", false},
+                {"Halvern.jpeg", "halvern.image", false},
+                {"loop.a", "loop.b", true},
+                {"loop.a", "halvern.data", false},
+                {"text/x-c++", "text/plain", true},
+                {"text/x-csrc", "text/plain", true},
+                {"text/x-c", "text/x-csrc", true},
+                {"my/own", "text/x-csrc", true},
+                {"halvern.note", "text/plain", true},
+                {"three", "words", false},
+                {"", "", true},
+                {"#", "a", false}};
     for (const auto& row : rows) EXPECT_EQ(conforms(row.a, row.b), row.conform) << row.a << " to " << row.b;
 }
 

@@ -1,5 +1,3 @@
-#include <limits>
-
 #include "platform/value/Value.h"
 #include "tests/support/Words.h"
 
