@@ -348,8 +348,9 @@ void Registrar::lookAtRegistered(const std::string& path) {
 void Registrar::record(const Topic& topic, Finding finding) {
     if (scanner_.uncertain()) {
         retryLater();
-        keepAsKnown(topic);
-    } else if (finding.empty()) {
+        addWhatIsKnown(topic, finding);
+    }
+    if (finding.empty()) {
         findings_.erase(topic);
     } else {
         finding.look = look_;
@@ -358,23 +359,26 @@ void Registrar::record(const Topic& topic, Finding finding) {
 }
 
 // Known from an earlier look, or since before the start from the store.
-void Registrar::keepAsKnown(const Topic& topic) {
-    auto known = findings_.find(topic);
-    if (known == findings_.end()) {
-        Finding remembered;
-        const auto before = snapshot();
-        const auto keep = [&](const auto& records, auto& kept) {
-            for (auto at = firstFrom(records, topic.path); at != records.end() && pathOf(**at).starts_with(topic.path);
-                 ++at) {
-                if (pathOf(**at) == topic.path || isBeneath(pathOf(**at), topic.path)) kept.push_back(*at);
-            }
-        };
-        keep(before->applications(), remembered.applications);
-        keep(before->bundles(), remembered.bundles);
-        if (remembered.empty()) return;
-        known = findings_.emplace(topic, std::move(remembered)).first;
+void Registrar::addWhatIsKnown(const Topic& topic, Finding& finding) {
+    const auto add = [](const auto& record, auto& found) {
+        const bool isThere = std::any_of(found.begin(), found.end(),
+                                         [&](const auto& other) { return pathOf(*other) == pathOf(*record); });
+        if (!isThere) found.push_back(record);
+    };
+    if (const auto known = findings_.find(topic); known != findings_.end()) {
+        for (const auto& application : known->second.applications) add(application, finding.applications);
+        for (const auto& bundle : known->second.bundles) add(bundle, finding.bundles);
+        return;
     }
-    known->second.look = look_;
+    const auto before = snapshot();
+    const auto addFrom = [&](const auto& records, auto& found) {
+        for (auto at = firstFrom(records, topic.path); at != records.end() && pathOf(**at).starts_with(topic.path);
+             ++at) {
+            if (pathOf(**at) == topic.path || isBeneath(pathOf(**at), topic.path)) add(*at, found);
+        }
+    };
+    addFrom(before->applications(), finding.applications);
+    addFrom(before->bundles(), finding.bundles);
 }
 
 void Registrar::lookAtSdks() {

@@ -72,7 +72,7 @@ private:
     void lookAtEntry(const Root& root, const std::string& name);
     void lookAtRegistered(const std::string& path);
     void record(const Topic& topic, Finding finding);
-    void keepAsKnown(const Topic& topic);
+    void addWhatIsKnown(const Topic& topic, Finding& finding);
     void retryLater();
     void lookAtSdks();
     void forget(const Topic& topic);

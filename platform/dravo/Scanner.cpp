@@ -10,6 +10,7 @@
 #include <cerrno>
 #include <chrono>
 #include <cstring>
+#include <utility>
 
 #include "platform/bundle/Bundle.h"
 #include "platform/dravo/BundleReading.h"
@@ -45,6 +46,19 @@ bool isUncertain(int errorNumber) {
     constexpr int kErrors[] = {EMFILE, ENFILE, ENOMEM, EIO, ESTALE, ETIMEDOUT};
     return std::find(std::begin(kErrors), std::end(kErrors), errorNumber) != std::end(kErrors);
 }
+
+// Looks at one thing by itself: what was uncertain before neither shows in `flag` meanwhile nor is forgotten.
+class ByItself {
+public:
+    explicit ByItself(bool& flag) : flag_{flag}, before_{std::exchange(flag, false)} {}
+    ~ByItself() { flag_ = flag_ || before_; }
+    ByItself(const ByItself&) = delete;
+    ByItself& operator=(const ByItself&) = delete;
+
+private:
+    bool& flag_;
+    const bool before_;
+};
 
 double now() {
     return std::chrono::duration<double>{std::chrono::system_clock::now().time_since_epoch()}.count();
@@ -234,6 +248,7 @@ void Scanner::application(const Root& root, const Directory& directory, const st
 
 std::shared_ptr<const ApplicationRecord> Scanner::applicationRecord(int directory, const std::string& path,
                                                                     const std::optional<std::string>& container) {
+    const ByItself certainty{uncertain_};
     const auto status = statusOf(directory, bundle::kInfoFile, path);
     const file::Stamp stamp = status ? file::stampOf(*status) : file::Stamp{};
     const auto known = known_->application(path);
@@ -250,6 +265,8 @@ std::shared_ptr<const ApplicationRecord> Scanner::applicationRecord(int director
             logging::warning(text::format("application at {}: {}", path, info.error().localizedDescription()));
         }
     }
+    if (uncertain_ && known) return known;
+    if (uncertain_) facts.info = kUntrusted;
     auto record = std::make_shared<const ApplicationRecord>(path, std::move(facts));
     // What is uncertain goes with this call; another one in the same pass looks for itself.
     if (!uncertain_) seen_[path] = record;
@@ -293,6 +310,7 @@ void Scanner::plugIn(int parent, const std::string& name, BundlePlace place, con
 
 void Scanner::bundle(int parent, const std::string& name, const struct stat& directory, BundlePlace place,
                      Finding& finding) {
+    const ByItself certainty{uncertain_};
     const auto stamps = stampsOf(parent, name, directory, place.path);
     if (!stamps || uncertain_) return;
     auto known = known_->bundle(place.path);

@@ -84,8 +84,10 @@ TEST_F(Trouble, WhatCannotBeReadForNowStaysInstalledOverRestartsToo) {
         }
         world.settle();
         EXPECT_THAT(world.identifiers(), ElementsAre("r", "a"));
+        world.plugIn("user/Applications/A.app/PlugIns/Sibling", "sibling");
+        EXPECT_THAT(witness->await(1), ElementsAre("+sibling")) << "nothing is taken from the others";
         workspace = &world.start();
-        EXPECT_THAT(world.identifiers(), ElementsAre("r", "a"));
+        EXPECT_THAT(world.identifiers(), ElementsAre("r", "a", "sibling"));
         EXPECT_EQ(world.at(kPlugIn)->pluginUUID(), uuid);
         workspace->addObserver(witness);
         EXPECT_THAT(world.log(), SizeIs(2)) << "one line for each";
