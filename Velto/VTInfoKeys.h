@@ -10,6 +10,8 @@ inline constexpr char oldStyle[] = "Velto";                                 // m
 inline constexpr char shortVersionString[] = "QFBundleShortVersionString";  // default for the plug-in's version
 inline constexpr char infoPlistURL[] = "QFBundleInfoPlistURL";              // never leaves the daemon
 
+inline constexpr char moxService[] = "MoxService";  // how the plug-in's process wants to be started
+
 // The top dictionary.
 inline constexpr char multiple[] = "Multiple";  // identifier to plug-in dictionary: one bundle, several plug-ins
 inline constexpr char hubProtocolVersion[] = "HubProtocolVersion";
@@ -31,5 +33,6 @@ inline constexpr char cleanTimeout[] = "CleanTimeout";
 inline constexpr char version[] = "KXExtensionVersion";
 inline constexpr char format[] = "halvern.format";  // "standard" or "hybrid"
 inline constexpr char pointName[] = "KXExtensionPointName";
+inline constexpr char requestsOpenAccess[] = "RequestsOpenAccess";  // a keyboard's wish for more than typing
 
 }  // namespace VTInfoKey

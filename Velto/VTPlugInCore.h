@@ -72,6 +72,8 @@ public:
     // the extension point demands of its plug-ins must not be lost by dropping the SDK.
     virtual void resolveSDK();
 
+    static constexpr char kSdkDirectoryVariable[] = "VTTEST_SDK";  // of the environment
+
     // The file of that name in the directory that VTTEST_SDK names, asked for on each call, else the registry's entry.
     static std::optional<value::Dictionary> readSDKDictionary(const std::string& name);
 

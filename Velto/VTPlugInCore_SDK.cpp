@@ -11,7 +11,6 @@
 
 namespace {
 
-constexpr char kSdkDirectoryVariable[] = "VTTEST_SDK";
 constexpr char kObjectClass[] = "KXObject";
 constexpr char kBundleItself[] = ".";
 constexpr char kFirstVersion[] = "1";

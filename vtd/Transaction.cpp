@@ -22,6 +22,7 @@ const Transaction::Handler* Transaction::handlerNamed(std::string_view name) {
     static constexpr Handler kHandlers[] = {
         {VTRequest::add, &Transaction::addPlugIns},           {VTRequest::remove, &Transaction::removePlugIns},
         {VTRequest::bulk, &Transaction::bulkPlugIns},         {VTRequest::match, &Transaction::matchPlugIns},
+        {VTRequest::ready, &Transaction::readyPlugIns},       {VTRequest::access, &Transaction::accessPlugIns},
         {VTRequest::annotate, &Transaction::annotatePlugIns}, {VTRequest::lock, &Transaction::lockDownPlugIns},
     };
     for (const Handler& handler : kHandlers) {

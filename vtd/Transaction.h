@@ -77,6 +77,8 @@ private:
     void removePlugIns();
     void bulkPlugIns();
     void matchPlugIns();
+    void readyPlugIns();
+    void accessPlugIns();
     void annotatePlugIns();
     void lockDownPlugIns();
     void releaseHolds(mox::View tokens);

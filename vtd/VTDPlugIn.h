@@ -1,8 +1,11 @@
 #pragma once
 
+#include <sys/types.h>
+
 #include <cstdint>
 #include <memory>
 #include <optional>
+#include <set>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -97,6 +100,17 @@ public:
 
     // The rank of the containing application's age rating, -1 when it is not known; read once for a record.
     std::int64_t containerAgeRestriction() const;
+
+    // --- Launch preparation (VTDPlugIn_Launch.cpp)
+
+    // Registers the plug-in's executable with the service manager for the host process, with the environment and the
+    // sandbox profile that its process is to have. An error (VTErrorRequest) when the bundle has no regular executable
+    // file of its own, or when the service manager refuses, which is logged.
+    [[nodiscard]] std::optional<value::Error> enableForPid(pid_t pid) const;
+
+    // The privacy services that the user granted to the containing application; none without one, or when that cannot
+    // be found out, which is logged.
+    std::set<std::string> allowedWexaServices() const;
 
     // Where "KXUserElection" is asked; without one nothing was ever decided.
     void setAnnotationSource(std::weak_ptr<VTDAnnotationSource> source) { annotationSource_.store(std::move(source)); }

@@ -2,6 +2,7 @@
 
 #include "platform/queue/Reactor.h"
 #include "platform/readiness/Readiness.h"
+#include "platform/services/Manager.h"
 #include "vtd/VTDAnnotationStore.h"
 #include "vtd/VTDMoxClient.h"
 
@@ -32,6 +33,10 @@ std::shared_ptr<VTDServer> VTDServer::initForService(const std::string& service,
         return nullptr;
     }
     std::shared_ptr<VTDServer> server{new VTDServer{*std::move(annotations), *std::move(workspace), service}};
+    // In this order: an earlier run's registrations are known, and the delegate is there, before the registry tells of
+    // what was uninstalled while no daemon ran.
+    static_cast<void>(services::Manager::shared());
+    server->setDelegate(server);
     server->observeWorkspace();
     sharedServer().store(server);
     server->service_->setConnectionHandler(
@@ -51,6 +56,17 @@ VTDServer::VTDServer(std::shared_ptr<VTDAnnotationStore> annotations,
       service_{mox::listen(service, moxQueue_)},
       sandbox_{sandbox::Service::create(service)},
       userPrefs_{std::make_shared<VTDUserPrefs>()} {}
+
+void VTDServer::removedPlugIns(const dravo::PluginList& plugIns) {
+    for (const auto& plugIn : plugIns) {
+        services::Manager::shared()->remove(
+            {plugIn->bundleIdentifier(), plugIn->bundleVersion(), plugIn->bundlePath().value_or(std::string{})},
+            mainQueue_, [identifier = plugIn->bundleIdentifier()](int result) {
+                if (result == 0 || result == services::kNotRegistered) return;
+                logging::notice(text::format("PLUGIN REMOVAL:{} RESULT:{}", identifier, result));
+            });
+    }
+}
 
 std::optional<value::Error> VTDServer::start() {
     // First what clients need as soon as they have been answered.

@@ -30,7 +30,7 @@ class VTDMoxClient;
 //     "service"  user-initiated: every request from dispatch to reply, one at a time in order of arrival
 //     "serverSync"  the hold table, entered synchronously; what runs there waits for no other queue
 // Errors: a server that cannot be built is a null pointer, and the log says why.
-class VTDServer : public VTDatabase {
+class VTDServer : public VTDatabase, public VTDatabaseDelegate {
 public:
     // The server that was built last; null before. Any thread.
     static std::shared_ptr<VTDServer> server();
@@ -80,6 +80,10 @@ public:
     void unholdToken(
         const value::Uuid& token);            // whoever knows the token may release the hold; an unknown one is nothing
     void unholdClient(VTDMoxClient& client);  // the client is dead: releases all of its holds
+
+    // The server is its own database's delegate: has the service manager forget what was registered of plug-ins that
+    // go. Its answers come on the service queue; one that tells of a failure is logged.
+    void removedPlugIns(const dravo::PluginList& plugIns) override;
 
     // --- Properties
 

@@ -1,11 +1,13 @@
 #include <fcntl.h>
 
+#include <atomic>
 #include <cerrno>
 #include <chrono>
+#include <condition_variable>
 #include <cstddef>
-#include <future>
 #include <memory>
 #include <mutex>
+#include <optional>
 #include <string>
 #include <utility>
 
@@ -21,7 +23,32 @@ namespace sandbox {
 
 namespace {
 
-constexpr std::chrono::seconds kPatience{10};
+std::atomic<std::chrono::milliseconds> patience{std::chrono::seconds{10}};
+
+// Between the one who asks and the queue where the reply arrives: it is either taken in time or comes too late.
+class Answer {
+public:
+    bool arrive(const mox::Object& reply) {  // false: too late
+        const std::lock_guard lock{mutex_};
+        if (!awaited_) return false;
+        reply_ = reply;
+        arrived_.notify_one();
+        return true;
+    }
+
+    std::optional<mox::Object> await() {
+        std::unique_lock lock{mutex_};
+        arrived_.wait_for(lock, patience.load(), [this] { return reply_.has_value(); });
+        awaited_ = false;
+        return reply_;
+    }
+
+private:
+    std::mutex mutex_;
+    std::condition_variable arrived_;
+    bool awaited_ = true;
+    std::optional<mox::Object> reply_;
+};
 
 // The process's one connection to the sandbox service, made when it is first needed.
 class Channel {
@@ -35,6 +62,8 @@ public:
         }
         return connection_;
     }
+
+    void setPatience(std::chrono::milliseconds longest) { patience.store(longest); }
 
     void setDaemonServiceName(std::string name) {
         std::shared_ptr<mox::ClientConnection> former;  // closed without the lock
@@ -55,18 +84,22 @@ Channel& channel() {
     return kept;
 }
 
-value::Result<mox::Object> ask(const mox::Dictionary& request) {
-    // Shared with the closure, which may come after the patience is over.
-    const auto promise = std::make_shared<std::promise<mox::Object>>();
-    auto answered = promise->get_future();
+value::Result<mox::Object> ask(const mox::Dictionary& request, void (*tooLate)(const mox::Object&) = nullptr) {
+    const auto answer = std::make_shared<Answer>();
     const auto connection = channel().connection();
-    connection->send(request, [promise](const mox::Object& reply) { promise->set_value(reply); });
-    if (answered.wait_for(kPatience) != std::future_status::ready) {
-        return value::posixError(ETIMEDOUT, "sandbox service");
-    }
-    mox::Object reply = answered.get();
-    if (reply.isError()) return value::posixError(ECONNRESET, "sandbox service, " + mox::errorDescription(reply));
-    return reply;
+    connection->send(request, [answer, tooLate](const mox::Object& reply) {
+        if (!answer->arrive(reply) && tooLate != nullptr) tooLate(reply);
+    });
+    const auto reply = answer->await();
+    if (!reply) return value::posixError(ETIMEDOUT, "sandbox service");
+    if (reply->isError()) return value::posixError(ECONNRESET, "sandbox service, " + mox::errorDescription(*reply));
+    return *reply;
+}
+
+std::int64_t handleIn(const mox::Object& reply) {
+    const auto handle = reply.isError() ? std::nullopt : reply.view().find(kHandleKey);
+    const std::int64_t given = (handle ? handle->signedInteger() : std::nullopt).value_or(kRefused);
+    return given != 0 ? given : kRefused;
 }
 
 // The error that a reply carries, if it does.
@@ -96,10 +129,9 @@ std::int64_t consume(const std::string& token) {
     if (token.size() > kLongestToken || !text::isUtf8(token)) return kRefused;  // no message could carry it
     mox::Dictionary message = request(kConsumeRequest);
     message.set(kTokenKey, token);
-    const auto reply = ask(message);
-    const auto handle = reply ? reply->view().find(kHandleKey) : std::nullopt;
-    const std::int64_t given = (handle ? handle->signedInteger() : std::nullopt).value_or(kRefused);
-    return given != 0 ? given : kRefused;
+    // The handle of a connection that broke meanwhile is gone with it, and is given back for nothing.
+    const auto reply = ask(message, [](const mox::Object& late) { release(handleIn(late)); });
+    return reply ? handleIn(*reply) : kRefused;
 }
 
 void release(std::int64_t handle) {

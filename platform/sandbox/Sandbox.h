@@ -2,6 +2,7 @@
 
 #include <sys/types.h>
 
+#include <chrono>
 #include <cstdint>
 #include <memory>
 #include <optional>
@@ -52,11 +53,14 @@ public:
 };
 
 // --- The consumer's side, in a host's process. One connection for the whole process; where it breaks, the handles are
-// gone. Any thread, and each call waits for the answer (ten seconds at most); not for use on the queue
-// "sandbox_client", where the answers arrive.
+// gone. Any thread, and each call waits for the answer (ten seconds unless setPatience() says otherwise); not for use
+// on the queue "sandbox_client", where the answers arrive.
 
 // Consumes a token at the sandbox service of the daemon: a handle that is never 0; -1 when refused.
 std::int64_t consume(const std::string& token);
+
+// How long these calls wait. A handle that is given after its consumer has stopped waiting is given back at once.
+void setPatience(std::chrono::milliseconds patience);
 
 // Gives the handle back; does not wait. One that was refused, or is gone, is given back for nothing.
 void release(std::int64_t handle);

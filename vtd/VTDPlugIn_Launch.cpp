@@ -1,0 +1,141 @@
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cstdlib>
+#include <optional>
+#include <string>
+
+#include "Velto/VTBundle.h"
+#include "Velto/VTError.h"
+#include "Velto/VTInfoKeys.h"
+#include "Velto/VTProtocol.h"
+#include "platform/consent/Consent.h"
+#include "platform/logging/Log.h"
+#include "platform/services/Manager.h"
+#include "platform/text/Format.h"
+#include "vtd/VTDPlugIn.h"
+
+// Launch preparation: what the service manager is told about a plug-in that a host may have started. Built anew for
+// each host.
+
+namespace {
+
+// The launch overlay, and the service dictionary in it.
+constexpr char kPackageTypeKey[] = "QFBundlePackageType";
+constexpr char kPackageType[] = "Mox!";
+constexpr char kEnvironmentKey[] = "EnvironmentVariables";
+constexpr char kProfileKey[] = "_SandboxProfile";
+constexpr char kOmitParametersKey[] = "_OmitSandboxParameters";
+
+// The environment of the plug-in's process.
+constexpr char kHome[] = "HOME";
+constexpr char kFixedHome[] = "QFFIXED_USER_HOME";
+constexpr char kTemporary[] = "TMPDIR";
+
+constexpr char kKeyboardPoint[] = "halvern.keyboard-service";
+constexpr char kFilterPoint[] = "halvern.filtrane.filter-data";
+constexpr char kKeyboardProfile[] = "keyboard";
+constexpr char kFilterProfile[] = "network-filter";
+constexpr char kUsualProfile[] = "plugin";
+
+bool requestsOpenAccess(const VTDPlugIn& plugIn) {
+    const value::Dictionary attributes = plugIn.attributes();
+    const value::Value* requested = attributes.find(VTInfoKey::requestsOpenAccess);
+    return requested != nullptr && *requested == value::Value{true};
+}
+
+// The daemon's choice: of what the plug-in says, only its kind and the wish for open access count.
+const char* sandboxProfile(const VTDPlugIn& plugIn) {
+    const std::string* const point = plugIn.plugInDictionary().string(VTInfoKey::extensionPoint);
+    if (point == nullptr) return kUsualProfile;
+    if (*point == kFilterPoint) return kFilterProfile;
+    if (*point != kKeyboardPoint) return kUsualProfile;
+    const bool open =
+        requestsOpenAccess(plugIn) && plugIn.allowedWexaServices().count(consent::kKeyboardNetworkService) != 0;
+    return open ? kUsualProfile : kKeyboardProfile;
+}
+
+// What the plug-in asks for itself goes over the daemon's entries. An environment holds texts: anything else in it is
+// passed over.
+value::Dictionary environment(const std::optional<std::string>& dataContainer, const value::Dictionary* own) {
+    value::Dictionary::Builder made;
+    if (dataContainer) {
+        made.set(kHome, *dataContainer);
+        made.set(kFixedHome, *dataContainer);
+        made.set(kTemporary, *dataContainer + "/tmp");
+    }
+    constexpr auto& kSdk = VTPlugInCore::kSdkDirectoryVariable;
+    if (const char* sdk = std::getenv(kSdk)) made.set(kSdk, sdk);
+    if (own == nullptr) return std::move(made).build();
+    for (const value::Dictionary::Entry& entry : *own) {
+        if (entry.value.string() != nullptr) made.set(entry.key, entry.value);
+    }
+    return std::move(made).build();
+}
+
+// The bundle's executable: a regular file that may be run, and no link, which could lead out of the bundle.
+std::optional<std::string> executableOf(const std::string& bundlePath) {
+    const auto path = VTBundle::initWithURL(bundlePath)->executablePath();
+    struct stat status {};
+    const bool runs =
+        path && ::lstat(path->c_str(), &status) == 0 && S_ISREG(status.st_mode) && ::access(path->c_str(), X_OK) == 0;
+    return runs ? path : std::nullopt;
+}
+
+}  // namespace
+
+std::optional<value::Error> VTDPlugIn::enableForPid(pid_t pid) const {
+    const std::string name = identifier();
+    const std::string id = uuid().string();
+
+    const auto dataContainer = dvproxy()->dataContainerPath();
+    if (!dataContainer) {
+        logging::notice(text::format("no data container for plug-in {}({}) {} at {}", name, version(), id, path()));
+    }
+    const char* const profile = sandboxProfile(*this);
+
+    const value::Dictionary info = bundleInfoDictionary();
+    const value::Dictionary* const ownService = info.dictionary(VTInfoKey::moxService);
+    value::Dictionary::Builder service{ownService != nullptr ? *ownService : value::Dictionary{}};
+    service.set(kEnvironmentKey,
+                environment(dataContainer, ownService != nullptr ? ownService->dictionary(kEnvironmentKey) : nullptr));
+    service.set(kProfileKey, profile);
+    service.set(kOmitParametersKey, true);
+    logging::notice(text::format("assigning plug-in {}({}) to {} sandbox", name, version(), profile));
+
+    mox::Dictionary overlay;
+    overlay.set(VTInfoKey::moxService, std::move(service).build());
+    overlay.set(kPackageTypeKey, kPackageType);
+
+    logging::notice(text::format("enabling pid={} for plug-in {}({}) {} {}", pid, name, version(), id, url()));
+    const auto executable = executableOf(url());
+    if (!executable) {
+        return VTErrorWithFormat(VTErrorRequest, "cannot obtain executable path for plug-in {}({})", name, id);
+    }
+    const int error = services::Manager::shared()->add(pid, *executable, overlay);
+    if (error == 0) return {};
+    logging::notice(text::format("mox error {} allowing pid {} to use plug-in {}({}) {} at {}", error, pid, name,
+                                 version(), id, path()));
+    return VTErrorWithFormat(VTErrorRequest, "unable to enable plug-in {}({}) for pid {}", name, id, pid);
+}
+
+std::set<std::string> VTDPlugIn::allowedWexaServices() const {
+    std::set<std::string> allowed;
+    const auto container = containingUrl();
+    if (!container) return allowed;
+    const auto application = bundle::Bundle::open(*container, bundle::PathKind::directory);
+    if (!application->bundlePath()) {
+        logging::notice(text::format("failed to create bundle for {}", path()));
+        return allowed;
+    }
+    application->flushCache();
+    const auto entries = consent::informationForBundle(*application);
+    if (!entries) {
+        logging::notice(text::format("WexaAccessCopyInformationForBundle failed for {}", *container));
+        return allowed;
+    }
+    for (const consent::Entry& entry : *entries) {
+        if (entry.granted) allowed.insert(entry.service);
+    }
+    return allowed;
+}

@@ -1,0 +1,36 @@
+#include <memory>
+#include <unordered_set>
+#include <vector>
+
+#include "Velto/VTProtocol.h"
+#include "platform/text/Format.h"
+#include "vtd/Probes.h"
+#include "vtd/Transaction.h"
+#include "vtd/VTDMoxClient.h"
+#include "vtd/VTDPlugIn.h"
+#include "vtd/VTDServer.h"
+
+// Every plug-in is checked before any is enabled: a request that names one refused plug-in enables none.
+void Transaction::readyPlugIns() {
+    std::vector<std::shared_ptr<VTDPlugIn>> allowed;  // each once, in the order in which they were named
+    std::unordered_set<value::Uuid> named;
+    const auto refuse = [this](const VTDPlugIn& plugIn, const std::string& reason) {
+        server()->debug("denied access to pid {} for plugin {}({}): {}", client()->pid(), plugIn.identifier(),
+                        plugIn.uuid().string(), reason);
+        fail(VTErrorAccess, text::format("access to plugin {} denied: {}", plugIn.identifier(), reason));
+        return false;
+    };
+    const bool all = processUuidList([&](const std::shared_ptr<VTDPlugIn>& plugIn) {
+        probes::pluginReady([&] { return plugIn->uuid().string(); });
+        if (server()->holdOnPlugIn(*plugIn)) return refuse(*plugIn, "the plug-in is on hold");
+        if (plugIn->isData()) return true;
+        if (const auto reason = plugIn->allowForClient(*client())) return refuse(*plugIn, *reason);
+        if (named.insert(plugIn->uuid()).second) allowed.push_back(plugIn);
+        return true;
+    });
+    if (!all) return;
+    for (const auto& plugIn : allowed) {
+        if (const auto error = plugIn->enableForPid(client()->pid())) return fail(VTErrorRequest, *error);
+    }
+    done();
+}
