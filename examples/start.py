@@ -1,0 +1,74 @@
+#!/usr/bin/env python3
+"""Starts a plug-in that a host has readied: a whole starter but for the confinement, written from doc/platform.md alone.
+
+Usage: start.py RUNTIME-DIRECTORY HOST-PID BUNDLE [ARGUMENT...]
+
+Becomes the plug-in in the bundle: the executable that the daemon has registered for the host, with exactly the
+environment of the registration. A real starter is a service: it takes the pid from the socket that the host asks on,
+and confines the process by the profile before it lets go of it.
+"""
+import os
+import plistlib
+import stat
+import sys
+
+PROFILES = ('plugin', 'keyboard', 'network-filter')
+
+
+def start_time(pid):
+    """When the process started, in clock ticks since boot; None when it has ended."""
+    try:
+        with open(f'/proc/{pid}/stat', 'rb') as status:
+            fields = status.read().rpartition(b')')[2].split()  # the name before it may hold anything
+    except OSError:
+        return None
+    return None if fields[0] in b'ZX' else int(fields[19])
+
+
+def registrations(runtime, host):
+    """What the daemon has registered for the host."""
+    directory = os.path.join(runtime, 'services', host)
+    try:
+        names = sorted(os.listdir(directory))
+    except FileNotFoundError:
+        return
+    for name in names:
+        if not name.endswith('.plist'):
+            continue  # a registration that is just being written
+        try:
+            with open(os.path.join(directory, name), 'rb') as file:
+                yield plistlib.load(file)
+        except FileNotFoundError:
+            pass  # withdrawn since
+
+
+def registration_of(runtime, host, bundle):
+    for registration in registrations(runtime, host):
+        if os.path.dirname(registration['executable']) != bundle:
+            continue
+        if registration['hostStartTime'] != start_time(host):
+            sys.exit(f'the process {host} is not the one that readied the plug-in')
+        return registration
+    sys.exit(f'the process {host} has not readied the plug-in in {bundle}')
+
+
+def main():
+    if len(sys.argv) < 4 or not sys.argv[2].isdecimal():
+        sys.exit(__doc__)
+    runtime, host, bundle, *arguments = sys.argv[1:]
+    registration = registration_of(runtime, host, bundle)
+    service = registration['overlay']['MoxService']
+    if service['_SandboxProfile'] not in PROFILES:
+        sys.exit(f"there is no sandbox profile {service['_SandboxProfile']}")
+
+    # What is checked is what is run, whatever is put in its place meanwhile.
+    path = registration['executable']
+    executable = os.open(path, os.O_RDONLY | os.O_NOFOLLOW | os.O_NONBLOCK)
+    if not stat.S_ISREG(os.fstat(executable).st_mode):
+        sys.exit(f'{path} is not a regular file')
+    os.set_inheritable(executable, True)  # the interpreter of a script opens it once more
+    os.execve(executable, [path, *arguments], service['EnvironmentVariables'])
+
+
+if __name__ == '__main__':
+    main()
