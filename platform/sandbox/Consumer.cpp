@@ -63,8 +63,6 @@ public:
         return connection_;
     }
 
-    void setPatience(std::chrono::milliseconds longest) { patience.store(longest); }
-
     void setDaemonServiceName(std::string name) {
         std::shared_ptr<mox::ClientConnection> former;  // closed without the lock
         const std::lock_guard lock{mutex_};
@@ -153,6 +151,10 @@ value::Result<file::UniqueFd> openFile(std::int64_t handle, const std::string& p
     file::UniqueFd own{fcntl(shared->get(), F_DUPFD_CLOEXEC, 0)};
     if (!own) return value::posixError(errno, path);
     return own;
+}
+
+void setPatience(std::chrono::milliseconds longest) {
+    patience.store(longest);
 }
 
 void setDaemonServiceName(std::string name) {

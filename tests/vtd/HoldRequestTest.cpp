@@ -34,7 +34,7 @@ protected:
             fs::create_directories(path);
             std::ofstream{path + "/Info.plist"} << *plist::writeXml(info);
         }
-        server = World::get().serve(kService);
+        server = World::get().serve(service);
     }
 
     static Dictionary ask(VTDaemonClient& client, const Dictionary& keys, const char* name = VTRequest::lock) {
@@ -66,11 +66,12 @@ protected:
         return count;
     }
 
-    static constexpr char kService[] = "halvern.test.holds";
+    // Each test's own: a server lives until its clients' connections have ended, and has a file of its service's.
+    const std::string service = testing::UnitTest::GetInstance()->current_test_info()->name();
 
     std::shared_ptr<VTDServer> server;
-    VTDaemonClient holder{kService};
-    VTDaemonClient other{kService};
+    VTDaemonClient holder{service};
+    VTDaemonClient other{service};
     support::LogLines log;
 };
 

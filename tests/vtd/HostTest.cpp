@@ -143,9 +143,10 @@ TEST_F(Host, ReadsThePlugInThroughItsTokenWithoutSightOfIt) {
     EXPECT_EQ(elsewhere(hidden, shown), "unseen, the icon of one");
     EXPECT_EQ(elsewhere(hidden, shown.substr(0, shown.size() - 1)), "unseen, refused");
 
-    for (const char* door : {"run", "run/halvern.velto.vtd.sandbox"}) ::chmod((root / door).c_str(), 0777);
-    EXPECT_EQ(elsewhere("setpriv --reuid 65534 --regid 65534 --clear-groups", shown), "seen, refused")
-        << "another user's";
+    if (::geteuid() == 0) {  // who else could become another user
+        for (const char* door : {"run", "run/halvern.velto.vtd.sandbox"}) ::chmod((root / door).c_str(), 0777);
+        EXPECT_EQ(elsewhere("setpriv --reuid 65534 --regid 65534 --clear-groups", shown), "seen, refused");
+    }
     ::chmod((root / "run").c_str(), 0700);
 
     VTSandboxExtension extension{shown};
