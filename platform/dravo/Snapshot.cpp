@@ -3,8 +3,8 @@
 #include <algorithm>
 #include <functional>
 
-#include "platform/dravo/MatchKey.h"
 #include "platform/text/NumericCompare.h"
+#include "platform/text/NumericKey.h"
 
 namespace dravo {
 
@@ -95,7 +95,7 @@ Snapshot::Snapshot(Applications applications, Bundles bundles, SdkPointNames& sd
     for (std::uint32_t number = 0; number < plugIns_.size(); ++number) {
         const PlugInFacts& facts = record(number).facts();
         uuids_.add(std::hash<value::Uuid>{}(facts.uuid), number);
-        identifiers_.add(matchHash(facts.identifier), number);
+        identifiers_.add(text::numericHash(facts.identifier), number);
         indexPoints(number, facts, sdkNames);
     }
     uuids_.seal();
@@ -108,7 +108,7 @@ void Snapshot::indexPoints(std::uint32_t number, const PlugInFacts& facts, SdkPo
         return;
     }
     const auto add = [&](const std::string& name) {
-        Numbers& numbers = points_[matchKey(name)];
+        Numbers& numbers = points_[text::numericKey(name)];
         if (numbers.empty() || numbers.back() != number) numbers.push_back(number);
     };
     if (facts.extensionPoint) {
@@ -136,7 +136,7 @@ std::shared_ptr<const DVVeltoProxy> Snapshot::plugIn(const value::Uuid& uuid) co
 Snapshot::Numbers Snapshot::withIdentifiers(const std::vector<std::string>& identifiers) const {
     Numbers numbers;
     for (const std::string& wanted : identifiers) {
-        for (const auto& entry : identifiers_.candidates(matchHash(wanted))) {
+        for (const auto& entry : identifiers_.candidates(text::numericHash(wanted))) {
             const std::string& identifier = plugIns_[entry.number]->pluginIdentifier();
             if (text::compareNumerically(identifier, wanted) == std::strong_ordering::equal) {
                 numbers.push_back(entry.number);
@@ -150,7 +150,7 @@ Snapshot::Numbers Snapshot::withIdentifiers(const std::vector<std::string>& iden
 std::vector<const Snapshot::Numbers*> Snapshot::atPoints(const std::vector<std::string>& points) const {
     std::vector<const Numbers*> lists;
     for (const std::string& wanted : points) {
-        const auto found = points_.find(matchKey(wanted));
+        const auto found = points_.find(text::numericKey(wanted));
         if (found != points_.end()) lists.push_back(&found->second);
     }
     if (!points.empty() && !anyPoint_.empty()) lists.push_back(&anyPoint_);

@@ -1,8 +1,8 @@
-#include "platform/dravo/MatchKey.h"
+#include "platform/text/NumericKey.h"
 
 #include <functional>
 
-namespace dravo {
+namespace text {
 
 namespace {
 
@@ -17,7 +17,7 @@ bool isLeadingZero(std::string_view text, std::size_t at) {
 
 }  // namespace
 
-std::string matchKey(std::string_view text) {
+std::string numericKey(std::string_view text) {
     std::string key;
     key.reserve(text.size());
     for (std::size_t at = 0; at < text.size(); ++at) {
@@ -29,11 +29,11 @@ std::string matchKey(std::string_view text) {
     return key;
 }
 
-std::uint64_t matchHash(std::string_view text) {
+std::uint64_t numericHash(std::string_view text) {
     for (std::size_t at = text.find('0'); at != std::string_view::npos; at = text.find('0', at + 1)) {
-        if (isLeadingZero(text, at)) return std::hash<std::string>{}(matchKey(text));
+        if (isLeadingZero(text, at)) return std::hash<std::string>{}(numericKey(text));
     }
     return std::hash<std::string_view>{}(text);
 }
 
-}  // namespace dravo
+}  // namespace text
