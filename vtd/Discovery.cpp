@@ -5,6 +5,7 @@
 #include "Velto/VTProtocol.h"
 #include "platform/logging/Log.h"
 #include "platform/text/Format.h"
+#include "vtd/Exclusions.h"
 #include "vtd/VTDPlugIn.h"
 
 // A candidate on its way through the gates.
@@ -63,13 +64,8 @@ struct Discovery::Gates {
     }
 
     static Verdict exclusions(Visit& visit) {
-        for (const value::Value& exclusion : visit.query.exclusions) {
-            const value::Dictionary* rules = exclusion.dictionary();
-            if (rules != nullptr && visit.candidate.unmatchedRule(*rules) == nullptr) {
-                return Reason{"is excluded by the user"};
-            }
-        }
-        return {};
+        if (!visit.query.exclusions || !visit.query.exclusions->cover(visit.candidate)) return {};
+        return Reason{"is excluded by the user"};
     }
 
     static Verdict hostAuthorization(Visit& visit) {

@@ -2,6 +2,7 @@
 
 #include <cstdint>
 #include <functional>
+#include <memory>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -11,6 +12,7 @@
 #include "platform/value/Value.h"
 #include "vtd/MatchList.h"
 
+class Exclusions;
 class VTDPlugIn;
 
 // One discovery: passes each candidate through an ordered list of named gates and collects the forms of those that
@@ -26,8 +28,7 @@ public:
         // look at the disk. Empty: nowhere.
         std::function<std::optional<std::string>()> clientPlugInsPath;
         std::function<bool(const VTDPlugIn&)> isOnHold = {};  // empty: nothing is
-        // What the user wants no host to see: rules, of which none may match. Elements of another kind match nothing.
-        value::Array exclusions = {};
+        std::shared_ptr<const Exclusions> exclusions = {};    // what the user wants no host to see; null: nothing
         // Why the client may not use a plug-in, or nothing when it may. Empty: it may use every one.
         std::function<std::optional<std::string>(const VTDPlugIn& plugIn)> refuseToClient = {};
     };

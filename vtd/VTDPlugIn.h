@@ -3,6 +3,7 @@
 #include <sys/types.h>
 
 #include <cstdint>
+#include <limits>
 #include <memory>
 #include <optional>
 #include <set>
@@ -125,7 +126,8 @@ private:
     mutable VTAtomic<std::string> localizedName_;
     mutable VTAtomic<std::string> localizedShortName_;
     mutable VTAtomic<std::string> localizedContainingName_;
-    mutable VTAtomic<std::optional<std::int64_t>> containerAgeRestriction_;  // once it was asked for
+    static constexpr std::int64_t kNotAsked = std::numeric_limits<std::int64_t>::min();
+    mutable VTAtomic<std::int64_t> containerAgeRestriction_{kNotAsked};
     VTAtomic<std::shared_ptr<const dravo::DVVeltoProxy>> dvproxy_;
     VTAtomic<std::weak_ptr<VTDAnnotationSource>> annotationSource_;
 };

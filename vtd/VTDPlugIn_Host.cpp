@@ -50,7 +50,7 @@ bool VTDPlugIn::ageRestricted(std::optional<std::int64_t> maximumRating) const {
 }
 
 std::int64_t VTDPlugIn::containerAgeRestriction() const {
-    if (const auto known = containerAgeRestriction_.load()) return *known;
+    if (const std::int64_t known = containerAgeRestriction_.load(); known != kNotAsked) return known;
     const auto container = dvproxy()->containingBundle();
     const auto directory =
         container && container->application ? container->application->bundleContainerPath() : std::nullopt;

@@ -26,3 +26,14 @@ std::optional<value::Array> VTDUserPrefs::exclusions() {
     }
     return {};
 }
+
+std::shared_ptr<const Exclusions> VTDUserPrefs::preparedExclusions() {
+    const auto current = exclusions();
+    if (!current) return nullptr;
+    auto prepared = prepared_.load();
+    if (!prepared || !prepared->areOf(*current)) {
+        prepared = std::make_shared<const Exclusions>(*current);
+        prepared_.store(prepared);
+    }
+    return prepared;
+}

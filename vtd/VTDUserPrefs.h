@@ -1,9 +1,12 @@
 #pragma once
 
+#include <memory>
 #include <optional>
 
+#include "Velto/VTAtomic.h"
 #include "platform/prefs/Preferences.h"
 #include "platform/value/Value.h"
+#include "vtd/Exclusions.h"
 
 inline constexpr char kUserPrefsDomain[] = "halvern.velto.userprefs";
 inline constexpr char kExclusionsKey[] = "exclusions";
@@ -19,4 +22,10 @@ public:
     // The rules dictionaries as they are stored now, or nothing. What is no array of dictionaries excludes nothing, and
     // the log says so once for each change of the preferences.
     std::optional<value::Array> exclusions();
+
+    // The same, ready for use: made anew only when they have changed. Null for none.
+    std::shared_ptr<const Exclusions> preparedExclusions();
+
+private:
+    VTAtomic<std::shared_ptr<const Exclusions>> prepared_;
 };

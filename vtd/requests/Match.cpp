@@ -70,7 +70,7 @@ void Transaction::matchPlugIns() {
     if (const auto& bundle = client()->bundle()) query.clientPlugInsPath = [bundle] { return bundle->plugInsPath(); };
 
     query.isOnHold = [this](const VTDPlugIn& plugIn) { return server()->holdOnPlugIn(plugIn); };
-    query.exclusions = server()->userPrefs()->exclusions().value_or(value::Array{});
+    query.exclusions = server()->userPrefs()->preparedExclusions();
     query.refuseToClient = [&client = *client(), maximumRating = restrictions::maximumAppsRating()](
                                const VTDPlugIn& plugIn) { return plugIn.allowForClient(client, maximumRating); };
 

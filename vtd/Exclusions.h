@@ -1,0 +1,40 @@
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <vector>
+
+#include "platform/value/Value.h"
+
+class VTDPlugIn;
+
+// The user's exclusions, made ready for the many candidates of many discoveries: rules dictionaries, of which any that
+// matches a plug-in hides it from every host.
+//
+// People exclude plug-ins by name: those that name identifiers literally are found through an index, so that a hundred
+// of them cost a candidate little more than one. The answer, and what it evaluates on the way, is the same as when they
+// are tried one after another.
+//
+// Immutable: any thread.
+class Exclusions {
+public:
+    explicit Exclusions(value::Array rules);  // elements that are no dictionary exclude nothing
+
+    bool cover(const VTDPlugIn& plugIn) const;
+
+    // Whether they were made from this very array.
+    bool areOf(const value::Array& rules) const { return rules.begin() == rules_.begin(); }
+
+private:
+    struct Named {
+        std::uint64_t identifier;  // its hash
+        std::size_t position;
+        friend auto operator<=>(const Named&, const Named&) = default;
+    };
+
+    void add(std::size_t position, const value::Dictionary& rules);
+
+    const value::Array rules_;
+    std::vector<Named> named_;         // in ascending order
+    std::vector<std::size_t> others_;  // positions, in ascending order
+};
