@@ -1,73 +1,27 @@
-#include <cstdint>
-#include <stdexcept>
-
-#include "bench/Client.h"
+#include "bench/MatchClient.h"
 #include "bench/Processes.h"
 #include "bench/Rows.h"
-#include "bench/Statistics.h"
 #include "bench/World.h"
 
 namespace bench {
 
 namespace {
 
-// Visits every key and every value, and lets none of it be left out by the compiler.
-std::uint64_t visitAll(mox::View view) {
-    switch (view.kind()) {
-        case mox::Kind::string: return view.string()->size();
-        case mox::Kind::boolean: return *view.boolean() ? 1 : 0;
-        case mox::Kind::signedInteger: return static_cast<std::uint64_t>(*view.signedInteger());
-        case mox::Kind::unsignedInteger: return *view.unsignedInteger();
-        case mox::Kind::data: return view.data()->size();
-        case mox::Kind::array: {
-            std::uint64_t sum = 0;
-            view.forEachElement([&](mox::View element) { sum += visitAll(element); });
-            return sum;
-        }
-        case mox::Kind::dictionary: {
-            std::uint64_t sum = 0;
-            view.forEachEntry([&](std::string_view key, mox::View entry) { sum += key.size() + visitAll(entry); });
-            return sum;
-        }
-        default: return static_cast<std::uint64_t>(view.kind());
-    }
-}
-
-// Microseconds a match of a discovery by extension point that selects a tenth of the world.
-double microsecondsAMatch(std::size_t plugIns) {
-    constexpr int kRepetitions = 7;
-    const std::size_t expected = plugIns / kPlugInsPerApplication;
-    const std::size_t rounds = 100'000 / expected;
-
+// Of a discovery that selects a tenth of the world.
+double microsecondsAMatchOf(std::size_t plugIns) {
     const World world{plugIns};
     pinToCore(0);
     const Daemon daemon{world.root(), {"-c", "100000"}};
-    VTDaemonClient client{kServiceName};
-    const value::Dictionary rules{{"KXExtensionPointName", kExtensionPoint}};
-    const auto send = [&](VTDaemonClient::Reply reply) { client.matchPlugIns(rules, 0, std::move(reply)); };
-    std::size_t found = 0;
-    volatile std::uint64_t sink = 0;
-    const auto visit = [&](const mox::Object& reply) {
-        const auto matches = reply.view().find(VTKey::matches);
-        const auto forms = matches ? matches->message() : std::nullopt;
-        if (!forms) return;
-        found = forms->count();
-        sink = sink + visitAll(*forms);
-    };
-    roundTrips(3, send, visit);
-    if (found != expected) throw std::runtime_error("the discovery did not find what it should");
-
-    std::vector<double> medians;
-    for (int i = 0; i < kRepetitions; ++i) medians.push_back(median(roundTrips(rounds / 4, send, visit)));
+    const double figure = microsecondsAMatch(plugIns / kPlugInsPerApplication);
     unpin();
-    return median(medians) / static_cast<double>(expected);
+    return figure;
 }
 
 }  // namespace
 
 std::vector<Row> discoveries() {
-    const double small = microsecondsAMatch(1'000);
-    const double large = microsecondsAMatch(10'000);
+    const double small = microsecondsAMatchOf(1'000);
+    const double large = microsecondsAMatchOf(10'000);
     return {{"match, 100 of 1,000, a match, one core", small, "us", "", 0, 8},
             {"match, 1,000 of 10,000, a match, one core", large, "us", "100 of 1,000", small, 1.2}};
 }

@@ -11,6 +11,7 @@ Row smallRequest();                 // RoundTrip.cpp
 Row manyClients();                  // Load.cpp
 Row besideBadClients();             // Load.cpp
 std::vector<Row> discoveries();     // Match.cpp
+std::vector<Row> policies();        // Policy.cpp
 Row buildingOneRecord();            // Record.cpp
 Row annotating();                   // Annotate.cpp
 std::vector<Row> startsAndScans();  // Start.cpp

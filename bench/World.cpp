@@ -21,15 +21,24 @@ std::string makeRoot() {
     return pattern;
 }
 
-void write(const std::filesystem::path& path, const value::Value& value) {
-    std::filesystem::create_directories(path.parent_path());
-    const auto text = plist::writeXml(value);
-    if (!text) throw std::runtime_error(text.error().localizedDescription());
-    std::ofstream{path} << *text;
-}
-
 // The entries that a real extension's Info.plist has, about 2 KB of XML with the extension's own.
-Dictionary infoOf(const std::string& identifier, const std::string& name, const std::string& point) {
+Dictionary infoOf(const std::string& identifier, const std::string& name, const std::string& point,
+                  World::Demands demands) {
+    Dictionary extension{
+        {"KXExtensionPointIdentifier", point},
+        {"KXExtensionPrincipalScene", "Main"},
+        {"KXExtensionProtocol", "KXObject"},
+        {"KXExtensionAttributes", Dictionary{{"KXExtensionPointName", point},
+                                             {"KXExtensionVersion", "3.2.1"},
+                                             {"Category", "productivity"},
+                                             {"Languages", Array{"de", "en", "es", "fr", "it", "ja", "pt"}},
+                                             {"Order", 10},
+                                             {"SupportsDrag", true},
+                                             {"ActivationRule", Dictionary{{"public.image", 10}, {"public.text", 1}}},
+                                             {"Keywords", Array{"share", "send", "post", "picture"}}}}};
+    if (demands == World::Demands::everything) {
+        extension = extension.changing("KXExtensionHostEntitlement", value::Value{kHostEntitlement});
+    }
     return {
         {"QFBundleIdentifier", identifier},
         {"QFBundleName", name},
@@ -46,43 +55,43 @@ Dictionary infoOf(const std::string& identifier, const std::string& name, const 
         {"MinimumSystemVersion", "11.0"},
         {"DeviceFamily", Array{1, 2}},
         {"RequiredCapabilities", Array{"arm64", "camera"}},
-        {"KXExtension", Dictionary{{"KXExtensionPointIdentifier", point},
-                                   {"KXExtensionPrincipalScene", "Main"},
-                                   {"KXExtensionProtocol", "KXObject"},
-                                   {"KXExtensionAttributes",
-                                    Dictionary{{"KXExtensionPointName", point},
-                                               {"KXExtensionVersion", "3.2.1"},
-                                               {"Category", "productivity"},
-                                               {"Languages", Array{"de", "en", "es", "fr", "it", "ja", "pt"}},
-                                               {"Order", 10},
-                                               {"SupportsDrag", true},
-                                               {"ActivationRule", Dictionary{{"public.image", 10}, {"public.text", 1}}},
-                                               {"Keywords", Array{"share", "send", "post", "picture"}}}}}}};
+        {"KXExtension", extension},
+    };
 }
 
 }  // namespace
 
-World::World(std::size_t plugIns) : root_{makeRoot()}, plugIns_{plugIns} {
+void writeList(const std::filesystem::path& path, const value::Value& value) {
+    std::filesystem::create_directories(path.parent_path());
+    const auto text = plist::writeXml(value);
+    if (!text) throw std::runtime_error(text.error().localizedDescription());
+    std::ofstream{path} << *text;
+}
+
+World::World(std::size_t plugIns, Demands demands) : root_{makeRoot()}, plugIns_{plugIns} {
     const std::filesystem::path root = root_;
     for (const char* directory : {"run", "state", "config", "user", "system"}) {
         std::filesystem::create_directories(root / directory);
         std::filesystem::permissions(root / directory, std::filesystem::perms::owner_all);
     }
     for (const std::string point : {"bench.point.one", "bench.point.other"}) {
-        write(root / "system/SDKs" / (point + ".plist"),
-              Dictionary{{"KXExtension", Dictionary{{"KXExtensionProtocol", "KXObject"}, {"SDKOnly", "merged"}}}});
+        writeList(root / "system/SDKs" / (point + ".plist"),
+                  Dictionary{{"KXExtension", Dictionary{{"KXExtensionProtocol", "KXObject"}, {"SDKOnly", "merged"}}}});
     }
     for (std::size_t i = 0; i < plugIns; ++i) {
         const std::string application = "bench.app" + std::to_string(i / kPlugInsPerApplication);
-        const auto bundle = root / "user/Applications" / (application + ".app");
+        const auto container = root / "user/Applications" / application;
+        const auto bundle =
+            (demands == Demands::nothing ? container.parent_path() : container) / (application + ".app");
         const std::string identifier = application + ".extension" + std::to_string(i % kPlugInsPerApplication);
         const bool first = i % kPlugInsPerApplication == 0;
         if (first) {
-            write(bundle / "Info.plist",
-                  Dictionary{{"QFBundleIdentifier", application}, {"QFBundleName", application}});
+            writeList(bundle / "Info.plist",
+                      Dictionary{{"QFBundleIdentifier", application}, {"QFBundleName", application}});
         }
-        write(bundle / "PlugIns" / (std::to_string(i % kPlugInsPerApplication) + ".appex") / "Info.plist",
-              infoOf(identifier, "Extension " + std::to_string(i), first ? "bench.point.one" : "bench.point.other"));
+        writeList(bundle / "PlugIns" / (std::to_string(i % kPlugInsPerApplication) + ".appex") / "Info.plist",
+                  infoOf(identifier, "Extension " + std::to_string(i), first ? "bench.point.one" : "bench.point.other",
+                         demands));
     }
 }
 

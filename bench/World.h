@@ -1,7 +1,10 @@
 #pragma once
 
 #include <cstddef>
+#include <filesystem>
 #include <string>
+
+#include "platform/value/Value.h"
 
 namespace bench {
 
@@ -10,7 +13,10 @@ namespace bench {
 // 1,000 do.
 class World {
 public:
-    explicit World(std::size_t plugIns);
+    // Whether each plug-in demands kHostEntitlement of its hosts, and its application is rated kRating.
+    enum class Demands { nothing, everything };
+
+    explicit World(std::size_t plugIns, Demands demands = Demands::nothing);
     ~World();
     World(const World&) = delete;
     World& operator=(const World&) = delete;
@@ -23,7 +29,12 @@ private:
     const std::size_t plugIns_;
 };
 
+inline constexpr char kHostEntitlement[] = "bench.host";
+inline constexpr int kRating = 12;
 inline constexpr char kExtensionPoint[] = "bench.point.one";
 inline constexpr std::size_t kPlugInsPerApplication = 10;
+
+// Writes a property list, with the directories that it needs.
+void writeList(const std::filesystem::path& path, const value::Value& value);
 
 }  // namespace bench

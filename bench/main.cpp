@@ -2,6 +2,7 @@
 #include <iostream>
 #include <set>
 
+#include "bench/Host.h"
 #include "bench/Rows.h"
 #include "platform/logging/Log.h"
 
@@ -15,6 +16,7 @@ int main(int argc, char** argv) {
              return Rows{bench::manyClients(), bench::besideBadClients()};
          }},
         {"match", bench::discoveries},
+        {"policy", bench::policies},
         {"record", [] { return Rows{bench::buildingOneRecord()}; }},
         {"annotate", [] { return Rows{bench::annotating()}; }},
         {"start", bench::startsAndScans},
@@ -22,6 +24,7 @@ int main(int argc, char** argv) {
     };
     // A daemon that is still starting is tried again and again; that is no news.
     logging::setSink([](logging::Level, std::string_view) {});
+    if (bench::ranAsHost(argc, argv)) return 0;
     const std::set<std::string> wanted{argv + 1, argv + argc};
     Rows rows;
     for (const auto& [name, measure] : groups) {
