@@ -4,7 +4,6 @@
 #include <sys/un.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <array>
 #include <cerrno>
 #include <cstring>
@@ -14,23 +13,8 @@
 
 namespace bench {
 
-namespace {
-
-std::vector<std::byte> frame(mox::wire::FrameKind kind, std::uint64_t replyId, mox::Bytes body) {
-    mox::wire::Header header{};
-    header.length = static_cast<std::uint32_t>(mox::wire::kLengthCounts + body.size());
-    header.kind = kind;
-    header.replyId = replyId;
-    std::vector<std::byte> bytes(sizeof header + body.size());
-    std::memcpy(bytes.data(), &header, sizeof header);
-    std::copy(body.begin(), body.end(), bytes.begin() + sizeof header);
-    return bytes;
-}
-
-}  // namespace
-
 std::vector<std::byte> requestFrame(const mox::Dictionary& request) {
-    return frame(mox::wire::FrameKind::request, 1, request.toObject().view().encoded());
+    return mox::wire::frame(mox::wire::FrameKind::request, 1, request.toObject().view().encoded());
 }
 
 RawConnection::RawConnection(const std::string& socketPath) : socket_{socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0)} {
@@ -46,7 +30,7 @@ void RawConnection::shakeHands() {
     while (!readFrame()) {
     }
     const auto* nonce = received_.data() + mox::wire::kHeaderSize + sizeof(std::uint32_t);
-    const auto echo = frame(mox::wire::FrameKind::echo, 0, {nonce, sizeof(mox::wire::Nonce)});
+    const auto echo = mox::wire::frame(mox::wire::FrameKind::echo, 0, {nonce, sizeof(mox::wire::Nonce)});
     received_.clear();
     sendAll(echo.data(), echo.size());
 }

@@ -4,6 +4,8 @@
 #include <cstddef>
 #include <cstdint>
 #include <cstring>
+#include <span>
+#include <vector>
 
 #include "platform/mox/Encoding.h"
 
@@ -62,5 +64,8 @@ inline constexpr std::size_t kLengthCounts = kHeaderSize - sizeof(std::uint32_t)
 using Nonce = std::array<std::byte, 16>;
 
 inline constexpr std::size_t kHelloSize = sizeof(std::uint32_t) + sizeof(Nonce);
+
+// A whole frame without flags. For what is small or rare: messages are framed where they are built (Dictionary).
+std::vector<std::byte> frame(FrameKind kind, std::uint64_t replyId, std::span<const std::byte> body);
 
 }  // namespace mox::wire

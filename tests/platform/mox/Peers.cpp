@@ -225,15 +225,6 @@ bool RawPeer::readFully(std::span<std::byte> bytes) {
            ::recv(socket_.get(), bytes.data(), bytes.size(), MSG_WAITALL) == static_cast<ssize_t>(bytes.size());
 }
 
-Blob frame(FrameKind kind, std::uint64_t replyId, std::span<const std::byte> body) {
-    const mox::wire::Header header{static_cast<std::uint32_t>(mox::wire::kLengthCounts + body.size()), kind,
-                                   mox::wire::kNoFlags, 0, replyId};
-    const auto bytes = std::as_bytes(std::span{&header, 1});
-    Blob frame(bytes.size() + body.size());
-    std::copy(body.begin(), body.end(), std::copy(bytes.begin(), bytes.end(), frame.begin()));
-    return frame;
-}
-
 Blob request(std::uint64_t replyId, std::size_t padding) {
     mox::Dictionary dictionary;
     dictionary.set("question", 1);

@@ -124,7 +124,7 @@ private:
     file::UniqueFd socket_;
 };
 
-Blob frame(mox::wire::FrameKind kind, std::uint64_t replyId, std::span<const std::byte> body);
+using mox::wire::frame;
 Blob request(std::uint64_t replyId, std::size_t padding = 0);  // {"question": 1, "padding": so many bytes}
 Blob operator+(Blob first, const Blob& second);
 

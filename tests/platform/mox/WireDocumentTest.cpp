@@ -1,6 +1,5 @@
 // The worked example of doc/wire.md is what this code writes and reads: whoever writes a client from that page relies
 // on it.
-#include <algorithm>
 #include <cstring>
 #include <fstream>
 #include <sstream>
@@ -29,37 +28,28 @@ std::vector<std::byte> block(const std::string& name) {
     return support::fromHex(std::string_view{text}.substr(contents, text.find("```", contents) - contents));
 }
 
-std::vector<std::byte> frame(wire::FrameKind kind, std::uint64_t replyId, Bytes body) {
-    const wire::Header header{static_cast<std::uint32_t>(wire::kLengthCounts + body.size()), kind, wire::kNoFlags, 0,
-                              replyId};
-    std::vector<std::byte> bytes(wire::kHeaderSize + body.size());
-    std::memcpy(bytes.data(), &header, sizeof header);
-    std::copy(body.begin(), body.end(), bytes.begin() + wire::kHeaderSize);
-    return bytes;
-}
-
 TEST(WireDocument, TheHandshakeIsAsWritten) {
     std::vector<std::byte> body(wire::kHelloSize);
     std::memcpy(body.data(), &wire::kProtocolVersion, sizeof wire::kProtocolVersion);
     for (std::size_t i = 0; i < 16; ++i) body[4 + i] = static_cast<std::byte>(0x10 + i);
-    EXPECT_EQ(block("hello"), frame(wire::FrameKind::hello, 0, body));
-    EXPECT_EQ(block("echo"), frame(wire::FrameKind::echo, 0, Bytes{body}.subspan(4)));
+    EXPECT_EQ(block("hello"), wire::frame(wire::FrameKind::hello, 0, body));
+    EXPECT_EQ(block("echo"), wire::frame(wire::FrameKind::echo, 0, Bytes{body}.subspan(4)));
 }
 
 TEST(WireDocument, TheMessagesAreAsWritten) {
     const Object request{
         Dictionary{{"request", "match"}, {"version", 3U}, {"rules", Dictionary{{"KXExtensionPointName", "a.b"}}}}};
-    EXPECT_EQ(block("request"), frame(wire::FrameKind::request, 1, request.view().encoded()));
+    EXPECT_EQ(block("request"), wire::frame(wire::FrameKind::request, 1, request.view().encoded()));
 
     Encoder matches;
     matches.beginMessage();
     matches.value(Array{Dictionary{{"identifier", "x.y"}, {"systemResident", true}}});
     mox::Dictionary reply;
     reply.setEncoded("matches", std::make_shared<const std::vector<std::byte>>(matches.take()));
-    EXPECT_EQ(block("reply"), frame(wire::FrameKind::reply, 1, reply.toObject().view().encoded()));
+    EXPECT_EQ(block("reply"), wire::frame(wire::FrameKind::reply, 1, reply.toObject().view().encoded()));
 
     const Object refusal{Dictionary{{"errorcode", 7U}, {"error", "unsupported protocol version 4 (current 3)"}}};
-    EXPECT_EQ(block("refusal"), frame(wire::FrameKind::reply, 2, refusal.view().encoded()));
+    EXPECT_EQ(block("refusal"), wire::frame(wire::FrameKind::reply, 2, refusal.view().encoded()));
 }
 
 }  // namespace
