@@ -11,9 +11,14 @@
 namespace {
 
 constexpr std::uint32_t kCountReportedEvery = 1000;
+constexpr unsigned kUnexpectedLogged = 16;  // of one client: it must not fill the log
 
 std::shared_ptr<VTBundle> bundleOf(const mox::PeerIdentity& peer) {
-    return peer.executablePath ? VTBundle::initWithExecutableURL(*peer.executablePath) : nullptr;
+    if (!peer.executablePath) return nullptr;
+    if (!peer.bundle) return VTBundle::initWithExecutableURL(*peer.executablePath);
+    // The same bundle, which the connection has opened already.
+    return peer.bundle->bundlePath() ? VTBundle::initWithMoxBundle(peer.bundle)
+                                     : VTBundle::initWithPath(*peer.executablePath);
 }
 
 }  // namespace
@@ -85,10 +90,13 @@ void VTDMoxClient::handleEvent(const mox::Event& event) {
 void VTDMoxClient::handleRequest(const mox::Request& request) {
     if (server_->verbose() >= 2) server_->debug("incoming request {}", request.view());
     probes::requestInput(pid(), [&] { return mox::description(request.view()); });
-    server_->submitWork([transaction = std::make_shared<Transaction>(request, shared_from_this())] {
-        transaction->client()->countRequest();
-        transaction->dispatch();
-    });
+    server_->submitWork(
+        // Made where it runs: until then the request and the client are all there is to it.
+        [request, client = shared_from_this()]() mutable {
+            Transaction transaction{std::move(request), std::move(client)};
+            transaction.client()->countRequest();
+            transaction.dispatch();
+        });
 }
 
 void VTDMoxClient::handleOther(const mox::Object& object) {
@@ -99,6 +107,9 @@ void VTDMoxClient::handleOther(const mox::Object& object) {
     } else if (object.isError()) {
         server_->log("unexpected error {}", mox::errorDescription(object));
     } else {
+        if (unexpectedMessages_ > kUnexpectedLogged) return;
+        if (++unexpectedMessages_ > kUnexpectedLogged)
+            return server_->log("further unexpected messages of client {} are not logged", pid());
         const auto peer = connection();
         server_->log("unexpected message {} on connection {}", object.view(), peer ? peer->description() : "(null)");
     }

@@ -71,6 +71,7 @@ private:
     const entitlements::SecurityTask task_;
 
     VTAtomic<bool> acceptWork_{true};
-    std::uint32_t requestCount_ = 0;  // requests taken from this peer so far; wraps
+    unsigned unexpectedMessages_ = 0;  // that were logged; touched where the connection delivers
+    std::uint32_t requestCount_ = 0;   // requests taken from this peer so far; wraps
     bool gaveUpHolds_ = false;
 };

@@ -14,7 +14,6 @@
 #include <limits>
 #include <string_view>
 
-#include "platform/bundle/Bundle.h"
 #include "platform/text/Format.h"
 
 // How an identity is read, and what each step stops:
@@ -37,7 +36,7 @@ namespace {
 constexpr int SO_PEERPIDFD = 77;
 #endif
 
-constexpr std::size_t kLongestPath = 1023;
+constexpr std::size_t kLongestPath = 2047;
 
 std::string procPath(pid_t pid, std::string_view name) {
     return text::format("/proc/{}/{}", pid, name);
@@ -138,7 +137,8 @@ std::uint64_t startTimeOf(pid_t pid) {
 void openBundle(PeerIdentity& identity) {
     if (!identity.executablePath) return;
     const std::string& path = *identity.executablePath;
-    const auto bundlePath = bundle::Bundle::open(path, bundle::PathKind::executable)->bundlePath();
+    identity.bundle = bundle::Bundle::open(path, bundle::PathKind::executable);
+    const auto bundlePath = identity.bundle->bundlePath();
     if (!bundlePath || !path.starts_with(*bundlePath + "/")) return;
 
     // The directory that was opened, and not only one that had the name a moment ago, must be where the peer runs from.

@@ -3,9 +3,11 @@
 #include <sys/types.h>
 
 #include <cstdint>
+#include <memory>
 #include <optional>
 #include <string>
 
+#include "platform/bundle/Bundle.h"
 #include "platform/file/UniqueFd.h"
 #include "platform/value/Error.h"
 
@@ -34,6 +36,9 @@ struct PeerIdentity {
     // peer's pids are the daemon's. Nothing when it cannot be read or does not fit: such a peer has no bundle and no
     // entitlements, and is served.
     std::optional<std::string> executablePath;
+
+    // What was opened to look for the executable's bundle, whether or not it found one; null without a path.
+    std::shared_ptr<const bundle::Bundle> bundle;
 
     // The directory of the executable's bundle as it was when the connection was made, for reading its entitlements;
     // empty when there is none.
