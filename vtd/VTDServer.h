@@ -65,7 +65,10 @@ public:
     }
 
     // Appends the closure to the service queue: the one road by which request work gets there.
-    void submitWork(std::function<void()> work) const { mainQueue_->async(std::move(work)); }
+    template <typename F>
+    void submitWork(F&& work) const {
+        mainQueue_->async(std::forward<F>(work));
+    }
 
     // --- Holds (VTDServer_Holds.cpp). Each enters syncQueue by itself; each hold that comes or goes is one
     // notification.

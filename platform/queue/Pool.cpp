@@ -165,7 +165,7 @@ void Pool::beforeWork() {
 }
 
 void Pool::setReminder() {
-    if (reminderSet_.exchange(true)) return;
+    if (reminderSet_ || reminderSet_.exchange(true)) return;
     startReminder();
 }
 
@@ -235,9 +235,10 @@ void Pool::workOnce(Lender* lender, std::uint64_t recallsSeen) {
         waitForEvents(place, lender);
         return;
     }
-    if (!queue->take()) return;
+    Item* const first = queue->take();
+    if (first == nullptr) return;
     beforeWork();
-    itemsSinceEvents += queue->drain();
+    itemsSinceEvents += queue->drain(first);
     if (itemsSinceEvents >= SerialQueue::State::kBatch && !anyoneWaits())
         takeEvents(Place::passing, nullptr);  // nobody else would
 }
@@ -247,16 +248,18 @@ Pool::Taken Pool::takeEvents(Place place, Lender* lender) {
     const file::UniqueFd& epoll = place == Place::standby ? standby_ : epoll_;
     int count = 0;
     do {
-        if (place != Place::standby) ++polls_;
+        // That it changes is all that counts.
+        if (place != Place::standby)
+            polls_.store(polls_.load(std::memory_order_relaxed) + 1, std::memory_order_relaxed);
         count = ::epoll_wait(epoll.get(), events.data(), kEventsAtOnce, place == Place::passing ? 0 : -1);
     } while (place == Place::standby && count == 1 && events.front().data.u64 == kReminder && !isTakeOverDue());
-    if (place == Place::poller) polling_ = false;
+    if (place == Place::poller) polling_.store(false, std::memory_order_release);
     if (place == Place::standby) --standbys_;
     itemsSinceEvents = 0;
 
     Taken taken;
     if (lender != nullptr) taken.recalled = comeBack(*lender);
-    std::shared_ptr<SerialQueue::State> ours;
+    std::shared_ptr<WatchState> ours;
     for (int i = 0; i < count; ++i) {
         const epoll_event& event = events.at(static_cast<std::size_t>(i));
         switch (event.data.u64) {
@@ -271,21 +274,21 @@ Pool::Taken Pool::takeEvents(Place place, Lender* lender) {
     if (ours) {
         taken.work = true;
         beforeWork();
-        itemsSinceEvents += ours->drain();
+        itemsSinceEvents += ours->queue()->drain(ours.get());
     }
     return taken;
 }
 
-// The first queue that was idle is ours, the others are the pool's.
-void Pool::report(std::uint64_t id, std::uint32_t readiness, std::shared_ptr<SerialQueue::State>& ours) {
-    const std::shared_ptr<WatchState> watch = watches_.find(id);
+// The first watch whose queue was idle is ours, with that queue's turn; the others are the pool's.
+void Pool::report(std::uint64_t id, std::uint32_t readiness, std::shared_ptr<WatchState>& ours) {
+    std::shared_ptr<WatchState> watch = watches_.find(id);
     if (!watch) return;
     using Claim = SerialQueue::State::Claim;
     if (!watch->observe(readiness, ours ? Claim::pool : Claim::caller)) return;
     if (ours) {
         schedule(watch->queue());
     } else {
-        ours = watch->queue();
+        ours = std::move(watch);
     }
 }
 

@@ -74,7 +74,7 @@ private:
     };
     Taken takeEvents(Place place, Lender* lender);
     bool comeBack(Lender& lender);  // from waiting; true when it was recalled
-    void report(std::uint64_t id, std::uint32_t readiness, std::shared_ptr<SerialQueue::State>& ours);
+    void report(std::uint64_t id, std::uint32_t readiness, std::shared_ptr<WatchState>& ours);
 
     bool anyoneWaits() const { return polling_ || standbys_ > 0; }
     void wakeOne();

@@ -5,31 +5,14 @@
 #include "platform/queue/State.h"
 
 namespace queue {
-namespace {
-
-class Closure final : public Item {
-public:
-    explicit Closure(SerialQueue::Work work) : work_{std::move(work)} {}
-
-    // What the closure captured goes in the queue's turn too: a later sync() finds it gone.
-    void run() noexcept override {
-        const std::unique_ptr<Closure> self{this};
-        work_();
-    }
-
-private:
-    const SerialQueue::Work work_;
-};
-
-}  // namespace
 
 SerialQueue::SerialQueue(std::string label, QualityOfService quality)
     : state_{std::make_shared<State>(std::move(label), quality)} {}
 
 SerialQueue::~SerialQueue() = default;  // the pool keeps the state as long as there are closures to run
 
-void SerialQueue::async(Work work) {
-    state_->submit(*std::make_unique<Closure>(std::move(work)).release());
+void SerialQueue::submit(std::unique_ptr<Item> item) {
+    state_->submit(*item.release());
 }
 
 bool SerialQueue::isCurrent() const {

@@ -6,6 +6,8 @@
 #include <type_traits>
 #include <utility>
 
+#include "platform/queue/Item.h"
+
 namespace queue {
 
 // The platform's classes, by its own numbers. The pool serves waiting queues of a higher class first.
@@ -30,8 +32,11 @@ public:
     SerialQueue(const SerialQueue&) = delete;
     SerialQueue& operator=(const SerialQueue&) = delete;
 
-    // Runs later; returns at once.
-    void async(Work work);
+    // Runs later; returns at once. Takes any closure, also one that cannot be copied.
+    template <typename F>
+    void async(F&& work) {
+        submit(std::make_unique<Closure<std::decay_t<F>>>(std::forward<F>(work)));
+    }
 
     // Runs before it returns, in its turn; on an idle queue on the caller's thread, at the price of an uncontended
     // lock. The result of the closure is returned.
@@ -83,6 +88,8 @@ private:
         const std::shared_ptr<State> state_;
         const Presence presence_;
     };
+
+    void submit(std::unique_ptr<Item> item);
 
     const std::shared_ptr<State> state_;
 };

@@ -23,10 +23,10 @@ SerialQueue::State::State(std::string name, QualityOfService qos) : label{std::m
 
 bool SerialQueue::State::append(Item& item, Claim claim) {
     const std::lock_guard lock{mutex_};
-    items_.push(item);
-    if (phase_ != Phase::idle) return false;
-    phase_ = claim == Claim::caller ? Phase::running : Phase::scheduled;
-    return true;
+    const bool isIdle = phase_ == Phase::idle;
+    if (!isIdle || claim == Claim::pool) items_.push(item);
+    if (isIdle) phase_ = claim == Claim::caller ? Phase::running : Phase::scheduled;
+    return isIdle;
 }
 
 void SerialQueue::State::submit(Item& item) {
@@ -35,11 +35,11 @@ void SerialQueue::State::submit(Item& item) {
     if (append(item, Claim::pool)) Pool::shared().schedule(std::move(self));
 }
 
-bool SerialQueue::State::take() {
+Item* SerialQueue::State::take() {
     const std::lock_guard lock{mutex_};
-    if (phase_ != Phase::scheduled) return false;
+    if (phase_ != Phase::scheduled) return nullptr;
     phase_ = Phase::running;
-    return true;
+    return &items_.pop();
 }
 
 SerialQueue::State::Next SerialQueue::State::next(unsigned budget) {
@@ -55,10 +55,10 @@ SerialQueue::State::Next SerialQueue::State::next(unsigned budget) {
     return {&items_.pop(), false};
 }
 
-unsigned SerialQueue::State::drain(unsigned budget) {
+unsigned SerialQueue::State::drain(Item* first, unsigned budget) {
     const Presence presence{*this};
     for (unsigned ran = 0;; ++ran) {
-        const Next up = next(budget - ran);
+        const Next up = first != nullptr ? Next{std::exchange(first, nullptr), false} : next(budget - ran);
         if (up.item == nullptr) {
             if (up.spent) Pool::shared().schedule(shared_from_this());
             return ran;
@@ -103,7 +103,7 @@ void SerialQueue::State::enter() {
 }
 
 void SerialQueue::State::leave() {
-    drain(0);
+    drain(nullptr, 0);
 }
 
 }  // namespace queue

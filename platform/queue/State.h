@@ -6,6 +6,7 @@
 #include <semaphore>
 #include <string>
 
+#include "platform/queue/Item.h"
 #include "platform/queue/SerialQueue.h"
 
 // How a serial queue works. A queue is in one of three phases: idle (nothing to do), scheduled (has items; on the
@@ -18,27 +19,6 @@
 //   So nobody ever waits for a queue that no thread is running, however few threads there are;
 // - a thread in sync() on a running queue leaves a waiter among the items, and whoever comes upon it hands it the turn.
 namespace queue {
-
-// One thing to do in a queue's turn. Intrusive, so that events and timers are queued without allocating.
-class Item {
-public:
-    enum class Kind : std::uint8_t { work, waiter };
-
-    explicit Item(Kind kind = Kind::work) : kind_{kind} {}
-    Item(const Item&) = delete;
-    Item& operator=(const Item&) = delete;
-    virtual ~Item() = default;
-
-    // Called once for each time it was queued, in the queue's turn. The item may be gone, or queued again, afterwards.
-    virtual void run() noexcept = 0;
-
-    bool isWaiter() const { return kind_ == Kind::waiter; }
-
-private:
-    friend class ItemList;
-    const Kind kind_;
-    Item* next_ = nullptr;
-};
 
 class ItemList {
 public:
@@ -65,8 +45,8 @@ private:
 
 struct SerialQueue::State : std::enable_shared_from_this<SerialQueue::State> {
     enum class Claim : std::uint8_t {
-        pool,   // the caller hands an idle queue to the pool
-        caller  // the caller takes an idle queue's turn and must drain() it
+        pool,   // the caller hands an idle queue, with the item, to the pool
+        caller  // the caller takes an idle queue's turn, and must drain() it with the item
     };
     static constexpr unsigned kBatch = 64;  // items run before the thread looks at other queues and the reactor
 
@@ -74,18 +54,19 @@ struct SerialQueue::State : std::enable_shared_from_this<SerialQueue::State> {
 
     static const std::shared_ptr<State>& of(const SerialQueue& queue) { return queue.state_; }
 
-    // Appends the item. True when this took the idle queue out of idleness for the claimant given.
+    // Appends the item, unless the caller takes the turn. True when this took the idle queue out of idleness for the
+    // claimant given.
     [[nodiscard]] bool append(Item& item, Claim claim);
 
     // Appends the item and leaves the rest to the pool.
     void submit(Item& item);
 
-    // Takes the turn of a scheduled queue; false when it is not (or no longer) scheduled.
-    [[nodiscard]] bool take();
+    // Takes the turn of a scheduled queue and its first item; null when it is not (or no longer) scheduled.
+    [[nodiscard]] Item* take();
 
-    // Runs up to that many items and gives the turn away: to idleness, to a waiter or to the pool. Only with the turn.
-    // Returns how many it ran.
-    unsigned drain(unsigned budget = kBatch);
+    // Runs this item, if one is given, and those that wait, up to that many in all, and gives the turn away: to
+    // idleness, to a waiter or to the pool. Only with the turn. Returns how many it ran.
+    unsigned drain(Item* first, unsigned budget = kBatch);
 
     // The turn for one sync().
     void enter();
