@@ -96,8 +96,11 @@ void VTDaemonClient::set(mox::Dictionary& message, std::span<const value::Uuid> 
 
 void VTDaemonClient::send(const mox::Dictionary& message, Reply reply) {
     if (!reply) reply = [](const mox::Object&) {};
-    // The connection delivers on the queue that it was made with, which either setter can make another than this.
-    vtd()->send(message, [queue = replyQueue(), reply = std::move(reply)](const mox::Object& object) {
+    const auto connection = vtd();
+    auto queue = replyQueue();
+    if (queue.get() == &connection->queue()) return connection->send(message, std::move(reply));
+    // The connection delivers on the queue that it was made with; either setter has made that another than this.
+    connection->send(message, [queue = std::move(queue), reply = std::move(reply)](const mox::Object& object) {
         if (queue->isCurrent()) return reply(object);
         queue->async([reply, object] { reply(object); });
     });

@@ -32,7 +32,7 @@ OutgoingFrame helloFrame(const wire::Nonce& nonce) {
     std::array<std::byte, wire::kHelloSize> body;
     std::memcpy(body.data(), &wire::kProtocolVersion, sizeof wire::kProtocolVersion);
     std::memcpy(body.data() + sizeof wire::kProtocolVersion, nonce.data(), nonce.size());
-    return {wire::FrameKind::hello, 0, body};
+    return OutgoingFrame{wire::FrameKind::hello, 0, body};
 }
 
 Object errorObject(ErrorCode code, std::string message) {
@@ -40,6 +40,19 @@ Object errorObject(ErrorCode code, std::string message) {
 }
 
 }  // namespace
+
+// NOLINTNEXTLINE(*-member-init): of the small bytes only those are read that are written here
+Request::Ticket::Ticket(const std::shared_ptr<Account>& account, Frame&& frame)
+    : replyId{frame.header.replyId},
+      charge{account, {.backlog = frame.body.size(), .requests = 1}},
+      large{std::move(frame.whole)} {
+    if (!large.empty()) return;
+    if (frame.body.size() > small.size()) {
+        large = {frame.body.begin(), frame.body.end()};
+    } else {
+        std::copy(frame.body.begin(), frame.body.end(), small.begin());
+    }
+}
 
 AcceptedConnection::AcceptedConnection(file::UniqueFd socket, PeerIdentity peer, std::shared_ptr<Account> account,
                                        const Bounds& bounds, std::weak_ptr<ConnectionKeeper> keeper)
@@ -163,7 +176,7 @@ void AcceptedConnection::deliverFrames() {
 }
 
 // Whether the connection goes on.
-bool AcceptedConnection::handle(Frame frame) {
+bool AcceptedConnection::handle(Frame&& frame) {
     const bool isEcho = frame.header.kind == wire::FrameKind::echo;
     if (isEcho != (stage_ == Stage::greeting)) {
         breakOff(isEcho ? "a second echo" : "a frame before the echo");
@@ -189,33 +202,34 @@ bool AcceptedConnection::authenticate(const Frame& echo) {
         return false;
     }
     openBundle(*peer_);
+    account_->setGreeted();
     handshakeTimer_.reset();
     stage_ = Stage::delivered;
     if (const auto keeper = keeper_.lock()) keeper->authenticated(shared_from_this());
     return true;
 }
 
-bool AcceptedConnection::deliverMessage(Frame frame) {
-    const std::size_t size = frame.body.size();
-    auto object = Object::decode(std::move(frame.body), kRequestLimits);
-    if (!object) {
-        breakOff(object.error().localizedDescription());
+bool AcceptedConnection::deliverMessage(Frame&& frame) {
+    if (const auto error = check(frame.body, kRequestLimits)) {
+        breakOff(error->localizedDescription());
         return false;
     }
-    if (!object->isDictionary()) {
-        handler_(Event{*std::move(object)});
-        return true;
+    auto kept = std::make_shared<Request::Ticket>(account_, std::move(frame));
+    Request::Ticket* const ticket = kept.get();
+    const bool mayBeTooMuch = ticket->charge.cameBeyond();
+    Object message{std::shared_ptr<const std::byte>{std::move(kept), ticket->message()}};
+    if (message.isDictionary()) {
+        handler_(Event{std::in_place_type<Request>, std::move(message), ticket});
+    } else {
+        handler_(Event{std::move(message)});
     }
-    auto ticket = std::make_shared<Request::Ticket>(weak_from_this(), frame.header.replyId,
-                                                    Charge{account_, {.backlog = size, .requests = 1}});
-    handler_(Event{Request{*std::move(object), std::move(ticket)}});
-    paused_ = !account_->mayRead();
+    if (mayBeTooMuch) paused_ = !account_->mayRead();
     return true;
 }
 
 void AcceptedConnection::send(const Reply& reply) {
     Request::Ticket& ticket = *reply.ticket();
-    if (ticket.replyId == 0 || ticket.connection.lock().get() != this || ticket.answered.exchange(true)) return;
+    if (ticket.replyId == 0 || ticket.charge.account() != account_ || ticket.answered.exchange(true)) return;
     OutgoingFrame frame{wire::FrameKind::reply, ticket.replyId, reply, reply.descriptor()};
     if (frame.size() - wire::kHeaderSize > kReplyLimits.bytes)
         return later([](AcceptedConnection& self) { self.breakOff("a reply to it is above the limit"); });

@@ -1,11 +1,13 @@
 #pragma once
 
+#include <array>
 #include <atomic>
 #include <cstdint>
 #include <memory>
 #include <mutex>
 #include <string>
 #include <string_view>
+#include <vector>
 
 #include "platform/mox/Charges.h"
 #include "platform/mox/Connection.h"
@@ -17,15 +19,22 @@ namespace mox {
 
 class AcceptedConnection;
 
-// Which reply the peer waits for (0: none), and what the request costs while it lives.
+// A message while it lives: its bytes, what they cost, and which reply the peer waits for (0: none). Of the usual size
+// it takes one allocation. The object that stands for the bytes owns the ticket, so that no copy of it goes uncharged.
 struct Request::Ticket {
-    Ticket(std::weak_ptr<AcceptedConnection> from, std::uint64_t id, Charge cost)
-        : connection{std::move(from)}, replyId{id}, charge{std::move(cost)} {}
+    Ticket(const std::shared_ptr<Account>& account, Frame&& frame);
+    Ticket(const Ticket&) = delete;
+    Ticket& operator=(const Ticket&) = delete;
 
-    const std::weak_ptr<AcceptedConnection> connection;
+    const std::byte* message() const { return large.empty() ? small.data() : large.data(); }
+
     const std::uint64_t replyId;
-    const Charge charge;
+    const Charge charge;  // to the account of the connection that it came by, which it identifies
     std::atomic<bool> answered{false};
+
+private:
+    std::vector<std::byte> large;
+    std::array<std::byte, 192> small;
 };
 
 // Who accepted a connection and keeps it alive. Called on the connection's queue.
@@ -76,9 +85,9 @@ private:
     void read();
     void readOn();
     void deliverFrames();
-    bool handle(Frame frame);
+    bool handle(Frame&& frame);
     bool authenticate(const Frame& echo);
-    bool deliverMessage(Frame frame);
+    bool deliverMessage(Frame&& frame);
 
     void afterOutput(OutputQueue::State state);  // with outputLock_ held
     void checkDrained();

@@ -42,7 +42,7 @@ Holdings& Holdings::operator-=(const Holdings& other) {
 
 Charge::Charge(std::shared_ptr<Account> account, const Holdings& amount)
     : account_{std::move(account)}, amount_{amount} {
-    if (amount_ != Holdings{}) account_->ledger_->change(*account_, {}, amount_);
+    if (amount_ != Holdings{}) beyond_ = account_->ledger_->change(*account_, {}, amount_);
 }
 
 Charge::~Charge() {
@@ -64,6 +64,11 @@ Account::~Account() {
 void Account::setHolder(std::weak_ptr<Holder> holder) {
     const std::lock_guard lock{ledger_->mutex_};
     holder_ = std::move(holder);
+}
+
+void Account::setGreeted() {
+    const std::lock_guard lock{ledger_->mutex_};
+    greeted_ = true;
 }
 
 bool Account::mayRead() {
@@ -106,19 +111,29 @@ std::shared_ptr<Account> Ledger::open(ProcessKey key) {
     return account;
 }
 
-void Ledger::change(Account& account, const Holdings& less, const Holdings& more) {
+// Every request comes by here twice, and nearly none has any consequences.
+bool Ledger::change(Account& account, const Holdings& less, const Holdings& more) {
     Notices notices;
+    bool isBeyond = false;
     {
         const std::lock_guard lock{mutex_};
-        if (account.process_ == nullptr) return;
+        if (account.process_ == nullptr) return false;
         for (Holdings* held : {&account.held_, &account.process_->held, &total_}) {
             *held += more;
             *held -= less;
         }
+        isBeyond = isOver(account);
+        if (account.process_->paused == 0 && !isExcessive()) return isBeyond;
         resume(*account.process_, notices);
         shedExcess(nullptr, notices);
     }
     notices.deliver();
+    return isBeyond;
+}
+
+bool Ledger::isExcessive() const {
+    return bytesOf(total_) > bounds_.total.backlog || total_.requests > bounds_.total.requests ||
+           total_.connections > bounds_.total.connections;
 }
 
 bool Ledger::mayRead(Account& account) {
@@ -177,7 +192,8 @@ void Ledger::shedExcess(const Account* newcomer, Notices& notices) {
 // Takes out as many of the greatest connections as brings the total down again.
 void Ledger::shed(Measure measure, std::size_t bound, const Account* newcomer, Notices& notices) {
     while (measure(total_) > bound) {
-        Account* const account = greatest(measure, newcomer);
+        Account* account = measure == connectionsOf ? greatest(measure, newcomer, Among::strangers) : nullptr;
+        if (account == nullptr) account = greatest(measure, newcomer, Among::all);
         if (account == nullptr) return;
         notices.excessive.push_back(account->holder_);
         remove(*account, notices);
@@ -185,14 +201,14 @@ void Ledger::shed(Measure measure, std::size_t bound, const Account* newcomer, N
 }
 
 // The greatest connection of the process that holds most; the oldest among equals.
-Account* Ledger::greatest(Measure measure, const Account* newcomer) {
+Account* Ledger::greatest(Measure measure, const Account* newcomer, Among among) {
     Account* found = nullptr;
     const auto isGreater = [measure](const Holdings& a, const Holdings& b) { return measure(a) > measure(b); };
     for (const auto& [key, process] : processes_) {
         if (found != nullptr && !isGreater(process.held, found->process_->held)) continue;
         Account* candidate = nullptr;
         for (Account* const account : process.accounts) {
-            if (account == newcomer) continue;
+            if (account == newcomer || (among == Among::strangers && account->greeted_)) continue;
             if (candidate == nullptr || isGreater(account->held_, candidate->held_)) candidate = account;
         }
         if (candidate != nullptr) found = candidate;

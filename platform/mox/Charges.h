@@ -19,7 +19,8 @@
 // and the number of those requests. A connection is not read while they are past its own bound or its process's. Bytes
 // of frames that came in part wait for the peer, and what the service keeps for it (`kept`) stays until it takes it
 // back: neither pauses anything, since that would keep the peer from ending it, but both count in the total. Where the
-// total is reached the process that holds most loses its greatest connection; who came last is not to blame.
+// total is reached the process that holds most loses its greatest connection; who came last is not to blame. Of too
+// many connections, those go first that have not answered the hello.
 namespace mox {
 
 struct Holdings {
@@ -87,16 +88,18 @@ private:
     struct Notices;  // what holders are told once the lock is given back
     using Measure = std::size_t (*)(const Holdings&);
 
-    void change(Account& account, const Holdings& less, const Holdings& more);
+    bool change(Account& account, const Holdings& less, const Holdings& more);  // whether the account is past a bound
     bool mayRead(Account& account);
     void close(Account& account);
 
     bool isOver(const Account& account) const;
+    bool isExcessive() const;
     void remove(Account& account, Notices& notices);
     void resume(Process& process, Notices& notices) const;
     void shed(Measure measure, std::size_t bound, const Account* newcomer, Notices& notices);
     void shedExcess(const Account* newcomer, Notices& notices);
-    Account* greatest(Measure measure, const Account* newcomer);
+    enum class Among { all, strangers };
+    Account* greatest(Measure measure, const Account* newcomer, Among among);
 
     const Bounds bounds_;
     std::mutex mutex_;
@@ -113,6 +116,8 @@ public:
     Account& operator=(const Account&) = delete;
 
     void setHolder(std::weak_ptr<Holder> holder);
+
+    void setGreeted();  // the peer has answered the hello
 
     // Whether the connection may be read. After "no", the holder gets readAgain() once it may.
     bool mayRead();
@@ -131,6 +136,7 @@ private:
     std::weak_ptr<Holder> holder_;
     Holdings held_;
     bool paused_ = false;
+    bool greeted_ = false;
 };
 
 // So much of an account, given back when the charge goes.
@@ -138,15 +144,22 @@ class Charge {
 public:
     Charge() = default;
     Charge(std::shared_ptr<Account> account, const Holdings& amount);
-    Charge(Charge&& other) noexcept : account_{std::move(other.account_)}, amount_{std::exchange(other.amount_, {})} {}
+    Charge(Charge&& other) noexcept
+        : account_{std::move(other.account_)}, amount_{std::exchange(other.amount_, {})}, beyond_{other.beyond_} {}
     Charge& operator=(Charge&&) = delete;
     ~Charge();
 
     void change(const Holdings& amount);  // to this much
 
+    const std::shared_ptr<Account>& account() const { return account_; }
+
+    // Whether the account was past a bound once this was charged to it: then it is to be asked whether to read on.
+    bool cameBeyond() const { return beyond_; }
+
 private:
     std::shared_ptr<Account> account_;
     Holdings amount_;
+    bool beyond_ = false;
 };
 
 }  // namespace mox

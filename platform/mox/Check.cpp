@@ -36,33 +36,37 @@ public:
         : begin_{encoded.data()}, at_{begin_}, end_{begin_ + encoded.size()}, limits_{limits} {}
 
     std::optional<value::Error> run() {
-        if (static_cast<std::size_t>(end_ - begin_) > limits_.bytes) return refuse("more bytes than the limit");
-        if (auto error = value()) return error;
-        while (depth_ > 0) {
-            OpenContainer& container = open_[depth_ - 1];
-            if (container.left == 0) {
-                if (auto error = close(container)) return error;
-                continue;
-            }
-            --container.left;
-            if (container.isDictionary) {
-                if (auto error = key(container)) return error;
-            }
-            if (auto error = value()) return error;
-        }
-        if (at_ != end_) return refuse("bytes after the value");
-        return {};
+        if (isSound()) return {};
+        return value::Error{"mox", 0, fmt::format("{} at offset {}", fault_, at_ - begin_)};
     }
 
 private:
-    std::optional<value::Error> refuse(std::string_view what) const {
-        return value::Error{"mox", 0, fmt::format("{} at offset {}", what, at_ - begin_)};
+    // Each step answers whether what it came by is sound.
+    bool isSound() {
+        if (static_cast<std::size_t>(end_ - begin_) > limits_.bytes) return refuse("more bytes than the limit");
+        if (!value()) return false;
+        while (depth_ > 0) {
+            OpenContainer& container = open_[depth_ - 1];
+            if (container.left == 0) {
+                if (!close(container)) return false;
+                continue;
+            }
+            --container.left;
+            if (container.isDictionary && !key(container)) return false;
+            if (!value()) return false;
+        }
+        return at_ == end_ || refuse("bytes after the value");
+    }
+
+    bool refuse(const char* fault) {
+        fault_ = fault;
+        return false;
     }
 
     // What is left of the innermost container, or of everything.
     std::size_t left() const { return static_cast<std::size_t>((depth_ > 0 ? open_[depth_ - 1].end : end_) - at_); }
 
-    std::optional<value::Error> value() {
+    bool value() {
         if (++values_ > limits_.values) return refuse("more values than the limit");
         if (left() < encoding::kTagSize) return refuse("a value is cut off");
         const Kind kind = static_cast<Kind>(*at_);
@@ -88,40 +92,40 @@ private:
         return refuse("unknown kind");
     }
 
-    std::optional<value::Error> take(std::size_t size) {
+    bool take(std::size_t size) {
         if (left() < size) return refuse("a value is cut off");
         at_ += size;
-        return {};
+        return true;
     }
 
     // A length and that many bytes of text, from `at_` on.
-    std::optional<value::Error> text(std::string_view& read) {
+    bool text(std::string_view& read) {
         if (left() < encoding::kLengthSize) return refuse("a length is cut off");
         const std::size_t length = encoding::load<std::uint32_t>(at_);
         if (left() - encoding::kLengthSize < length) return refuse("a length beyond what is left");
         read = {reinterpret_cast<const char*>(at_ + encoding::kLengthSize), length};
         if (!text::isUtf8(read)) return refuse("text that is not UTF-8");
         at_ += encoding::kLengthSize + length;
-        return {};
+        return true;
     }
 
-    std::optional<value::Error> string() {
+    bool string() {
         at_ += encoding::kTagSize;
         std::string_view ignored;
         return text(ignored);
     }
 
-    std::optional<value::Error> message() {
+    bool message() {
         if (insideMessage_) return refuse("a message form inside another");
         insideMessage_ = true;
         messageDepth_ = depth_;
         at_ += encoding::kTagSize;
-        if (auto error = value()) return error;
+        if (!value()) return false;
         if (depth_ == messageDepth_) insideMessage_ = false;  // it was no container
-        return {};
+        return true;
     }
 
-    std::optional<value::Error> openContainer(Kind kind) {
+    bool openContainer(Kind kind) {
         if (depth_ >= std::min(limits_.depth, kDeepest)) return refuse("deeper than the limit");
         if (left() < encoding::kContainerHeader) return refuse("a value is cut off");
         const std::size_t size = encoding::load<std::uint32_t>(at_ + encoding::kTagSize);
@@ -135,29 +139,44 @@ private:
         container = {at_, at_ + encoding::kTagSize + encoding::kLengthSize + size, count, isDictionary, true, nullptr,
                      0};
         at_ += encoding::kContainerHeader;
-        return {};
+        return true;
     }
 
-    std::optional<value::Error> key(OpenContainer& container) {
+    bool key(OpenContainer& container) {
         const bool first = at_ == container.start + encoding::kContainerHeader;
         std::string_view read;
-        if (auto error = text(read)) return error;
-        if (!container.ascending) return {};
+        if (!text(read)) return false;
+        if (!container.ascending) return true;
         container.ascending = first || std::string_view{container.lastKey, container.lastKeySize} < read;
         container.lastKey = read.data();
         container.lastKeySize = read.size();
-        return {};
+        return true;
     }
 
-    std::optional<value::Error> close(OpenContainer& container) {
+    bool close(OpenContainer& container) {
         if (at_ != container.end) return refuse("a container that does not end where its size says");
         if (!container.ascending && hasDuplicateKeys(View{container.start})) return refuse("a key that stands twice");
         --depth_;
         if (insideMessage_ && depth_ == messageDepth_) insideMessage_ = false;
-        return {};
+        return true;
+    }
+
+    // Each with each, which for a request's few keys is the least.
+    static bool hasDuplicateAmongFew(View dictionary) {
+        std::size_t at = 0;
+        return !dictionary.forEachEntry([&](std::string_view key, View) {
+            std::size_t before = at++;
+            return dictionary.forEachEntry([&](std::string_view earlier, View) {
+                if (before == 0) return true;
+                --before;
+                return earlier != key;
+            });
+        });
     }
 
     static bool hasDuplicateKeys(View dictionary) {
+        constexpr std::size_t kFew = 8;
+        if (dictionary.count() <= kFew) return hasDuplicateAmongFew(dictionary);
         std::vector<std::string_view> keys;
         keys.reserve(dictionary.count());
         dictionary.forEachEntry([&](std::string_view key, View) { keys.push_back(key); });
@@ -169,6 +188,7 @@ private:
     const std::byte* at_;
     const std::byte* const end_;
     const Limits limits_;
+    const char* fault_ = nullptr;
     std::array<OpenContainer, kDeepest> open_;
     std::size_t depth_ = 0;
     std::size_t values_ = 0;

@@ -61,6 +61,7 @@ public:
     void send(const Dictionary& message, ReplyHandler reply) override;
     void announceTermination() override;
     void cancel() override;
+    const queue::SerialQueue& queue() const override { return *queue_; }
     std::string description() const override {
         return text::format("<mox connection {} service={}>", static_cast<const void*>(this), name_);
     }
@@ -76,7 +77,7 @@ private:
     using Waiting = std::map<std::uint64_t, ReplyHandler>;  // by reply id, so in the order of sending
 
     // With lock_ held.
-    void sendNow(OutgoingFrame frame);
+    void sendNow(OutgoingFrame&& frame);
     void flush();
     void connect(int tries);
     int connectSocket(int socket) const;
@@ -87,7 +88,7 @@ private:
     std::optional<Break> read(Link& link);
     std::optional<Break> deliverFrames(Link& link);
     std::optional<Break> greet(Link& link, const Frame& hello);
-    std::optional<Break> deliverReply(Link& link, Frame frame);
+    std::optional<Break> deliverReply(Link& link, Frame&& frame);
     void breakOff(const Break& reason);
 
     Break interrupted(std::string_view why) const {
@@ -106,6 +107,7 @@ private:
     Stage stage_ = Stage::idle;
     std::uint64_t lastReplyId_ = 0;
     Waiting waiting_;
+    Waiting::node_type spare_;  // of a reply that came, for the next request
     OutputQueue output_;
     std::shared_ptr<Link> link_;
     std::unique_ptr<queue::Timer> retryTimer_;
@@ -131,7 +133,13 @@ void Client::resume() {
 void Client::send(const Dictionary& message, ReplyHandler reply) {
     const std::lock_guard lock{lock_};
     const std::uint64_t id = ++lastReplyId_;
-    waiting_.emplace(id, std::move(reply));
+    if (spare_) {
+        spare_.key() = id;
+        spare_.mapped() = std::move(reply);
+        waiting_.insert(waiting_.end(), std::move(spare_));
+    } else {
+        waiting_.emplace_hint(waiting_.end(), id, std::move(reply));
+    }
     if (stage_ == Stage::failed) return;
     if (stage_ == Stage::cancelled) return fail({ErrorCode::connectionInvalid, "the connection was cancelled"});
 
@@ -147,7 +155,7 @@ void Client::announceTermination() {
 }
 
 // A socket that is broken reports its end to its reader, which tells all who wait.
-void Client::sendNow(OutgoingFrame frame) {
+void Client::sendNow(OutgoingFrame&& frame) {
     if (output_.send(link_->socket.get(), std::move(frame)) == OutputQueue::State::blocked)
         link_->watch->awaitWritable();
 }
@@ -266,7 +274,7 @@ std::optional<Break> Client::greet(Link& link, const Frame& hello) {
     const std::lock_guard lock{lock_};
     if (stage_ == Stage::open) return interrupted("a second hello");
     if (stage_ != Stage::connecting) return {};  // about to end
-    const Bytes nonce = Bytes{hello.body}.subspan(sizeof version, sizeof(wire::Nonce));
+    const Bytes nonce = hello.body.subspan(sizeof version, sizeof(wire::Nonce));
     if (OutgoingFrame{wire::FrameKind::echo, 0, nonce}.send(link.socket.get()) != 0)
         return interrupted("the hello cannot be answered");
     stage_ = Stage::open;
@@ -274,8 +282,9 @@ std::optional<Break> Client::greet(Link& link, const Frame& hello) {
     return {};
 }
 
-std::optional<Break> Client::deliverReply(Link& link, Frame frame) {
-    auto object = Object::decode(std::move(frame.body), kReplyLimits);
+std::optional<Break> Client::deliverReply(Link& link, Frame&& frame) {
+    auto object = frame.whole.empty() ? Object::decodeCopy(frame.body, kReplyLimits)
+                                      : Object::decode(std::move(frame.whole), kReplyLimits);
     if (!object) return interrupted(object.error().localizedDescription());
     if (!object->isDictionary()) return interrupted("a reply that is no dictionary");
     if ((frame.header.flags & wire::kWithDescriptor) != 0) {
@@ -283,13 +292,15 @@ std::optional<Break> Client::deliverReply(Link& link, Frame frame) {
         object->setDescriptor(std::make_shared<const file::UniqueFd>(std::move(link.descriptors.front())));
         link.descriptors.pop_front();
     }
-    Waiting::node_type reply;
+    ReplyHandler reply;
     {
         const std::lock_guard lock{lock_};
-        reply = waiting_.extract(frame.header.replyId);
+        auto answered = waiting_.extract(frame.header.replyId);
+        if (!answered) return interrupted("a reply to no request");
+        reply = std::exchange(answered.mapped(), {});
+        spare_ = std::move(answered);
     }
-    if (!reply) return interrupted("a reply to no request");
-    if (reply.mapped()) reply.mapped()(*object);
+    if (reply) reply(*object);
     return {};
 }
 

@@ -31,6 +31,7 @@ public:
     virtual void send(const Dictionary& message, ReplyHandler reply) = 0;
     virtual void announceTermination() = 0;  // tells the service, where connected, that this process is about to end
     virtual void cancel() = 0;               // closes for good; waiting closures get connectionInvalid
+    virtual const queue::SerialQueue& queue() const = 0;  // where it delivers
     virtual std::string description() const = 0;
 };
 

@@ -22,33 +22,35 @@ namespace mox {
 class Request {
 public:
     struct Ticket;  // which reply the peer waits for, and the charge; private to the connection
-    Request(Object dictionary, std::shared_ptr<Ticket> ticket)
-        : dictionary_{std::move(dictionary)}, ticket_{std::move(ticket)} {}
+
+    // The dictionary lies in the ticket, and so keeps it; a request that no connection made has none.
+    Request(Object dictionary, Ticket* ticket) : dictionary_{std::move(dictionary)}, ticket_{ticket} {}
 
     const Object& object() const { return dictionary_; }
     View view() const { return dictionary_.view(); }
-    const std::shared_ptr<Ticket>& ticket() const { return ticket_; }
+    Ticket* ticket() const { return ticket_; }
 
 private:
     Object dictionary_;
-    std::shared_ptr<Ticket> ticket_;
+    Ticket* ticket_;
 };
 
 // The reply to one request, bound to it when it is made.
 class Reply : public Dictionary {
 public:
-    explicit Reply(const Request& request) : ticket_{request.ticket()} {}
+    explicit Reply(const Request& request) : request_{request} {}
 
-    // A descriptor of a regular file that goes with the reply.
+    // A descriptor of a regular file that goes with the reply. Where the kernel passes no more of them, because too
+    // many are on their way to peers that do not take them, the reply goes without.
     void attach(file::UniqueFd descriptor) {
         descriptor_ = std::make_shared<const file::UniqueFd>(std::move(descriptor));
     }
 
-    const std::shared_ptr<Request::Ticket>& ticket() const { return ticket_; }
+    Request::Ticket* ticket() const { return request_.ticket(); }
     const std::shared_ptr<const file::UniqueFd>& descriptor() const { return descriptor_; }
 
 private:
-    std::shared_ptr<Request::Ticket> ticket_;
+    const Request request_;
     std::shared_ptr<const file::UniqueFd> descriptor_;
 };
 

@@ -1,34 +1,70 @@
 #pragma once
 
+#include <cstddef>
+#include <optional>
+#include <span>
 #include <string>
 #include <string_view>
+#include <type_traits>
 #include <utility>
-#include <variant>
 #include <vector>
 
 #include "platform/mox/Encoder.h"
 #include "platform/mox/Object.h"
+#include "platform/mox/Wire.h"
 
 namespace mox {
 
-// A Mox dictionary being built: a request before it is sent, or a reply that handlers fill. Setting a key again
-// replaces its value. Belongs to one thread at a time.
+// A Mox dictionary being built: a request before it is sent, or a reply that handlers fill. What is set is encoded at
+// once, behind room for a frame's header, so that sending it copies nothing. Setting a key again replaces its value.
+// Belongs to one thread at a time.
 class Dictionary {
 public:
-    using Content = std::variant<value::Value, Encoded>;
+    void set(std::string_view key, const value::Value& value);  // the plain conversion
+    void setEncoded(std::string_view key, Encoded encoded);     // bytes an Encoder made; large ones are shared
 
-    void set(std::string_view key, value::Value value);      // the plain conversion
-    void setEncoded(std::string_view key, Encoded encoded);  // bytes an Encoder made; sent without another copy
+    // Any text: spares making a value of it.
+    template <typename Text>
+    std::enable_if_t<std::is_convertible_v<const Text&, std::string_view>> set(std::string_view key, const Text& text) {
+        setText(key, text);
+    }
 
-    bool contains(std::string_view key) const;
-    const std::vector<std::pair<std::string, Content>>& entries() const { return entries_; }
+    bool contains(std::string_view key) const { return find(key).has_value(); }
 
-    Object toObject() const;  // encodes all of it: for descriptions and tests
+    Object toObject() const;  // a copy of all of it: for descriptions and tests
+
+    // Large encoded values lie elsewhere: each with where among the dictionary's own bytes it belongs.
+    struct Splice {
+        std::size_t at;
+        Encoded bytes;
+    };
+
+    // The frame that consists of this header, whose length is filled in, and this dictionary. Lies in the dictionary,
+    // and is valid until that changes.
+    struct Framed {
+        std::span<std::byte> own;
+        std::span<const Splice> elsewhere;
+        std::size_t size;  // of all of it
+    };
+    Framed framed(wire::Header header) const;
 
 private:
-    void put(std::string_view key, Content content);
+    struct Found {
+        std::size_t at;
+        std::size_t size;
+        std::size_t splice;
+        bool isSpliced;
+    };
 
-    std::vector<std::pair<std::string, Content>> entries_;
+    void begin() const;
+    Encoder& entry(std::string_view key);
+    void setText(std::string_view key, std::string_view text);
+    std::optional<Found> find(std::string_view key) const;
+
+    // Mutable for the headers alone, which are written last.
+    mutable Encoder encoder_;
+    mutable Encoder::Container container_{};
+    std::vector<Splice> splices_;
 };
 
 std::string description(const Dictionary& dictionary);

@@ -7,9 +7,34 @@
 
 namespace mox {
 
+namespace {
+
+constexpr std::size_t kShort = 64;
+
+}  // namespace
+
+std::byte* Encoder::extend(std::size_t count) {
+    const std::size_t before = bytes_.size();
+    bytes_.resize(before + count);
+    return bytes_.data() + before;
+}
+
+void Encoder::erase(std::size_t from, std::size_t count) {
+    const auto at = bytes_.begin() + static_cast<std::ptrdiff_t>(from);
+    bytes_.erase(at, at + static_cast<std::ptrdiff_t>(count));
+}
+
+// Small pieces are written in one go: each growth of the buffer costs more than what goes into it.
+template <typename Number>
+void Encoder::number(Kind kind, Number number) {
+    std::byte* const at = extend(encoding::kTagSize + sizeof number);
+    *at = static_cast<std::byte>(kind);
+    std::memcpy(at + encoding::kTagSize, &number, sizeof number);
+}
+
 template <typename Number>
 void Encoder::number(Number number) {
-    append(std::as_bytes(std::span{&number, 1}));
+    std::memcpy(extend(sizeof number), &number, sizeof number);
 }
 
 void Encoder::append(Bytes bytes) {
@@ -18,8 +43,14 @@ void Encoder::append(Bytes bytes) {
 
 void Encoder::text(std::string_view text) {
     if (!text::isUtf8(text)) return this->text(text::wellFormed(text));
-    number(static_cast<std::uint32_t>(text.size()));
-    append(std::as_bytes(std::span{text}));
+    const auto length = static_cast<std::uint32_t>(text.size());
+    if (text.size() > kShort) {
+        number(length);
+        return append(std::as_bytes(std::span{text}));
+    }
+    std::byte* const at = extend(sizeof length + text.size());
+    std::memcpy(at, &length, sizeof length);
+    std::memcpy(at + sizeof length, text.data(), text.size());
 }
 
 void Encoder::string(std::string_view text) {
@@ -33,16 +64,16 @@ void Encoder::value(const value::Value& value) {
             tag(Kind::boolean);
             bytes_.push_back(static_cast<std::byte>(*value.boolean()));
             return;
-        case value::Kind::signedInteger: tag(Kind::signedInteger); return number(*value.signedInteger());
-        case value::Kind::unsignedInteger: tag(Kind::unsignedInteger); return number(*value.unsignedInteger());
-        case value::Kind::real: tag(Kind::real); return number(*value.real());
+        case value::Kind::signedInteger: return number(Kind::signedInteger, *value.signedInteger());
+        case value::Kind::unsignedInteger: return number(Kind::unsignedInteger, *value.unsignedInteger());
+        case value::Kind::real: return number(Kind::real, *value.real());
         case value::Kind::string: return string(*value.string());
         case value::Kind::data:
             tag(Kind::data);
             number(static_cast<std::uint32_t>(value.data()->size()));
             return append(*value.data());
-        case value::Kind::date: tag(Kind::date); return number(value.date()->seconds);
-        case value::Kind::uuid: tag(Kind::uuid); return number(value.uuid()->bytes());
+        case value::Kind::date: return number(Kind::date, value.date()->seconds);
+        case value::Kind::uuid: return number(Kind::uuid, value.uuid()->bytes());
         case value::Kind::error: return error(*value.error());
         case value::Kind::array: {
             Container array = beginArray();
@@ -74,8 +105,7 @@ void Encoder::error(const value::Error& error) {
 
 Encoder::Container Encoder::begin(Kind kind) {
     const Container container{bytes_.size()};
-    bytes_.resize(bytes_.size() + encoding::kContainerHeader);
-    bytes_[container.at] = static_cast<std::byte>(kind);
+    *extend(encoding::kContainerHeader) = static_cast<std::byte>(kind);
     return container;
 }
 

@@ -41,12 +41,19 @@ public:
     const std::vector<std::byte>& bytes() const { return bytes_; }
     std::vector<std::byte> take() { return std::move(bytes_); }
 
+    // For who keeps room before, between or behind what is encoded.
+    std::byte* extend(std::size_t count);  // by so many bytes, and answers where they are
+    void erase(std::size_t from, std::size_t count);
+    std::byte* data() { return bytes_.data(); }
+
 private:
     [[nodiscard]] Container begin(Kind kind);
     void append(Bytes bytes);
     void tag(Kind kind) { bytes_.push_back(static_cast<std::byte>(kind)); }
     void text(std::string_view text);
     void error(const value::Error& error);
+    template <typename Number>
+    void number(Kind kind, Number number);
     template <typename Number>
     void number(Number number);
 

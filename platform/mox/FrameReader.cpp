@@ -46,9 +46,8 @@ std::string faultOf(const wire::Header& header, FrameReader::Sender sender, std:
 
 std::span<std::byte> FrameReader::room() {
     if (!inFrame_) return {};
-    std::vector<std::byte>& body = partial_.body;
-    if (filled_ == body.size()) body.resize(std::min(partialSize(), std::max(kFirstRoom, filled_ * kGrowth)));
-    return std::span{body}.subspan(filled_);
+    if (filled_ == body_.size()) body_.resize(std::min(partialSize(), std::max(kFirstRoom, filled_ * kGrowth)));
+    return std::span{body_}.subspan(filled_);
 }
 
 void FrameReader::received(std::size_t inRoom, Bytes lent) {
@@ -63,28 +62,38 @@ void FrameReader::received(std::size_t inRoom, Bytes lent) {
 
 bool FrameReader::takeHeader() {
     if (input_.size() < wire::kHeaderSize) return false;
-    partial_.header = encoding::load<wire::Header>(input_.data());
-    fault_ = faultOf(partial_.header, sender_, bodyLimit_);
+    header_ = encoding::load<wire::Header>(input_.data());
+    fault_ = faultOf(header_, sender_, bodyLimit_);
     if (!fault_.empty()) return false;
     input_ = input_.subspan(wire::kHeaderSize);
-    filled_ = 0;
-    if (sender_ == Sender::service) partial_.body.reserve(std::min(partialSize(), kBelieved));
-    return inFrame_ = true;
+    return true;
 }
 
 std::optional<Frame> FrameReader::next() {
-    if (!fault_.empty() || (!inFrame_ && !takeHeader())) return {};
+    if (!inFrame_) {
+        if (!fault_.empty() || !takeHeader()) return {};
+        if (partialSize() <= input_.size()) {
+            const Bytes body = input_.first(partialSize());
+            input_ = input_.subspan(body.size());
+            return Frame{header_, body, {}};
+        }
+        inFrame_ = true;
+        filled_ = 0;
+        if (sender_ == Sender::service) body_.reserve(std::min(partialSize(), kBelieved));
+    }
 
     const Bytes piece = input_.first(std::min(partialSize() - filled_, input_.size()));
     input_ = input_.subspan(piece.size());
     if (!piece.empty()) {
-        partial_.body.resize(filled_);  // room that was made and not used yet
-        partial_.body.insert(partial_.body.end(), piece.begin(), piece.end());
+        body_.resize(filled_);  // room that was made and not used yet
+        body_.insert(body_.end(), piece.begin(), piece.end());
         filled_ += piece.size();
     }
     if (filled_ < partialSize()) return {};
     inFrame_ = false;
-    return std::exchange(partial_, Frame{});
+    Frame frame{header_, {}, std::exchange(body_, {})};
+    frame.body = frame.whole;
+    return frame;
 }
 
 void FrameReader::keep() {
@@ -99,7 +108,7 @@ void FrameReader::keep() {
 void FrameReader::clear() {
     input_ = {};
     kept_ = {};
-    partial_ = {};
+    body_ = {};
     inFrame_ = false;
 }
 

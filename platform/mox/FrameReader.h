@@ -13,11 +13,12 @@ namespace mox {
 
 struct Frame {
     wire::Header header;
-    std::vector<std::byte> body;
+    Bytes body;                    // lies in `whole`, or, where that is empty, in what was received: until keep()
+    std::vector<std::byte> whole;  // the body of a frame that came in pieces
 };
 
-// Cuts a stream of received bytes into frames. A frame that arrived whole is copied once, into a body of its exact
-// size; the rest of a larger one is received straight into its place. Memory grows with the bytes that came, to at most
+// Cuts a stream of received bytes into frames. A frame that arrived whole is not copied at all; the rest of a larger
+// one is received straight into its place. Memory grows with the bytes that came, to at most
 // kGrowth times as many, never from a length that was only claimed. Of a service, which could do worse, so much is
 // believed that its usual replies need no growing: that alone makes one of 300 KB arrive in a quarter of the time.
 //
@@ -36,20 +37,20 @@ public:
 
     std::optional<Frame> next();  // the next whole frame
 
-    // Ends the loan: copies what next() has not taken.
+    // Ends the loan: copies what next() has not taken. Bodies that lay in it are gone.
     void keep();
 
     void clear();  // forgets all that came
 
     const std::string& fault() const { return fault_; }  // what breaks the protocol; empty while nothing does
-    std::size_t held() const { return kept_.capacity() + partial_.body.capacity(); }
+    std::size_t held() const { return kept_.capacity() + body_.capacity(); }
 
 private:
     static constexpr std::size_t kFirstRoom = std::size_t{64} << 10;
     static constexpr std::size_t kGrowth = 4;
     static constexpr std::size_t kBelieved = std::size_t{1} << 20;
 
-    std::size_t partialSize() const { return partial_.header.length - wire::kLengthCounts; }
+    std::size_t partialSize() const { return header_.length - wire::kLengthCounts; }
     bool takeHeader();
 
     const Sender sender_;
@@ -57,8 +58,9 @@ private:
 
     Bytes input_;                  // lies in what was lent, or in kept_
     std::vector<std::byte> kept_;  // bytes that no frame has taken yet
-    Frame partial_{};              // the frame under way, when inFrame_
-    std::size_t filled_ = 0;       // how much of its body has come
+    wire::Header header_{};        // of the last frame that began
+    std::vector<std::byte> body_;  // of the frame under way, when inFrame_
+    std::size_t filled_ = 0;       // how much of it has come
     bool inFrame_ = false;
     std::string fault_;
 };

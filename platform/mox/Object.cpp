@@ -1,5 +1,7 @@
 #include "platform/mox/Object.h"
 
+#include <cstring>
+
 #include "platform/mox/Encoder.h"
 
 namespace mox {
@@ -7,25 +9,29 @@ namespace mox {
 Object::Object(const value::Value& value) {
     Encoder encoder;
     encoder.value(value);
-    bytes_ = std::make_shared<const std::vector<std::byte>>(encoder.take());
+    *this = adopt(encoder.take());
 }
 
 value::Result<Object> Object::decode(std::vector<std::byte> encoded, const Limits& limits) {
-    return decode(std::move(encoded), 0, limits);
+    if (auto error = check(encoded, limits)) return *std::move(error);
+    return adopt(std::move(encoded));
 }
 
-value::Result<Object> Object::decode(std::vector<std::byte> bytes, std::size_t offset, const Limits& limits) {
-    if (offset > bytes.size()) return value::Error{"mox", 0, "the value lies beyond the bytes"};
-    if (auto error = check(Bytes{bytes}.subspan(offset), limits)) return *std::move(error);
-    return Object{std::make_shared<const std::vector<std::byte>>(std::move(bytes)), offset};
+value::Result<Object> Object::decodeCopy(Bytes encoded, const Limits& limits) {
+    if (auto error = check(encoded, limits)) return *std::move(error);
+    const std::shared_ptr<std::byte[]> copy = std::make_shared_for_overwrite<std::byte[]>(encoded.size());
+    std::memcpy(copy.get(), encoded.data(), encoded.size());
+    return Object{std::shared_ptr<const std::byte>{copy, copy.get()}};
 }
 
 Object Object::adopt(std::vector<std::byte> encoded) {
-    return Object{std::make_shared<const std::vector<std::byte>>(std::move(encoded)), 0};
+    auto kept = std::make_shared<const std::vector<std::byte>>(std::move(encoded));
+    const std::byte* const at = kept->data();
+    return Object{std::shared_ptr<const std::byte>{std::move(kept), at}};
 }
 
 Object Object::part(View inside) const {
-    return Object{bytes_, static_cast<std::size_t>(inside.bytes() - bytes_->data())};
+    return Object{std::shared_ptr<const std::byte>{encoded_, inside.bytes()}};
 }
 
 bool isError(const Object& object, ErrorCode code) {

@@ -3,6 +3,7 @@
 #include <memory>
 #include <optional>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "platform/file/UniqueFd.h"
@@ -31,16 +32,19 @@ public:
     // The plain conversion: a property-list value becomes the structurally equal Mox value.
     explicit Object(const value::Value& value);
 
+    // One that lies in what somebody else keeps: it was checked or made by an Encoder, and shares its owner's life.
+    explicit Object(std::shared_ptr<const std::byte> encoded) : encoded_{std::move(encoded)} {}
+
     // Takes over bytes from outside when check() accepts them.
     static value::Result<Object> decode(std::vector<std::byte> encoded, const Limits& limits);
 
-    // The same where the value fills the bytes from an offset on, behind a frame's header: spares the copy.
-    static value::Result<Object> decode(std::vector<std::byte> bytes, std::size_t offset, const Limits& limits);
+    // Copies them when check() accepts them: in one allocation, which is cheaper for small ones.
+    static value::Result<Object> decodeCopy(Bytes encoded, const Limits& limits);
 
     // Takes over one value that an Encoder made.
     static Object adopt(std::vector<std::byte> encoded);
 
-    View view() const { return View{bytes_->data() + offset_}; }
+    View view() const { return View{encoded_.get()}; }
     bool isDictionary() const { return view().isDictionary(); }
     bool isError() const { return view().kind() == Kind::error; }
 
@@ -52,11 +56,7 @@ public:
     void setDescriptor(std::shared_ptr<const file::UniqueFd> descriptor) { descriptor_ = std::move(descriptor); }
 
 private:
-    Object(std::shared_ptr<const std::vector<std::byte>> bytes, std::size_t offset)
-        : bytes_{std::move(bytes)}, offset_{offset} {}
-
-    std::shared_ptr<const std::vector<std::byte>> bytes_;
-    std::size_t offset_ = 0;
+    std::shared_ptr<const std::byte> encoded_;  // where the value begins; owns all that it lies in
     std::shared_ptr<const file::UniqueFd> descriptor_;
 };
 

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <sys/types.h>
 #include <sys/uio.h>
 
 #include <cstddef>
@@ -17,12 +18,18 @@
 namespace mox {
 
 // A frame on its way out: its own bytes, and large encoded values that are shared with whoever made them and lie
-// between them. A descriptor, when there is one, leaves with the frame's first byte.
+// between them. A descriptor, when there is one, leaves with the frame's first byte; where the kernel passes no more of
+// them (too many are on their way to peers that do not take them), the frame leaves without it, and says so.
 class OutgoingFrame {
 public:
     OutgoingFrame(wire::FrameKind kind, std::uint64_t replyId, Bytes body);
+
+    // Reads the dictionary where it lies, until own() is called: most frames are gone before anything needs a copy.
     OutgoingFrame(wire::FrameKind kind, std::uint64_t replyId, const Dictionary& dictionary,
                   std::shared_ptr<const file::UniqueFd> descriptor = {});
+    OutgoingFrame(OutgoingFrame&&) = default;  // no copies: each refers to itself
+    OutgoingFrame& operator=(OutgoingFrame&&) = default;
+    void own();
 
     std::size_t size() const { return size_; }
     std::size_t left() const { return size_ - sent_; }
@@ -32,15 +39,13 @@ public:
     int send(int socket);
 
 private:
-    struct Splice {
-        std::size_t at;  // where in own_ it belongs
-        Encoded bytes;
-    };
-
     std::size_t gather(std::span<iovec> pieces) const;
+    ssize_t sendSome(int socket) const;
 
-    std::vector<std::byte> own_;
-    std::vector<Splice> splices_;
+    std::vector<std::byte> kept_;  // empty while the bytes lie with the dictionary
+    std::span<std::byte> own_;
+    std::span<const Dictionary::Splice> splices_;
+    std::vector<Dictionary::Splice> keptSplices_;
     std::shared_ptr<const file::UniqueFd> descriptor_;
     std::size_t size_ = 0;
     std::size_t sent_ = 0;
@@ -52,9 +57,9 @@ public:
     enum class State { drained, blocked, broken };
 
     // Sends at once what can be when nothing waits before it, and keeps the rest.
-    State send(int socket, OutgoingFrame frame);
+    State send(int socket, OutgoingFrame&& frame);
     State flush(int socket);
-    void append(OutgoingFrame frame);  // to be sent by the next flush()
+    void append(OutgoingFrame&& frame);  // to be sent by the next flush()
     void clear();
 
     bool empty() const { return frames_.empty(); }
@@ -69,7 +74,7 @@ public:
     std::uint64_t sentPosition() const { return endPosition_ - bytes_; }
 
 private:
-    void keep(OutgoingFrame frame);
+    void keep(OutgoingFrame&& frame);
 
     std::deque<OutgoingFrame> frames_;
     std::size_t bytes_ = 0;

@@ -37,6 +37,12 @@ bool isUtf8(std::string_view bytes) {
     constexpr std::uint64_t kHighBits = 0x8080808080808080U;
     const auto* at = reinterpret_cast<const unsigned char*>(bytes.data());
     std::size_t left = bytes.size();
+    if (left >= sizeof(std::uint32_t) && left <= sizeof kHighBits) {  // most keys: two halves, which may overlap
+        std::uint32_t halves[2];
+        std::memcpy(&halves[0], at, sizeof halves[0]);
+        std::memcpy(&halves[1], at + left - sizeof halves[1], sizeof halves[1]);
+        if (((halves[0] | halves[1]) & static_cast<std::uint32_t>(kHighBits)) == 0) return true;
+    }
     while (left > 0) {
         // Nearly every text is ASCII: eight at a time, and what is left at the end at once.
         std::uint64_t eight = 0;

@@ -18,12 +18,16 @@ public:
     void announceTermination() override {}
     void cancel() override {}
     std::string description() const override { return "recording"; }
+    const queue::SerialQueue& queue() const override { return queue_; }
     void send(const mox::Dictionary& message, ReplyHandler reply) override {
         sent.push_back(message.toObject().view().toValue());
         reply(mox::Object{Dictionary{}});
     }
 
     std::vector<Value> sent;
+
+private:
+    const queue::SerialQueue queue_{"recording"};
 };
 
 }  // namespace
