@@ -1,6 +1,7 @@
 #include "vtctl/CommandLine.h"
 
 #include <algorithm>
+#include <cstdint>
 #include <iostream>
 #include <memory>
 #include <utility>
@@ -14,6 +15,7 @@
 #include "vtctl/Exclusions.h"
 #include "vtctl/Hold.h"
 #include "vtctl/Match.h"
+#include "vtctl/Ready.h"
 #include "vtctl/Register.h"
 #include "vtctl/Terminal.h"
 
@@ -117,13 +119,21 @@ void addExclusions(CLI::App& app, const SharedLine& line) {
     addVerb(app, line, "exclusions", "List what is excluded", [line = line.get()] {
         return number(runExclusions(line->asJson));
     })->add_flag("--json", line->asJson, "Print the rules as JSON");
-    const auto place = std::make_shared<std::size_t>(0);
+    const auto place = std::make_shared<std::int64_t>(0);
     addVerb(app, line, "include", "Take an exclusion away", [place] { return number(runInclude(*place)); })
         ->add_option("number", *place, "Its number in `vtctl exclusions`")
         ->required();
 }
 
 void addUse(CLI::App& app, const SharedLine& line) {
+    CLI::App* ready = addVerb(app, line, "ready",
+                              "Have plug-ins made ready for this process, while a command runs or until interrupted",
+                              [line = line.get()] {
+                                  return runReady({line->serviceName, line->words, line->command, line->asJson});
+                              });
+    ready->add_option("plugins", line->words, "As for enable; behind -- a command with its arguments")->required();
+    ready->add_flag("--json", line->asJson, "Print what was registered as JSON");
+
     const auto open = std::make_shared<bool>(false);
     CLI::App* access =
         addVerb(app, line, "access", "Get tokens that open the folders of plug-ins", [line = line.get(), open] {
@@ -136,14 +146,14 @@ void addUse(CLI::App& app, const SharedLine& line) {
     access->add_flag("--json", line->asJson, "Print the tokens as JSON, with whose they are");
 }
 
-// The verb that runs a command takes all behind the first "--" for it; to every other verb "--" says that what follows
+// The verbs that run a command take all behind the first "--" for it; to every other verb "--" says that what follows
 // are no options.
 bool takesCommand(const Words& arguments) {
     for (std::size_t i = 0; i < arguments.size(); ++i) {
         if (arguments[i] == "-S" || arguments[i] == "--service") {
             ++i;
         } else if (!arguments[i].starts_with('-')) {
-            return arguments[i] == "hold";
+            return arguments[i] == "hold" || arguments[i] == "ready";
         }
     }
     return false;

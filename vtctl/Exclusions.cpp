@@ -75,17 +75,17 @@ ExitStatus runExclusions(bool asJson) {
     return ExitStatus::success;
 }
 
-ExitStatus runInclude(std::size_t number) {
+ExitStatus runInclude(std::int64_t number) {
     std::string removed;
     const auto change = [&](const Stored& stored) -> value::Result<Stored> {
         const auto list = listIn(stored);
         if (!list) return list.error();
-        if (number == 0 || number > list->size()) {
+        if (number < 1 || static_cast<std::size_t>(number) > list->size()) {
             return error("there is no exclusion " + std::to_string(number) + "; `vtctl exclusions` lists the " +
                          std::to_string(list->size()) + " there are");
         }
         value::Array::Storage all(list->begin(), list->end());
-        const auto at = all.begin() + static_cast<std::ptrdiff_t>(number - 1);
+        const auto at = all.begin() + (number - 1);
         removed = described(*at);
         all.erase(at);
         if (all.empty()) return Stored{};

@@ -1,6 +1,6 @@
 #pragma once
 
-#include <cstddef>
+#include <cstdint>
 #include <string>
 #include <vector>
 
@@ -16,4 +16,4 @@ ExitStatus runExclude(const std::vector<std::string>& words);
 ExitStatus runExclusions(bool asJson);
 
 // `vtctl include NUMBER`: takes one away; those behind it move up.
-ExitStatus runInclude(std::size_t number);
+ExitStatus runInclude(std::int64_t number);

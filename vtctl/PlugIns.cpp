@@ -3,8 +3,8 @@
 #include <algorithm>
 #include <functional>
 #include <iostream>
-#include <set>
 #include <tuple>
+#include <unordered_set>
 #include <utility>
 
 #include "Velto/VTForm.h"
@@ -87,6 +87,7 @@ void reportAmbiguous(const std::string& word, std::vector<const Listed*> found) 
     });
     terminal::complain('"' + word + "\" can be any of these; write one identifier in full, or a UUID:");
     std::vector<std::vector<std::string>> rows;
+    rows.reserve(found.size());
     for (const Listed* one : found) {
         rows.push_back({terminal::shownOrDash(one->plugIn.identifier), terminal::shownOrDash(one->plugIn.version),
                         terminal::shownOrDash(one->plugIn.name), one->plugIn.uuid.string()});
@@ -122,7 +123,7 @@ Resolution resolve(VTDaemonClient& client, const std::string& serviceName, const
     }
 
     Resolution resolution;
-    std::set<value::Uuid> taken;
+    std::unordered_set<value::Uuid> taken;
     const auto take = [&](const PlugIn& plugIn) {
         if (taken.insert(plugIn.uuid).second) resolution.plugIns.push_back(plugIn);
     };
@@ -153,6 +154,7 @@ Resolution resolve(VTDaemonClient& client, const std::string& serviceName, const
 
 std::vector<value::Uuid> uuidsOf(const std::vector<PlugIn>& plugIns) {
     std::vector<value::Uuid> uuids;
+    uuids.reserve(plugIns.size());
     for (const PlugIn& plugIn : plugIns) uuids.push_back(plugIn.uuid);
     return uuids;
 }

@@ -14,6 +14,7 @@ import socket
 import subprocess
 import sys
 import tempfile
+import time
 import unittest
 
 VTCTL, VTD, EXAMPLES = sys.argv[1:4]
@@ -36,7 +37,7 @@ class World:
         self.ready = socket.socket(socket.AF_UNIX, socket.SOCK_DGRAM)
         self.ready.bind(self.root + '/ready')
         self.ready.settimeout(20)
-        self.daemon = None
+        self.begun = []
         self.start()
 
     def install(self, name, copy):
@@ -57,6 +58,9 @@ class World:
         self.log.close()
 
     def end(self):
+        for process in self.begun:
+            process.kill()
+            process.communicate()
         self.kill()
         self.ready.close()
         shutil.rmtree(self.root)
@@ -66,8 +70,10 @@ class World:
         return subprocess.run([VTCTL, *arguments], env=self.environment, timeout=20, **options)
 
     def begin(self, *arguments, **options):
-        return subprocess.Popen([VTCTL, *arguments], env=self.environment, stdout=subprocess.PIPE,
-                                stderr=subprocess.PIPE, **options)
+        begun = subprocess.Popen([VTCTL, *arguments], env=self.environment, stdout=subprocess.PIPE,
+                                 stderr=subprocess.PIPE, **options)
+        self.begun.append(begun)
+        return begun
 
     def listed(self, *rules):
         return {form['identifier']: form for form in json.loads(self.vtctl('match', '--json', *rules).stdout)}
@@ -88,14 +94,20 @@ class VtctlTest(unittest.TestCase):
         self.addCleanup(self.world.end)
 
     def check(self, arguments, status, out='', error='', **options):
-        """Runs the tool; the texts are patterns that its output must hold, an empty one that there is none."""
+        """Runs the tool; the texts are patterns that its output must hold, an empty one that there is none, None anything."""
         ran = self.world.vtctl(*arguments, **options)
         with self.subTest(arguments):
             self.assertEqual(ran.returncode, status, ran.stderr)
             for pattern, stream in ((out, ran.stdout), (error, ran.stderr)):
-                if stream is not None:
-                    self.assertRegex(stream.decode(), pattern if pattern else r'\A\Z')
+                if stream is not None and pattern is not None:
+                    self.assertRegex(stream.decode(), re.compile(pattern if pattern else r'\A\Z', re.S))
         return ran
+
+    def eventually(self, holds):
+        deadline = time.monotonic() + 10
+        while not holds():
+            self.assertLess(time.monotonic(), deadline)
+            time.sleep(0.01)
 
     def test_elections_are_of_the_plug_ins_that_the_words_name(self):
         uuid = self.world.listed()['halvern.emoji']['uuid']
@@ -210,8 +222,6 @@ class VtctlTest(unittest.TestCase):
         self.assertNotIn('example.postcard.stamps', self.world.listed())
         self.check(['unhold', token], 0)
         self.assertIn('example.postcard.stamps', self.world.listed())
-        hold.kill()
-        hold.communicate()
         self.check(['hold', emoji], 1, error='cannot write', stdout=None, preexec_fn=lambda: os.close(1))
         self.assertIn('halvern.emoji', self.world.listed())
 
@@ -240,6 +250,48 @@ class VtctlTest(unittest.TestCase):
             self.check(['hold', '--app', postcard, '--', 'true'], 1, '',
                        'plug-ins are busy.*\n.*busy: example.postcard.share\n.*without --app')
             self.check(['hold', postcard + '/PlugIns/Share.appex', '--', 'true'], 0)
+
+    def test_ready_stays_and_says_what_is_registered_for_it(self):
+        host = self.world.begin('ready', 'lingua.keyboard', 'emoji')
+        line = host.stdout.readline().decode()
+        self.assertRegex(line, fr'example\.lingua\.keyboard: registered in .*/services/{host.pid}/.*\.plist')
+        self.assertEqual(host.stdout.readline(), b'halvern.emoji: ready; nothing to start\n')
+        registration = line.split(' in ')[1].strip()
+        self.assertTrue(os.path.exists(registration))
+        shutil.rmtree(self.world.root + '/user/Applications/7C2B4D1E')
+        self.eventually(lambda: not os.path.exists(registration))
+        host.terminate()
+        self.assertEqual((host.communicate(timeout=20), host.returncode), ((b'', b''), 0))
+
+        services = self.world.root + '/run/services/'
+        ran = self.check(['ready', '--json', 'quick', '--', 'sh', '-c', f'ls {services}$PPID'], 0, r'\]\n.*plist\n')
+        [told] = json.loads(ran.stdout[:ran.stdout.rindex(b']') + 1])
+        self.assertEqual(told['executable'], self.world.root + '/system/PlugIns/QuickNote.bundle/QuickNote')
+        self.eventually(lambda: not os.listdir(services))
+        form = self.world.listed()['halvern.quicknote']
+        for arguments, status, error in [
+            (['ready', 'lingua.keyboard'], 2, 'no plug-in is called'),
+            (['ready', 'frames.oval'], 1, 'cannot obtain executable path.*\n.*log has the reason'),
+            (['hold', form['path'], '--', VTCTL, 'ready', form['uuid']], 1, 'on hold.*\n.*none of the plug-ins'),
+            (['ready', 'quick', '--', 'no-such-program'], 127, 'cannot run'),
+        ]:
+            self.check(arguments, status, None, error)
+
+    def test_a_file_of_a_plug_in_is_read_through_its_token(self):
+        path = self.world.listed()['halvern.emoji']['path']
+        with open(path + '/Info.plist', 'rb') as file:
+            content = file.read()
+        for name in 'Info.plist', path + '/Info.plist':
+            self.assertEqual(self.check(['access', '--open', 'emoji', name], 0, None).stdout, content)
+        for arguments, status, out, error in [
+            (['access', 'emoji', 'quick'], 0, r'\A\S+\n\S+\n\Z', ''),
+            (['access', '--json', 'emoji'], 0, '"token": .*"identifier": "halvern.emoji"', ''),
+            (['access', '--open', 'emoji'], 2, '', 'takes a plug-in and the path'),
+            (['access', '--open', 'emoji', 'missing'], 1, '', 'missing'),
+            (['access', '--open', 'emoji', '../QuickNote.bundle/Info.plist'], 1, '', 'QuickNote'),
+            (['access', '--open', 'emoji', '/etc/passwd'], 1, '', '/etc/passwd'),
+        ]:
+            self.check(arguments, status, out, error)
 
     def test_plug_ins_are_registered_by_paths_from_the_current_directory(self):
         place = self.world.root + '/elsewhere'

@@ -1,0 +1,88 @@
+#include "vtctl/Ready.h"
+
+#include <unistd.h>
+
+#include <algorithm>
+#include <filesystem>
+#include <iostream>
+#include <optional>
+
+#include "Velto/VTProtocol.h"
+#include "platform/file/File.h"
+#include "platform/paths/Paths.h"
+#include "platform/services/Registration.h"
+#include "vtctl/Attendance.h"
+#include "vtctl/Connection.h"
+#include "vtctl/Json.h"
+#include "vtctl/PlugIns.h"
+#include "vtctl/Terminal.h"
+
+namespace {
+
+constexpr char kLoss[] = "the daemon went away: until it is back nobody withdraws what was registered";
+
+struct Registered {
+    std::string file;
+    services::Registration registration;
+};
+
+// What there is for this process, as whoever starts plug-ins finds it.
+std::vector<Registered> registrations() {
+    std::vector<Registered> found;
+    std::error_code none;  // as where only data plug-ins were named
+    const std::string directory = paths::directories().runtime + "/services/" + std::to_string(::getpid());
+    for (std::filesystem::directory_iterator at{directory, none}, end; at != end; at.increment(none)) {
+        const std::string file = at->path().string();
+        if (!file.ends_with(services::kFileSuffix)) continue;
+        const auto contents = file::readRegular(file, services::kMostBytes);
+        auto registration = contents ? services::decode(contents->bytes) : std::nullopt;
+        if (registration) found.push_back({file, *std::move(registration)});
+    }
+    return found;
+}
+
+void report(const std::vector<plugins::PlugIn>& plugIns, bool asJson) {
+    const std::vector<Registered> all = registrations();
+    json::Json list = json::Json::array();
+    for (const plugins::PlugIn& plugIn : plugIns) {
+        const auto found = std::find_if(all.begin(), all.end(), [&plugIn](const Registered& one) {
+            return services::bundlePathOf(one.registration) == plugIn.path;
+        });
+        json::Json entry{{"uuid", plugIn.uuid.string()}};
+        if (!plugIn.identifier.empty()) entry["identifier"] = plugIn.identifier;
+        if (found != all.end()) {
+            entry["executable"] = found->registration.executable;
+            entry["registration"] = found->file;
+        }
+        list.push_back(std::move(entry));
+        if (asJson) continue;
+        std::cout << plugIn.title() << ": "
+                  << (found == all.end() ? "ready; nothing to start" : "registered in " + terminal::shown(found->file))
+                  << "\n";
+    }
+    if (asJson) std::cout << json::indentedText(list) << "\n";
+    std::cout.flush();
+}
+
+}  // namespace
+
+int runReady(const ReadyOptions& options) {
+    Attendance attendance{options.serviceName};
+    VTDaemonClient& client = attendance.client();
+    const plugins::Resolution resolved =
+        plugins::resolve(client, options.serviceName, options.plugIns, plugins::Which::onePerIdentifier);
+    if (resolved.status != ExitStatus::success) return static_cast<int>(resolved.status);
+    mox::Dictionary request = client.request(VTRequest::ready);
+    VTDaemonClient::set(request, plugins::uuidsOf(resolved.plugIns));
+    request.set(VTKey::flags, std::uint64_t{0});
+    const ExitStatus status = sendAndReport(
+        client, request, options.serviceName,
+        {{VTErrorRequest,
+          "the daemon's log has the reason; plug-ins named before it may have been made ready, until now"},
+         {VTErrorAccess, "none of the plug-ins was made ready"}});
+    if (status != ExitStatus::success) return static_cast<int>(status);
+    report(resolved.plugIns, options.asJson);
+    if (!std::cout) return static_cast<int>(ExitStatus::errorReply);
+    if (options.command.empty()) return attendance.untilInterrupted(kLoss);
+    return attendance.during(options.command, kLoss);
+}
