@@ -12,13 +12,26 @@ namespace {
 constexpr std::array<std::string_view, 4> kAdditionKeys = {VTFormKey::annotations, VTFormKey::extensions,
                                                            VTFormKey::overrider, VTFormKey::overriding};
 
-// What the additions of a form are taken to need: an election, and a token of some 200 bytes.
-constexpr std::size_t kAdditionsHint = 384;
-
 constexpr std::size_t kNoAddition = kAdditionKeys.size();
 
 std::size_t additionIndex(std::string_view key) {
     return static_cast<std::size_t>(std::find(kAdditionKeys.begin(), kAdditionKeys.end(), key) - kAdditionKeys.begin());
+}
+
+// At least what the value needs on the wire, and not much more.
+std::size_t sizeHint(const value::Value& value) {
+    constexpr std::size_t kEach = 17;  // a tag with a UUID
+    std::size_t size = kEach;
+    if (const std::string* text = value.string()) {
+        size += text->size();
+    } else if (const value::Dictionary* dictionary = value.dictionary()) {
+        for (const auto& [key, entry] : *dictionary) size += kEach + key.size() + sizeHint(entry);
+    } else if (const value::Array* array = value.array()) {
+        for (const value::Value& element : *array) size += sizeHint(element);
+    } else if (const auto* data = value.data()) {
+        size += data->size();
+    }
+    return size;
 }
 
 std::string textIn(const value::Dictionary& form, std::string_view key) {
@@ -119,5 +132,8 @@ void VTForm::encode(mox::Encoder& encoder) const {
 }
 
 std::size_t VTForm::encodedSizeHint() const {
-    return base_->entries_.size() + kAdditionsHint;
+    constexpr std::size_t kKeys = 64;
+    std::size_t size = base_->entries_.size() + kKeys;
+    for (const auto& addition : additions_) size += addition ? sizeHint(*addition) : 0;
+    return size;
 }

@@ -75,7 +75,7 @@ public:
 
     // Appends the whole form as one dictionary, its keys in ascending order as everywhere.
     void encode(mox::Encoder& encoder) const;
-    std::size_t encodedSizeHint() const;  // nearly what encode() appends
+    std::size_t encodedSizeHint() const;  // what encode() appends, or a little more
 
     const std::shared_ptr<const Base>& base() const { return base_; }
 

@@ -22,8 +22,9 @@ constexpr char kUnit[] = "vtd/VTDAnnotationStore";
 constexpr char kVersionKey[] = "version";
 constexpr char kDataKey[] = "data";
 
-// Far beyond what any user's decisions amount to: what was saved must also load, however much clients have stored.
-constexpr plist::Limits kLimits{std::size_t{256} << 20, 64, 10'000'000};
+// Far beyond what any user's decisions amount to: what was saved must also load, however much clients have stored. No
+// list of so many bytes has more values.
+constexpr plist::Limits kLimits{std::size_t{256} << 20, 64, (std::size_t{256} << 20) / 8};
 
 value::Dictionary rootOf(value::Dictionary table) {
     return {{kVersionKey, VTDAnnotationStore::kVersion}, {kDataKey, std::move(table)}};

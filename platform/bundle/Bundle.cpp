@@ -27,7 +27,7 @@ std::shared_ptr<const Info> readInfo(const std::string& bundlePath) {
         file::readRegular(text::format("{}/{}", bundlePath, kInfoFile), kInfoLimit, file::FinalLink::refused);
     if (!contents) return nullptr;
     auto info = std::make_shared<Info>();
-    const auto root = plist::read(contents->bytes);
+    const auto root = plist::read(contents->bytes, {.bytes = kInfoLimit, .values = kInfoValues});
     const value::Dictionary* dictionary = root ? root->dictionary() : nullptr;
     if (dictionary != nullptr) {
         info->dictionary = *dictionary;

@@ -18,7 +18,8 @@ inline constexpr char kVersionKey[] = "QFBundleVersion";
 inline constexpr char kNameKey[] = "QFBundleName";
 inline constexpr char kDisplayNameKey[] = "QFBundleDisplayName";
 inline constexpr char kInfoFile[] = "Info.plist";
-inline constexpr std::size_t kInfoLimit = std::size_t{4} << 20;  // a larger Info.plist is as good as none
+inline constexpr std::size_t kInfoLimit = std::size_t{1} << 20;  // a larger Info.plist is as good as none
+inline constexpr std::size_t kInfoValues = 50'000;               // and so is one of more values
 
 // What a path given to open() is.
 enum class PathKind { directory, executable };

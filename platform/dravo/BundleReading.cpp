@@ -2,6 +2,7 @@
 
 #include "platform/bundle/Bundle.h"
 #include "platform/dravo/ExtensionPoints.h"
+#include "platform/mox/Encoder.h"
 #include "platform/text/Format.h"
 
 namespace dravo {
@@ -15,11 +16,14 @@ bool isSensible(const std::string& text) {
 PlugInFacts plugIn(const value::Dictionary& info, const value::Dictionary* description, std::string identifier) {
     PlugInFacts facts;
     if (description) facts.extensionPoint = sensibleText(*description, kExtensionPointKey);
-    collectPointNames(info, identifier, facts.pointNames);
+    PointNames names{kPointNamesLimit};
+    names.collect(info, identifier);
+    facts.anyPoint = names.tooMany();
+    if (!facts.anyPoint) facts.pointNames = names.take();
     if (facts.extensionPoint) std::erase(facts.pointNames, *facts.extensionPoint);
     std::size_t bytes = 0;
     for (const std::string& name : facts.pointNames) bytes += name.size();
-    if (facts.pointNames.size() > kPointNamesLimit || bytes > kTextLimit) {
+    if (bytes > kTextLimit) {
         facts.anyPoint = true;
         facts.pointNames.clear();
     }
@@ -36,6 +40,14 @@ void describeMultiple(const value::Dictionary& info, const value::Value& multipl
     }
     if (descriptions->size() > kMultipleLimit) {
         facts.refusal = text::format("more than {} plug-ins in one bundle", kMultipleLimit);
+        return;
+    }
+    // Each plug-in's description travels to hosts with the whole of the bundle's.
+    mox::Encoder whole;
+    whole.value(info);
+    if (whole.size() > kDescriptionsLimit / descriptions->size()) {
+        facts.refusal = text::format("{} plug-ins described by {} bytes each, more than {} in all",
+                                     descriptions->size(), whole.size(), kDescriptionsLimit);
         return;
     }
     for (const auto& entry : *descriptions) {

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cstdlib>
 
+#include "platform/dravo/Facts.h"
 #include "platform/dravo/InfoFile.h"
 #include "platform/paths/Paths.h"
 #include "platform/sdk/SdkRegistry.h"
@@ -11,54 +12,67 @@ namespace dravo {
 
 namespace {
 
+constexpr std::size_t kRepeats = 4;  // of one name, on average, before it is taken for an attempt to keep us busy
+constexpr std::size_t kSdkNamesLimit = 1000;
 constexpr std::size_t kKnownLimit = 100'000;  // extension points; names that come and go must not pile up
-
-void addText(const value::Value& value, std::vector<std::string>& names) {
-    const std::string* const text = value.string();
-    if (text && std::find(names.begin(), names.end(), *text) == names.end()) names.push_back(*text);
-}
-
-void addTexts(const value::Value* value, std::vector<std::string>& names) {
-    if (!value) return;
-    addText(*value, names);
-    if (const value::Array* const array = value->array()) {
-        for (const value::Value& element : *array) addText(element, names);
-    }
-}
-
-void addAttribute(const value::Dictionary& description, std::vector<std::string>& names) {
-    if (const auto* const attributes = description.dictionary(kAttributesKey)) {
-        addTexts(attributes->find(kPointNameKey), names);
-    }
-}
 
 const char* testDirectory() {
     return std::getenv("VTTEST_SDK");
 }
 
 std::vector<std::string> readNames(const std::string& extensionPoint) {
-    std::vector<std::string> names;
-    if (const auto entry = sdk::entry(extensionPoint)) collectPointNames(*entry, "", names);
+    PointNames names{kSdkNamesLimit};
+    if (const auto entry = sdk::entry(extensionPoint)) names.collect(*entry, "");
     // Takes precedence where it is set; collecting both loses nothing.
     if (const char* const directory = testDirectory()) {
-        if (const auto entry = sdk::entryIn(directory, extensionPoint)) collectPointNames(*entry, "", names);
+        if (const auto entry = sdk::entryIn(directory, extensionPoint)) names.collect(*entry, "");
     }
-    return names;
+    return names.take();
 }
 
 }  // namespace
 
-void collectPointNames(const value::Dictionary& info, const std::string& identifier, std::vector<std::string>& names) {
-    addTexts(info.find(kPointNameKey), names);
+void PointNames::collect(const value::Dictionary& info, const std::string& identifier) {
+    addTexts(info.find(kPointNameKey));
     const value::Dictionary* const top = info.dictionary(kPlugInKey);
     if (!top) return;
-    addAttribute(*top, names);
+    addAttribute(*top);
     const value::Dictionary* const multiple = top->dictionary(kMultipleKey);
     if (!multiple) return;
-    for (const auto& entry : *multiple) {
-        if (!identifier.empty() && entry.key != identifier) continue;
-        if (const value::Dictionary* const description = entry.value.dictionary()) addAttribute(*description, names);
+    if (!identifier.empty()) {
+        if (const auto* const description = multiple->dictionary(identifier)) addAttribute(*description);
+        return;
     }
+    for (const auto& entry : *multiple) {
+        if (const value::Dictionary* const description = entry.value.dictionary()) addAttribute(*description);
+    }
+}
+
+void PointNames::addAttribute(const value::Dictionary& description) {
+    if (const auto* const attributes = description.dictionary(kAttributesKey))
+        addTexts(attributes->find(kPointNameKey));
+}
+
+void PointNames::addTexts(const value::Value* value) {
+    if (!value) return;
+    addText(*value);
+    if (const value::Array* const array = value->array()) {
+        for (const value::Value& element : *array) {
+            if (tooMany_) return;
+            addText(element);
+        }
+    }
+}
+
+void PointNames::addText(const value::Value& value) {
+    if (tooMany_) return;
+    const std::string* const text = value.string();
+    if (!text || std::find(names_.begin(), names_.end(), *text) != names_.end()) {
+        tooMany_ = ++looked_ > kRepeats * most_;
+        return;
+    }
+    tooMany_ = names_.size() == most_ || text->size() > kTextLimit;
+    if (!tooMany_) names_.push_back(*text);
 }
 
 const std::vector<std::string>& SdkPointNames::of(const std::string& extensionPoint) {

@@ -1,7 +1,9 @@
 #pragma once
 
+#include <cstddef>
 #include <string>
 #include <unordered_map>
+#include <utility>
 #include <vector>
 
 #include "platform/value/Value.h"
@@ -12,9 +14,28 @@
 // than it will find.
 namespace dravo {
 
-// Adds the texts (a string, or the strings of an array) that the dictionary has under the name, for the plug-in with
-// the identifier; an empty identifier stands for every plug-in. Each text is added once.
-void collectPointNames(const value::Dictionary& info, const std::string& identifier, std::vector<std::string>& names);
+// Names found so far, each once. What claims more than a plug-in may have is no longer looked at: it counts as any.
+class PointNames {
+public:
+    explicit PointNames(std::size_t most) : most_{most} {}
+
+    // Adds the texts (a string, or the strings of an array) that the dictionary has under the name, for the plug-in
+    // with the identifier; an empty identifier stands for every plug-in.
+    void collect(const value::Dictionary& info, const std::string& identifier);
+
+    bool tooMany() const { return tooMany_; }
+    std::vector<std::string> take() { return std::move(names_); }
+
+private:
+    void addText(const value::Value& value);
+    void addTexts(const value::Value* value);
+    void addAttribute(const value::Dictionary& description);
+
+    const std::size_t most_;
+    std::vector<std::string> names_;
+    std::size_t looked_ = 0;
+    bool tooMany_ = false;
+};
 
 // The names that the SDKs add, by extension point; read when first asked for. Not for use from several threads.
 class SdkPointNames {

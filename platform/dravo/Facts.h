@@ -16,6 +16,7 @@ namespace dravo {
 // Bounds on what a bundle may claim; more is as good as a broken bundle, and costs one line in the log.
 inline constexpr std::size_t kTextLimit = bundle::kNameLimit;  // bytes of an identifier, a name, a version
 inline constexpr std::size_t kMultipleLimit = 1024;            // plug-ins in one bundle
+inline constexpr std::size_t kDescriptionsLimit = 16U << 20U;  // bytes that describe the plug-ins of one bundle
 inline constexpr std::size_t kPointNamesLimit = 64;            // names of one plug-in's extension point
 inline constexpr std::size_t kEntriesLimit = 100'000;          // entries of a directory
 inline constexpr std::size_t kContainerEntriesLimit = 1000;    // entries of an application's own container folder

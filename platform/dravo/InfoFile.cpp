@@ -21,7 +21,7 @@ std::uint64_t digestOf(std::string_view bytes) {  // FNV-1a
 value::Result<InfoFile> readInfoFile(int bundleDirectory) {
     const auto contents = file::readRegularBeneath(bundleDirectory, bundle::kInfoFile, bundle::kInfoLimit);
     if (!contents) return contents.error();
-    const auto root = plist::read(contents->bytes);
+    const auto root = plist::read(contents->bytes, {.bytes = bundle::kInfoLimit, .values = bundle::kInfoValues});
     if (!root) return root.error();
     const value::Dictionary* const dictionary = (*root).dictionary();
     if (!dictionary) return value::Error{"dravo", 0, std::string{bundle::kInfoFile} + " is no dictionary"};

@@ -17,6 +17,7 @@ namespace entitlements {
 namespace {
 
 constexpr std::size_t kLimit = std::size_t{1} << 20;
+constexpr std::size_t kMostValues = 10'000;
 
 value::Error refusal(const std::string& path, std::string_view reason) {
     return value::posixError(EPERM, text::format("entitlements of {} not honoured, {}", path, reason));
@@ -78,7 +79,7 @@ value::Result<value::Dictionary> ofBundle(int bundleDirectory, const std::string
     const std::string path = bundlePath + "/" + kFile;
     if (const char* reason = distrust(contents->owner, contents->mode)) return refusal(path, reason);
 
-    const auto list = plist::read(contents->bytes);
+    const auto list = plist::read(contents->bytes, {.bytes = kLimit, .values = kMostValues});
     if (!list) {
         value::Error error = list.error();
         error.message = path + ": " + error.localizedDescription();

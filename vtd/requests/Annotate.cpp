@@ -10,6 +10,9 @@
 namespace {
 constexpr char kElection[] = "election";
 constexpr char kExtension[] = "extension";
+
+// The extension travels with the plug-in's form in every discovery of every host, and is saved with every choice.
+constexpr std::size_t kLargestExtension = std::size_t{16} << 10;  // bytes, encoded
 }  // namespace
 
 // Everything is checked before anything is stored. Each plug-in is then saved and announced by itself; the reply leaves
@@ -27,7 +30,9 @@ void Transaction::annotatePlugIns() {
         update.set(kElection, election);
     }
     if (const auto extension = sent->find(kExtension)) {
-        if (!extension->isDictionary()) return fail(VTErrorRequest, "invalid request format (annotation extension)");
+        if (!extension->isDictionary() || extension->size() > kLargestExtension) {
+            return fail(VTErrorRequest, "invalid request format (annotation extension)");
+        }
         update.set(kExtension, extension->toValue());
     }
     if (update.size() == 0) return done();
