@@ -46,12 +46,14 @@ Request::Ticket::Ticket(const std::shared_ptr<Account>& account, Frame&& frame)
     : replyId{frame.header.replyId},
       charge{account, {.backlog = frame.body.size(), .requests = 1}},
       large{std::move(frame.whole)} {
-    if (!large.empty()) return;
+    if (large) return;
+    std::byte* at = small.data();
     if (frame.body.size() > small.size()) {
-        large = {frame.body.begin(), frame.body.end()};
-    } else {
-        std::copy(frame.body.begin(), frame.body.end(), small.begin());
+        auto copy = std::make_shared_for_overwrite<std::byte[]>(frame.body.size());
+        at = copy.get();
+        large = {std::move(copy), at};
     }
+    std::copy(frame.body.begin(), frame.body.end(), at);
 }
 
 AcceptedConnection::AcceptedConnection(file::UniqueFd socket, PeerIdentity peer, std::shared_ptr<Account> account,

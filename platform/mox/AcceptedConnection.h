@@ -7,7 +7,6 @@
 #include <mutex>
 #include <string>
 #include <string_view>
-#include <vector>
 
 #include "platform/mox/Charges.h"
 #include "platform/mox/Connection.h"
@@ -26,14 +25,14 @@ struct Request::Ticket {
     Ticket(const Ticket&) = delete;
     Ticket& operator=(const Ticket&) = delete;
 
-    const std::byte* message() const { return large.empty() ? small.data() : large.data(); }
+    const std::byte* message() const { return large ? large.get() : small.data(); }
 
     const std::uint64_t replyId;
     const Charge charge;  // to the account of the connection that it came by, which it identifies
     std::atomic<bool> answered{false};
 
 private:
-    std::vector<std::byte> large;
+    std::shared_ptr<const std::byte> large;
     std::array<std::byte, 192> small;
 };
 

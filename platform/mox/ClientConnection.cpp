@@ -283,13 +283,12 @@ std::optional<Break> Client::greet(Link& link, const Frame& hello) {
 }
 
 std::optional<Break> Client::deliverReply(Link& link, Frame&& frame) {
-    auto object = frame.whole.empty() ? Object::decodeCopy(frame.body, kReplyLimits)
-                                      : Object::decode(std::move(frame.whole), kReplyLimits);
-    if (!object) return interrupted(object.error().localizedDescription());
-    if (!object->isDictionary()) return interrupted("a reply that is no dictionary");
+    if (const auto error = check(frame.body, kReplyLimits)) return interrupted(error->localizedDescription());
+    Object object = frame.whole ? Object{std::move(frame.whole)} : Object::copyOf(frame.body);
+    if (!object.isDictionary()) return interrupted("a reply that is no dictionary");
     if ((frame.header.flags & wire::kWithDescriptor) != 0) {
         if (link.descriptors.empty()) return interrupted("a descriptor did not come");
-        object->setDescriptor(std::make_shared<const file::UniqueFd>(std::move(link.descriptors.front())));
+        object.setDescriptor(std::make_shared<const file::UniqueFd>(std::move(link.descriptors.front())));
         link.descriptors.pop_front();
     }
     ReplyHandler reply;
@@ -300,7 +299,7 @@ std::optional<Break> Client::deliverReply(Link& link, Frame&& frame) {
         reply = std::exchange(answered.mapped(), {});
         spare_ = std::move(answered);
     }
-    if (reply) reply(*object);
+    if (reply) reply(object);
     return {};
 }
 

@@ -1,5 +1,6 @@
 #include "platform/mox/Encoder.h"
 
+#include <algorithm>
 #include <cstdint>
 #include <cstring>
 
@@ -9,22 +10,27 @@ namespace mox {
 
 namespace {
 
-constexpr std::size_t kShort = 64;
+constexpr std::size_t kShort = 64;  // pieces up to here are written into the room
+constexpr std::size_t kRoom = 128;
 
 }  // namespace
 
-std::byte* Encoder::extend(std::size_t count) {
-    const std::size_t before = bytes_.size();
-    bytes_.resize(before + count);
-    return bytes_.data() + before;
+// Small pieces are most of a small message, and growing a vector for each costs more than what goes into it.
+void Encoder::makeRoom(std::size_t count) {
+    bytes_.resize(size_ + std::max(count, kRoom));
+}
+
+std::vector<std::byte> Encoder::take() {
+    bytes_.resize(std::exchange(size_, 0));
+    return std::move(bytes_);
 }
 
 void Encoder::erase(std::size_t from, std::size_t count) {
     const auto at = bytes_.begin() + static_cast<std::ptrdiff_t>(from);
     bytes_.erase(at, at + static_cast<std::ptrdiff_t>(count));
+    size_ -= count;
 }
 
-// Small pieces are written in one go: each growth of the buffer costs more than what goes into it.
 template <typename Number>
 void Encoder::number(Kind kind, Number number) {
     std::byte* const at = extend(encoding::kTagSize + sizeof number);
@@ -38,7 +44,13 @@ void Encoder::number(Number number) {
 }
 
 void Encoder::append(Bytes bytes) {
+    if (bytes.size() <= kShort) {
+        std::copy(bytes.begin(), bytes.end(), extend(bytes.size()));
+        return;
+    }
+    bytes_.resize(size_);
     bytes_.insert(bytes_.end(), bytes.begin(), bytes.end());
+    size_ = bytes_.size();
 }
 
 void Encoder::text(std::string_view text) {
@@ -62,7 +74,7 @@ void Encoder::value(const value::Value& value) {
     switch (value.kind()) {
         case value::Kind::boolean:
             tag(Kind::boolean);
-            bytes_.push_back(static_cast<std::byte>(*value.boolean()));
+            *extend(1) = static_cast<std::byte>(*value.boolean());
             return;
         case value::Kind::signedInteger: return number(Kind::signedInteger, *value.signedInteger());
         case value::Kind::unsignedInteger: return number(Kind::unsignedInteger, *value.unsignedInteger());
@@ -104,15 +116,15 @@ void Encoder::error(const value::Error& error) {
 }
 
 Encoder::Container Encoder::begin(Kind kind) {
-    const Container container{bytes_.size()};
+    const Container container{size_};
     *extend(encoding::kContainerHeader) = static_cast<std::byte>(kind);
     return container;
 }
 
 void Encoder::end(const Container& container, std::size_t elsewhere) {
     std::byte* const header = bytes_.data() + container.at + encoding::kTagSize;
-    const auto size = static_cast<std::uint32_t>(bytes_.size() + elsewhere - container.at - encoding::kTagSize -
-                                                 encoding::kLengthSize);
+    const auto size =
+        static_cast<std::uint32_t>(size_ + elsewhere - container.at - encoding::kTagSize - encoding::kLengthSize);
     const auto count = static_cast<std::uint32_t>(container.count);
     std::memcpy(header, &size, sizeof size);
     std::memcpy(header + encoding::kLengthSize, &count, sizeof count);

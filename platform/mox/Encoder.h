@@ -16,8 +16,19 @@ namespace mox {
 // container of more than 4 GiB cannot be encoded; callers stay far below.
 class Encoder {
 public:
+    Encoder() = default;
+    Encoder(const Encoder&) = default;
+    Encoder& operator=(const Encoder&) = default;
+    Encoder(Encoder&& other) noexcept : bytes_{std::move(other.bytes_)}, size_{std::exchange(other.size_, 0)} {}
+    Encoder& operator=(Encoder&& other) noexcept {
+        bytes_ = std::move(other.bytes_);
+        size_ = std::exchange(other.size_, 0);
+        return *this;
+    }
+    ~Encoder() = default;
+
     void reserve(std::size_t bytes) { bytes_.reserve(bytes); }
-    std::size_t size() const { return bytes_.size(); }
+    std::size_t size() const { return size_; }
 
     void value(const value::Value& value);  // the plain conversion
     void string(std::string_view text);
@@ -38,18 +49,22 @@ public:
 
     void beginMessage();  // message form: then exactly one value
 
-    const std::vector<std::byte>& bytes() const { return bytes_; }
-    std::vector<std::byte> take() { return std::move(bytes_); }
+    Bytes bytes() const { return {bytes_.data(), size_}; }
+    std::vector<std::byte> take();
 
     // For who keeps room before, between or behind what is encoded.
-    std::byte* extend(std::size_t count);  // by so many bytes, and answers where they are
+    std::byte* extend(std::size_t count) {  // by so many bytes, and answers where they are
+        if (bytes_.size() - size_ < count) makeRoom(count);
+        return bytes_.data() + std::exchange(size_, size_ + count);
+    }
     void erase(std::size_t from, std::size_t count);
     std::byte* data() { return bytes_.data(); }
 
 private:
     [[nodiscard]] Container begin(Kind kind);
     void append(Bytes bytes);
-    void tag(Kind kind) { bytes_.push_back(static_cast<std::byte>(kind)); }
+    void makeRoom(std::size_t count);
+    void tag(Kind kind) { *extend(1) = static_cast<std::byte>(kind); }
     void text(std::string_view text);
     void error(const value::Error& error);
     template <typename Number>
@@ -57,7 +72,8 @@ private:
     template <typename Number>
     void number(Number number);
 
-    std::vector<std::byte> bytes_;
+    std::vector<std::byte> bytes_;  // the encoded bytes, and a little room for the next small pieces
+    std::size_t size_ = 0;
 };
 
 // A value that was encoded before, shared and spliced as it is.

@@ -46,8 +46,15 @@ std::string faultOf(const wire::Header& header, FrameReader::Sender sender, std:
 
 std::span<std::byte> FrameReader::room() {
     if (!inFrame_) return {};
-    if (filled_ == body_.size()) body_.resize(std::min(partialSize(), std::max(kFirstRoom, filled_ * kGrowth)));
-    return std::span{body_}.subspan(filled_);
+    if (filled_ == capacity_) grow(std::min(partialSize(), std::max(kFirstRoom, filled_ * kGrowth)));
+    return {body_.get() + filled_, capacity_ - filled_};
+}
+
+void FrameReader::grow(std::size_t capacity) {
+    auto larger = std::make_shared_for_overwrite<std::byte[]>(capacity);
+    std::copy_n(body_.get(), filled_, larger.get());
+    body_ = std::move(larger);
+    capacity_ = capacity;
 }
 
 void FrameReader::received(std::size_t inRoom, Bytes lent) {
@@ -79,21 +86,21 @@ std::optional<Frame> FrameReader::next() {
         }
         inFrame_ = true;
         filled_ = 0;
-        if (sender_ == Sender::service) body_.reserve(std::min(partialSize(), kBelieved));
+        if (sender_ == Sender::service) grow(std::min(partialSize(), kBelieved));
     }
 
     const Bytes piece = input_.first(std::min(partialSize() - filled_, input_.size()));
     input_ = input_.subspan(piece.size());
     if (!piece.empty()) {
-        body_.resize(filled_);  // room that was made and not used yet
-        body_.insert(body_.end(), piece.begin(), piece.end());
+        if (capacity_ - filled_ < piece.size()) grow(filled_ + piece.size());
+        std::copy(piece.begin(), piece.end(), body_.get() + filled_);
         filled_ += piece.size();
     }
     if (filled_ < partialSize()) return {};
     inFrame_ = false;
-    Frame frame{header_, {}, std::exchange(body_, {})};
-    frame.body = frame.whole;
-    return frame;
+    capacity_ = 0;
+    const std::byte* const body = body_.get();
+    return Frame{header_, {body, filled_}, {std::exchange(body_, {}), body}};
 }
 
 void FrameReader::keep() {
@@ -109,6 +116,7 @@ void FrameReader::clear() {
     input_ = {};
     kept_ = {};
     body_ = {};
+    capacity_ = 0;
     inFrame_ = false;
 }
 

@@ -38,8 +38,8 @@ public:
     // Takes over bytes from outside when check() accepts them.
     static value::Result<Object> decode(std::vector<std::byte> encoded, const Limits& limits);
 
-    // Copies them when check() accepts them: in one allocation, which is cheaper for small ones.
-    static value::Result<Object> decodeCopy(Bytes encoded, const Limits& limits);
+    // Copies bytes that check() has accepted, into one allocation.
+    static Object copyOf(Bytes encoded);
 
     // Takes over one value that an Encoder made.
     static Object adopt(std::vector<std::byte> encoded);

@@ -12,24 +12,6 @@ std::optional<value::Uuid> View::uuid() const {
     return {};
 }
 
-std::optional<value::Error> View::error() const {
-    if (kind() != Kind::error) return {};
-    // The code, the domain and, when there is one, the message, after a header like an array's.
-    value::Error error;
-    const std::byte* at = contents();
-    const auto text = [&at] {
-        const std::size_t length = encoding::load<std::uint32_t>(at);
-        const std::string result{reinterpret_cast<const char*>(at + encoding::kLengthSize), length};
-        at += encoding::kLengthSize + length;
-        return result;
-    };
-    error.code = encoding::load<std::int64_t>(at);
-    at += sizeof(std::int64_t);
-    error.domain = text();
-    if (at != at_ + size()) error.message = text();
-    return error;
-}
-
 std::optional<View> View::find(std::string_view key) const {
     std::optional<View> found;
     forEachEntry([&](std::string_view name, View value) {

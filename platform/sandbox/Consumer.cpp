@@ -147,7 +147,7 @@ value::Result<file::UniqueFd> openFile(std::int64_t handle, const std::string& p
     if (!reply) return reply.error();
     if (auto error = errorIn(reply->view())) return std::move(*error);
     const auto& shared = reply->descriptor();
-    if (!shared) return value::posixError(EPROTO, "sandbox service, no descriptor");
+    if (!shared) return value::posixError(ETOOMANYREFS, path);  // the kernel passed none
     file::UniqueFd own{fcntl(shared->get(), F_DUPFD_CLOEXEC, 0)};
     if (!own) return value::posixError(errno, path);
     return own;

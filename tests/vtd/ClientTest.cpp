@@ -60,6 +60,8 @@ TEST_F(ClientTest, WhatIsNoRequestIsLoggedAndIgnored) {
     EXPECT_THAT(log_.take(), ElementsAre(AllOf(StartsWith("unexpected error "), HasSubstr("as told")),
                                          AllOf(StartsWith("unexpected message "), HasSubstr("hello"),
                                                EndsWith(" on connection <fake>"))));
+    for (int i = 0; i < 40; ++i) peer_->deliver(mox::Object{value::Value{"hello"}});
+    EXPECT_EQ(log_.take().size(), 16u);  // a peer cannot fill the log
     peer_->deliver(kUnknown);
     finishRequests();
     EXPECT_EQ(peer_->takeReplies().size(), 1u);

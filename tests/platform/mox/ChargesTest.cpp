@@ -61,6 +61,20 @@ TEST(Charges, EndTheGreatestConnectionOfTheGreatestProcessAtTheTotal) {
     EXPECT_FALSE(small->ended || single->ended);
 }
 
+TEST(Charges, EndThoseWhoHaveNotAnsweredTheHelloFirst) {
+    Bounds bounds;
+    bounds.total.connections = 3;
+    const auto ledger = std::make_shared<Ledger>(bounds);
+    const auto a = connect(ledger, kFirst);
+    const auto b = connect(ledger, kFirst);
+    const auto stranger = connect(ledger, kSecond);
+    a->account->setGreeted();
+    b->account->setGreeted();
+    const auto newcomer = connect(ledger, kFirst);
+    EXPECT_TRUE(stranger->ended);
+    EXPECT_FALSE(a->ended || b->ended || newcomer->ended);
+}
+
 TEST(Charges, RefuseOnlyTheProcessThatHasAllItsConnections) {
     Bounds bounds;
     bounds.process.connections = 2;

@@ -133,6 +133,22 @@ TEST(Encoder, SplicedBytesReadAsIfTheyHadBeenEncodedInPlace) {
     EXPECT_EQ(object.view().find("matches")->message()->toValue(), (value::Dictionary{{"a", 1}, {"b", 2}}));
 }
 
+TEST(Dictionary, ReplacesEntriesAroundThoseThatLieElsewhere) {
+    Encoder encoder;
+    encoder.value(value::Data(5000));
+    const auto large = std::make_shared<const std::vector<std::byte>>(encoder.take());
+    Dictionary message;
+    message.set("first", 1);
+    message.setEncoded("large", large);
+    message.setEncoded("other", large);
+    message.set("first", "text");
+    message.set("large", false);
+    const Object object = message.toObject();
+    ASSERT_EQ(check(object.view().encoded(), kRequestLimits), std::nullopt);
+    EXPECT_EQ(object.view().toValue(),
+              (value::Dictionary{{"first", "text"}, {"large", false}, {"other", value::Data(5000)}}));
+}
+
 TEST(Object, ErrorsKeepTheirPartsAndAPartOutlivesTheWhole) {
     const value::Error errors[] = {{"mox", 1, "gone"}, {"Velto", -4, {}}};
     for (const value::Error& error : errors) EXPECT_EQ(Object{error}.view().error(), error);
