@@ -13,6 +13,9 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     if (!object) return 0;
     if (object->view().size() != size) std::abort();
     static_cast<void>(mox::description(object->view()));
+    // A typed read answers for its own kind alone.
+    if (object->view().date().has_value() != (object->view().kind() == mox::Kind::date)) std::abort();
+    if (object->view().uuid().has_value() != (object->view().kind() == mox::Kind::uuid)) std::abort();
     // Keys stand once each, so looking for one finds the very entry that the walk came by.
     object->view().forEachEntry([&](std::string_view key, mox::View entry) {
         const auto found = object->view().find(key);

@@ -29,10 +29,7 @@ value::Value View::toValue() const {
         case Kind::unsignedInteger: return *unsignedInteger();
         case Kind::real: return *real();
         case Kind::string: return *string();
-        case Kind::data: {
-            const Bytes bytes = *data();
-            return value::Data{bytes.begin(), bytes.end()};
-        }
+        case Kind::data: return value::Data{data()->begin(), data()->end()};
         case Kind::date: return *date();
         case Kind::uuid: return *uuid();
         case Kind::error: return *error();
