@@ -1,3 +1,5 @@
+#include <algorithm>
+
 #include "Velto/VTAssertion.h"
 #include "Velto/VTDaemonClient.h"
 #include "Velto/VTPlugInCore.h"
@@ -108,7 +110,7 @@ TEST(Form, EveryMixOfAdditionsIsEncodedLikeTheWholeDictionary) {
         mox::Encoder other;
         form.encode(one);
         other.value(whole);
-        EXPECT_EQ(one.bytes(), other.bytes()) << mix;
+        EXPECT_TRUE(std::ranges::equal(one.bytes(), other.bytes())) << mix;
         EXPECT_EQ(VTForm{whole}.dictionary(), whole);
         forms.push_back(form);
         expected.push_back(whole);

@@ -245,8 +245,8 @@ TEST_F(Saves, AreWholeAndKeptWhereverTheyAreKilled) {
         std::vector<long> order;
         std::copy_if(followed.calls.begin(), followed.calls.end(), std::back_inserter(order),
                      [](long call) { return call == SYS_fsync || call == SYS_renameat || call == SYS_sendto; });
-        EXPECT_THAT(order, ElementsAre(SYS_fsync, SYS_renameat, SYS_fsync, SYS_sendto))
-            << "the reply leaves behind the save";
+        EXPECT_THAT(order, ElementsAre(SYS_sendto, SYS_fsync, SYS_renameat, SYS_fsync, SYS_sendto))
+            << "the log's line, the save, and only then the reply";
     }
     killStore(kKills);
     std::cout << undisturbed.calls.size() << " calls of a save times " << ofStore / undisturbed.calls.size()

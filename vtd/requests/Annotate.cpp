@@ -12,7 +12,7 @@ constexpr char kElection[] = "election";
 constexpr char kExtension[] = "extension";
 
 // The extension travels with the plug-in's form in every discovery of every host, and is saved with every choice.
-constexpr std::size_t kLargestExtension = std::size_t{16} << 10;  // bytes, encoded
+constexpr std::size_t kLargestExtension = std::size_t{64} << 10;  // bytes, encoded
 }  // namespace
 
 // Everything is checked before anything is stored. Each plug-in is then saved and announced by itself; the reply leaves
