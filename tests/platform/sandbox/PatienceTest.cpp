@@ -22,7 +22,8 @@ TEST(Patience, AHandleThatComesTooLateIsGivenBack) {
         connection->setEventHandler([&, weak = std::weak_ptr{connection}](const mox::Event& event) {
             const auto* const request = std::get_if<mox::Request>(&event);
             if (request == nullptr) return;
-            if (*request->view().find("request")->string() == "consume") return asked.set_value({weak.lock(), *request});
+            if (*request->view().find("request")->string() == "consume")
+                return asked.set_value({weak.lock(), *request});
             given.set_value(request->view().find("handle")->signedInteger().value_or(0));
         });
         connection->resume();
