@@ -13,6 +13,7 @@ struct Discovery::Visit {
     const VTDPlugIn& candidate;
     const Query& query;
     MatchList& matches;
+    const MatchEffort& effort;
     std::optional<VTForm> form;  // once the candidate has been exported
 
     bool asksFor(std::uint64_t flag) const { return (query.flags & flag) != 0; }
@@ -74,6 +75,12 @@ struct Discovery::Gates {
         return Reason{"may not be used by the client", *std::move(refusal)};
     }
 
+    // Behind all that meets patterns: what was decided with nothing left to spend was not decided.
+    static Verdict effort(Visit& visit) {
+        if (!visit.effort.isSpent()) return {};
+        return Reason{"came when all effort was spent"};
+    }
+
     static Verdict exported(Visit& visit) {
         std::optional<value::Error> error;
         visit.form = visit.candidate.exportForm(&error);
@@ -97,6 +104,7 @@ struct Discovery::Gates {
         {"rules", Gate::Scope::always, rules},               //
         {kExclusionsGate, Gate::Scope::always, exclusions},
         {kHostGate, Gate::Scope::unlessAll, hostAuthorization},
+        {"effort", Gate::Scope::always, effort},
         {"export", Gate::Scope::always, exported},        //
         {"duplicates", Gate::Scope::always, duplicates},  //
     };
@@ -106,7 +114,7 @@ Discovery::Discovery(Query query, Annotate annotate)
     : query_{std::move(query)}, annotate_{std::move(annotate)}, matches_{query_.flags} {}
 
 std::optional<Discovery::Refusal> Discovery::visit(const VTDPlugIn& candidate) {
-    Visit visit{candidate, query_, matches_, {}};
+    Visit visit{candidate, query_, matches_, effort_, {}};
     for (const Gate& gate : Gates::kInOrder) {
         if (gate.scope == Gate::Scope::unlessAll && visit.asksFor(VTDiscoverAll)) continue;
         if (auto reason = gate.examine(visit)) return Refusal{gate.name, reason->text, std::move(reason->detail)};

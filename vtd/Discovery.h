@@ -10,6 +10,7 @@
 
 #include "Velto/VTForm.h"
 #include "platform/value/Value.h"
+#include "vtd/MatchEffort.h"
 #include "vtd/MatchList.h"
 
 class Exclusions;
@@ -18,7 +19,8 @@ class VTDPlugIn;
 // One discovery: passes each candidate through an ordered list of named gates and collects the forms of those that
 // pass. A gate lets a candidate pass or says why not, so that what answers a request also explains its answer.
 //
-// Belongs to one request, which keeps everything it refers to alive.
+// Belongs to one request, which keeps everything it refers to alive, and to the thread that made it. What it spends
+// on rules is bounded (MatchEffort).
 class Discovery {
 public:
     struct Query {
@@ -55,6 +57,9 @@ public:
     // supersedes it).
     std::optional<Refusal> visit(const VTDPlugIn& candidate);
 
+    // Whether the rules and values cost more than one discovery may: the candidates from then on were left out.
+    bool ranOutOfEffort() const { return effort_.isSpent(); }
+
     // The matches, in the order in which they were visited, with their replacement links. The end of the discovery.
     std::vector<VTForm> finish() &&;
 
@@ -66,4 +71,5 @@ private:
     const Query query_;
     const Annotate annotate_;
     MatchList matches_;
+    MatchEffort effort_;
 };

@@ -5,6 +5,7 @@
 
 #include "Velto/VTProtocol.h"
 #include "Velto/VTVersionComparison.h"
+#include "vtd/MatchEffort.h"
 
 namespace {
 
@@ -27,6 +28,7 @@ bool MatchList::admits(const VTForm& candidate) {
     for (Position at = copies->second.first; at != kNone; at = nextCopy_[at]) {
         if (removed_[at]) continue;
         const VTForm& listed = forms_[at];
+        if (!MatchEffort::take(MatchEffort::ofTexts(candidate.version().size(), listed.version().size()))) return false;
         const std::weak_ordering order = compareVersionString(candidate.version(), listed.version());
         if (everyVersion && order != std::weak_ordering::equivalent) continue;
         const bool wins =

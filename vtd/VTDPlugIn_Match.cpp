@@ -8,6 +8,7 @@
 #include "platform/text/Format.h"
 #include "platform/text/NumericCompare.h"
 #include "platform/types/TypeHierarchy.h"
+#include "vtd/MatchEffort.h"
 #include "vtd/VTDAnnotationSource.h"
 #include "vtd/VTDPlugIn.h"
 
@@ -40,6 +41,22 @@ const Comparison& comparisonOf(std::string_view pattern) {
     return kPlain;
 }
 
+// What the dearer steps cost, in units of MatchEffort.
+constexpr std::uint64_t kEffortOfElection = 10;
+constexpr std::uint64_t kEffortOfConformance = 50;
+constexpr std::uint64_t kEffortOfLogLine = 1000;
+
+std::uint64_t effortOfItems(const value::Dictionary& items) {
+    std::uint64_t effort = 1;
+    const value::Array* elements = items.array("items");
+    if (elements == nullptr) return effort;
+    for (const value::Value& item : *elements) {
+        const value::Array* types = item.dictionary() == nullptr ? nullptr : item.dictionary()->array("types");
+        effort += 1 + (types == nullptr ? 0 : types->size());
+    }
+    return effort;
+}
+
 bool isFalse(const value::Value& value) {
     return value == value::Value{false};
 }
@@ -65,6 +82,7 @@ const value::Dictionary::Entry* VTDPlugIn::unmatchedRule(const value::Dictionary
 }
 
 bool VTDPlugIn::matchKey(std::string_view name, const value::Value& pattern) const {
+    if (!MatchEffort::take(1)) return false;
     if (name.starts_with(kEntitlementPrefix)) {
         const auto value = valueForEntitlement(name.substr(kEntitlementPrefix.size()));
         return matchAny(value ? &*value : nullptr, pattern);
@@ -72,6 +90,7 @@ bool VTDPlugIn::matchKey(std::string_view name, const value::Value& pattern) con
     if (name == "KXExtensionIdentifier") return matchText(identifier(), pattern);
     if (name == "halvern.uuid") return matchText(uuid().string(), pattern);
     if (name == "KXUserElection") {
+        if (!MatchEffort::take(kEffortOfElection)) return false;
         const auto source = annotationSource_.load().lock();
         char digits[12];
         const auto written = std::to_chars(std::begin(digits), std::end(digits),
@@ -99,6 +118,7 @@ bool VTDPlugIn::matchAny(const value::Value* value, const value::Value& pattern)
     if (const value::Dictionary* items = pattern.dictionary()) return matchDictionary(*value, *items);
     if (const value::Array* elements = value->array()) {
         for (const value::Value& element : *elements) {
+            if (!MatchEffort::take(1)) return false;
             if (element.string() != nullptr && matchValuePatterns(*element.string(), pattern)) return true;
         }
     }
@@ -116,6 +136,7 @@ bool VTDPlugIn::matchValuePatterns(std::string_view value, const value::Value& p
     if (const std::string* pattern = patterns.string()) return matchValuePattern(value, *pattern);
     if (const value::Array* elements = patterns.array()) {
         for (const value::Value& element : *elements) {
+            if (!MatchEffort::take(1)) return false;
             if (element.string() != nullptr && matchValuePattern(value, *element.string())) return true;
         }
     }
@@ -123,9 +144,13 @@ bool VTDPlugIn::matchValuePatterns(std::string_view value, const value::Value& p
 }
 
 bool VTDPlugIn::matchValuePattern(std::string_view value, std::string_view pattern) const {
+    if (!MatchEffort::take(MatchEffort::ofTexts(value.size(), pattern.size()))) return false;
     if (pattern.starts_with('?')) {
-        if (pattern.starts_with(kConforms)) return types::conforms(value, pattern.substr(kConforms.size()));
-        if (pattern.starts_with(kIs)) return types::conforms(pattern.substr(kIs.size()), value);
+        const bool conforms = pattern.starts_with(kConforms);
+        const bool is = pattern.starts_with(kIs);
+        if (!MatchEffort::take(conforms || is ? kEffortOfConformance : kEffortOfLogLine)) return false;
+        if (conforms) return types::conforms(value, pattern.substr(kConforms.size()));
+        if (is) return types::conforms(pattern.substr(kIs.size()), value);
         logging::notice(text::format("unrecognized match operator:{}", pattern));
         return false;
     }
@@ -136,5 +161,5 @@ bool VTDPlugIn::matchValuePattern(std::string_view value, std::string_view patte
 }
 
 bool VTDPlugIn::matchDictionary(const value::Value& rule, const value::Dictionary& items) const {
-    return activation::evaluate(rule, items);
+    return MatchEffort::take(effortOfItems(items)) && activation::evaluate(rule, items);
 }

@@ -70,6 +70,29 @@ TEST(Discovery, AHoldHidesAPlugInButFromWhoSeesAll) {
     }
 }
 
+// Without a bound these two would compare a hundred million times, while everybody waits.
+TEST(Discovery, RulesAndValuesThatTakeTooLongEndItAndNothingElse) {
+    const auto named = [](std::size_t values) {
+        auto plugIn = plugInAt(Place::system);
+        Dictionary::Builder own{plugIn->plugInDictionary()};
+        value::Array::Storage names(values, "no");
+        names.push_back("yes");
+        own.set("KXExtensionAttributes", Dictionary{{"Names", value::Array{std::move(names)}}});
+        plugIn->setPlugInDictionary(std::move(own).build());
+        return plugIn;
+    };
+    value::Array::Storage patterns(10'000, "never");
+    patterns.push_back("yes");
+    Discovery discovery{
+        {{{"Names", value::Array{std::move(patterns)}}}, VTDiscoverEveryVersion | VTDiscoverEveryCopy, {}}, annotate};
+    EXPECT_FALSE(discovery.visit(*named(1)));
+    EXPECT_FALSE(discovery.ranOutOfEffort());
+    EXPECT_TRUE(discovery.visit(*named(10'000)));
+    EXPECT_TRUE(discovery.ranOutOfEffort());
+    EXPECT_TRUE(discovery.visit(*named(1)));
+    EXPECT_EQ(std::move(discovery).finish().size(), 1U);
+}
+
 TEST(Discovery, MatchCarriesItsAnnotationsAndLinksAndRefusesItsOwnCopy) {
     const auto plugIn = plugInAt(Place::system);
     Discovery discovery{{{}, 0, {}}, annotate};

@@ -69,13 +69,14 @@ void Transaction::matchPlugIns() {
     }
     if (const auto& bundle = client()->bundle()) query.clientPlugInsPath = [bundle] { return bundle->plugInsPath(); };
 
-    query.isOnHold = [this](const VTDPlugIn& plugIn) { return server()->holdOnPlugIn(plugIn); };
-    query.exclusions = server()->userPrefs()->preparedExclusions();
-    query.refuseToClient = [&client = *client(), maximumRating = restrictions::maximumAppsRating()](
-                               const VTDPlugIn& plugIn) { return plugIn.allowForClient(client, maximumRating); };
-
     const VTDatabase::PlugIns candidates = server()->findPlugIns(query.rules).value_or(VTDatabase::PlugIns{});
     probes::discoverRaw(candidates.size());
+    if (!candidates.empty()) {  // what follows looks at the disk
+        query.isOnHold = [this](const VTDPlugIn& plugIn) { return server()->holdOnPlugIn(plugIn); };
+        query.exclusions = server()->userPrefs()->preparedExclusions();
+        query.refuseToClient = [&client = *client(), maximumRating = restrictions::maximumAppsRating()](
+                                   const VTDPlugIn& plugIn) { return plugIn.allowForClient(client, maximumRating); };
+    }
 
     Discovery discovery{std::move(query),
                         [this](const VTDPlugIn& plugIn, VTForm& form) { addAnnotationForPlugIn(plugIn, form); }};
@@ -84,6 +85,11 @@ void Transaction::matchPlugIns() {
         if (refusal && server()->verbose() > 0) explain(*server(), *client(), *candidate, *refusal);
     }
 
+    if (discovery.ranOutOfEffort()) {
+        server()->log(
+            "client {}: plug-ins left out of a discovery, whose rules and values need more than {} comparisons",
+            client()->pid(), MatchEffort::kLimit);
+    }
     std::vector<VTForm> matches = std::move(discovery).finish();
     keepWithinReply(matches);
     if (auto encoded = VTDaemonClient::convertToMox(matches, static_cast<std::int64_t>(version()))) {
