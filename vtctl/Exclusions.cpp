@@ -32,7 +32,8 @@ value::Result<value::Array> listIn(const Stored& stored) {
 std::string described(const value::Value& exclusion) {
     const value::Dictionary* rules = exclusion.dictionary();
     if (rules == nullptr)
-        return json::text(json::fromView(mox::Object{exclusion}.view())) + " (no dictionary of rules)";
+        return json::text(json::fromView(mox::Object{exclusion}.view())) +
+               " (no dictionary of rules: while it is there, nothing is excluded)";
     return rules->empty() ? "(no rules: every plug-in)" : rules::inWords(*rules);
 }
 
@@ -50,6 +51,14 @@ ExitStatus runExclude(const std::vector<std::string>& words) {
     const auto change = [&](const Stored& stored) -> value::Result<Stored> {
         const auto list = listIn(stored);
         if (!list) return list.error();
+        const auto stray = std::find_if(list->begin(), list->end(),
+                                        [](const value::Value& element) { return element.dictionary() == nullptr; });
+        if (stray != list->end()) {
+            const auto place = std::to_string(stray - list->begin() + 1);
+            return error("exclusion " + place +
+                         " is no dictionary of rules, so that nothing is excluded at all; take " +
+                         "it away with `vtctl include " + place + "`, then try again");
+        }
         value::Array::Storage all(list->begin(), list->end());
         const auto same = std::find(all.begin(), all.end(), value::Value{*rules});
         number = static_cast<std::size_t>(same - all.begin()) + 1;

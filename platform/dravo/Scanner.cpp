@@ -41,12 +41,6 @@ file::Stamp trusted(const file::Stamp& stamp) {
     return stamp == file::Stamp{} || file::settled(stamp) ? stamp : kUntrusted;
 }
 
-// What says nothing of the file, and may pass.
-bool isUncertain(int errorNumber) {
-    constexpr int kErrors[] = {EMFILE, ENFILE, ENOMEM, EIO, ESTALE, ETIMEDOUT};
-    return std::find(std::begin(kErrors), std::end(kErrors), errorNumber) != std::end(kErrors);
-}
-
 // Looks at one thing by itself: what was uncertain before neither shows in `flag` meanwhile nor is forgotten.
 class ByItself {
 public:
@@ -106,7 +100,7 @@ Scanner::Pass::~Pass() {
 std::optional<struct stat> Scanner::statusOf(int parent, const std::string& name, const std::string& path) {
     struct stat status {};
     if (::fstatat(parent, name.c_str(), &status, AT_SYMLINK_NOFOLLOW) == 0) return status;
-    if (isUncertain(errno)) trouble(path, errno);
+    if (file::mayPass(errno)) trouble(path, errno);
     return {};
 }
 
@@ -369,13 +363,13 @@ std::shared_ptr<const BundleRecord> Scanner::record(BundlePlace place, BundleFac
 
 // What cannot be looked at: gone by now, no directory, or something to tell of.
 void Scanner::trouble(const std::string& path, int errorNumber) {
-    uncertain_ = uncertain_ || isUncertain(errorNumber);
+    uncertain_ = uncertain_ || file::mayPass(errorNumber);
     if (errorNumber != ENOENT && errorNumber != ENOTDIR) complain(path, std::strerror(errorNumber));
 }
 
 // Whether the error says nothing of what cannot be read.
 bool Scanner::passesBy(const std::string& path, const value::Error& error) {
-    if (error.domain != "posix" || !isUncertain(static_cast<int>(error.code))) return false;
+    if (error.domain != "posix" || !file::mayPass(static_cast<int>(error.code))) return false;
     trouble(path, static_cast<int>(error.code));
     return true;
 }

@@ -8,6 +8,7 @@
 #include <utility>
 
 #include "platform/file/File.h"
+#include "platform/logging/Log.h"
 #include "platform/paths/Paths.h"
 #include "platform/plist/Plist.h"
 #include "platform/text/Format.h"
@@ -105,6 +106,7 @@ struct SecurityTask::State {
             const bool bundled = peer && peer->executablePath && peer->bundleDirectory;
             entitlements.emplace(bundled ? ofBundle(peer->bundleDirectory.get(), peer->bundlePath)
                                          : value::Result<value::Dictionary>{value::Dictionary{}});
+            if (!*entitlements) logging::notice("no entitlements, " + entitlements->error().localizedDescription());
         });
         return *entitlements;
     }

@@ -35,6 +35,10 @@ std::optional<Stamp> stampOf(const std::string& path);  // follows links; nothin
 // write that came between.
 bool settled(const Stamp& stamp);
 
+// Whether an error number says nothing of the file itself (no descriptor or memory to be had, a disk's or a server's
+// trouble), and may pass: what was known of the file before is then the best guess.
+bool mayPass(int errorNumber);
+
 struct Contents {
     std::string bytes;
     Stamp stamp;           // taken before the bytes were read: never newer than they are

@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <ctime>
+#include <iterator>
 
 #include "platform/file/Beneath.h"
 #include "platform/file/File.h"
@@ -84,6 +85,11 @@ std::optional<Stamp> stampOf(const std::string& path) {
     struct stat status {};
     if (path.find('\0') != std::string::npos || ::stat(path.c_str(), &status) != 0) return {};
     return stampOf(status);
+}
+
+bool mayPass(int errorNumber) {
+    constexpr int kErrors[] = {EMFILE, ENFILE, ENOMEM, EIO, ESTALE, ETIMEDOUT};
+    return std::find(std::begin(kErrors), std::end(kErrors), errorNumber) != std::end(kErrors);
 }
 
 bool settled(const Stamp& stamp) {

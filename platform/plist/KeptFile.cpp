@@ -27,6 +27,10 @@ bool isMissing(const value::Error& error) {
     return error.domain == "posix" && error.code == ENOENT;
 }
 
+bool mayPass(const value::Error& error) {
+    return error.domain == "posix" && file::mayPass(static_cast<int>(error.code));
+}
+
 }  // namespace
 
 const KeptFile::Reading& KeptFile::read() {
@@ -38,6 +42,11 @@ const KeptFile::Reading& KeptFile::read() {
         kept_.reading.news = false;
         if (kept_.settled && kept_.stamp == look.stamp) return kept_.reading;
         fresh = load(look.stamp);
+    }
+    if (fresh.reading.fault && mayPass(*fresh.reading.fault) && kept_.reading.root) {
+        kept_.reading.news = false;
+        kept_.settled = false;  // look again
+        return kept_.reading;
     }
     fresh.reading.news = fresh.stamp != kept_.stamp || fresh.reading.fault != kept_.reading.fault ||
                          fresh.reading.root != kept_.reading.root;

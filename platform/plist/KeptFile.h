@@ -11,7 +11,7 @@ namespace plist {
 
 // A property-list file that is asked for often and changes seldom. While it is unchanged (device, inode, size, times,
 // and not within the last tick of the file system's clock) asking costs one look at its directory entry; else it is
-// read anew.
+// read anew. What cannot be read for a reason that may pass (a lack of descriptors, say) stays as it was.
 //
 // Threading: one thread at a time; the owner sees to that.
 class KeptFile {

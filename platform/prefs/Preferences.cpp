@@ -82,7 +82,11 @@ std::optional<value::Error> update(std::string_view domain, std::string_view key
     if (!changed) return changed.error();
     if (!*changed && !stored) return {};
     const auto text = plist::writeXml(content->changing(key, *std::move(changed)));
-    if (!text) return text.error();
+    if (!text) {
+        value::Error error = text.error();
+        error.message = path + " cannot be written: " + error.localizedDescription();
+        return withRemedy(std::move(error));
+    }
     if (text->size() > kLimits.bytes) {
         return value::posixError(EFBIG, path + " would become too large, nothing was changed");
     }

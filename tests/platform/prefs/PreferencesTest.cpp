@@ -1,5 +1,6 @@
 #include <poll.h>
 #include <sys/inotify.h>
+#include <sys/resource.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -88,6 +89,14 @@ TEST_F(Preferences, ShowEveryChangeHoweverSoonAfterTheLast) {
               "</integer></dict></plist>");
         EXPECT_EQ(seen(), 9 - i) << "written in place, within a tick of the clock";
     }
+    rlimit before{};
+    ASSERT_EQ(::getrlimit(RLIMIT_NOFILE, &before), 0);
+    ASSERT_EQ(setCount(10), std::nullopt);
+    const rlimit none{0, before.rlim_max};
+    ASSERT_EQ(::setrlimit(RLIMIT_NOFILE, &none), 0);
+    EXPECT_EQ(seen(), 0) << "no descriptor to be had says nothing of the file: what was known stays";
+    ASSERT_EQ(::setrlimit(RLIMIT_NOFILE, &before), 0);
+    EXPECT_EQ(seen(), 10);
     std::filesystem::remove(path());
     EXPECT_EQ(seen(), -1);
 }
