@@ -28,7 +28,10 @@ struct Granted {
 Granted request(const std::string& serviceName, const std::vector<std::string>& words) {
     VTDaemonClient client{serviceName};
     plugins::Resolution resolved = plugins::resolve(client, serviceName, words, plugins::Which::onePerIdentifier);
-    if (resolved.status != ExitStatus::success) return {resolved.status, {}, {}};
+    if (resolved.status != ExitStatus::success) {
+        if (resolved.status == ExitStatus::usage) terminal::complain("no token was asked for");
+        return {resolved.status, {}, {}};
+    }
     mox::Dictionary message = client.request(VTRequest::access);
     VTDaemonClient::set(message, plugins::uuidsOf(resolved.plugIns));
     message.set(VTKey::flags, std::uint64_t{0});

@@ -141,8 +141,11 @@ int Attendance::during(const std::vector<std::string>& command, const std::strin
     return lost && status == 0 ? static_cast<int>(ExitStatus::unreachable) : status;
 }
 
-int Attendance::untilInterrupted(const std::string& loss) {
+int Attendance::untilInterrupted(const std::function<void()>& announce, const std::string& loss) {
     HeldSignals signals{SIGINT, SIGTERM};
+    announce();
+    std::cout.flush();
+    if (!std::cout) return static_cast<int>(ExitStatus::errorReply);
     const auto interrupted = std::make_shared<std::atomic<bool>>(false);
     signals.deliverTo(client_.replyQueue(), [interrupted](const signalfd_siginfo&) {
         *interrupted = true;

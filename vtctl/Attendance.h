@@ -3,6 +3,7 @@
 #include <sys/types.h>
 
 #include <atomic>
+#include <functional>
 #include <memory>
 #include <optional>
 #include <string>
@@ -29,7 +30,9 @@ public:
     int during(const std::vector<std::string>& command, const std::string& loss);
 
     // Waits for SIGINT or SIGTERM: 0. When the daemon goes away first: ExitStatus::unreachable, and `loss` is said.
-    int untilInterrupted(const std::string& loss);
+    // What `announce` writes to standard output can be answered with a signal at once: they wait from before it on.
+    // When it cannot be written: ExitStatus::errorReply.
+    int untilInterrupted(const std::function<void()>& announce, const std::string& loss);
 
 private:
     VTDaemonClient client_;

@@ -4,6 +4,7 @@
 #include <cstdint>
 #include <iostream>
 #include <set>
+#include <utility>
 
 #include "Velto/VTProtocol.h"
 #include "vtctl/Connection.h"
@@ -36,12 +37,12 @@ ExitStatus checkUnlisted(VTDaemonClient& client, const std::string& serviceName,
                          {{VTErrorRequest, "`vtctl match` shows the UUIDs there are; nothing was changed"}});
 }
 
-// A plug-in shares its election with what it replaces, which no form tells: what has changed besides is told.
+// A plug-in shares its election with what it replaces, which no form tells: what has changed besides is told. Copies
+// of what was told already are no others.
 void tellOthers(VTDaemonClient& client, const std::string& serviceName, const std::vector<plugins::PlugIn>& before,
-                Election election) {
+                std::set<std::string> told, Election election) {
     const auto wanted = static_cast<std::int64_t>(election);
     const plugins::Resolution now = plugins::resolve(client, serviceName, {}, plugins::Which::allCopies);
-    std::set<std::string> told;
     for (const plugins::PlugIn& plugIn : now.others) {
         const bool changed =
             plugIn.election == wanted && std::any_of(before.begin(), before.end(), [&](const plugins::PlugIn& earlier) {
@@ -76,6 +77,6 @@ ExitStatus runElect(const std::string& serviceName, const std::vector<std::strin
     for (const plugins::PlugIn& plugIn : plugIns) {
         if (told.insert(plugIn.title()).second) std::cout << plugIn.title() << ": " << nameOf(election) << "\n";
     }
-    tellOthers(client, serviceName, others, election);
+    tellOthers(client, serviceName, others, std::move(told), election);
     return ExitStatus::success;
 }

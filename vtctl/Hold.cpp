@@ -1,6 +1,8 @@
 #include "vtctl/Hold.h"
 
+#include <filesystem>
 #include <iostream>
+#include <system_error>
 
 #include "Velto/VTProtocol.h"
 #include "Velto/VTValueHelpers.h"
@@ -24,6 +26,19 @@ void reportConflicts(const mox::Object& reply) {
     });
     terminal::complain(
         "end what uses them and try again, or hold each plug-in by its own path, without --app, busy or not");
+}
+
+// The reply does not tell how many plug-ins it is about, and that of a folder that is no application is a success.
+void warnOfNone(const std::vector<std::string>& applications) {
+    for (const std::string& path : applications) {
+        std::error_code none;
+        if (std::filesystem::exists(path + "/Info.plist", none) && std::filesystem::exists(path + "/PlugIns", none)) {
+            continue;
+        }
+        terminal::complain(
+            path +
+            " has no Info.plist and PlugIns folder, as an application with plug-ins has: nothing there is on hold");
+    }
 }
 
 mox::Dictionary releaseOf(const VTDaemonClient& client, const value::Uuid& token) {
@@ -57,11 +72,10 @@ int runHold(const HoldOptions& options) {
         return static_cast<int>(ExitStatus::errorReply);
     }
 
+    if (options.applications) warnOfNone(*paths);
     int ended = 0;
     if (options.command.empty()) {
-        std::cout << token->string() << std::endl;
-        if (!std::cout) return static_cast<int>(ExitStatus::errorReply);
-        ended = attendance.untilInterrupted(kLoss);
+        ended = attendance.untilInterrupted([&token] { std::cout << token->string() << "\n"; }, kLoss);
     } else {
         ended = attendance.during(options.command, kLoss);
     }

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <functional>
 #include <iostream>
+#include <optional>
 #include <tuple>
 #include <unordered_set>
 #include <utility>
@@ -62,6 +63,17 @@ std::vector<const Listed*> select(const std::vector<Listed>& all, const Test& te
     return found;
 }
 
+std::vector<Listed> listedIn(const mox::Object& reply) {
+    std::vector<Listed> all;
+    const auto matches = reply.view().find(VTKey::matches);
+    if (const auto forms = matches ? matches->message() : std::nullopt) {
+        forms->forEachElement([&all](mox::View form) {
+            if (auto one = listedFrom(form)) all.push_back(*std::move(one));
+        });
+    }
+    return all;
+}
+
 // The first way of naming that finds anything decides.
 std::vector<const Listed*> named(const std::vector<Listed>& all, const std::string& word) {
     const Test ways[] = {
@@ -114,13 +126,18 @@ Resolution resolve(VTDaemonClient& client, const std::string& serviceName, const
     if (const ExitStatus status = reportErrorIn(client, reply, serviceName); status != ExitStatus::success) {
         return {status, {}, {}};
     }
-    std::vector<Listed> all;
-    const auto matches = reply.view().find(VTKey::matches);
-    if (const auto forms = matches ? matches->message() : std::nullopt) {
-        forms->forEachElement([&all](mox::View form) {
-            if (auto one = listedFrom(form)) all.push_back(*std::move(one));
-        });
-    }
+    const std::vector<Listed> all = listedIn(reply);
+    // A UUID is also that of a copy that another one supersedes.
+    std::optional<std::vector<Listed>> copies;
+    const auto withUuid = [&](const value::Uuid& uuid) {
+        const auto isIt = [&uuid](const Listed& one) { return one.plugIn.uuid == uuid; };
+        if (const auto found = select(all, isIt); !found.empty()) return found.front()->plugIn;
+        if (!copies) {
+            copies = which == Which::allCopies ? std::vector<Listed>{} : listedIn(discover(client, Which::allCopies));
+        }
+        const auto found = select(*copies, isIt);
+        return found.empty() ? PlugIn{uuid, {}, {}, {}, {}, 0} : found.front()->plugIn;
+    };
 
     Resolution resolution;
     std::unordered_set<value::Uuid> taken;
@@ -129,8 +146,7 @@ Resolution resolve(VTDaemonClient& client, const std::string& serviceName, const
     };
     for (const std::string& word : words) {
         if (const auto uuid = value::Uuid::parse(word)) {
-            const auto found = select(all, [&uuid](const Listed& one) { return one.plugIn.uuid == *uuid; });
-            take(found.empty() ? PlugIn{*uuid, {}, {}, {}, {}, 0} : found.front()->plugIn);
+            take(withUuid(*uuid));
             continue;
         }
         const auto found = word.empty() ? std::vector<const Listed*>{} : named(all, word);

@@ -6,6 +6,7 @@
 #include <filesystem>
 #include <iostream>
 #include <optional>
+#include <unordered_set>
 
 #include "Velto/VTProtocol.h"
 #include "platform/file/File.h"
@@ -41,27 +42,69 @@ std::vector<Registered> registrations() {
     return found;
 }
 
+// Whose the registrations are. A plug-in that no discovery shows is known by its UUID alone, which is in no
+// registration: what nobody else claims is its own, if it is the only one.
+class Claims {
+public:
+    explicit Claims(const std::vector<plugins::PlugIn>& plugIns) {
+        for (const plugins::PlugIn& plugIn : plugIns) {
+            if (plugIn.path.empty()) {
+                ++unlisted_;
+            } else if (const Registered* own = in(plugIn.path)) {
+                claimed_.insert(own);
+            }
+        }
+    }
+
+    const Registered* of(const plugins::PlugIn& plugIn) const {
+        if (!plugIn.path.empty()) return in(plugIn.path);
+        return unlisted_ == 1 ? unclaimed() : nullptr;
+    }
+    bool isUnclear(const plugins::PlugIn& plugIn) const {
+        return plugIn.path.empty() && unlisted_ > 1 && unclaimed() != nullptr;
+    }
+
+private:
+    const Registered* in(const std::string& bundlePath) const {
+        const auto found = std::find_if(all_.begin(), all_.end(), [&bundlePath](const Registered& one) {
+            return services::bundlePathOf(one.registration) == bundlePath;
+        });
+        return found == all_.end() ? nullptr : &*found;
+    }
+    const Registered* unclaimed() const {
+        const auto found =
+            std::find_if(all_.begin(), all_.end(), [this](const Registered& one) { return claimed_.count(&one) == 0; });
+        return found == all_.end() ? nullptr : &*found;
+    }
+
+    const std::vector<Registered> all_ = registrations();
+    std::unordered_set<const Registered*> claimed_;
+    std::size_t unlisted_ = 0;
+};
+
 void report(const std::vector<plugins::PlugIn>& plugIns, bool asJson) {
-    const std::vector<Registered> all = registrations();
+    const Claims claims{plugIns};
     json::Json list = json::Json::array();
     for (const plugins::PlugIn& plugIn : plugIns) {
-        const auto found = std::find_if(all.begin(), all.end(), [&plugIn](const Registered& one) {
-            return services::bundlePathOf(one.registration) == plugIn.path;
-        });
+        const Registered* const found = claims.of(plugIn);
         json::Json entry{{"uuid", plugIn.uuid.string()}};
         if (!plugIn.identifier.empty()) entry["identifier"] = plugIn.identifier;
-        if (found != all.end()) {
+        if (found != nullptr) {
             entry["executable"] = found->registration.executable;
             entry["registration"] = found->file;
         }
         list.push_back(std::move(entry));
         if (asJson) continue;
-        std::cout << plugIn.title() << ": "
-                  << (found == all.end() ? "ready; nothing to start" : "registered in " + terminal::shown(found->file))
-                  << "\n";
+        std::cout << plugIn.title() << ": ";
+        if (found != nullptr) {
+            std::cout << "registered in " << terminal::shown(found->file) << "\n";
+        } else if (claims.isUnclear(plugIn)) {
+            std::cout << "ready; it is in no list, so that its registration cannot be told from the others\n";
+        } else {
+            std::cout << "ready; nothing to start\n";
+        }
     }
     if (asJson) std::cout << json::indentedText(list) << "\n";
-    std::cout.flush();
 }
 
 }  // namespace
@@ -71,7 +114,10 @@ int runReady(const ReadyOptions& options) {
     VTDaemonClient& client = attendance.client();
     const plugins::Resolution resolved =
         plugins::resolve(client, options.serviceName, options.plugIns, plugins::Which::onePerIdentifier);
-    if (resolved.status != ExitStatus::success) return static_cast<int>(resolved.status);
+    if (resolved.status != ExitStatus::success) {
+        if (resolved.status == ExitStatus::usage) terminal::complain("nothing was made ready");
+        return static_cast<int>(resolved.status);
+    }
     mox::Dictionary request = client.request(VTRequest::ready);
     VTDaemonClient::set(request, plugins::uuidsOf(resolved.plugIns));
     request.set(VTKey::flags, std::uint64_t{0});
@@ -81,8 +127,10 @@ int runReady(const ReadyOptions& options) {
           "the daemon's log has the reason; plug-ins named before it may have been made ready, until now"},
          {VTErrorAccess, "none of the plug-ins was made ready"}});
     if (status != ExitStatus::success) return static_cast<int>(status);
-    report(resolved.plugIns, options.asJson);
+    const auto announce = [&] { report(resolved.plugIns, options.asJson); };
+    if (options.command.empty()) return attendance.untilInterrupted(announce, kLoss);
+    announce();
+    std::cout.flush();
     if (!std::cout) return static_cast<int>(ExitStatus::errorReply);
-    if (options.command.empty()) return attendance.untilInterrupted(kLoss);
     return attendance.during(options.command, kLoss);
 }

@@ -26,8 +26,9 @@ ExitStatus runAdd(const std::string& serviceName, const std::vector<std::string>
 }
 
 ExitStatus runRemove(const std::string& serviceName, const std::vector<std::string>& paths) {
-    return sendPaths(serviceName, VTRequest::remove, paths,
-                     {{VTErrorPath,
-                       "`vtctl match --json` shows the \"path\" of each plug-in; paths before this one are "
-                       "unregistered"}});
+    return sendPaths(
+        serviceName, VTRequest::remove, paths,
+        {{VTErrorPath,
+          "only what `vtctl add` registered can be removed; a plug-in in a folder that the daemon watches goes "
+          "when it is deleted. Paths before this one are unregistered"}});
 }

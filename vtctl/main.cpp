@@ -38,6 +38,8 @@ int main(int argc, char** argv) {
     keepStandardStreams();
     // A reader of ours that goes away (a pager, head) ends us quietly.
     std::signal(SIGPIPE, SIG_DFL);
+    // Ignored, as some parents leave it, it would keep the exit status of a command from us.
+    std::signal(SIGCHLD, SIG_DFL);
     // What the library would log about the connection is said by each command in its own words.
     logging::setSink([](logging::Level, std::string_view) {});
     return run(argc, argv);
