@@ -1,6 +1,10 @@
 #include "platform/dravo/Database.h"
 
+#include <cerrno>
+
 #include <sqlite3.h>
+
+#include "platform/file/File.h"
 
 namespace dravo {
 
@@ -19,8 +23,12 @@ constexpr char kSettings[] =
 
 value::Error makeError(sqlite3* connection, int code, const std::string& what) {
     const bool damaged = code == SQLITE_CORRUPT || code == SQLITE_NOTADB;
-    return {"dravo.store", static_cast<std::int64_t>(damaged ? StoreTrouble::damaged : StoreTrouble::failed),
-            what + ": " + (connection ? sqlite3_errmsg(connection) : sqlite3_errstr(code))};
+    std::string text = what + ": " + (connection ? sqlite3_errmsg(connection) : sqlite3_errstr(code));
+    if (code == SQLITE_CANTOPEN || code == SQLITE_READONLY) {
+        const char* const path = connection ? sqlite3_db_filename(connection, "main") : nullptr;
+        text += std::string{"; let this user read and write "} + (path ? path : "that file") + " and its directory";
+    }
+    return {"dravo.store", static_cast<std::int64_t>(damaged ? StoreTrouble::damaged : StoreTrouble::failed), text};
 }
 
 }  // namespace
@@ -30,10 +38,16 @@ void Database::Close::operator()(sqlite3* connection) const {
 }
 
 value::Result<Database> Database::open(const std::string& path) {
+    // NOFOLLOW refuses a link anywhere in the path. It is meant for the file; how its directory is reached is for
+    // whoever set the directory up.
+    const std::size_t name = path.rfind('/') + 1;
+    const auto directory = file::canonicalPath(name > 0 ? path.substr(0, name) : ".");
+    if (!directory) return value::posixError(errno, "cannot open " + path + ": make its directory reachable");
+    const std::string resolved = *directory + "/" + path.substr(name);
     sqlite3* connection = nullptr;
     constexpr int kFlags =
         SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE | SQLITE_OPEN_NOMUTEX | SQLITE_OPEN_NOFOLLOW | SQLITE_OPEN_EXRESCODE;
-    const int code = sqlite3_open_v2(path.c_str(), &connection, kFlags, nullptr);
+    const int code = sqlite3_open_v2(resolved.c_str(), &connection, kFlags, nullptr);
     Database database{connection};
     if (code != SQLITE_OK) return makeError(connection, code & 0xff, "cannot open " + path);
     if (auto error = database.execute(kSettings)) return *error;

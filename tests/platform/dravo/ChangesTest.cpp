@@ -178,6 +178,9 @@ TEST(Registration, IsKeptOverRestartsUntilItIsWithdrawn) {
     const value::Uuid uuid = workspace->pluginAtPath(path)->pluginUUID();
     EXPECT_TRUE(workspace->registerPlugin(path));
 
+    world.stop();
+    world.move("state", "moved");
+    fs::create_directory_symlink("moved", world.root / "state");
     workspace = &world.start();
     ASSERT_THAT(world.identifiers(), ElementsAre("p"));
     EXPECT_EQ(workspace->pluginAtPath(path)->pluginUUID(), uuid);
