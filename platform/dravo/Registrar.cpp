@@ -152,22 +152,30 @@ bool Registrar::registerPlugin(const std::string& path) {
 // Registrations go to the disk by themselves and first: when that fails nothing has happened yet, and nobody has been
 // told anything.
 bool Registrar::registerCanonical(const std::string& path) {
+    const Topic topic{Topic::Kind::registered, path};
+    const auto found = [&] {
+        const auto finding = findings_.find(topic);
+        return finding != findings_.end() ? finding->second : Finding{};
+    };
+    const Finding before = found();
     const bool isNew = registrations_.insert(path).second;
     {
         const Scanner::Pass pass{scanner_, snapshot()};
         lookAtRegistered(path);
     }
-    const auto finding = findings_.find({Topic::Kind::registered, path});
+    const Finding now = found();
     // A folder that merely lies in PlugIns/ may do without a description; who registers one by name means a plug-in.
-    const auto& bundles = finding != findings_.end() ? finding->second.bundles : Snapshot::Bundles{};
-    const bool isPlugIn = !bundles.empty() && !bundles.front()->plugIns().empty() &&
-                          bundles.front()->plugIns().front().pluginDictionary().has_value();
+    const bool isPlugIn = !now.bundles.empty() && !now.bundles.front()->plugIns().empty() &&
+                          now.bundles.front()->plugIns().front().pluginDictionary().has_value();
     const bool isKept = !isNew || (isPlugIn && !save({}, *snapshot(), {.gone = {}, .fresh = {path}}));
     if (!isKept) {
         registrations_.erase(path);
-        forget({Topic::Kind::registered, path});
+        forget(topic);
     }
-    apply(Announce::changes);
+    // To apply costs time for all that is installed, and one request may name a path that brings nothing new, known or
+    // refused, tens of thousands of times.
+    const bool isAsBefore = isNew ? !isKept : now.applications == before.applications && now.bundles == before.bundles;
+    if (!isAsBefore) apply(Announce::changes);
     return isPlugIn && isKept;
 }
 
@@ -176,10 +184,12 @@ bool Registrar::unregisterPlugin(const std::string& path) {
     if (canonical) return queue_->sync([&] { return unregisterCanonical(*canonical); });
     // What is gone from the disk is still known by the path under which it was registered: the one given, or the one
     // that leads there through the links that are left.
-    const std::size_t slash = path.rfind('/');
-    const auto parent = slash != std::string::npos ? file::canonicalPath(path.substr(0, slash + 1)) : std::nullopt;
+    std::string known = path;
+    while (known.ends_with('/') || known.ends_with("/.")) known.pop_back();
+    const std::size_t slash = known.rfind('/');
+    const auto parent = slash != std::string::npos ? file::canonicalPath(known.substr(0, slash + 1)) : std::nullopt;
     return queue_->sync(
-        [&] { return unregisterCanonical(path) || (parent && unregisterCanonical(*parent + path.substr(slash))); });
+        [&] { return unregisterCanonical(known) || (parent && unregisterCanonical(*parent + known.substr(slash))); });
 }
 
 bool Registrar::unregisterCanonical(const std::string& path) {

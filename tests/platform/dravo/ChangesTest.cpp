@@ -191,6 +191,8 @@ TEST(Registration, IsKeptOverRestartsUntilItIsWithdrawn) {
 
     workspace->addObserver(witness);
     world.plugIn("elsewhere/X.app/PlugIns/P.appex", "p", {{"changed", true}});
+    EXPECT_TRUE(workspace->registerPlugin(path));
+    EXPECT_EQ(workspace->pluginAtPath(path)->pluginDictionary(), (Dictionary{{"changed", true}}));
     EXPECT_THAT(witness->await(2), ElementsAre("-p", "+p"));
     world.move("elsewhere/X.app/PlugIns", "elsewhere/X.app/Away");
     world.move("elsewhere/X.app/Away/P.appex", "elsewhere/X.app/P.appex");
@@ -199,9 +201,11 @@ TEST(Registration, IsKeptOverRestartsUntilItIsWithdrawn) {
     world.move("elsewhere/X.app/Away", "elsewhere/X.app/PlugIns");
     EXPECT_THAT(witness->await(1), ElementsAre("+p"));
 
-    EXPECT_TRUE(workspace->unregisterPlugin(path));
-    EXPECT_THAT(world.identifiers(), IsEmpty());
+    world.move("elsewhere/X.app", "elsewhere/Y.app");
+    EXPECT_TRUE(workspace->unregisterPlugin(path + "/.//"));
     EXPECT_FALSE(workspace->unregisterPlugin(path));
+    world.move("elsewhere/Y.app", "elsewhere/X.app");
+    EXPECT_THAT(world.identifiers(), IsEmpty());
     world.start();
     EXPECT_THAT(world.identifiers(), IsEmpty());
 }
