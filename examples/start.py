@@ -37,18 +37,22 @@ def registrations(runtime, host):
             continue  # a registration that is just being written
         try:
             with open(os.path.join(directory, name), 'rb') as file:
-                yield plistlib.load(file)
+                registration = plistlib.load(file)
         except FileNotFoundError:
-            pass  # withdrawn since
+            continue  # withdrawn since
+        except Exception as error:  # one that this reader cannot take must not stop the others
+            print(f'{name}: {error}', file=sys.stderr)
+            continue
+        yield registration
 
 
 def registration_of(runtime, host, bundle):
     for registration in registrations(runtime, host):
         if os.path.dirname(registration['executable']) != bundle:
             continue
-        if registration['hostStartTime'] != start_time(host):
-            sys.exit(f'the process {host} is not the one that readied the plug-in')
-        return registration
+        if registration['hostStartTime'] == start_time(host):
+            return registration
+        print(f'the process {host} is not the one that readied the plug-in', file=sys.stderr)
     sys.exit(f'the process {host} has not readied the plug-in in {bundle}')
 
 

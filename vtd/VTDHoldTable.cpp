@@ -4,11 +4,14 @@
 #include "vtd/VTDPlugIn.h"
 #include "vtd/VTDPlugInHold.h"
 
+VTDHoldTable::Blocked::Blocked(std::shared_ptr<VTDPlugIn> plugIn, const VTDPlugInHold& hold)
+    : record{std::move(plugIn)}, charge{hold.chargeFor(*record)} {}
+
 void VTDHoldTable::add(const Hold& hold) {
     VTDPlugInHold::PlugIns shared;
     for (const auto& plugIn : hold->blocked()) {
-        Blocked& blocked = blocked_[plugIn->uuid()];
-        if (blocked.holds++ == 0) blocked.record = plugIn;
+        Blocked& blocked = blocked_.try_emplace(plugIn->uuid(), plugIn, *hold).first->second;
+        ++blocked.holds;
         shared.insert(blocked.record);
     }
     hold->setBlocked(std::move(shared));

@@ -8,6 +8,7 @@
 #include <utility>
 #include <vector>
 
+#include "platform/mox/Charges.h"
 #include "platform/value/Uuid.h"
 
 class VTDMoxClient;
@@ -35,8 +36,12 @@ public:
 private:
     // By client and, for each, in the order of adding.
     using ByClient = std::map<std::pair<const VTDMoxClient*, std::uint64_t>, Hold>;
+    // Once a plug-in is uninstalled its record lives on here alone: whoever was the first to hold it is charged for it.
     struct Blocked {
-        std::shared_ptr<VTDPlugIn> record;
+        Blocked(std::shared_ptr<VTDPlugIn> plugIn, const VTDPlugInHold& hold);
+
+        const std::shared_ptr<VTDPlugIn> record;
+        const mox::Charge charge;
         std::size_t holds = 0;
     };
 

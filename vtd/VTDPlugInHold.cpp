@@ -1,19 +1,20 @@
 #include "vtd/VTDPlugInHold.h"
 
 #include "platform/mox/Connection.h"
+#include "platform/mox/Encoder.h"
 #include "vtd/VTDMoxClient.h"
 #include "vtd/VTDPlugIn.h"
 
 namespace {
 
-// What a hold costs, roughly: itself with its entries in the table, and so much for each plug-in. The records are not
-// counted: the table has one for each plug-in, however many hold it.
+// What a hold costs, roughly: itself with its entries in the table, and so much for each plug-in. The table has one
+// record of each plug-in, however many hold it, and charges it by itself.
 constexpr std::size_t kCost = 1024;
 constexpr std::size_t kCostOfPlugIn = 128;
 
-mox::Charge charge(const VTDMoxClient& client, std::size_t plugIns) {
+mox::Charge charge(const VTDMoxClient& client, std::size_t bytes) {
     const auto connection = client.connection();
-    return connection ? connection->charge(kCost + plugIns * kCostOfPlugIn) : mox::Charge{};
+    return connection ? connection->charge(bytes) : mox::Charge{};
 }
 
 }  // namespace
@@ -28,4 +29,13 @@ bool VTDPlugInHold::Equal::operator()(const std::shared_ptr<VTDPlugIn>& a, const
 
 VTDPlugInHold::VTDPlugInHold(const std::vector<std::shared_ptr<VTDPlugIn>>& plugIns,
                              const std::shared_ptr<VTDMoxClient>& client)
-    : client_{client}, charge_{charge(*client, plugIns.size())}, blocked_{plugIns.begin(), plugIns.end()} {}
+    : client_{client},
+      charge_{charge(*client, kCost + plugIns.size() * kCostOfPlugIn)},
+      blocked_{plugIns.begin(), plugIns.end()} {}
+
+mox::Charge VTDPlugInHold::chargeFor(const VTDPlugIn& plugIn) const {
+    mox::Encoder description;
+    description.value(plugIn.bundleInfoDictionary());
+    const auto owner = client();
+    return owner ? charge(*owner, description.size()) : mox::Charge{};
+}

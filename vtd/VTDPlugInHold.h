@@ -39,6 +39,7 @@ public:
     const PlugIns& blocked() const { return blocked_; }
     void setBlocked(PlugIns blocked) { blocked_ = std::move(blocked); }      // before it is in the table
     std::shared_ptr<VTDMoxClient> client() const { return client_.lock(); }  // null once it is gone
+    mox::Charge chargeFor(const VTDPlugIn& plugIn) const;                    // of the client, for the record's content
     std::chrono::system_clock::time_point created() const { return created_; }
 
     // Two are the same hold when their tokens are.

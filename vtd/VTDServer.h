@@ -4,6 +4,7 @@
 #include <functional>
 #include <memory>
 #include <optional>
+#include <span>
 #include <string>
 #include <utility>
 
@@ -80,8 +81,10 @@ public:
     // once released a client's holds, it gets no more.
     bool addHold(const std::shared_ptr<VTDPlugInHold>& hold);
 
-    void unholdToken(
-        const value::Uuid& token);            // whoever knows the token may release the hold; an unknown one is nothing
+    // Whoever knows a token may release its hold; an unknown one is nothing. Many of one request cost one turn.
+    void unholdToken(const value::Uuid& token);
+    void unholdTokens(std::span<const value::Uuid> tokens);
+
     void unholdClient(VTDMoxClient& client);  // the client is dead: releases all of its holds
 
     // The server is its own database's delegate: has the service manager forget what was registered of plug-ins that

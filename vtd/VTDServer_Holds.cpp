@@ -1,3 +1,5 @@
+#include <span>
+#include <utility>
 #include <vector>
 
 #include "Velto/VTProtocol.h"
@@ -39,13 +41,21 @@ bool VTDServer::addHold(const std::shared_ptr<VTDPlugInHold>& hold) {
 // In both removals what is removed goes only after the queue has been left: records take their time to be destroyed.
 
 void VTDServer::unholdToken(const value::Uuid& token) {
+    unholdTokens({&token, 1});
+}
+
+void VTDServer::unholdTokens(std::span<const value::Uuid> tokens) {
     const auto removed = syncQueue_->sync([&] {
-        auto hold = holds_.remove(token);
-        if (!hold) return hold;
+        std::vector<VTDHoldTable::Hold> holds;
+        for (const value::Uuid& token : tokens) {
+            auto hold = holds_.remove(token);
+            if (!hold) continue;
+            log("releasing plug-in hold {} at client's request", token.string());
+            holds.push_back(std::move(hold));
+        }
         holdCount_.store(holds_.size());
-        log("releasing plug-in hold {} at client's request", token.string());
-        postChange(1);
-        return hold;
+        if (!holds.empty()) postChange(holds.size());
+        return holds;
     });
 }
 

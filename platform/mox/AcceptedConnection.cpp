@@ -142,7 +142,7 @@ void AcceptedConnection::socketReady(std::uint32_t readiness) {
 void AcceptedConnection::read() {
     std::array<std::byte, kChunk> chunk;
     for (int reads = 0; reads < kReadsInATurn; ++reads) {
-        if (paused_ || (stage_ != Stage::greeting && stage_ != Stage::open)) return;
+        if ((paused_ && !hangup_) || (stage_ != Stage::greeting && stage_ != Stage::open)) return;
         const std::span<std::byte> room = reader_.room();
         const Received received = receive(socket_.get(), room, chunk, Accepting::credentials);
         if (received.state == Received::State::nothingYet) return;
@@ -166,7 +166,8 @@ void AcceptedConnection::readOn() {
 }
 
 void AcceptedConnection::deliverFrames() {
-    while (!paused_ && (stage_ == Stage::greeting || stage_ == Stage::open)) {
+    // Once the peer has closed, what is left is bounded by the socket, and its end must not wait for a pause's.
+    while ((!paused_ || hangup_) && (stage_ == Stage::greeting || stage_ == Stage::open)) {
         auto frame = reader_.next();
         if (!frame) break;
         if (!handle(*std::move(frame))) return;

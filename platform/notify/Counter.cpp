@@ -21,20 +21,18 @@ namespace {
 
 constexpr std::size_t kDigits = 20;  // of the largest count
 constexpr int kMostReplacements = 16;
-constexpr int kLockAttempts = 100;
-constexpr useconds_t kLockPause = 1000;
+constexpr int kLockAttempts = 8;
 
 using Text = std::array<char, kDigits + 1>;
 
 // The lock of a file, until it goes. Held by everybody for some microseconds; whoever holds it longer (a process
-// stopped in its post, or a hostile one) must not make the daemon wait.
+// stopped in its post, or a hostile one) must not make the daemon wait, so that nobody sleeps for it.
 class Lock {
 public:
     explicit Lock(int fd) : fd_{fd} {
         for (int i = 0; i < kLockAttempts && !held_; ++i) {
             held_ = flock(fd_, LOCK_EX | LOCK_NB) == 0;
             if (held_ || (errno != EWOULDBLOCK && errno != EINTR)) break;
-            usleep(kLockPause);
         }
     }
     ~Lock() {

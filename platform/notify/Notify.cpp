@@ -93,10 +93,6 @@ private:
 
 }  // namespace
 
-std::optional<value::Error> post(const std::string& name, std::uint64_t times) {
-    return raiseCounter(name, times);
-}
-
 std::unique_ptr<Observer> observe(const std::string& name, const std::shared_ptr<queue::SerialQueue>& queue,
                                   std::function<void(std::uint64_t posts)> handler) {
     auto counter = openCounter(name);

@@ -49,6 +49,12 @@ std::vector<std::string> namesIn(const std::string& directory) {
     return names;
 }
 
+// Itself, not what a link leads to: nothing is written or removed elsewhere.
+bool isDirectory(const std::string& path) {
+    std::error_code error;
+    return fs::symlink_status(path, error).type() == fs::file_type::directory;
+}
+
 int errorNumber(const value::Error& error) {
     return error.domain == "posix" ? static_cast<int>(error.code) : EINVAL;
 }
@@ -167,6 +173,7 @@ int Manager::registerFor(pid_t pid, Host& host, Registration registration) {
     if (!content) return errorNumber(content.error());
     const std::string directory = directoryOf(pid);
     if (const auto error = file::makeDirectories(directory, 0700)) return errorNumber(*error);
+    if (!isDirectory(directory_) || !isDirectory(directory)) return ENOTDIR;
     if (const auto error = file::writeAtomically(directory + '/' + name, *content)) return errorNumber(*error);
     if (former != host.registered.end() && former->second.fileName != name) {
         ::unlink((directory + '/' + former->second.fileName).c_str());  // the bundle has another version by now
@@ -181,8 +188,10 @@ int Manager::removeNow(const Service& service) {
     for (auto& [pid, host] : hosts_) {
         for (auto at = host.registered.begin(); at != host.registered.end();) {
             const Entry& entry = at->second;
-            const bool meant = entry.identifier == service.identifier && entry.version == service.version &&
-                               (service.bundlePath.empty() || at->first == service.bundlePath);
+            // What lies at the path may say otherwise by now than when it was registered, or than the registry knows.
+            const bool meant = service.bundlePath.empty()
+                                   ? entry.identifier == service.identifier && entry.version == service.version
+                                   : at->first == service.bundlePath;
             if (!meant) {
                 ++at;
             } else if (::unlink((directoryOf(pid) + '/' + entry.fileName).c_str()) == 0 || errno == ENOENT) {
@@ -202,6 +211,7 @@ int Manager::removeNow(const Service& service) {
 // --- What an earlier run left behind
 
 void Manager::takeOver() {
+    if (!isDirectory(directory_)) return;
     for (const std::string& name : namesIn(directory_)) {
         const pid_t pid = pidNamed(name);
         if (pid > 0 && std::to_string(pid) == name) takeOver(pid, directoryOf(pid));
@@ -210,7 +220,7 @@ void Manager::takeOver() {
 
 void Manager::takeOver(pid_t pid, const std::string& directory) {
     const auto found = hostFor(pid);
-    if (!found) return forget(pid);
+    if (!found || !isDirectory(directory)) return forget(pid);
     Host& host = **found;
     for (const std::string& name : namesIn(directory)) {
         const std::string path = directory + '/' + name;

@@ -56,8 +56,8 @@ public:
     // After an error an earlier registration of the bundle stands as it was.
     [[nodiscard]] int add(pid_t host, const std::string& executable, const mox::Dictionary& overlay);
 
-    // What to remove: the registrations, for whatever host, of a bundle of this identifier and version, at this path
-    // unless it is empty.
+    // What to remove: the registrations, for whatever host, of the bundle at this path, whatever identifier and version
+    // it had when it was registered; without a path, of all bundles of this identifier and version.
     struct Service {
         std::string identifier;
         std::string version;

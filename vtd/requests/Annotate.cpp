@@ -1,7 +1,9 @@
+#include <cmath>
 #include <string>
 
 #include "Velto/VTProtocol.h"
 #include "Velto/VTValueHelpers.h"
+#include "platform/plist/Plist.h"
 #include "vtd/Transaction.h"
 #include "vtd/VTDMoxClient.h"
 #include "vtd/VTDPlugIn.h"
@@ -13,6 +15,12 @@ constexpr char kExtension[] = "extension";
 
 // The extension travels with the plug-in's form in every discovery of every host, and is saved with every choice.
 constexpr std::size_t kLargestExtension = std::size_t{64} << 10;  // bytes, encoded
+
+// Whether the annotation file can hold it: no UUID, no text that XML lacks.
+bool isStorable(const value::Value& extension) {
+    return static_cast<bool>(plist::writeXml(extension));
+}
+
 }  // namespace
 
 // Everything is checked before anything is stored. Each plug-in is then saved and announced by itself; the reply leaves
@@ -25,12 +33,14 @@ void Transaction::annotatePlugIns() {
     std::string electionText = "(null)";
     if (const auto found = sent->find(kElection)) {
         const value::Value election = found->toValue();
-        if (!election.isNumber()) return fail(VTErrorRequest, "invalid request format (annotation election)");
+        if (!election.isNumber() || std::isnan(election.real().value_or(0))) {
+            return fail(VTErrorRequest, "invalid request format (annotation election)");
+        }
         electionText = description(election);
         update.set(kElection, election);
     }
     if (const auto extension = sent->find(kExtension)) {
-        if (!extension->isDictionary() || extension->size() > kLargestExtension) {
+        if (!extension->isDictionary() || extension->size() > kLargestExtension || !isStorable(extension->toValue())) {
             return fail(VTErrorRequest, "invalid request format (annotation extension)");
         }
         update.set(kExtension, extension->toValue());

@@ -1,10 +1,13 @@
 #include <algorithm>
+#include <optional>
 #include <string>
+#include <unordered_map>
 #include <unordered_set>
 #include <vector>
 
 #include "Velto/VTProtocol.h"
 #include "Velto/VTValueHelpers.h"
+#include "platform/bundle/Bundle.h"
 #include "platform/text/Format.h"
 #include "vtd/Transaction.h"
 #include "vtd/VTDMoxClient.h"
@@ -43,13 +46,18 @@ struct BusyPlugIns {
     }
 };
 
+// The plug-ins of one bundle are busy together: it is looked at once.
 BusyPlugIns busyAmong(const std::vector<std::shared_ptr<VTDPlugIn>>& plugIns) {
     BusyPlugIns busy;
+    std::unordered_map<std::string, std::optional<value::Dictionary>> known;
     for (const auto& plugIn : plugIns) {
-        auto conflict = plugIn->checkBusy();
-        if (!conflict) continue;
+        const value::Dictionary info = plugIn->bundleInfoDictionary();
+        const std::string* const identifier = info.string(bundle::kIdentifierKey);
+        const auto [at, isNew] = known.try_emplace(identifier != nullptr ? *identifier : std::string{});
+        if (isNew) at->second = plugIn->checkBusy();
+        if (!at->second) continue;
         busy.plugIns.push_back(plugIn);
-        busy.conflicts.emplace_back(*std::move(conflict));
+        busy.conflicts.emplace_back(*at->second);
     }
     return busy;
 }
@@ -102,8 +110,10 @@ void Transaction::lockDownPlugIns() {
 }
 
 void Transaction::releaseHolds(mox::View tokens) {
-    tokens.forEachElement([this](mox::View element) {
-        if (const auto token = element.uuid()) server()->unholdToken(*token);
+    std::vector<value::Uuid> named;
+    tokens.forEachElement([&named](mox::View element) {
+        if (const auto token = element.uuid()) named.push_back(*token);
     });
+    server()->unholdTokens(named);
     done();
 }

@@ -199,9 +199,13 @@ TEST_F(ManagerTest, TakesOverWhatAnEarlierRunLeftBehindAndDropsWhatIsOfNoUse) {
     root.write("run/services/" + pid + "/torn.plist", "<plist><di");
     ASSERT_EQ(::mkfifo((directory + "/" + pid + "/pipe.plist").c_str(), 0600), 0);
     ASSERT_EQ(::symlink(path.c_str(), (directory + "/" + pid + "/link.plist").c_str()), 0);
+    root.write("elsewhere/precious", "");
+    const Host other;  // where its directory should be, a link leads out
+    ASSERT_EQ(::symlink((root / "elsewhere").c_str(), (directory + "/" + std::to_string(other.pid())).c_str()), 0);
 
     manager = Manager::open(directory);
     EXPECT_FALSE(std::filesystem::exists(directory + "/" + former));
+    EXPECT_TRUE(std::filesystem::exists(root / "elsewhere/precious"));
     ASSERT_EQ(files().size(), 1U);
     EXPECT_EQ(remove({"p", "1", root / "p"}), 0);
     EXPECT_THAT(files(), IsEmpty());
