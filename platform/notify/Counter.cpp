@@ -21,16 +21,17 @@ namespace {
 
 constexpr std::size_t kDigits = 20;  // of the largest count
 constexpr int kMostReplacements = 16;
-constexpr int kLockAttempts = 8;
+constexpr useconds_t kLockPause = 200;
 
 using Text = std::array<char, kDigits + 1>;
 
 // The lock of a file, until it goes. Held by everybody for some microseconds; whoever holds it longer (a process
-// stopped in its post, or a hostile one) must not make the daemon wait, so that nobody sleeps for it.
+// stopped in its post, or a hostile one) must not make the daemon wait.
 class Lock {
 public:
-    explicit Lock(int fd) : fd_{fd} {
-        for (int i = 0; i < kLockAttempts && !held_; ++i) {
+    Lock(int fd, int attempts) : fd_{fd} {
+        for (int i = 0; i < attempts; ++i) {
+            if (i > 0) usleep(kLockPause);
             held_ = flock(fd_, LOCK_EX | LOCK_NB) == 0;
             if (held_ || (errno != EWOULDBLOCK && errno != EINTR)) break;
         }
@@ -79,11 +80,11 @@ value::Result<file::UniqueFd> openCounter(const std::string& notification) {
     return fd;
 }
 
-std::optional<value::Error> raiseCounter(const std::string& notification, std::uint64_t posts) {
+std::optional<value::Error> raiseCounter(const std::string& notification, std::uint64_t posts, int attempts) {
     for (int i = 0; i < kMostReplacements; ++i) {
         const auto fd = openCounter(notification);
         if (!fd) return fd.error();
-        const Lock lock{fd->get()};
+        const Lock lock{fd->get(), attempts};
         if (!lock.held()) return value::posixError(errno, "locking the counter of " + notification);
         if (!isLinked(fd->get())) continue;
         if (!write(fd->get(), readCounter(fd->get()).value_or(0) + posts)) {

@@ -19,8 +19,10 @@ std::string counterFileName(const std::string& notification);
 value::Result<file::UniqueFd> openCounter(const std::string& notification);
 
 // Raises it by so many posts. The file may be deleted or replaced at any time: what counts is the one that the name
-// leads to. Never waits: while another process has the lock, the error is EWOULDBLOCK.
-[[nodiscard]] std::optional<value::Error> raiseCounter(const std::string& notification, std::uint64_t posts);
+// leads to. While another process has the lock, so many attempts are made, a fraction of a millisecond apart; then the
+// error is EWOULDBLOCK.
+[[nodiscard]] std::optional<value::Error> raiseCounter(const std::string& notification, std::uint64_t posts,
+                                                       int attempts);
 
 // What it says; 0 for a new one, nothing for content that is none of ours. Takes no lock, so that a process stopped in
 // its post stops no reader.

@@ -18,6 +18,8 @@ using std::chrono::milliseconds;
 constexpr milliseconds kFirstRetry{1};
 constexpr milliseconds kLastRetry{100};
 constexpr unsigned kRetriesUntilSaid = 10;
+// Of the first post only: those that come while it is owed wait for nothing.
+constexpr int kAttempts = 100;
 
 // The posts of this process that wait for another one to give a counter's lock back. Those of one notification add up.
 class Posts {
@@ -26,13 +28,13 @@ public:
         const std::lock_guard lock{mutex_};
         const auto [waiting, isFirst] = waiting_.try_emplace(name);
         waiting->second += times;
-        return isFirst ? settle(name) : std::nullopt;
+        return isFirst ? settle(name, kAttempts) : std::nullopt;
     }
 
 private:
-    std::optional<value::Error> settle(const std::string& name) {
+    std::optional<value::Error> settle(const std::string& name, int attempts) {
         const auto waiting = waiting_.find(name);
-        auto error = raiseCounter(name, waiting->second);
+        auto error = raiseCounter(name, waiting->second, attempts);
         if (error && error->code == EWOULDBLOCK) {
             retryLater();
             return {};
@@ -55,7 +57,7 @@ private:
         for (const auto& [name, posts] : waiting) {
             if (isSaid)
                 logging::warning("another process keeps the lock of the counter of " + name + "; its posts wait");
-            if (const auto error = settle(name)) logging::error(error->localizedDescription());
+            if (const auto error = settle(name, 1)) logging::error(error->localizedDescription());
         }
         if (!waiting_.empty()) return;
         delay_ = kFirstRetry;

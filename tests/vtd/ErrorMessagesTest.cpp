@@ -34,10 +34,18 @@ using value::Value;
 const bool kOwnMounts = support::enterMountNamespace();
 
 std::atomic<bool> noMemoryForUuids{false};
+constexpr char kNoMemory[] = "invalid request (uuid allocation failure)";
 
 }  // namespace
 
-// The program's own, for the one allocation whose failure is answered.
+// The program's own, for the one allocation whose failure is answered. The thread sanitizer lets nobody have one.
+#if defined(__has_feature)
+#if __has_feature(thread_sanitizer)
+#define ALLOCATES_BY_ITSELF 0
+#endif
+#endif
+#ifndef ALLOCATES_BY_ITSELF
+#define ALLOCATES_BY_ITSELF 1
 void* operator new(std::size_t size, const std::nothrow_t&) noexcept {
     if (size == sizeof(Uuid) && noMemoryForUuids) return nullptr;
     try {
@@ -46,6 +54,7 @@ void* operator new(std::size_t size, const std::nothrow_t&) noexcept {
         return nullptr;
     }
 }
+#endif
 
 namespace {
 
@@ -166,7 +175,7 @@ TEST_F(ErrorMessages, EachOfThePageIsWhatTheDaemonAnswers) {
         {"invalid request format", {{"request", "remove"}, {"paths", Array{1}}}, ""},
         {"invalid request format (uuid)", {{"request", "ready"}, {"uuids", unknown}}, ""},
         {"invalid request (bad uuid array)", {{"request", "access"}, {"uuids", Array{"text"}}}, ""},
-        {"invalid request (uuid allocation failure)",
+        {kNoMemory,
          {{"request", "access"}, {"uuids", one}},
          "",
          [] {
@@ -215,6 +224,8 @@ TEST_F(ErrorMessages, EachOfThePageIsWhatTheDaemonAnswers) {
     std::map<std::string, int> pages = documented();
     std::set<std::string> shown;
     for (const Row& row : rows) {
+        shown.insert(row.message);
+        if (row.message == kNoMemory && ALLOCATES_BY_ITSELF == 0) continue;
         const Fault fault = row.fault ? row.fault() : nullptr;
         const Dictionary reply = ask(row.request);
         const std::string* const error = reply.string("error");
@@ -222,7 +233,6 @@ TEST_F(ErrorMessages, EachOfThePageIsWhatTheDaemonAnswers) {
         EXPECT_EQ(*error, row.error.empty() ? row.message : row.error);
         EXPECT_TRUE(isOf(row.message, *error)) << *error;
         EXPECT_EQ(*reply.find("errorcode"), Value{pages[row.message]}) << row.message;
-        shown.insert(row.message);
     }
     for (const auto& [message, code] : pages) {
         EXPECT_NE(code, 0) << "not on the page: " << message;
