@@ -13,10 +13,9 @@
 // and watched by observers in any process. They carry nothing but that something happened.
 namespace notify {
 
-// Posts once, or many times for the price of one: observers cannot tell that from as many calls. While
-// another process keeps the counter's lock the posts are owed, and made as soon as it can be had: the first of them
-// waits 20 ms or so, the others not at all. Failures are returned,
-// not fatal. Any thread.
+// Posts once, or many times for the price of one: observers cannot tell that from as many calls. While another process
+// keeps the counter's lock the posts are owed, and made as soon as it can be had: the first of them waits 20 ms or so,
+// the others not at all. Failures are returned, not fatal. Any thread.
 [[nodiscard]] std::optional<value::Error> post(const std::string& name, std::uint64_t times = 1);
 
 // Calls the handler on the queue after each post, with how many posts happened since the last call (never 0): none is
