@@ -4,7 +4,6 @@
 #include <map>
 #include <memory>
 #include <optional>
-#include <regex>
 #include <set>
 #include <string>
 #include <vector>
@@ -82,9 +81,12 @@ protected:
         for (int c; output && (c = std::getc(output.get())) != EOF;) text += static_cast<char>(c);
         if (!text.starts_with("{\"matches\"")) return {text};
         Names names;
-        const std::regex identifier{"\"identifier\": ?\"([^\"]*)\""};
-        for (std::sregex_iterator at{text.begin(), text.end(), identifier}, end; at != end; ++at)
-            names.insert((*at)[1]);
+        constexpr std::string_view kKey = "\"identifier\":";
+        for (std::size_t at = 0; (at = text.find(kKey, at)) != std::string::npos;) {
+            const std::size_t start = text.find('"', at + kKey.size()) + 1;
+            at = text.find('"', start);
+            names.insert(text.substr(start, at - start));
+        }
         return names;
     }
 
