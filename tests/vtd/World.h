@@ -4,7 +4,8 @@
 #include <stdexcept>
 #include <string>
 
-#include "tests/support/PrivateRoot.h"
+#include "platform/paths/Paths.h"
+#include "tests/support/TemporaryDirectory.h"
 #include "vtd/VTDServer.h"
 
 // A world for the test program: the four directories lie under one temporary root, where nothing is installed but what
@@ -27,7 +28,11 @@ public:
     }
 
 private:
-    World() = default;
+    // The directories are not given back at the end: queues may still look there while the process ends.
+    World() {
+        paths::setDirectories(
+            {root_ / "run", root_ / "state", root_ / "config", root_ / "user", root_ / "system", true});
+    }
 
-    const support::PrivateRoot root_;
+    const support::TemporaryDirectory root_;
 };
