@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <array>
 #include <cctype>
+#include <cmath>
 #include <cstdio>
 #include <fstream>
 #include <functional>
@@ -188,6 +189,13 @@ TEST_F(ErrorMessages, EachOfThePageIsWhatTheDaemonAnswers) {
          annotate.changing("annotations", Dictionary{{"election", "1"}}), ""},
         {"invalid request format (annotation extension)",
          annotate.changing("annotations", Dictionary{{"extension", 1}}), ""},
+        {"invalid request format (annotation election)",
+         annotate.changing("annotations", Dictionary{{"election", std::nan("")}}), ""},
+        {"invalid request format (annotation extension)",
+         annotate.changing("annotations", Dictionary{{"extension", Dictionary{{"no XML", "\x01"}}}}), ""},
+        {"invalid request format (annotation extension)",
+         annotate.changing("annotations", Dictionary{{"extension", Dictionary{{"long", std::string(65'536, 'x')}}}}),
+         ""},
         {"invalid request format (unsupported hold flags)",
          lock.changing("flags", 3u).changing("paths", Array{plugIns + "/one"}), ""},
         {"cannot obtain executable path for plug-in ID(UUID)",

@@ -73,19 +73,6 @@ TEST_F(Notify, LosesNoPostOfManyProcesses) {
     EXPECT_EQ(stranger.waitFor(1), 1U);
 }
 
-TEST_F(Notify, TellsWithinTenMilliseconds) {
-    Tally tally{"halvern.velto.annotation-change"};
-    std::vector<Clock::duration> delays;
-    for (unsigned i = 1; i <= 31; ++i) {
-        const auto start = Clock::now();
-        ASSERT_FALSE(post("halvern.velto.annotation-change"));
-        ASSERT_EQ(tally.waitFor(i), i);
-        delays.push_back(Clock::now() - start);
-    }
-    std::nth_element(delays.begin(), delays.begin() + 15, delays.end());
-    EXPECT_LT(delays[15], std::chrono::milliseconds{10});
-}
-
 TEST_F(Notify, SurvivesWhateverHappensToTheFile) {
     Tally tally{"../n"};
     const std::string file = fs::directory_iterator {
@@ -136,7 +123,7 @@ TEST_F(Notify, NeverWaitsForWhoSpoilsTheFile) {
     Tally tally{"locked"};
     const auto start = Clock::now();
     for (int i = 0; i < 100; ++i) EXPECT_FALSE(post("locked"));
-    EXPECT_LT(Clock::now() - start, std::chrono::seconds{1}) << "a hundred of them, and none waits";
+    EXPECT_LT(Clock::now() - start, std::chrono::seconds{1}) << "the first waits a little, the others not at all";
     ASSERT_EQ(flock(counter.get(), LOCK_UN), 0);
     EXPECT_EQ(tally.waitFor(100), 100U) << "nor is any lost";
 
