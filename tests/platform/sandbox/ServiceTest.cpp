@@ -1,5 +1,8 @@
-#include <cstdio>
+#include <set>
+#include <variant>
 
+#include "platform/mox/Connection.h"
+#include "platform/sandbox/Extensions.h"
 #include "platform/sandbox/Sandbox.h"
 #include "tests/support/Words.h"
 
@@ -8,105 +11,147 @@ namespace {
 
 constexpr char kDaemon[] = "test.vtd";
 
+// Tokens, and what the service lends for them, over its socket.
 class ServiceTest : public testing::Test {
 protected:
     ServiceTest() {
-        if (const char* given = getenv("SANDBOX_TEST_ROOT")) {
-            paths::Directories directories = paths::directories();
-            directories.runtime = given;
-            paths::setDirectories(directories);
-        }
+        root.write("bundle/Resources/icon", "icon");
+        root.write("secret", "secret");
         setDaemonServiceName(kDaemon);
+        serve();
     }
     ~ServiceTest() override { setDaemonServiceName("halvern.velto.vtd"); }  // forgets the connection
 
-    std::string bundle() const { return root / "bundle"; }
-
-    // What the file holds, as the service hands it over.
-    static std::string read(std::int64_t handle, const std::string& path) {
-        const auto opened = openFile(handle, path);
-        if (!opened) return strerrorname_np(static_cast<int>(opened.error().code));
-        std::array<char, 64> buffer{};
-        const ssize_t size = ::read(opened->get(), buffer.data(), buffer.size());
-        return size < 0 ? "unreadable" : std::string(buffer.data(), static_cast<std::size_t>(size));
+    void serve() {
+        service = Service::create(kDaemon);
+        EXPECT_EQ(service->resume(), std::nullopt);
     }
 
     static std::string token(const std::string& path) {
         return issueFileExtension(kReadOnlyFileClass, path).value_or("none");
     }
 
+    // What the file holds, or the text of the error number.
+    static std::string read(std::int64_t handle, const std::string& path) {
+        const auto opened = openFile(handle, path);
+        if (!opened) return strerrorname_np(static_cast<int>(opened.error().code));
+        EXPECT_EQ(fcntl(opened->get(), F_GETFL) & O_ACCMODE, O_RDONLY);
+        std::array<char, 64> buffer{};
+        const ssize_t size = ::read(opened->get(), buffer.data(), buffer.size());
+        return size < 0 ? "unreadable" : std::string(buffer.data(), static_cast<std::size_t>(size));
+    }
+
     const support::PrivateRoot root;
-    const std::string file = root.write("bundle/Resources/icon", "an icon");
+    const std::string bundle = root / "bundle", info = root.write("bundle/Info.plist", "info");
+    std::shared_ptr<Service> service;
 };
 
-TEST_F(ServiceTest, LendsFilesForTokensAndNothingWithout) {
-    const auto service = Service::create(kDaemon);
-    const auto error = service->resume();
-    ASSERT_FALSE(error) << error->localizedDescription();
-
-    const std::int64_t handle = consume(token(bundle()));
+TEST_F(ServiceTest, OpensRegularFilesBeneathTheTokensPathAndNothingElse) {
+    fs::create_symlink("../secret", bundle + "/escape");
+    fs::create_symlink("..", bundle + "/up");
+    root.write("bundle2/file", "beside");
+    const std::int64_t handle = consume(token(bundle));
     ASSERT_GT(handle, 0);
-    EXPECT_EQ(read(handle, file), "an icon");
-    EXPECT_EQ(read(handle, bundle()), "EISDIR");
-    EXPECT_EQ(read(handle, "/etc/passwd"), "EACCES");
-    EXPECT_EQ(read(handle + 1, file), "EBADF");
+    const std::pair<std::string, const char*> rows[] = {
+        {info, "info"},
+        {bundle + "/Resources/icon", "icon"},
+        {bundle + "/escape", "ELOOP"},
+        {bundle + "/up/secret", "ELOOP"},
+        {bundle + "/../secret", "EXDEV"},
+        {bundle + "//etc/passwd", "EXDEV"},
+        {root / "secret", "EACCES"},
+        {"/etc/passwd", "EACCES"},
+        {root / "bundle2/file", "EACCES"},
+        {"Info.plist", "EACCES"},
+        {"", "EACCES"},
+        {info + "\0/x"s, "EINVAL"},
+        {bundle, "EISDIR"},
+        {bundle + "/missing", "ENOENT"},
+    };
+    for (const auto& [path, outcome] : rows) EXPECT_EQ(read(handle, path), outcome) << path;
 
-    for (const std::string& forged : {""s, "token"s, "\xff"s, std::string(9000, ';'), token(bundle()) + "0"}) {
-        EXPECT_EQ(consume(forged), -1) << forged.substr(0, 80);
-    }
-    release(-1);
-    release(0);
-    EXPECT_EQ(read(handle, file), "an icon") << "none of which harmed the connection";
-
-    const std::int64_t other = consume(token(file));
-    ASSERT_GT(other, 0);
-    EXPECT_NE(other, handle);
+    const std::int64_t one = consume(token(info));
+    EXPECT_EQ(read(one, info + "/x"), "ENOTDIR");
+    EXPECT_EQ(read(one, bundle + "/Resources/icon"), "EACCES");
     release(handle);
-    EXPECT_EQ(read(handle, file), "EBADF");
-    EXPECT_EQ(read(other, file), "an icon");
+    EXPECT_EQ(read(handle, info), "EBADF");
+    EXPECT_EQ(read(one, info), "info");
+    fs::rename(root / "secret", info);
+    EXPECT_EQ(read(one, info), "ESTALE");
 }
 
-TEST_F(ServiceTest, LendsToAnotherProcessThatShowsItsTokenAndTakesNoneOfThatOnesMaking) {
-    const char* lent = getenv("SANDBOX_TEST_TOKEN");
-    const char* path = getenv("SANDBOX_TEST_PATH");
-    if (lent != nullptr && path != nullptr) {
-        printf("\nanswer: %s\n", (read(consume(lent), path) + ", " + read(consume(token(path)), path)).c_str());
-        return;
+TEST_F(ServiceTest, DoesNotFollowAPathThatWasSwappedAfterTheIssue) {
+    const std::int64_t handle = consume(token(bundle)), deeper = consume(token(bundle + "/Resources"));
+    fs::rename(bundle, root / "moved");
+    EXPECT_EQ(read(handle, info), "ENOENT");
+    fs::create_symlink("moved", bundle);
+    EXPECT_EQ(read(handle, info), "ELOOP") << "though the link leads to the very directory";
+    EXPECT_EQ(read(deeper, bundle + "/Resources/icon"), "ELOOP") << "nor a link above it";
+    fs::remove(bundle);
+    root.write("bundle/Info.plist", "another");
+    EXPECT_EQ(read(handle, info), "ESTALE");
+    fs::remove_all(bundle);
+    fs::rename(root / "moved", bundle);
+    EXPECT_EQ(read(handle, info), "info");
+}
+
+TEST_F(ServiceTest, RefusesForgeriesAndMoreThanTheBound) {
+    const std::string sound = token(bundle);
+    for (const std::string& forged : {""s, "token"s, "\xff"s, std::string(9000, ';'), sound + "0"}) {
+        EXPECT_EQ(consume(forged), kRefused) << forged.substr(0, 80);
     }
-    const auto service = Service::create(kDaemon);
-    ASSERT_FALSE(service->resume());
-    setenv("SANDBOX_TEST_ROOT", (root / "run").c_str(), 1);
-    setenv("SANDBOX_TEST_TOKEN", token(bundle()).c_str(), 1);
-    setenv("SANDBOX_TEST_PATH", file.c_str(), 1);
-    const std::string self = fs::read_symlink("/proc/self/exe");
-    FILE* other = popen(("'" + self + "' --gtest_filter=ServiceTest.LendsToAnother*").c_str(), "r");
-    for (const char* name : {"SANDBOX_TEST_ROOT", "SANDBOX_TEST_TOKEN", "SANDBOX_TEST_PATH"}) unsetenv(name);
-    ASSERT_NE(other, nullptr);
-    std::string answer;
-    for (std::array<char, 4096> line{}; fgets(line.data(), line.size(), other) != nullptr;) {
-        if (std::string_view{line.data()}.starts_with("answer: ")) answer = line.data();
+    for (const std::int64_t none : {std::int64_t{0}, kRefused}) {
+        release(none);
+        EXPECT_EQ(read(none, info), "EBADF");
     }
-    pclose(other);
-    EXPECT_EQ(answer, "answer: an icon, EBADF\n");
+    std::set<std::int64_t> handles;
+    for (std::size_t i = 0; i < kMostHandles; ++i) handles.insert(consume(sound));
+    EXPECT_THAT(handles, SizeIs(kMostHandles));
+    EXPECT_GT(*handles.begin(), 0);
+    EXPECT_EQ(consume(sound), kRefused);
+    release(*handles.begin());
+    EXPECT_GT(consume(sound), 0);
 }
 
 TEST_F(ServiceTest, HandlesGoWithTheConnectionAndTheServiceMayComeBack) {
-    EXPECT_EQ(consume(token(bundle())), -1) << "nobody serves";
-    EXPECT_EQ(read(1, file), "ECONNRESET");
-    auto service = Service::create(kDaemon);
-    ASSERT_FALSE(service->resume());
-    const std::int64_t handle = consume(token(bundle()));
-    ASSERT_GT(handle, 0);
+    const std::int64_t handle = consume(token(bundle));
     setDaemonServiceName(kDaemon);  // another connection
-    EXPECT_EQ(read(handle, file), "EBADF");
+    EXPECT_EQ(read(handle, info), "EBADF");
 
-    const std::int64_t again = consume(token(bundle()));
+    const std::int64_t again = consume(token(bundle));
     service.reset();
-    service = Service::create(kDaemon);
-    ASSERT_FALSE(service->resume());
-    const std::string outcome = read(again, file);
-    EXPECT_TRUE(outcome == "EBADF" || outcome == "ECONNRESET") << outcome;
-    EXPECT_EQ(read(consume(token(bundle())), file), "an icon");
+    EXPECT_EQ(consume(token(bundle)), kRefused) << "nobody serves";
+    EXPECT_EQ(read(again, info), "ECONNRESET");
+    serve();
+    EXPECT_EQ(read(again, info), "EBADF");
+    EXPECT_EQ(read(consume(token(bundle)), info), "info");
+}
+
+TEST_F(ServiceTest, AHandleThatComesTooLateIsGivenBack) {
+    std::promise<std::pair<std::shared_ptr<mox::Connection>, mox::Request>> asked;
+    std::promise<std::int64_t> given;
+    const auto slow = mox::listen("test.slow.sandbox", std::make_shared<queue::SerialQueue>("slow"));
+    slow->setConnectionHandler([&](const std::shared_ptr<mox::Connection>& connection) {
+        connection->setEventHandler([&, weak = std::weak_ptr{connection}](const mox::Event& event) {
+            const auto* const request = std::get_if<mox::Request>(&event);
+            if (request == nullptr) return;
+            const auto handle = request->view().find("handle");
+            if (!handle) return asked.set_value({weak.lock(), *request});
+            given.set_value(handle->signedInteger().value_or(0));
+        });
+        connection->resume();
+    });
+    ASSERT_FALSE(slow->resume());
+    setDaemonServiceName("test.slow");
+    setPatience(std::chrono::milliseconds{20});
+    EXPECT_EQ(consume("token"), kRefused);
+    setPatience(std::chrono::seconds{10});
+
+    const auto [peer, request] = asked.get_future().get();
+    mox::Reply reply{request};
+    reply.set("handle", 7);
+    peer->send(reply);
+    EXPECT_EQ(given.get_future().get(), 7);
 }
 
 }  // namespace
