@@ -6,96 +6,78 @@
 namespace dravo {
 namespace {
 
-using testing::ElementsAre;
-using testing::HasSubstr;
-using testing::IsEmpty;
-using testing::SizeIs;
-using value::Dictionary;
-
 constexpr char kPlugIn[] = "user/Applications/A.app/PlugIns/P.appex";
+const bool kOwnMounts = support::enterMountNamespace();
 
-class Trouble : public testing::Test {
-protected:
-    static void SetUpTestSuite() { hasMounts_ = support::enterMountNamespace(); }
-    void SetUp() override {
-        if (!hasMounts_) GTEST_SKIP() << "no namespaces to be had here";
-    }
-
+TEST(Trouble, AFullDiskRefusesRegistrationsKeepsEveryUuidAndIsMadeUpForLater) {
+    if (!kOwnMounts) GTEST_SKIP() << "no namespaces to be had here";
     Installation world;
-
-private:
-    static inline bool hasMounts_ = false;
-};
-
-TEST_F(Trouble, AFullDiskRefusesRegistrationsKeepsEveryUuidAndIsMadeUpForLater) {
     const support::Mount state = support::Mount::small(world.root / "state", "256k");
     world.plugIn(kPlugIn, "a");
     const std::string kept = world.plugIn("elsewhere/kept", "kept");
     const std::string refused = world.plugIn("elsewhere/refused", "refused");
     auto* workspace = &world.start();
-    const auto witness = std::make_shared<Witness>();
-    workspace->addObserver(witness);
+    const auto witness = world.witness();
     ASSERT_TRUE(workspace->registerPlugin(kept));
-    EXPECT_THAT(witness->await(1), ElementsAre("+kept"));
+    EXPECT_EQ(witness->told("+kept"), "+kept");
     const value::Uuid uuid = workspace->pluginAtPath(kept)->pluginUUID();
-    world.log();
+    world.log.take();
 
     const std::string ballast = state.fill();
     EXPECT_FALSE(workspace->unregisterPlugin(kept));
     EXPECT_FALSE(workspace->registerPlugin(refused));
-    EXPECT_THAT(world.log(), ElementsAre(HasSubstr("cannot save what is installed: ")));
-    EXPECT_THAT(witness->await(0), IsEmpty()) << "nothing happened, so nobody was told";
+    EXPECT_THAT(world.log.take(), ElementsAre(HasSubstr("cannot save what is installed: ")));
+    EXPECT_EQ(witness->told(""), "") << "nothing happened";
     EXPECT_EQ(workspace->pluginAtPath(kept)->pluginUUID(), uuid);
 
     world.plugIn("user/Applications/B.app/PlugIns/P", "b");
-    EXPECT_THAT(witness->await(1), ElementsAre("+b"));
+    EXPECT_EQ(witness->told("+b"), "+b");
     world.settle();
     const value::Uuid unsaved = world.at("user/Applications/B.app/PlugIns/P")->pluginUUID();
-    std::filesystem::remove(ballast);
+    fs::remove(ballast);
     EXPECT_TRUE(workspace->registerPlugin(refused));
-    EXPECT_THAT(world.log(), testing::Contains("what is installed is saved again"));
+    EXPECT_THAT(world.log.take(), Contains("what is installed is saved again"));
 
     workspace = &world.start();
-    EXPECT_THAT(world.identifiers(), ElementsAre("kept", "refused", "a", "b"));
+    EXPECT_EQ(world.identifiers(), "kept refused a b");
     EXPECT_EQ(workspace->pluginAtPath(kept)->pluginUUID(), uuid);
     EXPECT_EQ(world.at("user/Applications/B.app/PlugIns/P")->pluginUUID(), unsaved);
     world.stop();
 }
 
-TEST_F(Trouble, WhatCannotBeReadForNowStaysInstalledOverRestartsToo) {
+TEST(Trouble, WhatCannotBeReadForNowStaysInstalledOverRestartsToo) {
+    if (!kOwnMounts) GTEST_SKIP() << "no namespaces to be had here";
+    Installation world;
     const std::string registered = world.plugIn("elsewhere/R.app/PlugIns/R", "r");
     world.plugIn(kPlugIn, "a");
     world.write("elsewhere/R.app/Info.plist", Dictionary{{"QFBundleName", "Name"}});
     auto* workspace = &world.start();
-    const auto witness = std::make_shared<Witness>();
-    workspace->addObserver(witness);
+    const auto witness = world.witness();
     ASSERT_TRUE(workspace->registerPlugin(registered));
-    EXPECT_THAT(witness->await(1), ElementsAre("+r"));
+    EXPECT_EQ(witness->told("+r"), "+r");
     const value::Uuid uuid = world.at(kPlugIn)->pluginUUID();
-    world.log();
+    world.log.take();
     {
         // Reading the start of one's own memory is an input/output error.
         const auto broken = support::Mount::bind("/proc/self/mem", (world.root / kPlugIn) + "/Info.plist");
         const auto others = support::Mount::bind("/proc/self/mem", world.root / "elsewhere/R.app/Info.plist");
         world.writeText(std::string{kPlugIn} + "/new", "");
         world.writeText("elsewhere/R.app/PlugIns/R/new", "");
-        for (std::vector<std::string> lines; lines.size() < 2;) {
-            for (const std::string& line : world.log()) lines.push_back(line);
-        }
+        for (std::size_t lines = 0; lines < 2;) lines += world.log.take().size();
         world.settle();
-        EXPECT_THAT(world.identifiers(), ElementsAre("r", "a"));
+        EXPECT_EQ(world.identifiers(), "r a");
         world.plugIn("user/Applications/A.app/PlugIns/Sibling", "sibling");
-        EXPECT_THAT(witness->await(1), ElementsAre("+sibling")) << "nothing is taken from the others";
+        EXPECT_EQ(witness->told("+sibling"), "+sibling") << "nothing is taken from the others";
         workspace = &world.start();
-        EXPECT_THAT(world.identifiers(), ElementsAre("r", "a", "sibling"));
+        EXPECT_EQ(world.identifiers(), "r a sibling");
         EXPECT_EQ(world.at(kPlugIn)->pluginUUID(), uuid);
         workspace->addObserver(witness);
-        EXPECT_THAT(world.log(), SizeIs(2)) << "one line for each";
+        EXPECT_THAT(world.log.take(), SizeIs(2)) << "one line for each";
     }
     world.start().addObserver(witness);
     EXPECT_EQ(world.at(kPlugIn)->pluginUUID(), uuid);
     EXPECT_EQ(world.at("elsewhere/R.app/PlugIns/R")->containingBundle()->application->localizedName(), "Name");
-    EXPECT_THAT(witness->await(0), IsEmpty());
+    EXPECT_EQ(witness->told(""), "");
 }
 
 }  // namespace
