@@ -1,81 +1,52 @@
-#include <sys/stat.h>
-
-#include <filesystem>
-#include <string>
-
-#include <gmock/gmock.h>
-#include <gtest/gtest.h>
-
+#include "platform/bundle/Bundle.h"
 #include "platform/consent/Consent.h"
-#include "platform/paths/Paths.h"
-#include "tests/support/LogLines.h"
-#include "tests/support/TemporaryDirectory.h"
+#include "tests/support/Words.h"
 
 namespace consent {
 namespace {
 
-class ConsentTest : public testing::Test {
-protected:
-    ConsentTest() {
-        std::filesystem::remove_all(root / "state");
-        paths::setDirectories({root / "run", root / "state", root / "config", root / "user", root / "system", true});
-        root.write("a.app/Info.plist", "<plist><dict><key>QFBundleIdentifier</key><string>a</string></dict></plist>");
-        root.write("nameless.app/Info.plist", "<plist><dict/></plist>");
-    }
-
-    // The granted services, or "failed".
-    std::string granted(const char* bundle = "a.app") const {
+TEST(Consent, GrantsWhatTheFileSaysAndNothingByMistake) {
+    static const support::PrivateRoot root;  // one, as the process's database is
+    support::LogLines log;
+    root.writeList("a.app/Info.plist", Dictionary{{"QFBundleIdentifier", "a"}});
+    root.writeList("nameless.app/Info.plist", Dictionary{});
+    // The services, each with whether it is granted, or "failed".
+    const auto granted = [](const char* bundle) {
         const auto entries = informationForBundle(*bundle::Bundle::open(root / bundle, bundle::PathKind::directory));
-        if (!entries) return "failed";
+        if (!entries) return "failed"s;
         std::string text;
         for (const Entry& entry : *entries) text += entry.service + (entry.granted ? "+" : "-");
         return text;
-    }
-
-    void write(const std::string& content) const {
-        root.write("state/consent.plist", "<plist><dict>" + content + "</dict></plist>");
-    }
-
-    static inline const support::TemporaryDirectory root;  // one, as the process's database is
-};
-
-TEST_F(ConsentTest, GrantsWhatTheFileSaysAndNothingByMistake) {
-    const std::string one = "<dict><key>service</key><string>S</string><key>granted</key>";
+    };
+    const auto with = [](const Value& answer) {
+        return Dictionary{{"a", Array{Dictionary{{"service", "S"}, {"granted", answer}}}}};
+    };
     const struct {
         const char* name;
-        std::string content, granted;
+        Value content;
+        std::string granted;
+        std::size_t complaints = 0;
     } rows[] = {
-        {"nobody", "", ""},
-        {"another bundle", "<key>b</key><array>" + one + "<true/></dict></array>", ""},
-        {"granted", "<key>a</key><array>" + one + "<true/></dict></array>", "S+"},
-        {"refused", "<key>a</key><array>" + one + "<false/></dict></array>", "S-"},
-        {"a number", "<key>a</key><array>" + one + "<integer>1</integer></dict></array>", "S-"},
-        {"a text", "<key>a</key><array>" + one + "<string>true</string></dict></array>", "S-"},
-        {"not said", "<key>a</key><array><dict><key>service</key><string>S</string></dict></array>", "S-"},
-        {"no service", "<key>a</key><array><dict/><true/></array>", ""},
-        {"no list", "<key>a</key>" + one + "<true/></dict>", "failed"},
+        {"another bundle", Dictionary{{"b", *with(true).find("a")}}, ""},
+        {"granted", with(true), "S+"},
+        {"refused", with(false), "S-"},
+        {"a number", with(1), "S-"},
+        {"a text", with("true"), "S-"},
+        {"not said", Dictionary{{"a", Array{Dictionary{{"service", "S"}}}}}, "S-"},
+        {"no service", Dictionary{{"a", Array{Dictionary{}, true}}}, ""},
+        {"no list", Dictionary{{"a", Dictionary{{"service", "S"}, {"granted", true}}}}, "failed"},
+        {"no dictionary", Array{}, "failed", 1},
     };
-    EXPECT_EQ(granted(), "") << "no file";
     for (const auto& row : rows) {
-        write(row.content);
-        EXPECT_EQ(granted(), row.granted) << row.name;
+        root.writeList("state/consent.plist", row.content);
+        for (int i = 0; i < 2; ++i) EXPECT_EQ(granted("a.app"), row.granted) << row.name;
+        EXPECT_THAT(log.take(), SizeIs(row.complaints)) << row.name;
     }
     EXPECT_EQ(granted("nameless.app"), "failed");
-}
-
-TEST_F(ConsentTest, FailsForAFileThatIsNoneAndSaysWhyOnceForEachChange) {
-    const std::string path = root / "state/consent.plist";
-    support::LogLines log;
-    const auto said = [&] { return log.take(logging::Level::error).size(); };
-    for (const char* content : {"<plist><array/></plist>", "torn"}) {
-        root.write("state/consent.plist", content);
-        EXPECT_EQ(granted() + granted(), "failedfailed");
-        EXPECT_EQ(said(), 1U);
-    }
-    std::filesystem::remove(path);
-    EXPECT_EQ(granted(), "");
-    ASSERT_EQ(::mkfifo(path.c_str(), 0600), 0);
-    EXPECT_EQ(granted(), "failed");
+    root.write("state/consent.plist", "torn");
+    EXPECT_EQ(granted("a.app"), "failed");
+    fs::remove(root / "state/consent.plist");
+    EXPECT_EQ(granted("a.app"), "") << "no file";
 }
 
 }  // namespace
