@@ -1,8 +1,14 @@
 #include "Velto/VTAssertion.h"
 #include "Velto/VTDaemonClient.h"
+#include "Velto/VTProcessAssertion.h"
 #include "tests/support/Words.h"
+#include "tests/vtd/DaemonProcess.h"
 
 namespace {
+
+// Of this whole program: a host has no other way to choose it.
+const support::TemporaryDirectory root;
+const int rootIsSet = ::setenv("HALVERN_ROOT", root.path().c_str(), 1);
 
 value::Error veltoError(std::int64_t code, std::string message) {
     return {"Velto", code, std::move(message)};
@@ -10,75 +16,51 @@ value::Error veltoError(std::int64_t code, std::string message) {
 
 constexpr char kNobody[] = "halvern.velto.nobody";
 
-// Keeps the requests that the client sends, and answers each where it is sent: not on the client's queue.
-class RecordingConnection : public mox::ClientConnection {
-public:
-    void setEventHandler(EventHandler) override {}
-    void resume() override {}
-    void announceTermination() override {}
-    void cancel() override {}
-    std::string description() const override { return "recording"; }
-    const queue::SerialQueue& queue() const override { return queue_; }
-    void send(const mox::Dictionary& message, ReplyHandler reply) override {
-        sent.push_back(message.toObject().view().toValue());
-        reply(mox::Object{Dictionary{}});
-    }
-
-    std::vector<Value> sent;
-
-private:
-    const queue::SerialQueue queue_{"recording"};
-};
-
 }  // namespace
 
-TEST(DaemonClient, BuildsTheRequestsThatTheDaemonKnows) {
-    VTDaemonClient client{kNobody};
-    const auto connection = std::make_shared<RecordingConnection>();
-    client.setVtd(connection);
-    const std::vector<std::string> paths{"/a", "/b"};
-    const std::vector<value::Uuid> uuids{value::Uuid::random(), value::Uuid::random()};
-    const Dictionary structured{{"k", Array{1, value::Date{2}}}};
-    std::latch replies{9};
-    const auto count = [&](const mox::Object&) {
-        EXPECT_TRUE(client.replyQueue()->isCurrent());
-        replies.count_down();
+TEST(DaemonClient, SendsWhatTheDaemonUnderstands) {
+    const std::string application = root / "system/Applications/A.app";
+    root.write("system/Applications/A.app/Info.plist", "<plist><dict/></plist>");
+    root.write("system/Applications/A.app/PlugIns/a/Info.plist",
+               "<plist><dict><key>QFBundleIdentifier</key><string>a</string><key>KXExtension</key>"
+               "<dict><key>KXExtensionProtocol</key><string>#Data</string></dict></dict></plist>");
+    const DaemonProcess daemon{root.path(), {}};
+    ASSERT_TRUE(daemon.awaitReady());
+    VTDaemonClient client;
+    const auto answer = [&](const std::function<void(VTDaemonClient::Reply)>& send) {
+        std::promise<Dictionary> answered;
+        send([&](const mox::Object& reply) { answered.set_value(*reply.view().toValue().dictionary()); });
+        return answered.get_future().get();
     };
-
-    client.addPlugIns(paths, count);
-    client.removePlugIns(paths, count);
-    client.bulkPlugins(5, count);
-    client.readyPlugIns(uuids, 1, count);
-    client.accessPlugIns(uuids, 2, count);
-    client.matchPlugIns(structured, VTDiscoverAll, count);
-    client.setPluginAnnotations(uuids, structured, count);
-    client.holdPlugins(paths, VTHoldPlugIn, count);
-    client.releaseHold(uuids[0], count);
-    replies.wait();
-
-    const Array pathValues{"/a", "/b"};
-    const Array uuidValues{uuids[0], uuids[1]};
-    const auto request = [](const char* name, const Dictionary& rest) {
-        return Value{rest.changing("request", name).changing("version", 3)};
+    const auto match = [&](const Dictionary& rules, std::uint64_t flags) {
+        return answer([&](auto then) { client.matchPlugIns(rules, flags, then); });
     };
-    EXPECT_THAT(connection->sent,
-                ElementsAre(request("add", {{"paths", pathValues}}), request("remove", {{"paths", pathValues}}),
-                            request("bulk", {{"flags", 5}}), request("ready", {{"uuids", uuidValues}, {"flags", 1}}),
-                            request("access", {{"uuids", uuidValues}, {"flags", 2}}),
-                            request("match", {{"rules", structured}, {"flags", 0x200}}),
-                            request("annotate", {{"uuids", uuidValues}, {"annotations", structured}}),
-                            request("lock", {{"paths", pathValues}, {"flags", 2}}),
-                            request("lock", {{"uuids", Array{uuids[0]}}})));
-    for (const Value& message : connection->sent) {
-        EXPECT_EQ(message.dictionary()->find("version")->kind(), value::Kind::unsignedInteger);
-    }
-    client.setProtocolVersion(2);
-    EXPECT_EQ(client.request("bulk").toObject().view().find("version")->unsignedInteger(), 2U);
+    const auto found = [&](const Dictionary& rules = {}) { return *match(rules, 0).array("matches"); };
+    ASSERT_EQ(found().size(), 1U);
+    EXPECT_EQ(found({{"KXExtensionIdentifier", "b"}}).size(), 0U);
+    EXPECT_TRUE(match({}, VTDiscoverAll).contains("errorcode"));
+    const Texts paths{application + "/PlugIns/a"}, applications{application};
+    const std::vector<value::Uuid> uuids{*value::Uuid::parse(*found()[0].dictionary()->string("uuid"))};
+
+    auto busy = std::optional{VTProcessAssertion::take("a")};
+    const auto holdAll = [&](auto then) { client.holdPlugins(applications, VTHoldApplication, then); };
+    EXPECT_TRUE(answer(holdAll).contains("conflicts")) << whyNot(*busy);
+    busy.reset();
+    const Dictionary held = answer(holdAll);
+    EXPECT_EQ(found().size(), 0U);
+    EXPECT_EQ(answer([&](auto then) { client.releaseHold(*held.find("uuids")->uuid(), then); }), Dictionary{});
+    const Dictionary choice{{"election", 1}};
+    EXPECT_EQ(answer([&](auto then) { client.setPluginAnnotations(uuids, choice, then); }), Dictionary{});
+    EXPECT_EQ(*found()[0].dictionary()->dictionary("annotations"), choice);
+    EXPECT_EQ(answer([&](auto then) { client.accessPlugIns(uuids, 0, then); }).array("extensions")->size(), 1U);
+    EXPECT_EQ(answer([&](auto then) { client.readyPlugIns(uuids, 0, then); }), Dictionary{});
+    EXPECT_EQ(answer([&](auto then) { client.addPlugIns(paths, then); }), Dictionary{});
+    EXPECT_EQ(answer([&](auto then) { client.removePlugIns(paths, then); }), Dictionary{});
+    EXPECT_EQ(answer([&](auto then) { client.bulkPlugins(0, then); }), Dictionary{});
 }
 
 TEST(DaemonClient, TurnsRepliesIntoErrors) {
     const std::pair<Dictionary, std::optional<value::Error>> rows[] = {
-        {{}, {}},
         {{{"matches", Array{}}}, {}},
         {{{"errorcode", 14U}, {"error", "plug-ins are busy"}}, veltoError(14, "plug-ins are busy")},
         {{{"errorcode", 9U}}, veltoError(9, "unknown error returned by Velto subsystem")},
@@ -86,12 +68,6 @@ TEST(DaemonClient, TurnsRepliesIntoErrors) {
         {{{"errorcode", std::uint64_t{7} << 32}}, {}},  // only the low 32 bits
     };
     for (const auto& [reply, error] : rows) EXPECT_EQ(VTDaemonClient::errorInReply(mox::Object{reply}), error);
-
-    const auto failed = VTDaemonClient::errorInReply(mox::Object{value::Error{"mox", 1, "no such service"}});
-    EXPECT_EQ(failed->domain, "Velto");
-    EXPECT_EQ(failed->code, 4);
-    EXPECT_THAT(*failed->message, testing::HasSubstr("no such service"));
-
     try {
         (void)VTDaemonClient::errorInReply(mox::Object{Dictionary{{"error", "lost"}}});
         FAIL();
@@ -112,11 +88,17 @@ TEST(DaemonClient, ConvertsValuesForItsOwnVersionOnly) {
     for (const std::int64_t version : {0, 2, 4}) EXPECT_EQ(VTDaemonClient::convertToMox(value, version), std::nullopt);
 }
 
-TEST(DaemonClient, AnUnreachableServiceIsAnErrorReplyAndALogLine) {
+TEST(DaemonClient, AnUnreachableServiceIsAnErrorReplyOnTheReplyQueueAndALogLine) {
     support::LogLines log;
     VTDaemonClient client{kNobody};
+    client.setReplyQueue(std::make_shared<queue::SerialQueue>("another"));
     std::promise<std::optional<value::Error>> answered;
-    client.bulkPlugins(0, [&](const mox::Object& reply) { answered.set_value(VTDaemonClient::errorInReply(reply)); });
-    EXPECT_EQ(answered.get_future().get()->code, 4);
+    client.bulkPlugins(0, [&](const mox::Object& reply) {
+        EXPECT_TRUE(client.replyQueue()->isCurrent());
+        answered.set_value(VTDaemonClient::errorInReply(reply));
+    });
+    const auto error = answered.get_future().get();
+    EXPECT_EQ(error->domain, "Velto");
+    EXPECT_EQ(error->code, 4);
     EXPECT_TRUE(log.awaitLine("Communications error: "));
 }
