@@ -1,8 +1,4 @@
-"""The tool as people and scripts use it, against the real daemon on a copy of the sample world.
-
-Usage: vtctl_test.py VTCTL VTD EXAMPLES
-"""
-import fcntl
+"""The tool as people and scripts use it, against the real daemon on a copy of the sample world."""
 import json
 import os
 import plistlib
@@ -12,86 +8,35 @@ import shutil
 import signal
 import socket
 import subprocess
-import sys
-import tempfile
-import time
 import unittest
 
-VTCTL, VTD, EXAMPLES = sys.argv[1:4]
+from world import EXAMPLES, VTCTL, WorldTest
 
 
-class World:
-    """A root of its own with the sample world, and the daemon on it."""
-
-    def __init__(self):
-        self.root = tempfile.mkdtemp(prefix='vtctl-test-')
-        shutil.copytree(EXAMPLES + '/world', self.root, dirs_exist_ok=True)
+class VtctlTest(WorldTest):
+    def setUp(self):
+        super().setUp()
+        root = self.world.root
+        shutil.copytree(EXAMPLES + '/world', root, dirs_exist_ok=True)
         # Its identifier goes on where that of Sketch's ends, and its name would drive a terminal.
-        with open(self.install('Sketch.app', 'Extra.app') + '/PlugIns/Note.appex/Info.plist', 'r+b') as file:
+        extra = shutil.copytree(root + '/user/Applications/Sketch.app', root + '/user/Applications/Extra.app')
+        subprocess.run(['chmod', '-R', 'go-w', root], check=True)
+        with open(extra + '/PlugIns/Note.appex/Info.plist', 'rb') as file:
             info = plistlib.load(file)
-            info.update(QFBundleIdentifier='example.sketch.note.extra', QFBundleDisplayName='Fine\u009b2J\u202e\x7f')
-            file.seek(0)
-            file.truncate()
-            plistlib.dump(info, file)
-        self.environment = dict(os.environ, HALVERN_ROOT=self.root, NOTIFY_SOCKET=self.root + '/ready')
-        self.ready = socket.socket(socket.AF_UNIX, socket.SOCK_DGRAM)
-        self.ready.bind(self.root + '/ready')
-        self.ready.settimeout(20)
-        self.begun = []
-        self.start()
-
-    def install(self, name, copy):
-        place = f'{self.root}/user/Applications/{copy}'
-        shutil.copytree(f'{EXAMPLES}/world/user/Applications/{name}', place)
-        subprocess.run(['chmod', '-R', 'go-w', self.root], check=True)
-        return place
-
-    def start(self):
-        self.log = open(self.root + '/log', 'ab')
-        self.daemon = subprocess.Popen([VTD, '-v'], env=self.environment, stderr=self.log)
-        while self.ready.recv(100) != b'READY=1':
-            pass
-
-    def kill(self):
-        self.daemon.kill()
-        self.daemon.wait()
-        self.log.close()
-
-    def end(self):
-        for process in self.begun:
-            process.kill()
-            process.communicate()
-        self.kill()
-        self.ready.close()
-        shutil.rmtree(self.root)
-
-    def vtctl(self, *arguments, **options):
-        options = {'stdout': subprocess.PIPE, 'stderr': subprocess.PIPE, **options}
-        return subprocess.run([VTCTL, *arguments], env=self.environment, timeout=20, **options)
-
-    def begin(self, *arguments, **options):
-        begun = subprocess.Popen([VTCTL, *arguments], env=self.environment, stdout=subprocess.PIPE,
-                                 stderr=subprocess.PIPE, **options)
-        self.begun.append(begun)
-        return begun
+        info.update(QFBundleIdentifier='example.sketch.note.extra', QFBundleDisplayName='Fine\u009b2J\u202e\x7f')
+        self.world.write('user/Applications/Extra.app/PlugIns/Note.appex/Info.plist', info)
+        self.world.start()
+        self.emoji = root + '/system/PlugIns/Emoji.bundle'
 
     def listed(self, *rules):
-        return {form['identifier']: form for form in json.loads(self.vtctl('match', '--json', *rules).stdout)}
+        return {form['identifier']: form for form in json.loads(self.world.vtctl('match', '--json', *rules).stdout)}
 
     def elections(self):
         try:
-            with open(self.root + '/state/halvern.velto/Annotations', 'rb') as file:
+            with open(self.world / 'state/halvern.velto/Annotations', 'rb') as file:
                 return {key: record['election'] for key, record in plistlib.load(file)['data'].items()}
         except FileNotFoundError:
             return {}
-
-
-class VtctlTest(unittest.TestCase):
-    maxDiff = None
-
-    def setUp(self):
-        self.world = World()
-        self.addCleanup(self.world.end)
 
     def check(self, arguments, status, out='', error='', **options):
         """Runs the tool; the texts are patterns that its output must hold, an empty one that there is none, None anything."""
@@ -103,14 +48,8 @@ class VtctlTest(unittest.TestCase):
                     self.assertRegex(stream.decode(), re.compile(pattern if pattern else r'\A\Z', re.S))
         return ran
 
-    def eventually(self, holds):
-        deadline = time.monotonic() + 10
-        while not holds():
-            self.assertLess(time.monotonic(), deadline)
-            time.sleep(0.01)
-
     def test_elections_are_of_the_plug_ins_that_the_words_name(self):
-        uuid = self.world.listed()['halvern.emoji']['uuid']
+        uuid = self.listed()['halvern.emoji']['uuid']
         none = '00000000-0000-4000-8000-000000000000'
         for arguments, status, out, error, elected in [
             (['enable', 'quick'], 0, 'halvern.quicknote: enabled', '', {'halvern.quicknote': 1}),
@@ -122,7 +61,7 @@ class VtctlTest(unittest.TestCase):
              r'^example\.sketch\.note: enabled\n(.* with it, .*\n){2}$', '', {'halvern.quicknote': 1}),
             (['enable', 'example.postcard.share'], 0, r'^example\.postcard\.share: enabled\n$', '',  # two versions
              {'example.postcard.share': 1}),
-            (['disable', self.world.listed()['example.postcard.share']['uuid']], 0, r'^example\.postcard\.share: disabled\n$', '',
+            (['disable', self.listed()['example.postcard.share']['uuid']], 0, r'^example\.postcard\.share: disabled\n$', '',
              {'example.postcard.share': 2}),
             # Nothing of these may change anything.
             (['disable', 'quick', 'sketch'], 2, '', r'"sketch" can be any.*\n.*note .*\n.*note\.extra .*\n.*nothing was changed', {}),
@@ -130,15 +69,13 @@ class VtctlTest(unittest.TestCase):
             (['disable', 'quick', none], 1, '', 'nothing was changed', {}),
             (['disable'], 2, '', 'required', {}),
         ]:
-            before = self.world.elections()
+            before = self.elections()
             self.check(arguments, status, out, error)
-            self.assertEqual(self.world.elections(), {**before, **elected}, arguments)
+            self.assertEqual(self.elections(), {**before, **elected}, arguments)
 
     def test_exclusions_are_kept_beside_other_preferences(self):
-        path = f'{self.world.root}/config/preferences/halvern.velto.userprefs.{socket.gethostname()}.plist'
-        os.makedirs(os.path.dirname(path))
-        with open(path, 'wb') as file:
-            plistlib.dump({'other': [1, 'two']}, file)
+        name = f'config/preferences/halvern.velto.userprefs.{socket.gethostname()}.plist'
+        path = self.world.write(name, {'other': [1, 'two']})
         emoji = 'KXExtensionIdentifier=halvern.emoji'
         for arguments, status, out, error in [
             (['exclusions'], 0, '', 'no exclusions'),
@@ -158,19 +95,11 @@ class VtctlTest(unittest.TestCase):
         with open(path, 'rb') as file:
             self.assertEqual(plistlib.load(file), {'other': [1, 'two'],
                                                    'exclusions': [{'KXExtensionIdentifier': 'halvern.emoji'}]})
-        with open(path, 'wb') as file:
-            plistlib.dump({'exclusions': 'all'}, file)
+        self.world.write(name, {'exclusions': 'all'})
         for arguments in ['exclusions'], ['exclude', emoji], ['include', '1']:
             self.check(arguments, 2, '', 'not as a list')
 
-    def test_an_exclusion_acts_at_once(self):
-        self.check(['exclude', 'KXExtensionIdentifier=halvern.emoji'], 0, '1')
-        self.assertNotIn('halvern.emoji', self.world.listed())
-        self.check(['include', '1'], 0, 'no longer')
-        self.assertIn('halvern.emoji', self.world.listed())
-
     def test_a_hold_lasts_as_long_as_its_command(self):
-        emoji = self.world.listed()['halvern.emoji']['path']
         match = [VTCTL, 'match', 'KXExtensionIdentifier=halvern.emoji']
         for command, status, out, error in [
             (match, 0, '', 'no plug-in matches'),
@@ -180,7 +109,7 @@ class VtctlTest(unittest.TestCase):
             (['/etc/passwd'], 126, '', 'cannot run /etc/passwd: Permission denied'),
             ([], 2, '', 'no command'),
         ]:
-            self.check(['hold', os.path.relpath(emoji), '--', *command], status, out, error,
+            self.check(['hold', os.path.relpath(self.emoji), '--', *command], status, out, error,
                        preexec_fn=lambda: signal.signal(signal.SIGCHLD, signal.SIG_IGN))  # as some parents leave it
             self.check(match[1:], 0, 'halvern.emoji')
         for arguments, status, error in [
@@ -192,9 +121,8 @@ class VtctlTest(unittest.TestCase):
             self.check(arguments, status, '', error)
 
     def test_signals_reach_the_command_once_and_it_decides(self):
-        emoji = self.world.listed()['halvern.emoji']['path']
         trap = "n=10; trap 'n=$((n+1))' USR1; trap 'exit $n' TERM; echo up; while :; do sleep 0.02; done"
-        hold = self.world.begin('hold', emoji, '--', 'sh', '-c', trap)
+        hold = self.world.begin('hold', self.emoji, '--', 'sh', '-c', trap)
         self.assertEqual(hold.stdout.readline(), b'up\n')
         for sent in signal.SIGUSR1, signal.SIGTERM:
             hold.send_signal(sent)
@@ -205,35 +133,33 @@ class VtctlTest(unittest.TestCase):
         pid, terminal = pty.fork()
         if pid == 0:
             count = "n=0; trap 'n=$((n+1))' INT; echo up; while [ $n = 0 ]; do sleep 0.02; done; sleep 0.2; exit $n"
-            os.execve(VTCTL, [VTCTL, 'hold', emoji, '--', 'sh', '-c', count], self.world.environment)
+            os.execve(VTCTL, [VTCTL, 'hold', self.emoji, '--', 'sh', '-c', count], self.world.environment)
         self.assertIn(b'up', os.read(terminal, 100))
         os.write(terminal, b'\x03')
         self.assertEqual(os.waitstatus_to_exitcode(os.waitpid(pid, 0)[1]), 1)
         os.close(terminal)
 
     def test_a_hold_without_a_command_lasts_until_it_is_interrupted_or_released(self):
-        emoji = self.world.listed()['halvern.emoji']['path']
         for turn, end in enumerate([signal.SIGINT, signal.SIGTERM] * 4):
-            hold = self.world.begin('hold', emoji)
+            hold = self.world.begin('hold', self.emoji)
             hold.stdout.readline()
             if turn == 0:  # the others are interrupted at once
-                self.assertNotIn('halvern.emoji', self.world.listed())
+                self.assertNotIn('halvern.emoji', self.listed())
             hold.send_signal(end)
             self.assertEqual(hold.communicate(timeout=20), (b'', b''))
             self.assertEqual(hold.returncode, 0)
-            self.assertIn('halvern.emoji', self.world.listed())
+            self.assertIn('halvern.emoji', self.listed())
         hold = self.world.begin('hold', '--app', self.world.root + '/user/Applications/Postcard.app')
         token = hold.stdout.readline().decode().strip()
-        self.assertNotIn('example.postcard.stamps', self.world.listed())
+        self.assertNotIn('example.postcard.stamps', self.listed())
         self.check(['unhold', token], 0)
-        self.assertIn('example.postcard.stamps', self.world.listed())
-        self.check(['hold', emoji], 1, error='cannot write', stdout=None, preexec_fn=lambda: os.close(1))
-        self.assertIn('halvern.emoji', self.world.listed())
+        self.assertIn('example.postcard.stamps', self.listed())
+        self.check(['hold', self.emoji], 1, error='cannot write', stdout=None, preexec_fn=lambda: os.close(1))
+        self.assertIn('halvern.emoji', self.listed())
 
     def test_a_hold_that_the_daemon_takes_with_it_is_told(self):
-        emoji = self.world.listed()['halvern.emoji']['path']
         for command, status in ([], 7), (['--', 'cat'], 7), (['--', 'sh', '-c', 'cat; exit 4'], 4):
-            hold = self.world.begin('hold', emoji, *command, stdin=subprocess.PIPE)
+            hold = self.world.begin('hold', self.emoji, *command, stdin=subprocess.PIPE)
             if command:
                 hold.stdin.write(b'held\n')
                 hold.stdin.flush()
@@ -242,16 +168,11 @@ class VtctlTest(unittest.TestCase):
             self.assertIn(b'the daemon went away', hold.stderr.readline())
             self.assertEqual((hold.communicate(timeout=20)[0], hold.returncode), (b'', status))
             self.world.start()
-            self.assertIn('halvern.emoji', self.world.listed())
+            self.assertIn('halvern.emoji', self.listed())
 
     def test_a_refused_hold_names_what_is_busy(self):
         postcard = self.world.root + '/user/Applications/Postcard.app'
-        busy = self.world.root + '/run/assertions/example.postcard.share'
-        os.makedirs(busy)
-        with open(f'{busy}/{os.getpid()}', 'w') as file:
-            file.write('example.postcard.share')
-            file.flush()
-            fcntl.lockf(file, fcntl.LOCK_EX)
+        with self.world.assertion('example.postcard.share'):
             self.check(['hold', '--app', postcard, '--', 'true'], 1, '',
                        'plug-ins are busy.*\n.*busy: example.postcard.share\n.*without --app')
             self.check(['hold', postcard + '/PlugIns/Share.appex', '--', 'true'], 0)
@@ -273,7 +194,7 @@ class VtctlTest(unittest.TestCase):
         [told] = json.loads(ran.stdout[:ran.stdout.rindex(b']') + 1])
         self.assertEqual(told['executable'], self.world.root + '/system/PlugIns/QuickNote.bundle/QuickNote')
         self.eventually(lambda: not os.listdir(services))
-        form = self.world.listed()['halvern.quicknote']
+        form = self.listed()['halvern.quicknote']
         for arguments, status, error in [
             (['ready', 'lingua.keyboard'], 2, 'no plug-in is called'),
             (['ready', 'frames.oval'], 1, 'cannot obtain executable path.*\n.*log has the reason'),
@@ -290,10 +211,9 @@ class VtctlTest(unittest.TestCase):
             self.check(arguments, 0, out, '')
 
     def test_a_file_of_a_plug_in_is_read_through_its_token(self):
-        path = self.world.listed()['halvern.emoji']['path']
-        with open(path + '/Info.plist', 'rb') as file:
+        with open(self.emoji + '/Info.plist', 'rb') as file:
             content = file.read()
-        for name in 'Info.plist', path + '/Info.plist':
+        for name in 'Info.plist', self.emoji + '/Info.plist':
             self.assertEqual(self.check(['access', '--open', 'emoji', name], 0, None).stdout, content)
         for arguments, status, out, error in [
             (['access', 'emoji', 'quick'], 0, r'\A\S+\n\S+\n\Z', ''),
@@ -324,7 +244,7 @@ class VtctlTest(unittest.TestCase):
             ran = self.world.vtctl(*arguments)
             self.assertIn('Fine', ran.stdout.decode() + ran.stderr.decode())
             self.assertNotRegex(ran.stdout.decode() + ran.stderr.decode(), '[\x00-\x09\x0b-\x1f\x7f-\x9f\u202a-\u202e]')
-        self.assertIn('Fine\u009b2J\u202e\x7f', {f.get('localizedDisplayName') for f in self.world.listed().values()})
+        self.assertIn('Fine\u009b2J\u202e\x7f', {f.get('localizedDisplayName') for f in self.listed().values()})
 
     def test_output_that_cannot_be_written_is_an_error(self):
         with open('/dev/full', 'wb') as full:
@@ -336,13 +256,11 @@ class VtctlTest(unittest.TestCase):
         os.close(writer)
 
     def test_a_daemon_that_is_not_there_is_told_from_a_refusal(self):
-        for arguments in [['match'], ['enable', 'quick'], ['add', '/x'], ['-S', 'other', 'match'], ['hold', '/x'],
-                          ['access', 'quick'], ['unhold', '00000000-0000-4000-8000-000000000000']]:
-            if '-S' not in arguments:
-                self.world.daemon.kill()
-                self.world.daemon.wait()
+        self.world.kill()
+        for arguments in (['match'], ['enable', 'quick'], ['add', '/x'], ['-S', 'other', 'match'], ['hold', '/x'],
+                          ['access', 'quick'], ['unhold', '00000000-0000-4000-8000-000000000000']):
             self.check(arguments, 7, '', 'is the daemon running')
 
 
 if __name__ == '__main__':
-    unittest.main(argv=sys.argv[:1])
+    unittest.main()

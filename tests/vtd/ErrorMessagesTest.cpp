@@ -1,41 +1,27 @@
-#include <signal.h>
-#include <sys/stat.h>
-#include <unistd.h>
-
-#include <algorithm>
-#include <array>
-#include <cctype>
 #include <cmath>
-#include <cstdio>
 #include <fstream>
-#include <functional>
-#include <future>
 #include <map>
 #include <new>
+#include <regex>
 #include <set>
-#include <string>
-#include <vector>
 
 #include <fnmatch.h>
-#include <gtest/gtest.h>
 
 #include "Velto/VTDaemonClient.h"
-#include "platform/plist/Plist.h"
+#include "platform/assertions/Assertions.h"
+#include "tests/support/ChildProcess.h"
 #include "tests/support/Mounts.h"
+#include "tests/support/Words.h"
 #include "tests/vtd/World.h"
 #include "vtd/VTDPlugIn.h"
 
 namespace {
 
-using value::Array;
-using value::Dictionary;
 using value::Uuid;
-using value::Value;
 
 const bool kOwnMounts = support::enterMountNamespace();
 
 std::atomic<bool> noMemoryForUuids{false};
-constexpr char kNoMemory[] = "invalid request (uuid allocation failure)";
 
 }  // namespace
 
@@ -65,45 +51,27 @@ protected:
     using Fault = std::shared_ptr<void>;
 
     ErrorMessages() {
-        install("system/PlugIns/one", "one", {{"KXExtensionProtocol", "P"}});
-        install("system/PlugIns/demanding", "demanding",
-                {{"KXExtensionProtocol", "P"}, {"KXExtensionHostEntitlement", "org.example.rare"}});
-        install("system/PlugIns/bare", "bare", {{"KXExtensionProtocol", "P"}});
-        std::filesystem::remove(root / "system/PlugIns/bare/run");
-        install("user/Applications/A.app", "app", {});
-        install("user/Applications/A.app/PlugIns/inside", "inside", {{"KXExtensionProtocol", "P"}});
+        install("system/PlugIns/one", {{"KXExtensionProtocol", "P"}});
+        install("system/PlugIns/demanding", {{"KXExtensionProtocol", "P"}, {"KXExtensionHostEntitlement", "rare"}});
+        install("system/PlugIns/bare", {{"KXExtensionProtocol", "P"}});
+        fs::remove(root / "system/PlugIns/bare/run");
+        install("user/Applications/A.app", {});
+        install("user/Applications/A.app/PlugIns/inside", {{"KXExtensionProtocol", "P"}});
         server = World::get().serve("errors");
         server->setCacheLimit(150);
         const auto plugIns = server->findPlugIns({}).value_or(VTDatabase::PlugIns{});
         for (const auto& plugIn : plugIns) uuids[plugIn->identifier()] = plugIn->uuid();
     }
 
-    void install(const std::string& bundle, const std::string& identifier, const Dictionary& extension) const {
-        Dictionary info{{"QFBundleIdentifier", identifier}, {"QFBundleExecutable", "run"}};
+    void install(const std::string& bundle, const Dictionary& extension) const {
+        Dictionary info{{"QFBundleIdentifier", fs::path{bundle}.filename().string()}, {"QFBundleExecutable", "run"}};
         if (!extension.empty()) info = info.changing("KXExtension", extension);
-        root.write(bundle + "/Info.plist", *plist::writeXml(info));
-        ::chmod(root.write(bundle + "/run", "#!/bin/sh\n").c_str(), 0755);
-    }
-
-    // A second process with an assertion of the plug-in's.
-    Fault busy(const std::string& identifier) const {
-        const std::string program =
-            "import fcntl, os, sys, time; os.makedirs(sys.argv[1], exist_ok=True); "
-            "f = open(f'{sys.argv[1]}/{os.getpid()}', 'w'); f.write(sys.argv[2]); f.flush(); "
-            "fcntl.lockf(f, fcntl.LOCK_EX); print(os.getpid(), flush=True); time.sleep(600)";
-        const std::string command =
-            "exec python3 -c \"" + program + "\" '" + (root / ("run/assertions/" + identifier)) + "' " + identifier;
-        FILE* const other = ::popen(command.c_str(), "r");
-        pid_t pid = 0;
-        if (other == nullptr || std::fscanf(other, "%d", &pid) != 1) ADD_FAILURE() << "no second process";
-        return {other, [pid](FILE* pipe) {
-                    ::kill(pid, SIGKILL);
-                    ::pclose(pipe);
-                }};
+        root.writeList(bundle + "/Info.plist", info);
+        fs::permissions(root.write(bundle + "/run", "#!/bin/sh\n"), fs::perms::owner_all);
     }
 
     Fault readOnly(const std::string& directory) const {
-        std::filesystem::create_directories(root / directory);
+        fs::create_directories(root / directory);
         const std::shared_ptr<support::Mount> mount{new support::Mount{support::Mount::small(root / directory, "64k")}};
         mount->setReadOnly(true);
         return mount;
@@ -112,9 +80,9 @@ protected:
     Value uuid(const char* plugIn) const { return Array{uuids.at(plugIn)}; }
     std::string named(const char* plugIn) const { return plugIn + ("(" + uuids.at(plugIn).string()) + ")"; }
 
-    Dictionary ask(Dictionary request) {
+    Dictionary ask(const Dictionary& request) {
         mox::Dictionary message;
-        if (!request.contains("version")) request = request.changing("version", 3u);
+        if (!request.contains("version")) message.set("version", 3u);
         for (const auto& [key, content] : request) message.set(key, content);
         std::promise<Dictionary> answer;
         client.send(message, [&](const mox::Object& reply) { answer.set_value(*reply.view().toValue().dictionary()); });
@@ -122,6 +90,11 @@ protected:
     }
 
     const support::TemporaryDirectory& root = World::get().root();
+    // Forked while there is no other thread.
+    const support::ChildProcess busy{[] {
+        static const auto assertion = assertions::Assertion::take("inside");
+        return whyNot(assertion);
+    }};
     std::shared_ptr<VTDServer> server;
     std::map<std::string, Uuid> uuids;
     VTDaemonClient client{"errors"};
@@ -131,119 +104,95 @@ protected:
 std::map<std::string, int> documented() {
     std::map<std::string, int> messages;
     std::ifstream page{VTD_SOURCE_DIR "/doc/wire.md"};
+    const std::regex row{R"(\| (\d+) \| `([^`]+)` \|.*)"};
+    std::smatch parts;
     for (std::string line; std::getline(page, line);) {
-        const std::size_t start = line.find(" | `");
-        const std::size_t end = line.find("` |", start);
-        const bool isRow = line.starts_with("| ") && start != line.npos && end != line.npos &&
-                           line.find_first_not_of("0123456789", 2) == start;
-        if (isRow) messages.emplace(line.substr(start + 4, end - start - 4), std::stoi(line.substr(2)));
+        if (std::regex_match(line, parts, row)) messages.emplace(parts[2], std::stoi(parts[1]));
     }
     return messages;
 }
 
 // Whether the text is the message with something for each word in capitals.
 bool isOf(const std::string& message, const std::string& text) {
-    std::string pattern;
-    for (std::size_t at = 0; at < message.size();) {
-        const std::size_t end = std::min(message.find_first_not_of("ABCDEFGHIJKLMNOPQRSTUVWXYZ", at), message.size());
-        const bool isWord = end > at && (end == message.size() || std::islower(message[end]) == 0);
-        pattern += isWord ? "?*" : message.substr(at, std::max<std::size_t>(end - at, 1));
-        at = std::max(end, at + 1);
-    }
+    const std::string pattern = std::regex_replace(message, std::regex{R"(\b[A-Z]+\b)"}, "?*");
     return ::fnmatch(pattern.c_str(), text.c_str(), FNM_NOESCAPE) == 0;
 }
 
 TEST_F(ErrorMessages, EachOfThePageIsWhatTheDaemonAnswers) {
     ASSERT_TRUE(kOwnMounts) << "needs a mount namespace";
     const std::string plugIns = root / "system/PlugIns", application = root / "user/Applications/A.app";
-    const std::string none = root / "none";
-    const Uuid unknown = Uuid::random();
-    const Value one = uuid("one");
-    const Dictionary annotate{{"request", "annotate"}, {"uuids", one}};
-    const Dictionary lock{{"request", "lock"}, {"flags", 2u}};
+    const std::string none = root / "none", denied = "access to plugin ", format = "invalid request format";
+    const Value one = uuid("one"), unknown = Array{Uuid::random()}, noText = Dictionary{{"no XML", "\x01"}};
+    const Value tooLong = Dictionary{{"long", std::string(65'536, 'x')}};
+    const auto annotate = [&](const Value& annotations) {
+        return Dictionary{{"request", "annotate"}, {"uuids", one}, {"annotations", annotations}};
+    };
+    const auto election = [&](const Value& value) { return annotate(Dictionary{{"election", value}}); };
+    const auto extension = [&](const Value& value) { return annotate(Dictionary{{"extension", value}}); };
+    const auto lock = [](const std::string& path, unsigned flags) {
+        return Dictionary{{"request", "lock"}, {"paths", Array{path}}, {"flags", flags}};
+    };
+    const auto failAllocation = [] {
+        return noMemoryForUuids = true, Fault{&noMemoryForUuids, [](auto* failing) { *failing = false; }};
+    };
+    const auto hold = [&] {
+        const Value token = *ask(lock(plugIns + "/one", 2)).find("uuids");
+        return Fault{this, [&, token](auto*) { ask({{"request", "lock"}, {"uuids", Array{token}}}); }};
+    };
     struct Row {
-        const char* message;
+        std::string error;
         Dictionary request;
-        std::string error;  // empty: the message as it stands
         std::function<Fault()> fault = {};
     };
     const Row rows[] = {
-        {"unable to register plug-in at PATH",
-         {{"request", "add"}, {"paths", Array{application}}},
-         "unable to register plug-in at " + application},
-        {"invalid request format (missing type)", {}, ""},
-        {"unrecognized request", {{"request", "Match"}}, ""},
-        {"invalid request format", {{"request", "remove"}, {"paths", Array{1}}}, ""},
-        {"invalid request format (uuid)", {{"request", "ready"}, {"uuids", unknown}}, ""},
-        {"invalid request (bad uuid array)", {{"request", "access"}, {"uuids", Array{"text"}}}, ""},
-        {kNoMemory,
-         {{"request", "access"}, {"uuids", one}},
-         "",
-         [] {
-             return noMemoryForUuids = true, Fault{&noMemoryForUuids, [](auto* failing) { *failing = false; }};
-         }},
-        {"no such plugin (uuid not found)", {{"request", "ready"}, {"uuids", Array{unknown}}}, ""},
-        {"invalid request format (bad rules dictionary)", {{"request", "match"}, {"rules", "all"}}, ""},
-        {"invalid request format (bad annotations dictionary)", annotate.changing("annotations", 1), ""},
-        {"invalid request format (annotation election)",
-         annotate.changing("annotations", Dictionary{{"election", "1"}}), ""},
-        {"invalid request format (annotation extension)",
-         annotate.changing("annotations", Dictionary{{"extension", 1}}), ""},
-        {"invalid request format (annotation election)",
-         annotate.changing("annotations", Dictionary{{"election", std::nan("")}}), ""},
-        {"invalid request format (annotation extension)",
-         annotate.changing("annotations", Dictionary{{"extension", Dictionary{{"no XML", "\x01"}}}}), ""},
-        {"invalid request format (annotation extension)",
-         annotate.changing("annotations", Dictionary{{"extension", Dictionary{{"long", std::string(65'536, 'x')}}}}),
-         ""},
-        {"invalid request format (unsupported hold flags)",
-         lock.changing("flags", 3u).changing("paths", Array{plugIns + "/one"}), ""},
-        {"cannot obtain executable path for plug-in ID(UUID)",
-         {{"request", "ready"}, {"uuids", uuid("bare")}},
-         "cannot obtain executable path for plug-in " + named("bare")},
-        {"unable to enable plug-in ID(UUID) for pid PID",
+        {"unable to register plug-in at " + application, {{"request", "add"}, {"paths", Array{application}}}},
+        {format + " (missing type)", {}},
+        {"unrecognized request", {{"request", "Match"}}},
+        {format, {{"request", "remove"}, {"paths", Array{1}}}},
+        {format + " (uuid)", {{"request", "ready"}, {"uuids", Uuid::random()}}},
+        {"invalid request (bad uuid array)", {{"request", "access"}, {"uuids", Array{"text"}}}},
+        {"invalid request (uuid allocation failure)", {{"request", "access"}, {"uuids", one}}, failAllocation},
+        {"no such plugin (uuid not found)", {{"request", "ready"}, {"uuids", unknown}}},
+        {format + " (bad rules dictionary)", {{"request", "match"}, {"rules", "all"}}},
+        {format + " (bad annotations dictionary)", annotate(1)},
+        {format + " (annotation election)", election("1")},
+        {format + " (annotation election)", election(std::nan(""))},
+        {format + " (annotation extension)", extension(1)},
+        {format + " (annotation extension)", extension(noText)},
+        {format + " (annotation extension)", extension(tooLong)},
+        {format + " (unsupported hold flags)", lock(plugIns + "/one", 3)},
+        {"cannot obtain executable path for plug-in " + named("bare"), {{"request", "ready"}, {"uuids", uuid("bare")}}},
+        {"unable to enable plug-in " + named("one") + " for pid " + std::to_string(::getpid()),
          {{"request", "ready"}, {"uuids", one}},
-         "unable to enable plug-in " + named("one") + " for pid " + std::to_string(::getpid()),
          [this] { return readOnly("run/services"); }},
-        {"cannot create extension to PATH: ERRNO",
+        {"cannot create extension to " + plugIns + "/one: 2",
          {{"request", "access"}, {"uuids", one}},
-         "cannot create extension to " + plugIns + "/one: 2",
          [this] { return readOnly("system/PlugIns"); }},
-        {"unsupported protocol version N (current 3)", {{"version", 4u}}, "unsupported protocol version 4 (current 3)"},
-        {"absolute path required: PATH", lock.changing("paths", Array{"x/y"}), "absolute path required: x/y"},
-        {"invalid plugin path: PATH", {{"request", "add"}, {"paths", Array{none}}}, "invalid plugin path: " + none},
-        {"no plugin at PATH", {{"request", "remove"}, {"paths", Array{none}}}, "no plugin at " + none},
-        {"invalid path: PATH", lock.changing("paths", Array{none}), "invalid path: " + none},
-        {"no plug-in at path:PATH", lock.changing("paths", Array{plugIns}), "no plug-in at path:" + plugIns},
-        {"unauthorized discovery flag (VTDiscoverAll)", {{"request", "match"}, {"flags", 0x200u}}, ""},
-        {"access to plugin ID denied: REASON",
-         {{"request", "ready"}, {"uuids", uuid("demanding")}},
-         "access to plugin demanding denied: the host does not have the \"org.example.rare\" entitlement"},
-        {"access to plugin ID denied: REASON",
-         {{"request", "ready"}, {"uuids", one}},
-         "access to plugin one denied: the plug-in is on hold",
-         [&] {
-             const Value token = *ask(lock.changing("paths", Array{plugIns + "/one"})).find("uuids");
-             return Fault{this, [&, token](auto*) { ask(lock.changing("uuids", Array{token})); }};
-         }},
-        {"plug-ins are busy", lock.changing("flags", 1u).changing("paths", Array{application}), "",
-         [this] { return busy("inside"); }},
+        {"unsupported protocol version 4 (current 3)", {{"version", 4u}}},
+        {"absolute path required: x/y", lock("x/y", 2)},
+        {"invalid plugin path: " + none, {{"request", "add"}, {"paths", Array{none}}}},
+        {"no plugin at " + none, {{"request", "remove"}, {"paths", Array{none}}}},
+        {"invalid path: " + none, lock(none, 2)},
+        {"no plug-in at path:" + plugIns, lock(plugIns, 2)},
+        {"unauthorized discovery flag (VTDiscoverAll)", {{"request", "match"}, {"flags", 0x200u}}},
+        {denied + "demanding denied: the host does not have the \"rare\" entitlement",
+         {{"request", "ready"}, {"uuids", uuid("demanding")}}},
+        {denied + "one denied: the plug-in is on hold", {{"request", "ready"}, {"uuids", one}}, hold},
+        {"plug-ins are busy", lock(application, 1)},
     };
-    std::map<std::string, int> pages = documented();
+    const std::map<std::string, int> page = documented();
     std::set<std::string> shown;
     for (const Row& row : rows) {
-        shown.insert(row.message);
-        if (row.message == kNoMemory && ALLOCATES_BY_ITSELF == 0) continue;
+        const auto message =
+            std::find_if(page.begin(), page.end(), [&](auto& of) { return isOf(of.first, row.error); });
+        ASSERT_NE(message, page.end()) << "not on the page: " << row.error;
+        shown.insert(message->first);
+        if (row.error.ends_with("allocation failure)") && ALLOCATES_BY_ITSELF == 0) continue;
         const Fault fault = row.fault ? row.fault() : nullptr;
         const Dictionary reply = ask(row.request);
-        const std::string* const error = reply.string("error");
-        ASSERT_NE(error, nullptr) << row.message;
-        EXPECT_EQ(*error, row.error.empty() ? row.message : row.error);
-        EXPECT_TRUE(isOf(row.message, *error)) << *error;
-        EXPECT_EQ(*reply.find("errorcode"), Value{pages[row.message]}) << row.message;
+        EXPECT_EQ(reply.changing("conflicts", {}), (Dictionary{{"errorcode", message->second}, {"error", row.error}}));
     }
-    for (const auto& [message, code] : pages) {
-        EXPECT_NE(code, 0) << "not on the page: " << message;
+    for (const auto& [message, code] : page) {
         EXPECT_EQ(shown.count(message), 1U) << "on the page, but not shown: " << message;
     }
     EXPECT_EQ(ask({{"request", "ready"}, {"uuids", one}}), Dictionary{}) << "nothing is broken afterwards";

@@ -1,19 +1,11 @@
 #include <algorithm>
-#include <memory>
-#include <string>
 
-#include <gtest/gtest.h>
-
-#include "tests/support/LogLines.h"
+#include "tests/support/Words.h"
 #include "tests/vtd/FakeRegistry.h"
 #include "vtd/Exclusions.h"
 #include "vtd/VTDPlugIn.h"
 
 namespace {
-
-using value::Array;
-using value::Dictionary;
-using value::Value;
 
 std::shared_ptr<VTDPlugIn> plugInNamed(const std::string& identifier) {
     const auto proxy = std::make_shared<fake::PlugIn>(identifier, "/a.app/PlugIns/p.plugin");
@@ -24,28 +16,14 @@ std::shared_ptr<VTDPlugIn> plugInNamed(const std::string& identifier) {
     return plugIn;
 }
 
-Value named(const Value& pattern) {
-    return Dictionary{{"KXExtensionIdentifier", pattern}};
-}
-
 // Against trying one after another, in every order of four, with what each says in the log.
 TEST(Exclusions, HideWhatTheirRulesMatchTriedInOrder) {
-    std::vector<Value> pool{named("a.1"),
-                            named("=a.01"),
-                            named("a"),
-                            named(">=b"),
-                            named("<>a.1"),
-                            named(Array{"x", "a.2"}),
-                            named("?bad"),
-                            named(true),
-                            named(""),
-                            named("="),
-                            named("=="),
-                            Dictionary{{"KXExtensionIdentifier", "a.1"}, {"Other", "?worse"}, {"Z", true}},
+    std::vector<Value> pool{Dictionary{{"KXExtensionIdentifier", "a.1"}, {"Other", "?worse"}, {"Z", true}},
                             Dictionary{{"KXExtensionIdentifier", "a.2"}, {"Other", false}},
-                            Dictionary{{"Absent", true}},
-                            Dictionary{{"A", false}, {"KXExtensionIdentifier", "a.1"}},
+                            Dictionary{{"Absent", true}}, Dictionary{{"A", false}, {"KXExtensionIdentifier", "a.1"}},
                             "no rules"};
+    const Value patterns[] = {"a.1", "=a.01", "a", ">=b", "<>a.1", Array{"x", "a.2"}, "?bad", true, "", "=", "=="};
+    for (const Value& pattern : patterns) pool.emplace_back(Dictionary{{"KXExtensionIdentifier", pattern}});
     std::vector<std::shared_ptr<VTDPlugIn>> plugIns;
     for (const char* identifier : {"a.1", "a.01", "a.001.0", "a.2", "a", "b", "=", "x.10", "?bad"}) {
         plugIns.push_back(plugInNamed(identifier));

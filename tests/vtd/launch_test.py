@@ -1,0 +1,185 @@
+"""A host readies the plug-ins it chose and reads their files: what is registered, for whom, and what ends it."""
+import os
+import plistlib
+import shutil
+import subprocess
+import sys
+import unittest
+
+from world import EXAMPLES, VTCTL, WorldTest
+
+sys.path.append(EXAMPLES)
+import match  # noqa: E402  a client that this process can be itself
+
+KEYBOARD = 'halvern.keyboard-service'
+
+
+class LaunchTest(WorldTest):
+    def start(self):
+        self.world.start()
+        self.host = self.world.client()
+
+    def install(self, name, extension=None, **info):
+        return self.world.install('system/PlugIns/' + name, extension or {}, **info)
+
+    def ready(self, *names):
+        return self.host.ask('ready', uuids=self.host.uuids(*names))
+
+    def registration(self, name):
+        return self.world / f'run/services/{self.host.pid}/{name}@1.plist'
+
+    def overlay(self, name):
+        with open(self.registration(name), 'rb') as file:
+            return plistlib.load(file)['overlay']
+
+    def test_the_profile_is_the_daemons_choice(self):
+        self.world.write('state/consent.plist', {'asked': [
+            {'service': 'WexaServiceOther', 'granted': False}, {'service': 'WexaServiceKeyboardNetwork', 'granted': True}]})
+        in_asked, in_other = 'user/Applications/asked.app/PlugIns/', 'user/Applications/other.app/PlugIns/'
+        for app in 'asked', 'other':
+            self.world.install(f'user/Applications/{app}.app')
+        rows = [
+            (in_asked, 'halvern.share-service', None, 'plugin'),
+            ('system/PlugIns/', 'halvern.filtrane.filter-data', None, 'network-filter'),
+            ('system/PlugIns/', 'halvern.filtrane.filter-data.x', None, 'plugin'),
+            (in_asked, KEYBOARD, None, 'keyboard'),
+            (in_asked, KEYBOARD, True, 'plugin'),
+            (in_asked, KEYBOARD, 1, 'plugin'),
+            (in_asked, KEYBOARD, 'true', 'keyboard'),
+            (in_other, KEYBOARD, True, 'keyboard'),
+            ('system/PlugIns/', KEYBOARD, True, 'keyboard'),
+        ]
+        for number, (place, point, wish, _) in enumerate(rows):
+            self.world.install(f'{place}p{number}',
+                               {'KXExtensionPointIdentifier': point,
+                                'KXExtensionAttributes': {} if wish is None else {'RequestsOpenAccess': wish}},
+                               MoxService={'_SandboxProfile': 'none', '_OmitSandboxParameters': False})
+        self.start()
+        for number, row in enumerate(rows):
+            with self.subTest(row):
+                name = f'p{number}'
+                self.assertEqual(self.ready(name), {})
+                data = self.world / 'state/containers/' + name
+                self.assertEqual(self.overlay(name), {'QFBundlePackageType': 'Mox!', 'MoxService': {
+                    '_SandboxProfile': row[3], '_OmitSandboxParameters': True,
+                    'EnvironmentVariables': {'HOME': data, 'QFFIXED_USER_HOME': data, 'TMPDIR': data + '/tmp'}}})
+
+    def test_the_environment_is_the_daemons_with_the_plug_ins_own_over_it(self):
+        own = {'EnvironmentVariables': {'HOME': '/own', 'MODE': 'x', 'NO_TEXT': 1}, 'RunLoopType': 'main'}
+        rows = [('own', own, {'HOME': '/own', 'MODE': 'x'}), ('no-service', 'text', {}),
+                ('no-list', {'EnvironmentVariables': 'HOME=/own'}, {})]
+        for name, service, _ in rows:
+            self.install(name, MoxService=service)
+        self.world.environment['VTTEST_SDK'] = '/sdk'
+        self.start()
+        for name, _, changed in rows:
+            data = self.world / 'state/containers/' + name
+            self.assertEqual(self.ready(name), {})
+            self.assertEqual(self.overlay(name)['MoxService']['EnvironmentVariables'],
+                             {'VTTEST_SDK': '/sdk', 'HOME': data, 'QFFIXED_USER_HOME': data, 'TMPDIR': data + '/tmp',
+                              **changed})
+        self.assertEqual(self.overlay('own')['MoxService']['RunLoopType'], 'main')
+
+    def test_all_that_are_named_are_registered_unless_one_is_refused_or_cannot_be(self):
+        one, two = self.install('one'), self.install('two')
+        self.install('data', {'KXExtensionProtocol': '#Data'})
+        self.start()
+        uuids = self.host.uuids('one', 'data', 'one', 'two')
+        token = self.host.ask('lock', paths=[two], flags=2)['uuids']
+        self.assertEqual(self.host.ask('ready', uuids=uuids),
+                         {'errorcode': 11, 'error': 'access to plugin two denied: the plug-in is on hold'})
+        self.assertFalse(os.path.exists(self.registration('one')))
+        self.host.ask('lock', uuids=[token])
+        self.assertEqual(self.host.ask('ready', uuids=uuids), {})
+        self.assertEqual(sorted(os.listdir(os.path.dirname(self.registration('one')))), ['one@1.plist', 'two@1.plist'])
+        self.assertEqual(len(self.world.lines(f'enabling pid={self.host.pid} for plug-in ')), 2)
+
+        program = one + '/run'
+        for spoil in (lambda: os.chmod(program, 0o644), lambda: os.remove(program),
+                      lambda: os.symlink('/bin/sh', program), lambda: (os.remove(program), os.mkdir(program))):
+            spoil()
+            self.assertRegex(self.ready('one')['error'], r'^cannot obtain executable path for plug-in one\(.{36}\)$')
+
+        shutil.rmtree(self.world / 'run/services')
+        self.world.write('run/services', b'no directory')
+        self.assertRegex(self.ready('two')['error'], r'^unable to enable plug-in two\(.{36}\) for pid \d+$')
+        self.assertEqual(len(self.world.lines(f'mox error 20 allowing pid {self.host.pid} to use plug-in two(1) ')), 1)
+
+    def test_a_registration_goes_with_its_plug_in_or_the_log_says_why_not(self):
+        one, two, three = map(self.install, ('one', 'two', 'three'))
+        self.start()
+        self.assertEqual(self.ready('one', 'two', 'three'), {})
+        shutil.rmtree(one)
+        self.eventually(lambda: not os.path.exists(self.registration('one')))
+        self.assertEqual(self.world.lines('PLUGIN REMOVAL'), [])
+        os.remove(self.registration('two'))
+        os.makedirs(self.registration('two') + '/in the way')
+        shutil.rmtree(two)
+        self.eventually(lambda: self.world.lines('PLUGIN REMOVAL:two RESULT:21'))
+
+        self.world.kill()
+        shutil.rmtree(three)
+        self.assertTrue(os.path.exists(self.registration('three')))
+        self.world.start()
+        self.eventually(lambda: not os.path.exists(self.registration('three')))
+
+    def test_what_was_readied_is_started_with_exactly_that_environment(self):
+        bundle = self.install('one', MoxService={'EnvironmentVariables': {'MODE': 'x y'}, '_SandboxProfile': 'none'})
+        shutil.copy('/usr/bin/env', bundle + '/run')  # which prints its environment
+        self.start()
+
+        def started(*arguments):
+            ran = subprocess.run([sys.executable, EXAMPLES + '/start.py', self.world / 'run', str(self.host.pid), bundle,
+                                  *arguments], env={**os.environ, 'LEAKED': '1'}, capture_output=True)
+            return ran.returncode, (ran.stdout + ran.stderr).decode()
+
+        self.assertIn('has not readied the plug-in', started()[1])
+        self.assertEqual(self.ready('one'), {})
+        data = self.world / 'state/containers/one'
+        self.assertEqual(sorted(started()[1].splitlines()),
+                         ['HOME=' + data, 'MODE=x y', 'QFFIXED_USER_HOME=' + data, f'TMPDIR={data}/tmp'])
+        self.assertEqual(started('printf', '%s', 'argument'), (0, 'argument'))
+        os.remove(bundle + '/run')
+        os.symlink('/usr/bin/env', bundle + '/run')
+        self.assertEqual(started()[0], 1, 'a link by now')
+
+    def test_a_host_reads_a_plug_in_through_its_token_without_sight_of_it(self):
+        one, two = self.install('one'), self.install('two')
+        self.world.write('system/PlugIns/one/icon', b'the icon')
+        self.start()
+        tokens = self.host.ask('access', uuids=self.host.uuids('two', 'one', 'two'))['extensions']
+        self.assertEqual([token.split(';')[2] for token in tokens], [two, one, two])
+
+        hidden = 'mount -t tmpfs none "$0" && ! test -e "$5" && exec "$@"'
+        ran = subprocess.run(['unshare', '-Urm', 'sh', '-c', hidden, self.world / 'system',
+                              VTCTL, 'access', '--open', 'one', one + '/icon'],
+                             env=self.world.environment, capture_output=True)
+        self.assertEqual((ran.stdout, ran.stderr), (b'the icon', b''))
+
+        def accepted():
+            """Whether this process has a handle for the token."""
+            try:
+                service = match.Connection(self.world / 'run/halvern.velto.vtd.sandbox')
+                return service.call({'request': 'consume', 'token': tokens[1]})['handle'] > 0
+            except (SystemExit, ConnectionError):
+                return False
+
+        def accepted_as_nobody():
+            os.setgroups([])
+            os.setgid(65534)
+            os.setuid(65534)
+            assert not accepted()
+
+        self.assertTrue(accepted())
+        if os.geteuid() == 0:  # who else could become another user
+            for door in '', 'run', 'run/halvern.velto.vtd.sandbox':
+                os.chmod(self.world / door, 0o777)
+            self.fork(accepted_as_nobody)
+            os.chmod(self.world / 'run', 0o700)
+        self.world.kill()
+        self.world.start()
+        self.assertFalse(accepted(), 'a token of an earlier run')
+
+
+if __name__ == '__main__':
+    unittest.main()
