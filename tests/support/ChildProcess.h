@@ -1,5 +1,6 @@
 #pragma once
 
+#include <fcntl.h>
 #include <signal.h>
 #include <sys/syscall.h>
 #include <sys/wait.h>
@@ -13,14 +14,15 @@
 namespace support {
 
 // A forked child that has done some work, has told what came of it, and stays until it is killed, at the latest with
-// this object.
+// this object. Or the work executes another program, and nothing is told.
 class ChildProcess {
 public:
     // The namespaces are made with the child, since a sanitizer's thread would keep it from making them itself.
     explicit ChildProcess(const std::function<std::string()>& work, int namespaces = 0) {
         std::array<int, 2> ends{};
-        if (::pipe(ends.data()) != 0) return;
-        pid_ = static_cast<pid_t>(::syscall(SYS_clone, namespaces | SIGCHLD, nullptr, nullptr, nullptr, nullptr));
+        if (::pipe2(ends.data(), O_CLOEXEC) != 0) return;
+        pid_ =
+            namespaces == 0 ? ::fork() : static_cast<pid_t>(::syscall(SYS_clone, namespaces | SIGCHLD, 0L, 0L, 0L, 0L));
         if (pid_ == 0) {
             const std::string text = work();
             const bool told = ::write(ends[1], text.data(), text.size()) == static_cast<ssize_t>(text.size());

@@ -1,6 +1,8 @@
 #pragma once
 
+#include <cctype>
 #include <cstddef>
+#include <string>
 #include <string_view>
 #include <vector>
 
@@ -8,18 +10,11 @@ namespace support {
 
 // "0a ff" -> the two bytes; blanks and line ends are passed over.
 inline std::vector<std::byte> fromHex(std::string_view text) {
-    const auto digit = [](char c) { return c <= '9' ? c - '0' : (c | 0x20) - 'a' + 10; };
+    std::string digits{text};
+    std::erase_if(digits, [](unsigned char c) { return std::isspace(c) != 0; });
     std::vector<std::byte> bytes;
-    int high = -1;
-    for (const char c : text) {
-        if (c == ' ' || c == '\n') continue;
-        if (high < 0) {
-            high = digit(c);
-        } else {
-            bytes.push_back(static_cast<std::byte>(high << 4 | digit(c)));
-            high = -1;
-        }
-    }
+    for (std::size_t at = 0; at < digits.size(); at += 2)
+        bytes.push_back(static_cast<std::byte>(std::stoi(digits.substr(at, 2), nullptr, 16)));
     return bytes;
 }
 

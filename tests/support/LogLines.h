@@ -4,8 +4,10 @@
 #include <chrono>
 #include <condition_variable>
 #include <mutex>
+#include <optional>
 #include <string>
 #include <string_view>
+#include <utility>
 #include <vector>
 
 #include "platform/logging/Log.h"
@@ -18,7 +20,7 @@ public:
     LogLines() {
         logging::setSink([this](logging::Level level, std::string_view line) {
             const std::lock_guard lock{mutex_};
-            lines_.push_back({level, std::string{line}});
+            lines_.emplace_back(level, line);
             added_.notify_all();
         });
     }
@@ -26,43 +28,27 @@ public:
     LogLines(const LogLines&) = delete;
     LogLines& operator=(const LogLines&) = delete;
 
-    // The lines so far, or those at one level, which are then forgotten.
-    std::vector<std::string> take() {
-        return take([](logging::Level) { return true; });
-    }
-    std::vector<std::string> take(logging::Level level) {
-        return take([level](logging::Level other) { return other == level; });
+    // The lines so far, or those at one level; all are then forgotten.
+    std::vector<std::string> take(std::optional<logging::Level> wanted = {}) {
+        const std::lock_guard lock{mutex_};
+        std::vector<std::string> taken;
+        for (const auto& [level, line] : std::exchange(lines_, {})) {
+            if (!wanted || level == *wanted) taken.push_back(line);
+        }
+        return taken;
     }
 
     // Waits until a line with the text in it was written; false when none comes for a long time.
     bool awaitLine(std::string_view text) {
+        const auto hasIt = [&](const auto& line) { return line.second.find(text) != std::string::npos; };
         std::unique_lock lock{mutex_};
-        return added_.wait_for(lock, std::chrono::seconds{20}, [&] {
-            return std::any_of(lines_.begin(), lines_.end(),
-                               [&](const Line& line) { return line.text.find(text) != std::string::npos; });
-        });
+        return added_.wait_for(lock, std::chrono::seconds{20}, [&] { return std::ranges::any_of(lines_, hasIt); });
     }
 
 private:
-    struct Line {
-        logging::Level level;
-        std::string text;
-    };
-
-    template <typename Predicate>
-    std::vector<std::string> take(Predicate wanted) {
-        const std::lock_guard lock{mutex_};
-        std::vector<std::string> taken;
-        for (const Line& line : lines_) {
-            if (wanted(line.level)) taken.push_back(line.text);
-        }
-        lines_.clear();
-        return taken;
-    }
-
     std::mutex mutex_;
     std::condition_variable added_;
-    std::vector<Line> lines_;
+    std::vector<std::pair<logging::Level, std::string>> lines_;
 };
 
 }  // namespace support

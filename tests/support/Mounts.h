@@ -62,9 +62,8 @@ public:
 private:
     Mount(const std::string& what, std::string at, const char* type, unsigned long flags, const std::string& options)
         : at_{std::move(at)} {
-        if (::mount(what.c_str(), at_.c_str(), type, flags, options.c_str()) != 0) {
+        if (::mount(what.c_str(), at_.c_str(), type, flags, options.c_str()) != 0)
             throw std::runtime_error{"cannot mount at " + at_};
-        }
     }
 
     std::string at_;

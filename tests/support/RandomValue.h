@@ -15,9 +15,9 @@ public:
     value::Value operator()(int depth = 0) {
         switch (below(depth < 4 ? 9 : 7)) {
             case 0: return below(2) == 1;
-            case 1: return static_cast<std::int64_t>(bits());
-            case 2: return bits() | 1ULL << 63;  // only an unsigned integer can hold it
-            case 3: return static_cast<double>(static_cast<std::int64_t>(bits())) / 1024;
+            case 1: return static_cast<std::int64_t>(random_());
+            case 2: return random_() | 1ULL << 63;  // only an unsigned integer can hold it
+            case 3: return static_cast<double>(static_cast<std::int64_t>(random_())) / 1024;
             case 4: return text();
             case 5: return value::Data(below(40), static_cast<std::byte>(below(256)));
             case 6: return value::Date{static_cast<double>(below(2'000'000'000))};
@@ -26,19 +26,16 @@ public:
                 for (auto left = below(5); left > 0; --left) elements.push_back((*this)(depth + 1));
                 return value::Array{std::move(elements)};
             }
-            default: return dictionary(depth);
+            default: {
+                value::Dictionary::Builder entries;
+                for (auto left = below(6); left > 0; --left) entries.set(text(), (*this)(depth + 1));
+                return std::move(entries).build();
+            }
         }
     }
 
-    value::Dictionary dictionary(int depth = 0) {
-        value::Dictionary::Builder entries;
-        for (auto left = below(6); left > 0; --left) entries.set(text(), (*this)(depth + 1));
-        return std::move(entries).build();
-    }
-
 private:
-    std::uint64_t bits() { return random_(); }
-    std::size_t below(std::size_t bound) { return static_cast<std::size_t>(random_() % bound); }
+    std::size_t below(std::size_t bound) { return random_() % bound; }
     std::string text() {
         static const char* const pieces[] = {"a", "KX", " ", "\xC3\xA9", "<&>", "\xF0\x9F\x98\x80", "0", "\t"};
         std::string result;

@@ -9,22 +9,11 @@
 
 #include <array>
 #include <cerrno>
-#include <chrono>
-#include <cstdlib>
 #include <cstring>
-#include <filesystem>
-#include <functional>
 #include <future>
 #include <latch>
 #include <limits>
-#include <memory>
-#include <optional>
-#include <stdexcept>
-#include <string>
-#include <string_view>
 #include <thread>
-#include <utility>
-#include <vector>
 
 #include <gmock/gmock.h>
 
