@@ -1,25 +1,17 @@
-#include <poll.h>
-
 #include "platform/mox/ClientConnection.h"
-#include "platform/mox/ServiceSocket.h"
 #include "tests/platform/mox/Peers.h"
-#include "tests/support/Words.h"
 
 namespace moxtest {
 namespace {
 
-using mox::wire::FrameKind;
-
-// A client whose replies and events are kept as texts: "answer N", or the description of the error.
-class ClientOfAService {
+// A client, and what it was told, in order: "answer N", the description of an error, "event: " and one.
+class Asker {
 public:
-    ClientOfAService() {
-        client->setEventHandler([this](const mox::Object& event) {
-            notes_.note([&] { events_.push_back(mox::errorDescription(event)); });
-        });
+    Asker() {
+        client->setEventHandler([this](const mox::Object& event) { add("event: " + mox::errorDescription(event)); });
     }
     // First the client goes, so that no event comes after; then what runs on its queue ends, and what that left behind.
-    ~ClientOfAService() {
+    ~Asker() {
         client.reset();
         queue_->sync([] {});
         queue_->sync([] {});
@@ -29,169 +21,137 @@ public:
         mox::Dictionary request;
         request.set("question", question);
         client->send(request, [this](const mox::Object& reply) {
-            std::string text = reply.isError() ? mox::errorDescription(reply) : "answer ";
-            if (const auto answer = reply.view().find("answer"))
-                text += std::to_string(answer->toValue().integerValue().value_or(-1));
-            notes_.note([&] {
-                replies_.push_back(text);
-                last_ = reply;
-            });
+            last = reply;
+            const auto answer = reply.view().find("answer");
+            add(answer ? "answer " + value::description(answer->toValue()) : mox::errorDescription(reply));
         });
     }
-
-    Texts awaitReplies(std::size_t count) {
-        EXPECT_TRUE(notes_.await([&] { return replies_.size() >= count; }));
+    // All so far, once there is so much.
+    Texts take(std::size_t count) {
+        EXPECT_TRUE(notes_.await([&] { return told_.size() >= count; }));
         Texts taken;
-        notes_.note([&] { taken.swap(replies_); });
+        notes_.note([&] { taken.swap(told_); });
         return taken;
     }
-    Texts awaitEvents(std::size_t count) {
-        EXPECT_TRUE(notes_.await([&] { return events_.size() >= count; }));
-        return events_;
-    }
-    const mox::Object& last() const { return *last_; }
 
 private:
+    void add(const std::string& text) {
+        notes_.note([&] { told_.push_back(text); });
+    }
+
     const std::shared_ptr<queue::SerialQueue> queue_ = std::make_shared<queue::SerialQueue>("client");
+    Notebook notes_;
+    Texts told_;
 
 public:
-    std::shared_ptr<mox::ClientConnection> client = mox::ClientConnection::create(Service::kName, queue_);
-
-private:
-    Notebook notes_;
-    Texts replies_;
-    Texts events_;
-    std::optional<mox::Object> last_;
+    std::shared_ptr<mox::ClientConnection> client = mox::ClientConnection::create(kService, queue_);
+    std::optional<mox::Object> last;  // reply
 };
 
 TEST(Client, GetsTheReplyToEachRequestInTheOrderOfAnswering) {
-    World world;
-    Service service{Service::Answers::later};
-    ASSERT_FALSE(service.start());
-    ClientOfAService asking;
-    for (int question : {1, 2, 3}) asking.ask(question);  // before resume(): sent then
-    asking.client->resume();
-    ASSERT_TRUE(service.awaitRequests(3));
+    const World world;
+    Service service{{.answersLater = true}};
+    Asker asker;
+    for (int question : {1, 2, 3}) asker.ask(question);  // before resume(): sent then
+    asker.client->resume();
+    ASSERT_TRUE(service.await("request", 3));
     for (std::size_t index : {2, 0, 1}) service.answer(index);
-    EXPECT_EQ(asking.awaitReplies(3), (Texts{"answer 3", "answer 1", "answer 2"}));
+    EXPECT_EQ(asker.take(3), (Texts{"answer 3", "answer 1", "answer 2"}));
 }
 
 TEST(Client, GetsLargeRepliesAndDescriptorsWhole) {
-    World world;
-    Service service;
+    const World world;
     value::Data large(std::size_t{5} << 20);
     for (std::size_t at = 0; at < large.size(); ++at) large[at] = static_cast<std::byte>(at * 2654435761U >> 13);
     mox::Encoder encoder;
     encoder.value(large);
-    const auto encoded = std::make_shared<const Blob>(encoder.take());
-    service.fill = [&](mox::Reply& reply) {
+    Service service{{.fill = [encoded = std::make_shared<const Blob>(encoder.take())](mox::Reply& reply) {
         reply.setEncoded("large", encoded);
         reply.set("behind", "it");
         reply.attach(file::UniqueFd{::open("/proc/self/exe", O_RDONLY | O_CLOEXEC)});
-    };
-    ASSERT_FALSE(service.start());
-    ClientOfAService asking;
-    asking.client->resume();
-    for (int question = 0; question < 6; ++question) asking.ask(question);
-    EXPECT_EQ(asking.awaitReplies(6), (Texts{"answer 0", "answer 1", "answer 2", "answer 3", "answer 4", "answer 5"}));
-    EXPECT_EQ(asking.last().view().find("large")->toValue(), value::Value{large});
-    EXPECT_EQ(asking.last().view().find("behind")->string(), "it");
-    ASSERT_TRUE(asking.last().descriptor());
-    EXPECT_TRUE(fs::equivalent("/proc/self/exe", "/proc/self/fd/" + std::to_string(asking.last().descriptor()->get())));
+    }}};
+    Asker asker;
+    asker.client->resume();
+    for (int question = 0; question < 4; ++question) asker.ask(question);
+    EXPECT_EQ(asker.take(4), (Texts{"answer 0", "answer 1", "answer 2", "answer 3"}));
+    EXPECT_EQ(asker.last->view().find("large")->toValue(), Value{large});
+    EXPECT_EQ(asker.last->view().find("behind")->string(), "it");
+    ASSERT_TRUE(asker.last->descriptor());
+    EXPECT_TRUE(fs::equivalent("/proc/self/exe", "/proc/self/fd/" + std::to_string(asker.last->descriptor()->get())));
 }
 
 TEST(Client, TellsWhyItLacksTheServiceAndConnectsAnewAtTheNextMessage) {
-    World world;
-    ClientOfAService asking;
-    asking.client->resume();
-    asking.ask(1);
+    const World world;
+    Asker asker;
+    asker.client->resume();
+    asker.ask(1);
     const std::string why = "cannot reach service test.service: No such file or directory";
-    EXPECT_EQ(asking.awaitReplies(1), Texts{why});
-    EXPECT_EQ(asking.awaitEvents(1), Texts{why});
-    EXPECT_TRUE(mox::isError(asking.last(), mox::ErrorCode::connectionInvalid));
+    EXPECT_EQ(asker.take(2), (Texts{why, "event: " + why}));
     {
-        Service service{Service::Answers::later};
-        ASSERT_FALSE(service.start());
-        asking.ask(1);
-        asking.ask(2);
-        ASSERT_TRUE(service.awaitRequests(2));
+        Service service{{.answersLater = true}};
+        asker.ask(1);
+        asker.ask(2);
+        ASSERT_TRUE(service.await("request", 2));
     }
-    EXPECT_THAT(asking.awaitReplies(2), SizeIs(2));
-    EXPECT_TRUE(mox::isError(asking.last(), mox::ErrorCode::connectionInterrupted));
-    EXPECT_THAT(asking.awaitEvents(2), SizeIs(2));
+    EXPECT_THAT(asker.take(3), testing::Each(HasSubstr("connection to service test.service broke: ")));
+    EXPECT_TRUE(mox::isError(*asker.last, mox::ErrorCode::connectionInterrupted));
     Service next;
-    ASSERT_FALSE(next.start());
-    asking.ask(3);
-    EXPECT_EQ(asking.awaitReplies(1), Texts{"answer 3"});
-}
-
-TEST(Client, AnnouncesThatItEndsAndIsServedOn) {
-    World world;
-    Service service;
-    ASSERT_FALSE(service.start());
-    ClientOfAService asking;
-    asking.client->resume();
-    asking.ask(1);
-    EXPECT_EQ(asking.awaitReplies(1), Texts{"answer 1"});
-    asking.client->announceTermination();
-    asking.ask(2);
-    EXPECT_EQ(asking.awaitReplies(1), Texts{"answer 2"});
-    asking.client.reset();
-    ASSERT_TRUE(service.awaitInvalid(1));
-    EXPECT_EQ(service.events(), (Texts{"request", "error 3", "request", "error 1"}));
+    asker.ask(3);
+    EXPECT_EQ(asker.take(1), Texts{"answer 3"});
+    asker.client->announceTermination();
+    asker.ask(4);
+    EXPECT_EQ(asker.take(1), Texts{"answer 4"});
+    EXPECT_EQ(next.takeEvents(), (Texts{"connected", "request", "leaving", "request"}));
 }
 
 TEST(Client, GivesEveryClosureAnErrorWhenCancelledOrDropped) {
-    World world;
-    Service service{Service::Answers::later};
-    ASSERT_FALSE(service.start());
-    ClientOfAService asking;
-    asking.client->resume();
-    asking.ask(1);
-    ASSERT_TRUE(service.awaitRequests(1));
-    asking.client->cancel();
-    asking.ask(2);
-    EXPECT_EQ(asking.awaitReplies(2).size(), 2U);
-    EXPECT_TRUE(mox::isError(asking.last(), mox::ErrorCode::connectionInvalid));
+    const World world;
+    Service service{{.answersLater = true}};
+    Asker asker;
+    asker.client->resume();
+    asker.ask(1);
+    ASSERT_TRUE(service.await("request"));
+    asker.client->cancel();
+    asker.ask(2);
+    EXPECT_THAT(asker.take(3), testing::Each(HasSubstr("was cancelled")));
+    asker.ask(3);
+    EXPECT_THAT(asker.take(1), testing::Each(HasSubstr("was cancelled")));
 
-    ClientOfAService dropped;
+    Asker dropped;
     dropped.ask(1);
     dropped.client.reset();
-    EXPECT_EQ(dropped.awaitReplies(1), Texts{"the connection to service test.service was given up"});
+    EXPECT_EQ(dropped.take(1), Texts{"the connection to service test.service was given up"});
 }
 
 TEST(Client, BelievesNoServiceThatBreaksTheProtocol) {
-    World world;
-    const Blob hello = frame(FrameKind::hello, 0, Blob{std::byte{1}, {}, {}, {}} + Blob(16));
-    const Blob text{std::byte{5}, {}, {}, {}, {}};
+    const World world;
+    const Blob one{std::byte{1}, {}, {}, {}}, two{std::byte{2}, {}, {}, {}};
+    const Blob hello = frame(FrameKind::hello, 0, one + Blob(16));
     const Blob empty = Blob{std::byte{9}, std::byte{4}} + Blob(7);  // a dictionary
-    Blob withFlag = frame(FrameKind::reply, 1, empty);
+    const Blob reply = frame(FrameKind::reply, 1, empty);
+    Blob withFlag = reply;
     withFlag[5] = std::byte{1};
     const std::pair<Blob, const char*> rows[] = {
-        {frame(FrameKind::hello, 0, Blob{std::byte{2}, {}, {}, {}} + Blob(16)), "version 2"},
+        {frame(FrameKind::hello, 0, two + Blob(16)), "version 2"},
         {frame(FrameKind::hello, 0, Blob(19)), "short hello"},
         {hello + hello, "second hello"},
-        {hello + frame(FrameKind::request, 1, empty), "client's frame"},
+        {hello + request(), "client's frame"},
         {hello + frame(FrameKind::reply, 2, empty), "no request"},
-        {hello + frame(FrameKind::reply, 1, empty) + frame(FrameKind::reply, 1, empty), ""},
-        {hello + frame(FrameKind::reply, 1, text), "no dictionary"},
+        {hello + reply + reply, ""},
+        {hello + frame(FrameKind::reply, 1, Blob{std::byte{5}} + Blob(4)), "no dictionary"},
         {hello + frame(FrameKind::reply, 1, Blob(3)), "broke"},
         {hello + withFlag, "descriptor"},
         {hello + empty, "closed"},
     };
+    const auto socket = mox::ServiceSocket::open(kService);
     for (const auto& [sent, error] : rows) {
-        auto socket = mox::ServiceSocket::open(Service::kName);
-        ASSERT_TRUE(socket);
-        ClientOfAService asking;
-        asking.client->resume();
-        asking.ask(1);
-        pollfd ready{(*socket)->get(), POLLIN, 0};
-        ASSERT_EQ(::poll(&ready, 1, 20'000), 1);
+        Asker asker;
+        asker.client->resume();
+        asker.ask(1);
         const file::UniqueFd peer{::accept((*socket)->get(), nullptr, nullptr)};
         ASSERT_EQ(::send(peer.get(), sent.data(), sent.size(), MSG_NOSIGNAL), sent.size());
         ::shutdown(peer.get(), SHUT_WR);
-        EXPECT_THAT(asking.awaitReplies(1), ElementsAre(HasSubstr(error)));
-        EXPECT_THAT(asking.awaitEvents(1), SizeIs(1)) << error;
+        EXPECT_THAT(asker.take(2), ElementsAre(HasSubstr(error), StartsWith("event: "))) << error;
     }
 }
 

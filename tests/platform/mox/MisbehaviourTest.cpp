@@ -1,13 +1,11 @@
 #include <sys/resource.h>
 
 #include "tests/platform/mox/Peers.h"
-#include "tests/support/Words.h"
 
 // What peers do wrong, by malice or by accident, and that only they notice.
 namespace moxtest {
 namespace {
 
-using mox::wire::FrameKind;
 using namespace std::chrono_literals;
 
 Blob bytes(std::initializer_list<int> values) {
@@ -16,142 +14,134 @@ Blob bytes(std::initializer_list<int> values) {
     return blob;
 }
 
-// A good frame with one byte changed.
-Blob with(Blob frame, std::size_t at, int value) {
+// A request with one byte changed.
+Blob with(std::size_t at, int value) {
+    Blob frame = request();
     frame.at(at) = static_cast<std::byte>(value);
     return frame;
 }
 
-bool serves() {
-    RawPeer peer{Service::kName};
-    peer.greet();
-    peer.send(request(7));
-    const auto reply = peer.readReply();
-    return reply && reply->kind == FrameKind::reply && reply->replyId == 7;
-}
-
 TEST(Misbehaviour, EndsThatConnectionWithOneLine) {
     const Blob text = bytes({5, 1, 0, 0, 0, 'x'});
-    const Blob notice = frame(FrameKind::terminationImminent, 0, {});
-    const struct {
-        const char* name;
-        Blob sent;
-    } rows[] = {
-        {"a length that does not cover the header", with(request(1), 0, 11)},
+    const std::pair<const char*, Blob> rows[] = {
+        {"a length that does not cover the header", with(0, 11)},
         {"a length beyond the limit", bytes({0, 0, 32, 0, 3, 0, 0, 0, 1, 0, 0, 0, 0, 0, 0, 0})},
         {"the greatest length", bytes({255, 255, 255, 255, 3, 0, 0, 0, 1, 0, 0, 0, 0, 0, 0, 0})},
-        {"kind 0", with(request(1), 4, 0)},
-        {"an unknown kind", with(request(1), 4, 7)},
-        {"a reply", with(request(1), 4, 4)},
-        {"a hello", with(notice, 4, 1)},
-        {"a second echo", frame(FrameKind::echo, 0, bytes({0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0}))},
+        {"kind 0", with(4, 0)},
+        {"an unknown kind", with(4, 7)},
+        {"a reply", with(4, 4)},
+        {"a hello", frame(FrameKind::hello, 0, {})},
+        {"a second echo", frame(FrameKind::echo, 0, Blob(16))},
         {"a request without a reply id", request(0)},
         {"a message with one", frame(FrameKind::message, 1, text)},
-        {"a flag", with(request(1), 5, 1)},
-        {"a byte that must be zero", with(request(1), 6, 1)},
+        {"a flag", with(5, 1)},
+        {"a byte that must be zero", with(6, 1)},
         {"a body that is no value", frame(FrameKind::request, 1, bytes({99, 0}))},
         {"no body", frame(FrameKind::request, 1, {})},
         {"an error, which only the service makes", frame(FrameKind::message, 0, bytes({11, 0, 0, 0, 0, 0, 0, 0, 0}))},
         {"a notice with a body", frame(FrameKind::terminationImminent, 0, text)},
     };
-    for (const auto& row : rows) {
-        World world;
-        Service service;
-        ASSERT_FALSE(service.start());
-        RawPeer other{Service::kName};
-        other.greet();
-        RawPeer peer{Service::kName};
-        peer.greet();
-        peer.send(request(1) + row.sent + request(2));
-        EXPECT_TRUE(peer.isEnded()) << row.name;
-        EXPECT_TRUE(service.awaitInvalid(1)) << row.name;
-        EXPECT_EQ(service.events(), (Texts{"request", "error 1"})) << row.name;
-        EXPECT_EQ(world.lines().size(), 1U) << row.name;
-        other.send(request(9));
-        EXPECT_TRUE(other.readReply()) << row.name;
+    World world;
+    Service service;
+    const RawPeer other = greeted();
+    ASSERT_TRUE(service.await("connected"));
+    service.takeEvents();
+    for (const auto& [name, sent] : rows) {
+        const RawPeer peer = greeted();
+        peer.send(request() + sent + request(2));
+        EXPECT_TRUE(peer.isEnded()) << name;
+        EXPECT_TRUE(service.await("gone")) << name;
+        EXPECT_EQ(service.takeEvents(), (Texts{"connected", "request", "gone"})) << name;
+        EXPECT_THAT(world.log.take(), SizeIs(1)) << name;
     }
+    other.send(request());
+    EXPECT_TRUE(other.readReply());
 }
 
 TEST(Misbehaviour, InTheHandshakeIsNeverDelivered) {
     World world;
     Service service;
-    ASSERT_FALSE(service.start());
-    const auto echo = [](std::span<const std::byte> nonce) { return frame(FrameKind::echo, 0, nonce); };
+    const auto echo = [](const Blob& nonce) { return frame(FrameKind::echo, 0, nonce); };
     for (std::size_t row = 0; row < 4; ++row) {
-        RawPeer peer{Service::kName};
+        RawPeer peer;
+        peer.connect();
         const auto nonce = peer.readHello();
-        const Blob answers[] = {echo(Blob(sizeof nonce)), echo(std::span{nonce}.first(8)),
-                                echo(Blob{nonce.begin(), nonce.end()} + Blob(1)), request(1)};
-        peer.send(answers[row] + request(1));
+        const Blob good{nonce.begin(), nonce.end()}, half{nonce.begin(), nonce.begin() + 8};
+        const Blob answers[] = {echo(Blob(nonce.size())), echo(half), echo(good + Blob(1)), request()};
+        peer.send(answers[row] + request());
         EXPECT_TRUE(peer.isEnded()) << row;
     }
-    EXPECT_EQ(world.lines().size(), 4U);
-    EXPECT_EQ(service.connections(), 0U);
-    EXPECT_TRUE(serves());
+    EXPECT_THAT(world.log.take(), SizeIs(4));
+    EXPECT_THAT(service.takeEvents(), IsEmpty());
 }
 
 TEST(Misbehaviour, OfAPeerThatIsCutOffAnywhereOrSendsInPiecesHarmsNobody) {
     World world;
     Service service;
-    ASSERT_FALSE(service.start());
-    const std::size_t whole = request(1).size();
-    for (std::size_t cut = 0; cut < 32 + whole; ++cut) {
-        RawPeer peer{Service::kName};
-        const Blob all = frame(FrameKind::echo, 0, peer.readHello()) + request(1);
-        peer.send(std::span{all}.first(cut));
+    const auto whole = static_cast<std::ptrdiff_t>(request().size());
+    for (std::ptrdiff_t cut = 0; cut < 32 + whole; ++cut) {
+        RawPeer peer;
+        peer.connect();
+        const Blob all = frame(FrameKind::echo, 0, peer.readHello()) + request();
+        peer.send(std::span{all}.first(static_cast<std::size_t>(cut)));
     }
-    EXPECT_TRUE(service.awaitInvalid(whole));  // those whose echo was whole
-    EXPECT_EQ(service.requests(), 0U);
+    EXPECT_TRUE(service.await("gone", whole));  // those whose echo was whole
+    EXPECT_THAT(service.takeEvents(), Not(Contains("request")));
 
-    RawPeer slow{Service::kName};
+    RawPeer slow;
+    slow.connect();
     const Blob all = frame(FrameKind::echo, 0, slow.readHello()) + request(1) + request(2);
     for (const std::byte& byte : all) slow.send(std::span{&byte, 1});
-    EXPECT_TRUE(slow.readReply());
-    EXPECT_TRUE(slow.readReply());
-    EXPECT_TRUE(world.lines().empty());
+    EXPECT_TRUE(slow.readReply(1) && slow.readReply(2));
+    EXPECT_THAT(world.log.take(), IsEmpty());
 }
 
 TEST(Misbehaviour, DescriptorsAreNotTaken) {
-    World world;
+    const World world;
     Service service;
-    ASSERT_FALSE(service.start());
-    RawPeer peer{Service::kName};
-    peer.greet();
+    const RawPeer peer = greeted();
     std::array<int, 2> ends{};
     ASSERT_EQ(::pipe(ends.data()), 0);
     const file::UniqueFd readEnd{ends[0]};
     file::UniqueFd writeEnd{ends[1]};
-    peer.sendDescriptor(request(1), writeEnd.get());
+
+    Blob sent = request();
+    iovec piece{sent.data(), sent.size()};
+    alignas(cmsghdr) std::array<char, CMSG_SPACE(sizeof ends[1])> control{};
+    const msghdr message{nullptr, 0, &piece, 1, control.data(), control.size(), 0};
+    cmsghdr* const rights = CMSG_FIRSTHDR(&message);
+    rights->cmsg_level = SOL_SOCKET;
+    rights->cmsg_type = SCM_RIGHTS;
+    rights->cmsg_len = CMSG_LEN(sizeof ends[1]);
+    std::memcpy(CMSG_DATA(rights), &ends[1], sizeof ends[1]);
+    ASSERT_GT(::sendmsg(peer.get(), &message, MSG_NOSIGNAL), 0);
+
     writeEnd.reset();
     char byte = 0;
     EXPECT_EQ(::read(readEnd.get(), &byte, 1), 0);  // nobody holds the other end
     EXPECT_TRUE(peer.isEnded());
-    EXPECT_EQ(service.requests(), 0U);
+    EXPECT_THAT(service.takeEvents(), Not(Contains("request")));
 }
 
 TEST(Misbehaviour, RequestsPastTheBoundWaitUntilOthersAreAnswered) {
-    World world;
+    const World world;
     mox::Bounds bounds;
     bounds.connection.requests = 3;
-    Service service{Service::Answers::later, bounds};
-    ASSERT_FALSE(service.start());
-    RawPeer peer{Service::kName};
-    peer.greet();
-    Blob many;
-    for (std::uint64_t id = 1; id <= 5; ++id) many = many + request(id);
-    peer.send(many);
-    ASSERT_TRUE(service.awaitRequests(3));
-    RawPeer other{Service::kName};
-    other.greet();
-    other.send(request(1));
-    ASSERT_TRUE(service.awaitRequests(4));  // who is not held up
-    EXPECT_EQ(service.requests(), 4U);
-    service.answer(0);
-    ASSERT_TRUE(service.awaitRequests(5));
-    service.answer(1);
-    ASSERT_TRUE(service.awaitRequests(6));
+    Service service{{.answersLater = true, .bounds = bounds}};
+    const RawPeer peer = greeted();
+    peer.send(request(1) + request(2) + request(3) + request(4) + request(5));
+    ASSERT_TRUE(service.await("request", 3));
+    const RawPeer other = greeted();
+    other.send(request());
+    ASSERT_TRUE(service.await("request", 4));  // who is not held up
+    EXPECT_THAT(service.takeEvents(), SizeIs(2 + 4));
+    for (std::size_t index : {0, 1}) {
+        service.answer(index);
+        ASSERT_TRUE(service.await("request"));
+        EXPECT_THAT(service.takeEvents(), SizeIs(1));
+    }
     for (std::size_t index = 2; index < 6; ++index) service.answer(index);
-    for (int reply = 0; reply < 5; ++reply) EXPECT_TRUE(peer.readReply());
+    for (std::uint64_t id = 1; id <= 5; ++id) EXPECT_TRUE(peer.readReply(id));
 }
 
 TEST(Misbehaviour, WhoTakesNoRepliesOrNeverAnswersTheHelloIsEndedAndWhoIsIdleIsNot) {
@@ -159,58 +149,56 @@ TEST(Misbehaviour, WhoTakesNoRepliesOrNeverAnswersTheHelloIsEndedAndWhoIsIdleIsN
     mox::Bounds bounds;
     bounds.drainDeadline = 50ms;
     bounds.handshakeDeadline = 200ms;
-    Service service{Service::Answers::atOnce, bounds};
-    service.fill = [](mox::Reply& reply) { reply.set("padding", value::Data(std::size_t{1} << 20)); };
-    ASSERT_FALSE(service.start());
-    RawPeer idle{Service::kName};
-    idle.greet();
-    RawPeer stuck{Service::kName};
-    stuck.greet();
-    stuck.send(request(1));
-    EXPECT_TRUE(world.awaitLog("it does not take its replies"));
-    EXPECT_TRUE(service.awaitInvalid(1));
-    RawPeer silent{Service::kName};
+    Service service{{.bounds = bounds, .fill = [](mox::Reply& reply) { reply.set("padding", value::Data(1 << 20)); }}};
+    const RawPeer idle = greeted(), stuck = greeted();
+    stuck.send(request());
+    EXPECT_TRUE(world.log.awaitLine("it does not take its replies"));
+    EXPECT_TRUE(service.await("gone"));
+    RawPeer silent;
+    silent.connect();
     EXPECT_TRUE(silent.isEnded());
-    idle.send(request(1));
+    idle.send(request());
     EXPECT_TRUE(idle.readReply());  // who takes replies gets them, whatever their size
 }
 
-TEST(Misbehaviour, WhenAllConnectionsAreTakenTheNewcomerIsServed) {
-    World world;
+TEST(Misbehaviour, WhenAllConnectionsAreTakenTheNewcomerIsServedAndStrangersGoFirst) {
+    const World world;
     mox::Bounds bounds;
     bounds.total.connections = 4;
-    Service service{Service::Answers::atOnce, bounds};
-    ASSERT_FALSE(service.start());
+    bounds.handshakeDeadline = 60s;
+    Service service{{.bounds = bounds}};
+    RawPeer silent;
     std::vector<RawPeer> greedy;
-    for (std::size_t count = 1; count <= 6; ++count) {
-        greedy.emplace_back(Service::kName).greet();
-        ASSERT_TRUE(service.awaitConnections(count));
+    for (std::ptrdiff_t count = 1; count <= 5; ++count) {
+        greedy.push_back(greeted());
+        ASSERT_TRUE(service.await("connected", count));
+        if (count == 3) silent.connect();
     }
-    EXPECT_TRUE(service.awaitInvalid(2));
+    EXPECT_TRUE(silent.isEnded());
     EXPECT_TRUE(greedy[0].isEnded());
-    greedy[5].send(request(1));
-    EXPECT_TRUE(greedy[5].readReply());
+    greedy[4].send(request());
+    EXPECT_TRUE(greedy[4].readReply());
 }
 
 TEST(Misbehaviour, AcceptingPausesWhenDescriptorsRunOutAndRecovers) {
     World world;
     Service service;
-    ASSERT_FALSE(service.start());
-    ASSERT_TRUE(serves());
-    std::vector<RawPeer> peers(8);
-    for (RawPeer& peer : peers) peer.open();
+    const RawPeer first = greeted();
+    first.send(request());
+    ASSERT_TRUE(first.readReply());
+    const std::vector<RawPeer> peers(8);
     rlimit before{};
     ::getrlimit(RLIMIT_NOFILE, &before);
     const int lowest = file::UniqueFd{::open("/dev/null", O_RDONLY | O_CLOEXEC)}.get();
     const rlimit low{static_cast<rlim_t>(lowest) + 72, before.rlim_max};  // 64 of these are kept back
     ::setrlimit(RLIMIT_NOFILE, &low);
-    for (RawPeer& peer : peers) peer.connect(Service::kName);
-    EXPECT_TRUE(world.awaitLog("descriptors run out"));
+    for (const RawPeer& peer : peers) peer.connect();
+    EXPECT_TRUE(world.log.awaitLine("descriptors run out"));
     EXPECT_TRUE(file::UniqueFd{::open("/dev/null", O_RDONLY | O_CLOEXEC)});  // some are kept back
     ::setrlimit(RLIMIT_NOFILE, &before);
-    for (RawPeer& peer : peers) {
+    for (const RawPeer& peer : peers) {
         peer.greet();
-        peer.send(request(1));
+        peer.send(request());
         EXPECT_TRUE(peer.readReply());
     }
 }
