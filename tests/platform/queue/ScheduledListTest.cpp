@@ -5,24 +5,16 @@ namespace queue {
 namespace {
 
 TEST(ScheduledList, ServesHigherClassesFirstAndEachQueueOnce) {
+    using enum QualityOfService;
     ScheduledList list;
-    const auto push = [&](const char* label, QualityOfService quality) {
-        auto queue = std::make_shared<SerialQueue::State>(label, quality);
+    for (const auto quality : {background, standard, utility, userInteractive, standard, userInitiated}) {
+        const auto queue = std::make_shared<SerialQueue::State>(std::to_string(list.size()), quality);
         list.push(queue);
-        list.push(std::move(queue));
-    };
-    push("f", QualityOfService::background);
-    push("c", QualityOfService::standard);
-    push("e", QualityOfService::utility);
-    push("a", QualityOfService::userInteractive);
-    push("d", QualityOfService::standard);
-    push("b", QualityOfService::userInitiated);
-    EXPECT_EQ(list.size(), 6U);
-
+        list.push(queue);
+    }
     std::string order;
     while (const auto queue = list.pop()) order += queue->label;
-    EXPECT_EQ(order, "abcdef");
-    EXPECT_EQ(list.size(), 0U);
+    EXPECT_EQ(order, "351420");
 }
 
 }  // namespace
