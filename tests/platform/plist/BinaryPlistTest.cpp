@@ -1,5 +1,4 @@
-#include <limits>
-
+#include "platform/text/Format.h"
 #include "tests/platform/plist/Checks.h"
 #include "tests/support/Hex.h"
 
@@ -19,8 +18,7 @@ std::string bigEndian(std::uint64_t number, int size) {
 }
 
 struct Trailer {
-    std::uint8_t offsetSize = 2;
-    std::uint8_t referenceSize = 1;
+    std::uint8_t offsetSize = 2, referenceSize = 1;
     std::optional<std::uint64_t> objects = {}, table = {};
     std::uint64_t root = 0;
 };
@@ -109,10 +107,7 @@ TEST(BinaryPlist, RefusesWhatIsBrokenOrNotRead) {
 TEST(BinaryPlist, CountsWhatIsSharedEachTimeItIsUsed) {
     // Twenty arrays, each of two references to the next, stand for a million values.
     std::vector<std::string> objects;
-    for (int i = 1; i <= 20; ++i) {
-        const char next[] = {"0123456789abcdef"[i / 16], "0123456789abcdef"[i % 16], '\0'};
-        objects.push_back(std::string{"a2 "} + next + next);
-    }
+    for (int i = 1; i <= 20; ++i) objects.push_back(text::format("a2 {0:02x} {0:02x}", i));
     objects.emplace_back("5f 10 20 " + std::string(64, '4'));
     const std::pair<Limits, Texts> rows[] = {
         {{.values = 100'000}, objects},

@@ -11,10 +11,11 @@ inline void expectValue(const value::Result<Value>& root, const Value& value, co
     EXPECT_EQ(root->kind(), value.kind()) << input;
 }
 
-inline void expectRefusal(const value::Result<Value>& root, ErrorCode code, const char* message) {
-    ASSERT_FALSE(root) << message;
-    EXPECT_EQ(root.error().code, static_cast<std::int64_t>(code)) << message;
-    EXPECT_THAT(whyNot(root), HasSubstr(message));
+template <typename Result>
+void expectRefusal(const Result& result, ErrorCode code, const char* message) {
+    ASSERT_FALSE(result) << message;
+    EXPECT_EQ(result.error().code, static_cast<std::int64_t>(code)) << message;
+    EXPECT_THAT(whyNot(result), HasSubstr(message));
 }
 
 }  // namespace plist
