@@ -1,8 +1,6 @@
-#include <cstdint>
-#include <cstdlib>
 #include <string>
-#include <string_view>
 
+#include "fuzz/Fuzz.h"
 #include "platform/logging/Log.h"
 #include "platform/plist/Plist.h"
 #include "tests/vtd/FakeRegistry.h"
@@ -13,6 +11,7 @@
 
 namespace {
 
+using fuzz::require;
 using value::Array;
 using value::Dictionary;
 using value::Value;
@@ -36,7 +35,7 @@ std::shared_ptr<VTDPlugIn> makeRecord() {
                                 {"false", false},
                                 {"rule", Dictionary{{"org.example.image", 1}}}};
     const Dictionary info{{"info", "there"}, {"KXExtension", Dictionary{{"KXExtensionAttributes", attributes}}}};
-    if (!plugIn->setupWithName("org.example.one", "/a.app/PlugIns/one.plugin", info, {}, value::Uuid{})) std::abort();
+    require(plugIn->setupWithName("org.example.one", "/a.app/PlugIns/one.plugin", info, {}, value::Uuid{}));
     return plugIn;
 }
 
@@ -44,19 +43,10 @@ Dictionary decode(std::string_view bytes) {
     if (const auto list = plist::read(bytes); list && list->dictionary() != nullptr) return *list->dictionary();
     Dictionary::Builder rules;
     while (!bytes.empty()) {
-        const auto line = [&] {
-            const std::string_view text = bytes.substr(0, bytes.find('\n'));
-            bytes.remove_prefix(std::min(bytes.size(), text.size() + 1));
-            return text;
-        };
-        const std::string_view name = line();
-        rules.set(name, line());
+        const std::string_view name = fuzz::takeLine(bytes);
+        rules.set(name, fuzz::takeLine(bytes));
     }
     return std::move(rules).build();
-}
-
-void require(bool holds) {
-    if (!holds) std::abort();
 }
 
 // What must hold between the operators, whatever the operand is.
@@ -73,7 +63,7 @@ void checkOperators(const VTDPlugIn& plugIn, const std::string& operand) {
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
     static const std::shared_ptr<VTDPlugIn> plugIn = makeRecord();
-    const Dictionary rules = decode({reinterpret_cast<const char*>(data), size});
+    const Dictionary rules = decode(fuzz::textOf(data, size));
 
     bool all = true;
     for (const auto& [name, pattern] : rules) {
