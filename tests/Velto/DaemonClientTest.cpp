@@ -10,10 +10,6 @@ namespace {
 const support::TemporaryDirectory root;
 const int rootIsSet = ::setenv("HALVERN_ROOT", root.path().c_str(), 1);
 
-value::Error veltoError(std::int64_t code, std::string message) {
-    return {"Velto", code, std::move(message)};
-}
-
 constexpr char kNobody[] = "halvern.velto.nobody";
 
 }  // namespace
@@ -60,11 +56,12 @@ TEST(DaemonClient, SendsWhatTheDaemonUnderstands) {
 }
 
 TEST(DaemonClient, TurnsRepliesIntoErrors) {
-    const std::pair<Dictionary, std::optional<value::Error>> rows[] = {
+    using value::Error;
+    const std::pair<Dictionary, std::optional<Error>> rows[] = {
         {{{"matches", Array{}}}, {}},
-        {{{"errorcode", 14U}, {"error", "plug-ins are busy"}}, veltoError(14, "plug-ins are busy")},
-        {{{"errorcode", 9U}}, veltoError(9, "unknown error returned by Velto subsystem")},
-        {{{"errorcode", ~std::uint64_t{2}}, {"error", "m"}}, veltoError(-3, "m")},
+        {{{"errorcode", 14U}, {"error", "plug-ins are busy"}}, Error{"Velto", 14, "plug-ins are busy"}},
+        {{{"errorcode", 9U}}, Error{"Velto", 9, "unknown error returned by Velto subsystem"}},
+        {{{"errorcode", ~std::uint64_t{2}}, {"error", "m"}}, Error{"Velto", -3, "m"}},
         {{{"errorcode", std::uint64_t{7} << 32}}, {}},  // only the low 32 bits
     };
     for (const auto& [reply, error] : rows) EXPECT_EQ(VTDaemonClient::errorInReply(mox::Object{reply}), error);
