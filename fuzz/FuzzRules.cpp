@@ -3,7 +3,7 @@
 #include "fuzz/Fuzz.h"
 #include "platform/logging/Log.h"
 #include "platform/plist/Plist.h"
-#include "tests/vtd/FakeRegistry.h"
+#include "tests/vtd/FakePlugIn.h"
 #include "vtd/VTDPlugIn.h"
 
 // The rule language against one record that has a value of every kind. The input is a property list with a dictionary,

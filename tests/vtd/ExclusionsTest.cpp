@@ -1,7 +1,7 @@
 #include <algorithm>
 
 #include "tests/support/Words.h"
-#include "tests/vtd/FakeRegistry.h"
+#include "tests/vtd/FakePlugIn.h"
 #include "vtd/Exclusions.h"
 #include "vtd/VTDPlugIn.h"
 

@@ -1,0 +1,39 @@
+#pragma once
+
+#include <memory>
+#include <optional>
+#include <string>
+#include <utility>
+
+#include "platform/dravo/Dravo.h"
+
+namespace fake {
+
+using Text = std::optional<std::string>;
+
+// What a registry says of a plug-in that lies nowhere: for records of which only the identifier and the entitlements
+// matter.
+struct PlugIn : dravo::DVVeltoProxy {
+    PlugIn(std::string id, Text where) : identifier{std::move(id)}, path{std::move(where)} {}
+    const Text& bundlePath() const override { return path; }
+    const value::Uuid& pluginUUID() const override { return uuid; }
+    const std::string& pluginIdentifier() const override { return identifier; }
+    const std::string& originalIdentifier() const override { return identifier; }
+    const std::string& bundleIdentifier() const override { return identifier; }
+    const std::string& bundleVersion() const override { return identifier; }
+    std::optional<value::Dictionary> pluginDictionary() const override { return {}; }
+    value::Date registrationDate() const override { return {}; }
+    bool onSystemPartition() const override { return false; }
+    std::optional<dravo::DVBundleProxy> containingBundle() const override { return {}; }
+    Text localizedName() const override { return {}; }
+    Text localizedShortName() const override { return {}; }
+    value::Dictionary entitlements() const override { return held; }
+    Text dataContainerPath() const override { return "/data"; }
+
+    std::string identifier;
+    Text path;
+    value::Uuid uuid = value::Uuid::random();
+    value::Dictionary held;
+};
+
+}  // namespace fake

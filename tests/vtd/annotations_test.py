@@ -1,0 +1,153 @@
+"""What the file of annotations is taken for, and when the daemon writes it. On real file systems of the test's own."""
+import json
+import os
+import plistlib
+import re
+import subprocess
+import sys
+import unittest
+
+from world import WorldTest
+
+UNSHARE = ['unshare', '-rm']
+
+
+def read(path):
+    try:
+        with open(path, 'rb') as file:
+            return file.read()
+    except OSError:
+        return None
+
+
+class AnnotationsTest(WorldTest):
+    def setUp(self):
+        super().setUp()
+        for name in 'one', 'two':
+            self.world.install('system/PlugIns/' + name, {})
+
+    def start(self, path):
+        self.world.start('-d', path)
+        self.client = self.world.client()
+        return self.world.lines(path)
+
+    def annotate(self, name, **annotations):
+        self.assertEqual(self.client.ask('annotate', uuids=self.client.uuids(name), annotations=annotations), {})
+
+    def test_whatever_the_file_holds_is_taken_for_what_it_is_and_nothing_is_destroyed(self):
+        stored = {'one': {'election': 1}}
+        sound = {'version': 16, 'data': stored}
+        for name, content, line, loads in [
+            ('missing', None, '', True),
+            ('sound', sound, '', True),
+            ('older', {**sound, 'version': 15}, 'error:found database version 15 needed version 16 (resetting)', False),
+            ('unversioned', {'data': stored}, 'error:found database version 0 needed version 16 (resetting)', False),
+            ('a list', [], 'found database version 0 needed version 16', False),
+            ('torn', plistlib.dumps(sound)[:-30], '(resetting)', False),
+            ('no data', {'version': 16}, 'ignoring what is no annotation', False),
+            ('odd data', {'version': 16, 'data': 'x'}, 'ignoring what is no annotation', False),
+            ('odd record', {'version': 16, 'data': {'odd': True, **stored}}, 'ignoring what is no annotation', True),
+        ]:
+            with self.subTest(name):
+                path = self.world / name
+                before = None if content is None else read(self.world.write(name, content))
+                lines = self.start(path)
+                self.assertEqual([line in said for said in lines], [True] if line else [], lines)
+                kept = stored if content is not None and loads else {}
+                self.assertEqual(self.client.found()['one']['annotations'], kept.get('one', {}))
+                self.assertEqual(read(path), before, 'untouched until the first save')
+                for election in 0, 2:
+                    self.annotate('two', election=election)
+                self.assertEqual(plistlib.loads(read(path)), {'version': 16, 'data': {**kept, 'two': {'election': 2}}})
+                copies = [file for file in os.listdir(self.world.root) if file.startswith(name + '.unreadable')]
+                self.assertEqual(copies, [name + '.unreadable-1'] if line else [])
+                self.assertEqual(read(path + '.unreadable-1'), before if line else None)
+                self.world.kill()
+
+    def test_what_is_there_is_not_written_again_unless_somebody_spoilt_it(self):
+        path = self.world / 'annotations'
+        self.start(path)
+        posts = self.world / 'run/notify/halvern.velto.annotation-change'
+        self.annotate('one', election=1)
+        file, posted = os.stat(path).st_ino, int(read(posts))
+        self.annotate('one', election=1)
+        self.assertEqual(os.stat(path).st_ino, file)
+        self.assertEqual(int(read(posts)), posted + 1)
+        self.world.write('annotations', b'spoilt')
+        self.annotate('one', election=1)
+        self.assertEqual(plistlib.loads(read(path))['data'], {'one': {'election': 1}})
+
+    def test_a_save_that_fails_is_answered_logged_and_made_up_for(self):
+        for number, (reason, spoil, mend) in enumerate([
+            ('No space left on device', 'cat /dev/zero >"$0/ballast"', 'rm "$0/ballast"'),
+            ('Read-only file system', 'mount --bind "$0" "$0" && mount -o remount,bind,ro "$0"', 'umount -l "$0"'),
+            ('Is a directory', 'rm "$0/Annotations" && mkdir "$0/Annotations"', 'rmdir "$0/Annotations"'),
+            ('No such file or directory', 'umount -l "$0" && rmdir "$0"', 'mkdir "$0"'),
+        ]):
+            with self.subTest(reason):
+                def run(command):
+                    subprocess.run(['sh', '-c', command, os.path.dirname(path)], stderr=subprocess.DEVNULL)
+                path = f'{self.world.root}/{number}/Annotations'
+                os.mkdir(os.path.dirname(path))
+                run('mount -t tmpfs -o size=64k none "$0"')
+                self.start(path)
+                self.annotate('one', election=1)
+                before = read(path)
+                run(spoil)
+                for _ in range(2):
+                    self.world.lines()
+                    self.annotate('one', election=2, extension={'x': 'x' * 9000})
+                    line, = self.world.lines(f'unable to save annotations:{path} error:')
+                    self.assertIn(reason, line)
+                self.assertEqual(read(path), before if number < 2 else None)
+                run(mend)
+                self.annotate('two', election=1)
+                stored = plistlib.loads(read(path))['data']
+                self.assertEqual((stored['one']['election'], stored['two']['election']), (2, 1))
+                self.assertLessEqual(set(os.listdir(os.path.dirname(path))), {'Annotations', 'Annotations.lock'})
+                self.world.kill()
+                run('umount -l "$0"')
+
+    def test_what_no_file_can_hold_does_not_keep_the_rest_from_being_saved(self):
+        info = {'QFBundleIdentifier': 'odd\x01', 'KXExtension': {'KXExtensionProtocol': '#Data'}}
+        self.world.write('system/PlugIns/odd/Info.plist', plistlib.dumps(info, fmt=plistlib.FMT_BINARY))
+        path = self.world / 'annotations'
+        self.start(path)
+        for name in 'odd\x01', 'one':
+            self.annotate(name, election=1)
+            self.assertEqual(len(self.world.lines(f'unable to save annotations:{path} error:')), 1)
+        self.assertEqual(plistlib.loads(read(path))['data'], {'one': {'election': 1}})
+
+    def test_what_was_answered_is_kept_wherever_the_daemon_is_killed(self):
+        path, trace = self.world / 'annotations', self.world / 'trace'
+
+        def annotate(election, *injected):
+            """With the daemon traced meanwhile: what it answered, and its calls, each with its number in its thread."""
+            self.start(path)
+            request = {'request': 'annotate', 'uuids': self.client.uuids('one'), 'annotations': {'election': election}}
+            tracer = self.world.begin('-f', '-o', trace, '-p', str(self.world.daemon.pid), *injected, program='strace')
+            self.assertIn(b'attached', tracer.stderr.readline())
+            answer, _ = self.client.process.communicate(json.dumps(request).encode(), timeout=20)
+            self.world.kill()
+            tracer.communicate()
+            calls = re.findall(r'^(\d+) +(\w+)\(', read(trace).decode(), re.M)
+            return answer, [(name, calls[:i + 1].count((thread, name))) for i, (thread, name) in enumerate(calls)]
+
+        election = 1
+        answer, calls = annotate(election)
+        self.assertEqual(answer, b'{}\n')
+        order = [name for name, _ in calls if name in ('fsync', 'renameat', 'sendto')]
+        self.assertEqual(order, ['fsync', 'renameat', 'fsync', 'sendto'])
+        for name, number in sorted(set(calls)):
+            with self.subTest(call=name, number=number):
+                answer, _ = annotate(election + 1, '-e', f'inject={name}:signal=KILL:when={number}')
+                stored = plistlib.loads(read(path))['data']['one']['election']
+                self.assertIn(stored, [election + 1] if answer else [election, election + 1])
+                election = stored
+        print(f'the daemon was killed at {len(set(calls))} calls')
+
+
+if __name__ == '__main__':
+    if 'MOUNTS_OF_ITS_OWN' not in os.environ:
+        os.execvpe('unshare', [*UNSHARE, sys.executable, *sys.argv], {**os.environ, 'MOUNTS_OF_ITS_OWN': ''})
+    unittest.main()

@@ -1,0 +1,225 @@
+"""What a host finds: by its rules and by where plug-ins lie, and what it is told of what it found."""
+import os
+import shutil
+import unittest
+
+from world import VTCTL, WorldTest
+
+
+class DiscoveryTest(WorldTest):
+    def start(self, *arguments):
+        self.world.start(*arguments)
+        self.client = self.world.client()
+        self.world.lines()
+
+    def plug_in(self, name, extension={}, entitlements=None, **info):
+        bundle = self.world.install('system/PlugIns/' + name, extension, **info)
+        if entitlements is not None:
+            self.world.write(f'system/PlugIns/{name}/Entitlements.plist', entitlements)
+        return bundle
+
+    def found(self, rules, client=None, flags=0):
+        reply = (client or self.client).ask('match', rules=rules, flags=flags)
+        return {form['identifier'] for form in reply['matches']}
+
+    def test_a_rule_is_an_attribute_met_with_a_pattern(self):
+        attributes = {'Version': '2.10', 'Count': 1, 'Off': False, 'Zero': '0', 'Both': 'attribute', 'Takes': True,
+                      'KXExtensionPointName': 'p', 'Types': [3, 'org.example.text', 'org.example.image']}
+        self.plug_in('viewer', {'KXExtensionAttributes': attributes}, {'right': 'given', 'denied': False, 'zero': 0},
+                     Both='info', InfoOnly='here')
+        self.start()
+        identifier, right = 'KXExtensionIdentifier', 'ENTITLEMENT:'
+        for rules, matches in [
+            ({}, True),
+            ({identifier: 'viewer'}, True),
+            ({identifier: ['a', '=viewer']}, True),
+            ({identifier: ['a', 1, 'view']}, False),
+            ({identifier: ['a', '<>a']}, True),
+            ({identifier: '='}, False),
+            ({identifier: []}, False),
+            ({identifier: '<>a', 'KXExtensionPointName': 'p'}, True),
+            ({identifier: 'viewer', 'KXExtensionPointName': ['q', '=p']}, True),
+            ({identifier: 'viewer', 'KXExtensionPointName': 'q'}, False),
+            ({'halvern.uuid': self.client.uuids('viewer')[0]['$uuid']}, True),
+            ({'KXUserElection': '0'}, True),
+            ({'KXExtensionContainingApp': False}, False),
+            ({'Version': '>=2.9'}, True),
+            ({'Version': '<2.9'}, False),
+            ({'Version': '<=2.9'}, False),
+            ({'Version': '=02.10'}, True),
+            ({'Version': '<>2.10'}, False),
+            ({'Version': '= 2.10'}, False),
+            ({'Version': '==2.10'}, False),
+            ({'Version': ['<2', '>2']}, True),
+            ({'Version': True}, True),
+            ({'Version': False}, False),
+            ({'Zero': True}, True),
+            ({'Off': 0}, True),
+            ({'Nowhere': False}, True),
+            ({'Nowhere': '<>x'}, False),
+            ({'Count': '=1'}, False),
+            ({'Types': 'org.example.image'}, True),
+            ({'Types': 'org.example.sound'}, False),
+            ({'Both': 'attribute', 'InfoOnly': 'here'}, True),
+            ({'Both': 'attribute', 'InfoOnly': 'there'}, False),
+            ({right + 'right': 'given', right + 'denied': False, right + 'zero': False}, True),
+            ({right + 'denied': True}, False),
+            ({right + 'Version': True}, False),
+            ({'Types': '?ZT-CONFORMS:org.example.image'}, True),
+            ({'Types': '?ZT-CONFORMS:org.example.sound'}, False),
+            ({'Takes': {'items': [{'types': ['x']}]}}, True),
+        ]:
+            with self.subTest(rules):
+                self.assertEqual(self.found(rules), {'viewer'} if matches else set())
+        self.found({'Version': '?zt-is:x'})
+        self.found({'Types': '?'})  # of three elements two are texts
+        self.assertEqual([line.split(' match ')[1] for line in self.world.lines('unrecognized match operator')],
+                         ['operator:?zt-is:x', 'operator:?', 'operator:?'])
+
+    def test_elections_are_rules_by_their_number_and_beside_literals_by_their_low_byte(self):
+        self.plug_in('one')
+        self.start()
+        uuids = self.client.uuids('one')
+        for stored, pattern, matches, beside in [
+            (0x101, '=1', True, True),
+            (0x10002, '65538', True, False),
+            (0x1_0000_0005, ['7', '5'], True, True),
+            (-1, '-65281', True, True),  # not literal
+            (-1, '=-65281', True, False),
+            (-1, '255', False, False),
+            (1, '01', True, False),
+            (1, [], False, False),
+        ]:
+            with self.subTest(stored=stored, pattern=pattern):
+                self.assertEqual(self.client.ask('annotate', uuids=uuids, annotations={'election': stored}), {})
+                rules = {'KXUserElection': pattern}
+                self.assertEqual(self.found(rules), {'one'} if matches else set())
+                self.assertEqual(self.found({**rules, 'KXExtensionIdentifier': 'one'}), {'one'} if beside else set())
+
+    def test_a_plug_in_elects_itself_or_another_in_its_place_unless_the_user_has_chosen(self):
+        stored = {'chosen': 1, 'unset': 0, 'refused': -1, 'odd': []}
+        self.world.write('state/halvern.velto/Annotations', {
+            'version': 16, 'data': {name: {'election': election} for name, election in stored.items()}})
+        for name in (*stored, 'new'):
+            self.plug_in(name, {}, {'halvern.developer.auto-elect-plugin': True})
+        self.plug_in('text', {}, {'halvern.developer.auto-elect-plugin': '1'})
+        self.plug_in('replacing', {}, {'halvern.developer.replace-plugin': 'new'})
+        self.start()
+        names = [*stored, 'new', 'text', 'replacing']
+        elected = {'KXExtensionIdentifier': names, 'KXUserElection': '1'}
+        self.assertEqual(self.found(elected), {'chosen', 'new'})  # before there are records
+        forms = self.client.found()
+        elections = {name: form['annotations'].get('election') for name, form in forms.items()}
+        self.assertEqual(elections, {**dict.fromkeys(names, 1), 'refused': -1})
+        self.assertEqual(self.found(elected), set(names) - {'refused'})
+        self.assertEqual(forms['new']['overrider'], forms['replacing']['uuid'])
+        self.assertEqual(forms['replacing']['overriding'], 'new')
+
+    def test_what_lies_nowhere_is_still_being_installed_or_is_dedicated_is_left_out(self):
+        hosts = {}
+        for bundle in 'user/Applications/Bare.app', 'user/Applications/A.app', 'system/Applications/Manager.app':
+            self.world.install(bundle, QFBundleExecutable='host')
+            hosts[bundle] = shutil.copy(VTCTL, self.world / bundle + '/host')
+        self.world.write('system/Applications/Manager.app/Entitlements.plist', {'halvern.private.velto.manager': True})
+        self.plug_in('system')
+        self.world.install('user/Applications/A.app/PlugIns/inside', {})
+        self.world.install('user/Applications/A.app/PlugIns/own', {'Dedicated': True})
+        lone = self.world.install('user/elsewhere/lone', {})
+        self.start()
+        bare, owner, manager = map(self.world.client, hosts.values())
+        self.assertEqual(owner.ask('add', paths=[lone]), {})
+        for client, flags, seen in [
+            (self.client, 0, {'system', 'inside'}),
+            (self.client, 8, {'system'}),
+            (bare, 0, {'system', 'inside'}),
+            (owner, 0, {'system', 'inside', 'own'}),
+            (manager, 0, {'system', 'inside'}),
+            (manager, 0x208, {'system', 'inside', 'own', 'lone'}),
+        ]:
+            self.assertEqual(self.found({}, client, flags), seen)
+        self.assertEqual(self.found({'KXExtensionContainingApp': self.world / 'user/Applications/A.app'}), {'inside'})
+        self.world.write('user/Applications/A.app/.placeholder', b'')
+        self.assertEqual(self.found({}, manager, 0x200), {'system', 'lone'})
+        os.remove(self.world / 'user/Applications/A.app/.placeholder')
+        self.assertEqual(self.found({}, owner), {'system', 'inside', 'own'})
+
+    def test_rules_that_take_too_long_end_their_discovery_and_nothing_else(self):
+        for name, values in ('a', ['yes']), ('b', ['no'] * 10_000 + ['yes']), ('c', ['yes']):
+            self.plug_in(name, {'KXExtensionAttributes': {'Names': values}})
+        self.start()
+        self.assertEqual(self.found({'Names': ['never'] * 10_000 + ['yes']}), {'a'})
+        self.assertEqual(len(self.world.lines('plug-ins left out of a discovery')), 1)
+        self.assertEqual(self.found({'Names': 'yes'}), {'a', 'b', 'c'})
+
+    def test_the_cache_is_emptied_whole_once_it_is_over_its_limit(self):
+        for name in 'abcd':
+            self.plug_in(name)
+        self.start('-c', '2')
+        for _ in range(2):
+            self.assertEqual(self.found({}), set('abcd'))
+            line, = self.world.lines('purging cache')
+            self.assertTrue(line.endswith('purging cache for 3 > 2'), line)
+
+    def test_a_bundle_becomes_a_record_or_one_line_in_the_log(self):
+        rows = {
+            'declared': ({'HubProtocolVersion': 3}, {'Velto': 1}, {'hubProtocolVersion': 3}),
+            'text': ({'HubProtocolVersion': '4'}, {}, {'hubProtocolVersion': 4}),
+            'zero': ({'HubProtocolVersion': 0}, {}, {'hubProtocolVersion': 0}),
+            'old': ({'HubProtocolVersion': []}, {'Velto': 1}, {'hubProtocolVersion': 1}),
+            'new': ({'HubProtocolVersion': []}, {}, {'hubProtocolVersion': 2}),
+            'several': ({'Multiple': {'x': {'KXExtensionProtocol': 'P'}}}, {},
+                        {'identifier': 'x', 'original-identifier': 'several'}),
+            'long': ({}, {'QFBundleShortVersionString': '9' * 4000}, {'systemResident': True}),
+            'data': ({'KXExtensionProtocol': '#Data'}, {}, {'annotations': {}}),
+            'unusable': ({'KXExtensionProtocol': 5}, {}, 'unusable: missing "KXExtensionProtocol" key in'),
+            'container': ({}, {}, 'this plug-in has no sandbox data container'),
+            'caf\udce9': ({}, {'QFBundleIdentifier': 'latin'}, 'its path is not UTF-8'),
+        }
+        for name, (extension, info, _) in rows.items():
+            self.plug_in(name, extension, DTBuild='x', Dt=2, **info)
+        for name in 'container', 'data':
+            self.world.write('state/containers/' + name, b'in its place')
+        self.start()
+        forms = {os.path.basename(form['path']): form for form in self.client.found().values()}
+        lines = self.world.lines()
+        for name, (_, _, expected) in rows.items():
+            with self.subTest(name):
+                if isinstance(expected, str):
+                    self.assertNotIn(name, forms)
+                    self.assertEqual(sum(expected in line for line in lines), 1, lines)
+                else:
+                    self.assertEqual({**forms[name], **expected}, forms[name])
+                    self.assertEqual(forms[name]['bundleInfo'].keys() & {'DTBuild', 'Dt'}, {'Dt'})
+
+    def test_shared_resources_never_lead_out_of_their_bundle(self):
+        rows = {
+            'nothing': (7, None),
+            'whole': ('.', {'.'}),
+            'names': ([7, 'Inside/file', 'missing', 'In'], {'In', 'Inside/file'}),
+            'upwards': (['..', '../Outside', 'Inside/../../Outside', 'Inside/..'], {'Inside/..'}),
+            'link': (['Out', 'Out/file'], set()),
+            'absolute': (self.world / 'system/PlugIns/Outside', set()),
+            'endless': ('x' * 100_000, set()),
+        }
+        self.world.write('system/PlugIns/Outside/file', b'x')
+        for name, (shared, _) in rows.items():
+            bundle = self.plug_in(name, {'Shared': shared})
+            self.world.write(f'system/PlugIns/{name}/Inside/file', b'x')
+            for link, target in ('In', 'Inside'), ('Out', '../Outside'):
+                os.symlink(target, f'{bundle}/{link}')
+        self.start()
+        forms = self.client.found()
+        for name, (_, issued) in rows.items():
+            tokens = forms[name].get('extensions')
+            self.assertEqual(tokens if tokens is None else set(tokens), issued, name)
+        path = self.world / 'system/PlugIns/names'
+        line, = self.world.lines(f'failed to make extension for {path}/missing in plug-in at {path}')
+        self.assertTrue(line.endswith(': No such file or directory'), line)
+        # What was sound once and was exchanged since is refused like any other.
+        os.remove(path + '/In')
+        os.symlink('../Outside', path + '/In')
+        self.assertEqual(set(self.client.found()['names']['extensions']), {'Inside/file'})
+
+
+if __name__ == '__main__':
+    unittest.main()

@@ -1,0 +1,99 @@
+"""How the daemon is started, and what it answers to whom."""
+import os
+import subprocess
+import sys
+import unittest
+
+from world import EXAMPLES, VTD, World, WorldTest
+
+sys.path.append(EXAMPLES)
+from match import Connection, encode  # noqa: E402: a client that sends whatever it is given
+
+
+class ServerTest(WorldTest):
+    def connect(self):
+        connection = Connection(self.world / 'run/halvern.velto.vtd')
+        self.addCleanup(connection.socket.close)
+        return connection
+
+    def test_what_is_not_understood_is_answered_with_the_reason(self):
+        self.world.start()
+        connection = self.connect()
+        version, long = 'unsupported protocol version {} (current 3)', '/' + 'x' * 5000
+        for request, code, error in [
+            ({'version': 1, 'request': 'match'}, 7, version.format(1)),
+            ({'version': 4, 'request': 'match'}, 7, version.format(4)),
+            ({'request': 'match'}, 7, version.format(0)),
+            ({'version': '3', 'request': 'match'}, 7, version.format(0)),
+            ({'version': 0x1_0000_0003}, 7, version.format(3)),
+            ({'version': 2**64 - 1}, 7, version.format(-1)),
+            ({'version': 2}, 4, 'invalid request format (missing type)'),
+            ({'version': 3, 'request': 1}, 4, 'invalid request format (missing type)'),
+            ({'version': 3, 'request': 'Match'}, 4, 'unrecognized request'),
+            ({'version': 2, 'request': ''}, 4, 'unrecognized request'),
+            ({'version': 3, 'request': 'match\0s'}, 4, 'unrecognized request'),
+            ({'version': 3, 'request': 'add', 'paths': ['']}, 9, 'absolute path required: '),
+            ({'version': 3, 'request': 'add', 'paths': ['/\0x']}, 9, 'invalid plugin path: /\0x'),
+            ({'version': 3, 'request': 'remove', 'paths': [long, 5]}, 9, 'no plugin at ' + long),
+            ({'version': 2, 'request': 'match'}, 0, ''),  # and no forms, which came with version 3
+            ({'version': 3, 'request': 'match', 'flags': 2**63, 'rules': {}}, 0, ''),
+        ]:
+            with self.subTest(request):
+                reply = connection.call(request)
+                self.assertEqual((reply.get('errorcode', 0), reply.get('error', '')), (code, error))
+                self.assertEqual(len(reply), 2 if code else request['version'] - 2)
+
+    def test_what_is_no_request_is_logged_until_that_is_too_much(self):
+        self.world.start('-v')
+        connection = self.connect()
+        client = f'client {os.getpid()} '
+        for _ in range(40):
+            connection.send(5, 0, encode('hello'))
+        connection.send(6, 0, b'')
+        for _ in range(1000):
+            self.assertEqual(connection.call({'version': 3, 'request': 'unheard of'})['errorcode'], 4)
+        connection.socket.close()
+        lines = []
+        self.eventually(lambda: lines.extend(self.world.lines()) or any(client + 'is dead' in line for line in lines))
+        for text, times in [
+            (client + os.readlink('/proc/self/exe'), 1),
+            ('unexpected message "hello" on connection ', 16),
+            (f'further unexpected messages of {client}are not logged', 1),
+            (client + 'termination imminent', 1),
+            ('incoming request ', 1000),
+            (client + 'request unheard of', 1000),
+            ('Replying ', 1000),
+            (client + 'used 1000 requests so far', 1),
+        ]:
+            self.assertEqual(sum(text in line for line in lines), times, text)
+
+    def test_the_command_line_says_what_is_served_or_why_nothing_is(self):
+        state = self.world.write('annotations', {'version': 16, 'data': {}})
+        self.world.start('-c', 'abc', '-S', 'first', '-S', 'last', '-d', state)
+        self.assertNotEqual(self.world.vtctl('-S', 'last', 'match').returncode, 7)
+        other = World()
+        self.addCleanup(other.end)
+        os.symlink(state, other / 'alias')
+        usage, pid = 'Usage: vtd [-S servicename] [-v]\n', str(self.world.daemon.pid)
+        for world, arguments, status, error in [
+            (other, ['extra'], 2, ''),
+            (other, ['-v', '-x'], 2, "'x'"),
+            (other, ['-d'], 2, "'d'"),
+            (other, ['--help'], 2, "'-'"),
+            (self.world, ['-S', 'another', '-d', other / 'annotations'], 1, pid),  # the same state directory
+            (other, ['-d', other / 'alias'], 1, f'process {pid} holds the lock {state}'),
+            (other, ['-S', 'no/such/name'], 1, 'no/such/name'),
+        ]:
+            with self.subTest(arguments):
+                ran = subprocess.run([VTD, *arguments], env=world.environment, stderr=subprocess.PIPE, timeout=20)
+                said = ran.stderr.decode()
+                self.assertEqual((ran.returncode, said.endswith(usage)), (status, status == 2))
+                self.assertIn(error, said)
+                self.assertEqual(said == usage, error == '')
+        other.start()
+        self.assertNotEqual(other.vtctl('match').returncode, 7)
+        self.assertEqual(os.stat(other / 'state/halvern.velto').st_mode & 0o777, 0o700)
+
+
+if __name__ == '__main__':
+    unittest.main()
