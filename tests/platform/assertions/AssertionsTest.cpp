@@ -47,7 +47,8 @@ TEST_F(Assertions, CountUntilTheLastOfAProcessIsGivenBack) {
         const auto third = Assertion::take(kIdentifier);  // makes up for the file that was removed
         EXPECT_EQ(seenByAnother(), "busy ");
     }
-    EXPECT_EQ(support::inChildProcess([] {
+    EXPECT_EQ(support::inChildProcess([&] {
+                  { const Assertion theirs = *std::move(first); }
                   const auto own = Assertion::take(kIdentifier);
                   return seen();
               }),

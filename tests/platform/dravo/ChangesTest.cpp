@@ -73,6 +73,7 @@ TEST(Changes, InPlaceKeepTheUuidAndTellOfTheOldRecordWhileItIsThere) {
     Installation world;
     world.plugIn(kPlugIn, "a");
     auto& workspace = world.start();
+    EXPECT_THAT(whyNot(openWorkspace({})), HasSubstr("process " + std::to_string(::getpid()))) << "one has the store";
     const auto before = world.at(kPlugIn);
     std::shared_ptr<const DVVeltoProxy> going;
     const auto witness =
@@ -152,7 +153,9 @@ TEST(Changes, OfARegisteredPathAreToldUntilItIsWithdrawnOverRestartsToo) {
     EXPECT_EQ(workspace->pluginAtPath(path)->pluginDictionary(), (Dictionary{{"changed", true}}));
     EXPECT_EQ(witness->told("-p +p"), "-p +p");
     world.move("elsewhere/X.app/PlugIns", "elsewhere/X.app/Away");
+    world.move("elsewhere/X.app/Away/P.appex", "elsewhere/X.app/P.appex");
     EXPECT_EQ(witness->told("-p"), "-p");
+    world.move("elsewhere/X.app/P.appex", "elsewhere/X.app/Away/P.appex");
     world.move("elsewhere/X.app/Away", "elsewhere/X.app/PlugIns");
     EXPECT_EQ(witness->told("+p"), "+p");
     world.move("elsewhere/X.app", "elsewhere/Y.app");

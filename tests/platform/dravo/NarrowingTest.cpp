@@ -51,7 +51,7 @@ TEST(Narrowing, FindsWhateverTheRulesCouldFindUnderTheExtensionPointName) {
         {{}, {{"p"}}, "identifier attribute array top sdkAttribute sdkTop m1 many"},
         {{}, {{"q", "s", "q"}}, "array sdkAttribute many"},
         {{}, {{"r.7"}}, "many number"},  // as the rules compare
-        {{}, {{"p.0", "name07", "r.7", "other"}}, "many other number identifier"},
+        {{}, {{"p.000", "r.007", "other"}}, "many other number identifier"},
         {{}, Names{Texts{}}, ""},
         {Names{Texts{}}, {}, ""},
         {{{"other", "m1", "unknown", "other"}}, {}, "m1 other"},

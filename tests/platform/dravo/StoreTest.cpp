@@ -4,12 +4,6 @@
 namespace dravo {
 namespace {
 
-TEST(Store, ASecondWorkspaceIsToldWhoHoldsTheFirst) {
-    Installation world;
-    world.start();
-    EXPECT_THAT(whyNot(DVApplicationWorkspace::open()), HasSubstr(std::to_string(::getpid())));
-}
-
 TEST(Store, ThatCannotBeReadIsKeptAsideAndRebuilt) {
     using Path = const std::string&;
     const auto execute = [](Path path, const char* sql) { ASSERT_FALSE(Database::open(path)->execute(sql)); };

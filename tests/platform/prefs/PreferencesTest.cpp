@@ -3,6 +3,7 @@
 #include <sys/resource.h>
 
 #include "platform/file/File.h"
+#include "platform/lock/LockFile.h"
 #include "platform/prefs/Preferences.h"
 #include "tests/support/Words.h"
 
@@ -115,6 +116,14 @@ TEST_F(Preferences, LoseNoChangeWhenManyProcessesMakeThem) {
     for (int status = 0; ::wait(&status) > 0;) EXPECT_EQ(status, 0);
     EXPECT_EQ(seen(), kProcesses * kChanges);
     EXPECT_THAT(log.take(), IsEmpty());
+}
+
+TEST_F(Preferences, AreNotWaitedForForever) {
+    store(1);
+    const auto lock = lock::LockFile::take(fs::path{path}.replace_extension(".lock"));
+    ASSERT_TRUE(lock);
+    const auto error = add(1);
+    EXPECT_THAT(error ? error->localizedDescription() : "", HasSubstr("process " + std::to_string(::getpid())));
 }
 
 }  // namespace
