@@ -12,36 +12,24 @@ std::string whyNotServed() {
     }
 }
 
-TEST(Listener, TakesTheSocketOfADeadServiceButNotOfALivingOne) {
-    const World world;
-    {
-        const Service living, other{{.name = "other.service"}};
-        EXPECT_EQ(whyNotServed(), "service test.service: process " + std::to_string(::getpid()) + " holds the lock " +
-                                      (world.root / "run/test.service.lock"));
-    }
-    {  // what a service leaves behind that was killed
-        const auto directory = mox::openRuntimeDirectory();
-        const sockaddr_un address = mox::serviceAddress(directory->get(), kService);
-        const file::UniqueFd stale{::socket(AF_UNIX, SOCK_STREAM, 0)};
-        ASSERT_EQ(::bind(stale.get(), reinterpret_cast<const sockaddr*>(&address), sizeof address), 0);
-    }
-    Service service;
-    const RawPeer peer = greeted();
-    EXPECT_TRUE(service.await("connected"));
-}
-
-TEST(Listener, IsReachedUnderALongRootAndByItsOwnerOnly) {
+TEST(Listener, IsReachedUnderALongRootByItsOwnerOnlyAndOneOfANameLivesAtATime) {
     const World world;
     paths::Directories deep = paths::directories();
     for (int i = 0; i < 6; ++i) deep.runtime += "/" + std::string(50, 'd');
     paths::setDirectories(deep);
+    const std::string path = deep.runtime + "/" + kService;
     {
         Service service;
         const RawPeer peer = greeted();
         EXPECT_TRUE(service.await("connected"));
-        EXPECT_EQ(fs::status(deep.runtime + "/" + kService).permissions(), fs::perms{0600});
+        EXPECT_EQ(fs::status(path).permissions(), fs::perms{0600});
         EXPECT_EQ(fs::status(deep.runtime).permissions(), fs::perms{0700});
+        EXPECT_EQ(whyNotServed(),
+                  "service test.service: process " + std::to_string(::getpid()) + " holds the lock " + path + ".lock");
+        const Service another{{.name = "another.service"}};
     }
+    const file::UniqueFd stale{::open(path.c_str(), O_CREAT | O_CLOEXEC, 0600)};  // what somebody left behind
+    EXPECT_EQ(whyNotServed(), "");
     for (const char* name : {"", "..", ".hidden", "a/b", "a\nb"}) EXPECT_FALSE(mox::ServiceSocket::open(name)) << name;
     fs::permissions(deep.runtime, fs::perms{0770});
     EXPECT_THAT(whyNotServed(), EndsWith("others may write there"));

@@ -178,22 +178,5 @@ TEST(RunUntil, RunsTheHandlerOnTheLentThreadOrHearsOfItsEnd) {
     }
 }
 
-TEST(RunUntil, IsWokenByAThreadThatIsNotThePools) {
-    std::atomic<int> ended = 0;
-    std::atomic<bool> done = false;
-    std::vector<std::thread> lenders(3);
-    for (std::thread& lender : lenders) {
-        lender = std::thread{[&] {
-            runUntil([&] { return done.load(); });
-            ++ended;
-        }};
-    }
-    wake();
-    done = true;
-    wake();
-    for (std::thread& lender : lenders) lender.join();
-    EXPECT_EQ(ended, 3);
-}
-
 }  // namespace
 }  // namespace queue
