@@ -25,8 +25,6 @@ public:
         });
     }
     ~LogLines() { logging::setSink({}); }
-    LogLines(const LogLines&) = delete;
-    LogLines& operator=(const LogLines&) = delete;
 
     // The lines so far, or those at one level; all are then forgotten.
     std::vector<std::string> take(std::optional<logging::Level> wanted = {}) {

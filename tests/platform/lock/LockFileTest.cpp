@@ -1,21 +1,7 @@
 #include "platform/lock/LockFile.h"
-#include "tests/support/ChildProcess.h"
 #include "tests/support/Words.h"
 
 namespace {
-
-TEST(LockFile, IsHeldUntilItGoesOrItsHolderIsKilled) {
-    const support::TemporaryDirectory root;
-    const std::string path = root / "guarded.lock";
-    EXPECT_TRUE(lock::LockFile::take(path));
-    std::optional<value::Result<lock::LockFile>> theirs;
-    support::ChildProcess holder{[&] { return whyNot(theirs.emplace(lock::LockFile::take(path))); }};
-    EXPECT_EQ(holder.told(), "");
-    EXPECT_THAT(whyNot(lock::LockFile::take(path)),
-                HasSubstr("process " + std::to_string(holder.pid()) + " holds the lock"));
-    holder.end();
-    EXPECT_TRUE(lock::LockFile::take(path));
-}
 
 TEST(LockFile, WhatIsNoRegularFileIsAnErrorAndNoHang) {
     const support::TemporaryDirectory root;

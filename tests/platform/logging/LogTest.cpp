@@ -12,8 +12,6 @@ namespace {
 class StandardError {
 public:
     explicit StandardError(int fd) : before_{::dup(STDERR_FILENO)} { ::dup2(fd, STDERR_FILENO); }
-    StandardError(const StandardError&) = delete;
-    StandardError& operator=(const StandardError&) = delete;
     ~StandardError() { ::dup2(before_.get(), STDERR_FILENO); }
 
 private:
