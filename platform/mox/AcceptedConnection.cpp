@@ -17,7 +17,8 @@ namespace mox {
 namespace {
 
 constexpr std::size_t kChunk = std::size_t{32} << 10;
-constexpr int kReadsInATurn = 16;  // then others have theirs
+constexpr std::size_t kMostHeldBack = 4096;  // bytes of replies that wait for the end of a batch, uncharged
+constexpr int kReadsInATurn = 16;            // then others have theirs
 
 wire::Nonce freshNonce() {
     wire::Nonce nonce;
@@ -238,7 +239,22 @@ void AcceptedConnection::send(const Reply& reply) {
         return later([](AcceptedConnection& self) { self.breakOff("a reply to it is above the limit"); });
 
     const std::lock_guard lock{outputLock_};
-    if (socket_) afterOutput(output_.send(socket_.get(), std::move(frame)));
+    if (!socket_) return;
+    const bool mayWait = output_.burden() + frame.size() <= kMostHeldBack && !reply.descriptor();
+    if (!heldBack_ && output_.empty() && mayWait) heldBack_ = queue::defer(shared_from_this());
+    if (!heldBack_) return afterOutput(output_.send(socket_.get(), std::move(frame)));
+    output_.append(std::move(frame));
+    if (!mayWait) sendHeldBack();
+}
+
+void AcceptedConnection::runDeferred() noexcept {
+    const std::lock_guard lock{outputLock_};
+    sendHeldBack();
+}
+
+// With outputLock_ held.
+void AcceptedConnection::sendHeldBack() {
+    if (std::exchange(heldBack_, false)) afterOutput(output_.flush(socket_.get()));
 }
 
 void AcceptedConnection::afterOutput(OutputQueue::State state) {
@@ -285,6 +301,7 @@ void AcceptedConnection::end() {
     handshakeTimer_.reset();
     {
         const std::lock_guard lock{outputLock_};
+        if (std::exchange(heldBack_, false)) static_cast<void>(output_.flush(socket_.get()));
         drainTimer_.reset();
         socketWatch_.reset();
         output_.clear();

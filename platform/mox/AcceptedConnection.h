@@ -48,9 +48,11 @@ public:
 //
 // Reading, and the life of the connection, belong to its queue; sending happens on whichever thread asks for it, under
 // a lock. A request that finds the connection idle costs one read and one write: a read that did not fill its room has
-// emptied the socket, because watches report each change; a reply is written by who sends it.
+// emptied the socket, because watches report each change; a reply is written by who sends it. Of a batch of requests by
+// several peers the small replies are written at the end of it, which wakes a process that serves them all but once.
 class AcceptedConnection final : public Connection,
                                  public Holder,
+                                 public queue::Deferred,
                                  public std::enable_shared_from_this<AcceptedConnection> {
 public:
     // Not yet at work: start() sends the hello and waits for the echo.
@@ -69,6 +71,7 @@ public:
     std::string description() const override;
 
     void readAgain() override;
+    void runDeferred() noexcept override;  // sends the replies that were held back
     void endForExcess() override;
 
 private:
@@ -88,6 +91,7 @@ private:
     bool authenticate(const Frame& echo);
     bool deliverMessage(Frame&& frame);
 
+    void sendHeldBack();
     void afterOutput(OutputQueue::State state);  // with outputLock_ held
     void checkDrained();
 
@@ -127,6 +131,7 @@ private:
     file::UniqueFd socket_;
     std::unique_ptr<queue::Watch> socketWatch_;
     OutputQueue output_;
+    bool heldBack_ = false;  // what is in it has not been tried: runDeferred() comes for it
     Charge outputCharge_;
     std::uint64_t drainPosition_ = 0;  // what must be sent when the timer fires
     std::unique_ptr<queue::Timer> drainTimer_;

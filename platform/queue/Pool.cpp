@@ -20,6 +20,7 @@ namespace {
 
 constexpr unsigned kMostThreads = 8;
 constexpr int kEventsAtOnce = 16;
+constexpr std::size_t kMostDeferred = 64;
 constexpr long kReminderNanoseconds = 1'000'000;
 
 constexpr std::uint64_t kWakePoller = WatchTable::kNoWatch + 1;
@@ -142,10 +143,29 @@ void Pool::schedule(std::shared_ptr<SerialQueue::State> queue) {
     }
 }
 
+// Those that wait are what the calling thread came with, or somebody's who comes back to the list: so somebody comes.
+bool Pool::defer(std::shared_ptr<Deferred> work) {
+    if (lent == 0) return false;
+    const bool hasMore = SerialQueue::State::currentHasMore();
+    const std::lock_guard lock{mutex_};
+    if ((!hasMore && scheduled_.size() == 0) || deferred_.size() >= kMostDeferred) return false;
+    deferred_.push_back(std::move(work));
+    return true;
+}
+
+void Pool::runDeferred() {
+    std::vector<std::shared_ptr<Deferred>> work;
+    {
+        const std::lock_guard lock{mutex_};
+        work.swap(deferred_);
+    }
+    for (const auto& each : work) each->runDeferred();
+}
+
 void Pool::beforeBlocking() {
     {
         const std::lock_guard lock{mutex_};
-        if (scheduled_.size() == 0 || !anyoneWaits()) return;
+        if ((scheduled_.size() == 0 && deferred_.empty()) || !anyoneWaits()) return;
     }
     wakeOne();
 }
@@ -216,11 +236,13 @@ void Pool::workUntil(const std::function<bool()>& done) {
 
 void Pool::workOnce(Lender* lender, std::uint64_t recallsSeen) {
     std::shared_ptr<SerialQueue::State> queue;
+    bool hasDeferred = false;
     Place place = Place::poller;
     {
         const std::lock_guard lock{mutex_};
         queue = scheduled_.pop();
-        if (!queue) {
+        hasDeferred = !queue && !deferred_.empty();
+        if (!queue && !hasDeferred) {
             if (lender != nullptr && recalls_ != recallsSeen) return;
             if (polling_) {
                 place = Place::standby;
@@ -231,6 +253,11 @@ void Pool::workOnce(Lender* lender, std::uint64_t recallsSeen) {
             if (lender != nullptr) lender->waiting = true;
         }
     }
+    if (hasDeferred) {
+        beforeWork();
+        runDeferred();
+        return;
+    }
     if (!queue) {
         waitForEvents(place, lender);
         return;
@@ -239,8 +266,10 @@ void Pool::workOnce(Lender* lender, std::uint64_t recallsSeen) {
     if (first == nullptr) return;
     beforeWork();
     itemsSinceEvents += queue->drain(first);
-    if (itemsSinceEvents >= SerialQueue::State::kBatch && !anyoneWaits())
+    if (itemsSinceEvents >= SerialQueue::State::kBatch && !anyoneWaits()) {
+        runDeferred();
         takeEvents(Place::passing, nullptr);  // nobody else would
+    }
 }
 
 Pool::Taken Pool::takeEvents(Place place, Lender* lender) {

@@ -12,6 +12,7 @@
 #include <vector>
 
 #include "platform/file/UniqueFd.h"
+#include "platform/queue/Reactor.h"
 #include "platform/queue/ScheduledList.h"
 #include "platform/queue/State.h"
 #include "platform/queue/TimerTable.h"
@@ -35,6 +36,8 @@ public:
 
     // Puts a scheduled queue on the list, and wakes a thread for it unless the caller is one that comes for it itself.
     void schedule(std::shared_ptr<SerialQueue::State> queue);
+
+    bool defer(std::shared_ptr<Deferred> work);
 
     // The calling thread is about to wait for another one: what it left for itself is somebody else's now.
     void beforeBlocking();
@@ -79,6 +82,7 @@ private:
     bool anyoneWaits() const { return polling_ || standbys_ > 0; }
     void wakeOne();
     void beforeWork();
+    void runDeferred();
     void setReminder();
     void startReminder();
     bool isTakeOverDue();
@@ -103,6 +107,7 @@ private:
 
     std::mutex mutex_;  // guards what follows; no other lock is taken under it
     ScheduledList scheduled_;
+    std::vector<std::shared_ptr<Deferred>> deferred_;
     std::vector<Lender*> lenders_;
     unsigned recalledLenders_ = 0;
     std::condition_variable lendersCameBack_;

@@ -62,6 +62,10 @@ std::unique_ptr<Timer> after(std::chrono::milliseconds delay, const std::shared_
     return std::make_unique<RegisteredTimer>(std::move(state));
 }
 
+bool defer(std::shared_ptr<Deferred> work) {
+    return Pool::shared().defer(std::move(work));
+}
+
 void runMainLoop() {
     Pool::shared().work();
 }

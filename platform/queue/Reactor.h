@@ -56,6 +56,19 @@ public:
 std::unique_ptr<Timer> after(std::chrono::milliseconds delay, const std::shared_ptr<SerialQueue>& queue,
                              SerialQueue::Work work);
 
+// Something to do behind the work that waits now.
+class Deferred {
+public:
+    virtual ~Deferred() = default;
+    virtual void runDeferred() noexcept = 0;  // on any thread, outside every queue's turn
+};
+
+// Has it run once, when what waits for a thread now has had its turn, or a millisecond later should some of that take
+// longer. False, and nothing is to come, when the caller is not a thread of the pool's or nothing waits.
+// For what wakes another process: a batch of requests is answered at its end, so that who waits for the answers is
+// woken once and not for each of them.
+bool defer(std::shared_ptr<Deferred> work);
+
 // The main thread's run loop: lends the calling thread to the pool, forever.
 [[noreturn]] void runMainLoop();
 

@@ -68,6 +68,7 @@ private:
         Presence& operator=(const Presence&) = delete;
 
         static bool covers(const State& state);
+        static const State* innermost() { return innermost_ != nullptr ? &innermost_->state_ : nullptr; }
 
     private:
         static constinit thread_local const Presence* innermost_;

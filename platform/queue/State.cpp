@@ -55,6 +55,13 @@ SerialQueue::State::Next SerialQueue::State::next(unsigned budget) {
     return {&items_.pop(), false};
 }
 
+bool SerialQueue::State::currentHasMore() {
+    const State* const current = Presence::innermost();
+    if (current == nullptr) return false;
+    const std::lock_guard lock{current->mutex_};
+    return !current->items_.empty();
+}
+
 unsigned SerialQueue::State::drain(Item* first, unsigned budget) {
     const Presence presence{*this};
     for (unsigned ran = 0;; ++ran) {

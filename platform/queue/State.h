@@ -64,6 +64,9 @@ struct SerialQueue::State : std::enable_shared_from_this<SerialQueue::State> {
     // Takes the turn of a scheduled queue and its first item; null when it is not (or no longer) scheduled.
     [[nodiscard]] Item* take();
 
+    // Whether the queue in whose turn the calling thread is has more to do.
+    static bool currentHasMore();
+
     // Runs this item, if one is given, and those that wait, up to that many in all, and gives the turn away: to
     // idleness, to a waiter or to the pool. Only with the turn. Returns how many it ran.
     unsigned drain(Item* first, unsigned budget = kBatch);
@@ -94,7 +97,7 @@ private:
     // waiter got it.
     bool drainUpTo(const Waiter& self);
 
-    std::mutex mutex_;
+    mutable std::mutex mutex_;
     Phase phase_ = Phase::idle;  // under mutex_, as is items_
     ItemList items_;
 };

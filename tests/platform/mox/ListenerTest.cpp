@@ -60,5 +60,23 @@ TEST(Listener, UsesASocketThatTheServiceManagerPassesForItsName) {
     EXPECT_GT(opened("other:another"), 4);
 }
 
+// Small replies wait for the end of a batch of requests; neither one that does not wait nor the end may overtake them.
+TEST(Listener, SendsTheRepliesThatItHeldBackInOrderAlsoToWhoSaysNoMore) {
+    World world;
+    queue::SerialQueue other{"other"};
+    std::size_t answers = 0;
+    Service service{{.fill = [&](mox::Reply& reply) {
+        other.async([] {});                                                     // what there is to wait for
+        if (++answers % 20 == 0) reply.set("padding", std::string(5000, 'x'));  // too large to wait
+    }}};
+    const RawPeer peer = greeted();
+    Blob requests;
+    for (std::uint64_t id = 1; id <= 100; ++id) requests = requests + request(id);
+    peer.send(requests);
+    ::shutdown(peer.get(), SHUT_WR);
+    for (std::uint64_t id = 1; id <= 100; ++id) ASSERT_TRUE(peer.readReply(id)) << id;
+    EXPECT_TRUE(peer.isEnded());
+}
+
 }  // namespace
 }  // namespace moxtest
