@@ -152,6 +152,12 @@ value::Dictionary VTDPlugIn::issueResourceExtensions(const value::Value& shared)
     const value::Array names = shared.string() != nullptr  ? value::Array{shared}
                                : shared.array() != nullptr ? *shared.array()
                                                            : value::Array{};
+    const bool onlyBundle = names.size() == 1 && names.begin()->string() != nullptr && *names.begin()->string() == ".";
+    if (onlyBundle) {
+        value::Dictionary kept = bundleExtension_.load();
+        if (!kept.empty()) return kept;
+    }
+
     const std::string root = url();
     value::Dictionary::Builder extensions;
     extensions.reserve(std::min(names.size(), kMostSharedResources));
@@ -172,5 +178,7 @@ value::Dictionary VTDPlugIn::issueResourceExtensions(const value::Value& shared)
                                          std::strerror(errno)));
         }
     }
-    return std::move(extensions).build();
+    value::Dictionary issued = std::move(extensions).build();
+    if (onlyBundle) bundleExtension_.store(issued);
+    return issued;
 }

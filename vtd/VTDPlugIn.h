@@ -57,6 +57,9 @@ public:
 
     // Adds "extensions" when the plug-in shares anything: shared name to token, without those that were refused.
     void augmentForm(VTForm& form) const;
+
+    // Of a plug-in that shares its bundle and nothing else, as extensions do, the token is kept: it stays good for as
+    // long as the registry's record, which goes when another directory takes the bundle's place.
     value::Dictionary issueResourceExtensions(const value::Value& shared) const;
 
     // --- Entitlements, as the registry reports them at each call
@@ -126,6 +129,7 @@ private:
     mutable VTAtomic<std::string> localizedName_;
     mutable VTAtomic<std::string> localizedShortName_;
     mutable VTAtomic<std::string> localizedContainingName_;
+    mutable VTAtomic<value::Dictionary> bundleExtension_;  // empty until it was issued
     static constexpr std::int64_t kNotAsked = std::numeric_limits<std::int64_t>::min();
     mutable VTAtomic<std::int64_t> containerAgeRestriction_{kNotAsked};
     VTAtomic<std::shared_ptr<const dravo::DVVeltoProxy>> dvproxy_;

@@ -27,9 +27,8 @@ int makeDirectory(const std::string& path) {
 
 }  // namespace
 
-DataContainers::DataContainers(const std::string& root) : root_{root} {
-    if (file::makeDirectories(root, kPrivate)) return;  // ensure() then fails, and says so
-    const std::unique_ptr<DIR, int (*)(DIR*)> listing{::opendir(root.c_str()), ::closedir};
+void DataContainers::list() {
+    const std::unique_ptr<DIR, int (*)(DIR*)> listing{::opendir(root_.c_str()), ::closedir};
     if (!listing) return;
     while (const dirent* const entry = ::readdir(listing.get())) {
         if (entry->d_type == DT_DIR) listed_.insert(entry->d_name);

@@ -2,8 +2,7 @@
 
 #include <string>
 #include <unordered_set>
-
-#include "platform/file/UniqueFd.h"
+#include <utility>
 
 namespace dravo {
 
@@ -11,13 +10,14 @@ namespace dravo {
 // plug-in goes: another copy of it may share the container, and the data is the user's. Belongs to one queue.
 class DataContainers {
 public:
-    explicit DataContainers(const std::string& root);
+    explicit DataContainers(std::string root) : root_{std::move(root)} {}
 
     // Makes the container when it is missing. False when that cannot be done; the first failure is logged.
     bool ensure(const std::string& identifier);
 
-    // What was there at the beginning is listed once, so that a start with thousands of plug-ins asks the kernel once
-    // and not for each of them. After the first scan the list has served.
+    // For a time in which thousands are ensured: what is there is listed once, so that the kernel is not asked for
+    // each.
+    void list();
     void dropListing() { listed_.clear(); }
 
 private:

@@ -13,7 +13,7 @@
 // path, identifier and extension point. Installs and removals on disk are noticed live.
 namespace dravo {
 
-// An installed application. Immutable but for the placeholder flag, which is read anew.
+// An installed application. Immutable but for the placeholder flag, which follows the disk.
 class DVApplicationProxy {
 public:
     virtual ~DVApplicationProxy() = default;

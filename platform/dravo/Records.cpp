@@ -7,8 +7,18 @@
 
 namespace dravo {
 
+ApplicationRecord::Placeholder ApplicationRecord::placeholderOnDisk() const {
+    return ::access((path_ + "/.placeholder").c_str(), F_OK) == 0 ? Placeholder::present : Placeholder::absent;
+}
+
+void ApplicationRecord::lookForPlaceholder() const {
+    placeholder_.store(placeholderOnDisk(), std::memory_order_relaxed);
+}
+
 bool ApplicationRecord::isPlaceholder() const {
-    return ::access((path_ + "/.placeholder").c_str(), F_OK) == 0;
+    Placeholder known = placeholder_.load(std::memory_order_relaxed);
+    if (known == Placeholder::unknown) known = placeholderOnDisk();
+    return known == Placeholder::present;
 }
 
 const std::optional<std::string>& PlugInRecord::bundlePath() const {
@@ -62,19 +72,20 @@ value::Dictionary PlugInRecord::entitlements() const {
 std::optional<std::string> PlugInRecord::dataContainerPath() const {
     const auto index = static_cast<std::size_t>(this - bundle_.plugIns().data());
     const std::string& containers = bundle_.surroundings().containersPath;
-    // What could not be made when the plug-in came may well be made by now.
-    if (!bundle_.containers()[index] && makeDataContainer(containers, facts_.identifier) != 0) return {};
+    if (!bundle_.hasContainer(index)) {
+        if (makeDataContainer(containers, facts_.identifier) != 0) return {};
+        bundle_.setHasContainer(index);
+    }
     return dravo::dataContainerPath(containers, facts_.identifier);
 }
 
-BundleRecord::BundleRecord(BundlePlace place, BundleFacts facts, Containers containers,
-                           std::shared_ptr<Surroundings> surroundings)
+BundleRecord::BundleRecord(BundlePlace place, BundleFacts facts, std::shared_ptr<Surroundings> surroundings)
     : path_{std::move(place.path)},
       onSystemVolume_{place.onSystemVolume},
       application_{std::move(place.application)},
       facts_{std::move(facts)},
-      containers_{std::move(containers)},
-      surroundings_{std::move(surroundings)} {
+      surroundings_{std::move(surroundings)},
+      hasContainer_{std::make_unique<std::atomic<bool>[]>(facts_.plugIns.size())} {
     plugIns_.reserve(facts_.plugIns.size());
     for (const PlugInFacts& plugIn : facts_.plugIns) plugIns_.emplace_back(*this, plugIn);
 }
@@ -97,7 +108,13 @@ bool sameContent(const BundleRecord& a, const BundleRecord& b) {
     const BundleFacts& x = a.facts();
     const BundleFacts& y = b.facts();
     return a.path() == b.path() && x.digest == y.digest && x.entitlements == y.entitlements && x.refusal == y.refusal &&
-           x.plugIns == y.plugIns && a.containers() == b.containers();
+           x.plugIns == y.plugIns;
+}
+
+bool sameDirectory(const BundleRecord& a, const BundleRecord& b) {
+    const file::Stamp& x = a.facts().stamps.directory;
+    const file::Stamp& y = b.facts().stamps.directory;
+    return x.device == y.device && x.inode == y.inode;
 }
 
 }  // namespace dravo

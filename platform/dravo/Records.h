@@ -1,5 +1,7 @@
 #pragma once
 
+#include <atomic>
+#include <cstdint>
 #include <memory>
 #include <string>
 #include <vector>
@@ -21,6 +23,13 @@ struct Surroundings {
 
 class ApplicationRecord final : public DVApplicationProxy {
 public:
+    // Whether the application is still being installed, as far as the registry can tell without looking at the disk.
+    enum class Placeholder : std::uint8_t {
+        unknown,  // nobody watches its directory, or something in it has changed since
+        absent,
+        present,
+    };
+
     ApplicationRecord(std::string path, ApplicationFacts facts) : path_{std::move(path)}, facts_{std::move(facts)} {}
 
     const ApplicationFacts& facts() const { return facts_; }
@@ -29,11 +38,18 @@ public:
     std::optional<std::string> bundleIdentifier() const override { return facts_.identifier; }
     std::optional<std::string> localizedName() const override { return facts_.name; }
     std::optional<std::string> bundleContainerPath() const override { return facts_.containerPath; }
-    bool isPlaceholder() const override;
+    bool isPlaceholder() const override;  // looks at the disk only while the answer is unknown
+
+    // The registry's, on its queue. What is known must be watched from before it was looked at.
+    void lookForPlaceholder() const;
+    void doubtPlaceholder() const { placeholder_.store(Placeholder::unknown, std::memory_order_relaxed); }
 
 private:
+    Placeholder placeholderOnDisk() const;
+
     const std::string path_;
     const ApplicationFacts facts_;
+    mutable std::atomic<Placeholder> placeholder_{Placeholder::unknown};  // what changes without making another record
 };
 
 class BundleRecord;
@@ -76,11 +92,7 @@ struct BundlePlace {
 // A bundle's directory as last read, with its plug-ins; without any when it was refused.
 class BundleRecord {
 public:
-    // Whether the plug-in with that place in the facts has a data container.
-    using Containers = std::vector<bool>;
-
-    BundleRecord(BundlePlace place, BundleFacts facts, Containers containers,
-                 std::shared_ptr<Surroundings> surroundings);
+    BundleRecord(BundlePlace place, BundleFacts facts, std::shared_ptr<Surroundings> surroundings);
     BundleRecord(const BundleRecord&) = delete;
     BundleRecord& operator=(const BundleRecord&) = delete;
 
@@ -89,18 +101,21 @@ public:
     bool onSystemVolume() const { return onSystemVolume_; }
     const std::shared_ptr<const ApplicationRecord>& application() const { return application_; }
     const BundleFacts& facts() const { return facts_; }
-    const Containers& containers() const { return containers_; }
     Surroundings& surroundings() const { return *surroundings_; }
     const std::vector<PlugInRecord>& plugIns() const { return plugIns_; }  // by identifier
+
+    // Whether the plug-in at that place has its data container, as far as anybody has seen.
+    bool hasContainer(std::size_t index) const { return hasContainer_[index].load(std::memory_order_relaxed); }
+    void setHasContainer(std::size_t index) const { hasContainer_[index].store(true, std::memory_order_relaxed); }
 
 private:
     const std::optional<std::string> path_;
     const bool onSystemVolume_;
     const std::shared_ptr<const ApplicationRecord> application_;
     const BundleFacts facts_;
-    const Containers containers_;
     const std::shared_ptr<Surroundings> surroundings_;
     std::vector<PlugInRecord> plugIns_;
+    const std::unique_ptr<std::atomic<bool>[]> hasContainer_;
 };
 
 // A plug-in's record as it is handed out: keeps its bundle's record alive.
@@ -109,5 +124,8 @@ std::shared_ptr<const DVVeltoProxy> proxy(const std::shared_ptr<const BundleReco
 // Whether two readings of a bundle would look the same to everybody but the registry; stamps do not count.
 bool sameContent(const ApplicationRecord& a, const ApplicationRecord& b);
 bool sameContent(const BundleRecord& a, const BundleRecord& b);
+
+// Whether both are of one directory, and not of another that has taken its place.
+bool sameDirectory(const BundleRecord& a, const BundleRecord& b);
 
 }  // namespace dravo

@@ -18,12 +18,12 @@ namespace {
 constexpr std::size_t kDirtyLimit = 10'000;  // topics; past that one look at everything is cheaper
 constexpr std::chrono::seconds kLongestRetry{60};
 constexpr std::chrono::seconds kSaveAgain{10};
+constexpr std::size_t kFurnishedInATurn = 32;
 constexpr int kPollShare = 50;  // at most one part in so many of the time goes into polling
 
 // What the store remembers, as a snapshot to compare the disk with.
 std::shared_ptr<const Snapshot> remembered(Store::Contents&& contents,
-                                           const std::shared_ptr<Surroundings>& surroundings,
-                                           DataContainers& containers, SdkPointNames& sdkNames) {
+                                           const std::shared_ptr<Surroundings>& surroundings, SdkPointNames& sdkNames) {
     std::unordered_map<std::string, std::shared_ptr<const ApplicationRecord>> applications;
     Snapshot::Applications allApplications;
     for (auto& [path, facts] : contents.applications) {
@@ -40,10 +40,7 @@ std::shared_ptr<const Snapshot> remembered(Store::Contents&& contents,
             const auto found = applications.find(path.substr(0, end + 4));
             if (found != applications.end()) place.application = found->second;
         }
-        BundleRecord::Containers has;
-        for (const PlugInFacts& plugIn : facts.plugIns) has.push_back(containers.ensure(plugIn.identifier));
-        bundles.push_back(
-            std::make_shared<const BundleRecord>(std::move(place), std::move(facts), std::move(has), surroundings));
+        bundles.push_back(std::make_shared<const BundleRecord>(std::move(place), std::move(facts), surroundings));
     }
     return std::make_shared<const Snapshot>(std::move(allApplications), std::move(bundles), sdkNames);
 }
@@ -111,9 +108,9 @@ Registrar::Registrar(const Noticing& noticing, lock::LockFile lock, std::string 
       isNew_{opened.contents.isNew},
       registrations_{opened.contents.registrations.begin(), opened.contents.registrations.end()},
       containers_{containers},
-      scanner_{surroundings_, containers_, opened.contents.lastRow},
+      scanner_{surroundings_, opened.contents.lastRow},
       settling_{queue_},
-      snapshot_{remembered(std::move(opened.contents), surroundings_, containers_, sdkNames_)} {}
+      snapshot_{remembered(std::move(opened.contents), surroundings_, sdkNames_)} {}
 
 void Registrar::stop() {
     const auto end = [&] {
@@ -209,26 +206,27 @@ std::optional<value::Error> Registrar::firstLook() {
     if (retryTimer_ && !file::UniqueFd{::open("/", O_PATH | O_CLOEXEC)}) {
         return value::posixError(errno, "cannot look at what is installed");
     }
-    apply(isNew_ ? Announce::nothing : Announce::changes);
+    apply(isNew_ ? Announce::nothing : Announce::changes, Replacements::pass);
     return {};
 }
 
-// Watches are placed behind the first answers, for they take their time. The second look closes the gap: what changes
-// before its directory is watched is seen by it, what changes later is noticed.
+// Watches are placed, and data containers made, behind the first answers, for they take their time. The second look
+// closes the gap: what changes before its directory is watched is seen by it, what changes later is noticed.
 void Registrar::watch() {
     if (stopped_) return;
     if (noticing_.watch) {
         watcher_ = Watcher::create(
             queue_, [this](const Topic& topic, std::string_view name) { changed(topic, name); },
             [this] {
-                everythingDirty_ = true;
+                markEverythingDirty();
                 lookSoon();
             });
     }
     lookAtEverything();
     lookAtSdks();
     apply(Announce::changes);
-    containers_.dropListing();
+    containers_.list();
+    furnishFrom(0, snapshot());
     pollIfBlind();
 }
 
@@ -243,7 +241,7 @@ void Registrar::pollIfBlind() {
 void Registrar::poll() {
     if (stopped_) return;
     const auto start = std::chrono::steady_clock::now();
-    everythingDirty_ = true;
+    markEverythingDirty();
     lookAgain();
     const auto spent = std::chrono::duration_cast<std::chrono::milliseconds>(std::chrono::steady_clock::now() - start);
     pollTimer_ = queue::after(std::max(noticing_.pollPeriod, spent * kPollShare), queue_, [weak = weak_from_this()] {
@@ -253,16 +251,28 @@ void Registrar::poll() {
 
 void Registrar::changed(const Topic& topic, std::string_view name) {
     if (topic.kind != Topic::Kind::root) {
-        dirty_.insert(topic);
+        markDirty(topic);
     } else if (name.empty()) {
-        everythingDirty_ = true;
+        markEverythingDirty();
     } else if (name.front() != '.') {
-        dirty_.insert({Topic::Kind::entry, topic.path + "/" + std::string{name}});
+        markDirty({Topic::Kind::entry, topic.path + "/" + std::string{name}});
     } else {
         return;
     }
-    if (dirty_.size() > kDirtyLimit) everythingDirty_ = true;
     lookSoon();
+}
+
+// Until the next look, which waits for the changes to come to rest, placeholders are looked for when they are asked
+// for.
+void Registrar::markDirty(const Topic& topic) {
+    if (const auto finding = findings_.find(topic); finding != findings_.end()) finding->second.doubtPlaceholders();
+    dirty_.insert(topic);
+    if (dirty_.size() > kDirtyLimit) markEverythingDirty();
+}
+
+void Registrar::markEverythingDirty() {
+    if (std::exchange(everythingDirty_, true)) return;
+    for (const auto& [topic, finding] : findings_) finding.doubtPlaceholders();
 }
 
 void Registrar::lookSoon() {
@@ -318,7 +328,7 @@ void Registrar::retryLater() {
     retryTimer_ = queue::after(retryDelay_, queue_, [weak = weak_from_this()] {
         const auto self = weak.lock();
         if (!self || self->stopped_) return;
-        self->everythingDirty_ = true;
+        self->markEverythingDirty();
         self->lookAgain();
     });
     retryDelay_ = std::min(retryDelay_ * 2, kLongestRetry);
@@ -359,6 +369,7 @@ void Registrar::record(const Topic& topic, Finding finding) {
     if (scanner_.uncertain()) {
         retryLater();
         addWhatIsKnown(topic, finding);
+        finding.doubtPlaceholders();  // what was not opened may not be watched
     }
     if (finding.empty()) {
         findings_.erase(topic);
@@ -404,7 +415,7 @@ void Registrar::forget(const Topic& topic) {
     const Watcher::Look look{watcher_.get(), topic};  // names nothing, and so lets go of everything
 }
 
-void Registrar::apply(Announce announce) {
+void Registrar::apply(Announce announce, Replacements replacements) {
     const auto before = snapshot();
     Snapshot::Applications applications;
     Snapshot::Bundles bundles;
@@ -413,13 +424,39 @@ void Registrar::apply(Announce announce) {
         bundles.insert(bundles.end(), finding.bundles.begin(), finding.bundles.end());
     }
     auto after = std::make_shared<const Snapshot>(std::move(applications), std::move(bundles), sdkNames_);
-    Difference changes = difference(*before, *after);
+    Difference changes = difference(*before, *after, replacements);
     if (changes.empty() && !sdksChanged_) return;
     sdksChanged_ = false;
     if (announce == Announce::changes) announcements_->willUninstall(std::move(changes.plugInsGone));
     static_cast<void>(save(changes, *after, {}));  // what fails is logged, and done later
+    if (announce == Announce::changes) furnish(changes.bundlesNew);
     publish(std::move(after));
     if (announce == Announce::changes) announcements_->didInstall(std::move(changes.plugInsNew));
+}
+
+// A container that cannot be made, or is not made yet, is tried again when somebody asks for it.
+void Registrar::furnish(std::span<const std::shared_ptr<const BundleRecord>> bundles) {
+    for (const auto& bundle : bundles) {
+        for (std::size_t i = 0; i < bundle->plugIns().size(); ++i) {
+            if (!bundle->hasContainer(i) && containers_.ensure(bundle->plugIns()[i].pluginIdentifier()))
+                bundle->setHasContainer(i);
+        }
+    }
+}
+
+// A part at a time, so that who asks for a registration meanwhile need not wait for thousands.
+void Registrar::furnishFrom(std::size_t begin, const std::shared_ptr<const Snapshot>& snapshot) {
+    if (stopped_) return;
+    const auto left = std::span{snapshot->bundles()}.subspan(begin);
+    const std::size_t count = std::min(left.size(), kFurnishedInATurn);
+    furnish(left.first(count));
+    if (count == left.size()) {
+        containers_.dropListing();
+        return;
+    }
+    queue_->async([weak = weak_from_this(), next = begin + count, snapshot] {
+        if (const auto self = weak.lock()) self->furnishFrom(next, snapshot);
+    });
 }
 
 std::optional<value::Error> Registrar::save(const Difference& changes, const Snapshot& after,

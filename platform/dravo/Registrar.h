@@ -5,6 +5,7 @@
 #include <memory>
 #include <mutex>
 #include <set>
+#include <span>
 #include <string>
 #include <vector>
 
@@ -65,6 +66,8 @@ private:
     void poll();
     void pollIfBlind();
     void changed(const Topic& topic, std::string_view name);
+    void markDirty(const Topic& topic);
+    void markEverythingDirty();
     void lookSoon();
     void lookAgain();
     void lookAtEverything();
@@ -77,7 +80,9 @@ private:
     void lookAtSdks();
     void forget(const Topic& topic);
 
-    void apply(Announce announce);
+    void apply(Announce announce, Replacements replacements = Replacements::count);
+    void furnish(std::span<const std::shared_ptr<const BundleRecord>> bundles);
+    void furnishFrom(std::size_t begin, const std::shared_ptr<const Snapshot>& snapshot);
     void saveLater();
     [[nodiscard]] std::optional<value::Error> save(const Difference& changes, const Snapshot& after,
                                                    const Registrations& changed);

@@ -36,9 +36,10 @@ bool isBeneath(const std::string& path, const std::string& directory) {
     return path.size() > directory.size() && path.starts_with(directory) && path[directory.size()] == '/';
 }
 
-// A stamp that a later write is sure to change; else one that is never equal to a file's.
+// A stamp that a later write is sure to change; else one that is never equal to a file's, but tells which file it was.
 file::Stamp trusted(const file::Stamp& stamp) {
-    return stamp == file::Stamp{} || file::settled(stamp) ? stamp : kUntrusted;
+    if (stamp == file::Stamp{} || file::settled(stamp)) return stamp;
+    return {.device = stamp.device, .inode = stamp.inode, .size = kUntrusted.size};
 }
 
 // Looks at one thing by itself: what was uncertain before neither shows in `flag` meanwhile nor is forgotten.
@@ -141,10 +142,8 @@ Finding Scanner::entry(const Root& root, const std::string& name, Watcher::Look&
         plugIn(parent, name, {path, root.onSystemVolume, nullptr}, bounds, look, finding);
         return finding;
     }
-    look.directory(path);
-    const Directory directory = open(parent, name, path, bounds);
+    const Directory directory = openWatched(parent, name, path, bounds, look);
     if (!directory) return finding;
-    if (directory.path != path) look.directory(directory.path);
     if (isApplication(directory.path)) {
         application(root, directory, {}, look, finding);
         return finding;
@@ -152,10 +151,8 @@ Finding Scanner::entry(const Root& root, const std::string& name, Watcher::Look&
     for (const std::string& inside : list(directory.descriptor.get(), directory.path, kContainerEntriesLimit)) {
         if (!isApplication(inside)) continue;
         const std::string within = directory.path + "/" + inside;
-        look.directory(within);
-        const Directory app = open(directory.descriptor.get(), inside, within, bounds);
+        const Directory app = openWatched(directory.descriptor.get(), inside, within, bounds, look);
         if (!app || !isApplication(app.path)) continue;
-        if (app.path != within) look.directory(app.path);
         application(root, app, directory.path, look, finding);
     }
     return finding;
@@ -177,7 +174,7 @@ Finding Scanner::registered(const std::string& path, Watcher::Look& look) {
 Scanner::Directory Scanner::open(int parent, const std::string& name, const std::string& path, const Bounds& bounds) {
     if (path.size() > kPathLimit) return {};
     file::UniqueFd descriptor{::openat(parent, name.c_str(), kDirectory)};
-    if (descriptor) return {std::move(descriptor), path};
+    if (descriptor) return {.descriptor = std::move(descriptor), .path = path};
     const int reason = errno;
     const auto status = statusOf(parent, name, path);
     if (status && S_ISLNK(status->st_mode)) return followLink(path, bounds);
@@ -197,7 +194,16 @@ Scanner::Directory Scanner::followLink(const std::string& path, const Bounds& bo
     if (foundAnyway) return {};
     file::UniqueFd descriptor{::open(target->c_str(), kDirectory)};
     if (!descriptor) trouble(*target, errno);
-    return {std::move(descriptor), *target};
+    return {.descriptor = std::move(descriptor), .path = *target};
+}
+
+Scanner::Directory Scanner::openWatched(int parent, const std::string& name, const std::string& path,
+                                        const Bounds& bounds, Watcher::Look& look) {
+    const bool watched = look.directory(path);
+    Directory directory = open(parent, name, path, bounds);
+    if (!directory) return directory;
+    directory.watched = directory.path == path ? watched : look.directory(directory.path);
+    return directory;
 }
 
 // The directories and links in a directory, hidden ones left out, in the order of their names. Straight from the
@@ -229,6 +235,11 @@ void Scanner::application(const Root& root, const Directory& directory, const st
                           Watcher::Look& look, Finding& finding) {
     const auto application = applicationRecord(directory.descriptor.get(), directory.path, container);
     finding.applications.push_back(application);
+    if (directory.watched) {
+        application->lookForPlaceholder();
+    } else {
+        application->doubtPlaceholder();
+    }
     const Bounds bounds{directory.path, ""};
     const std::string path = directory.path + "/PlugIns";
     const Directory plugIns = open(directory.descriptor.get(), "PlugIns", path, bounds);
@@ -354,11 +365,7 @@ BundleFacts Scanner::read(int directory, const std::string& path, const BundleSt
 }
 
 std::shared_ptr<const BundleRecord> Scanner::record(BundlePlace place, BundleFacts facts) {
-    BundleRecord::Containers containers;
-    containers.reserve(facts.plugIns.size());
-    for (const PlugInFacts& plugIn : facts.plugIns) containers.push_back(containers_.ensure(plugIn.identifier));
-    return std::make_shared<const BundleRecord>(std::move(place), std::move(facts), std::move(containers),
-                                                surroundings_);
+    return std::make_shared<const BundleRecord>(std::move(place), std::move(facts), surroundings_);
 }
 
 // What cannot be looked at: gone by now, no directory, or something to tell of.

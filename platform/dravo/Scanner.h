@@ -10,7 +10,6 @@
 #include <unordered_map>
 #include <vector>
 
-#include "platform/dravo/DataContainers.h"
 #include "platform/dravo/Records.h"
 #include "platform/dravo/Snapshot.h"
 #include "platform/dravo/Watcher.h"
@@ -36,6 +35,9 @@ struct Finding {
     Snapshot::Bundles bundles;
     std::uint64_t look = 0;  // the number of the look that saw it last
     bool empty() const { return applications.empty() && bundles.empty(); }
+    void doubtPlaceholders() const {
+        for (const auto& application : applications) application->doubtPlaceholder();
+    }
 };
 
 // Looks at the disk and tells what is installed there. What is known and has not changed is not read again: its record
@@ -43,8 +45,8 @@ struct Finding {
 // followed. Nothing here waits, throws or grows on account of what is found. Belongs to one queue.
 class Scanner {
 public:
-    Scanner(std::shared_ptr<Surroundings> surroundings, DataContainers& containers, std::int64_t lastRow)
-        : surroundings_{std::move(surroundings)}, containers_{containers}, lastRow_{lastRow} {}
+    Scanner(std::shared_ptr<Surroundings> surroundings, std::int64_t lastRow)
+        : surroundings_{std::move(surroundings)}, lastRow_{lastRow} {}
 
     // One scan of some places; says what is taken for known meanwhile. Everything below happens within one.
     class Pass {
@@ -69,7 +71,8 @@ public:
 private:
     struct Directory {
         file::UniqueFd descriptor;
-        std::string path;  // canonical
+        std::string path;      // canonical
+        bool watched = false;  // from before it was opened
         explicit operator bool() const { return static_cast<bool>(descriptor); }
     };
 
@@ -84,6 +87,8 @@ private:
                                          const std::string& path);
     int rootDirectory(const Root& root);
     Directory open(int parent, const std::string& name, const std::string& path, const Bounds& bounds);
+    Directory openWatched(int parent, const std::string& name, const std::string& path, const Bounds& bounds,
+                          Watcher::Look& look);
     Directory followLink(const std::string& path, const Bounds& bounds);
     std::vector<std::string> list(int directory, const std::string& path, std::size_t limit);
     void application(const Root& root, const Directory& directory, const std::optional<std::string>& container,
@@ -101,7 +106,6 @@ private:
     void complain(const std::string& path, const std::string& why);
 
     const std::shared_ptr<Surroundings> surroundings_;
-    DataContainers& containers_;
     std::int64_t lastRow_;
     bool uncertain_ = false;
     std::shared_ptr<const Snapshot> known_;

@@ -194,17 +194,20 @@ PluginList Snapshot::plugInsWithin(const std::string& applicationPath) const {
     return found;
 }
 
-Difference difference(const Snapshot& before, const Snapshot& after) {
+Difference difference(const Snapshot& before, const Snapshot& after, Replacements replacements) {
+    const auto same = [replacements](const BundleRecord& a, const BundleRecord& b) {
+        return sameContent(a, b) && (replacements == Replacements::pass || sameDirectory(a, b));
+    };
     Difference changes;
     compare(before.applications(), after.applications(), changes.applicationsGone, changes.applicationsNew);
     compare(before.bundles(), after.bundles(), changes.bundlesGone, changes.bundlesNew);
     for (const auto& bundle : changes.bundlesGone) {
         const auto now = after.bundle(bundle->path());
-        if (!now || !sameContent(*bundle, *now)) addPlugIns(bundle, changes.plugInsGone);
+        if (!now || !same(*bundle, *now)) addPlugIns(bundle, changes.plugInsGone);
     }
     for (const auto& bundle : changes.bundlesNew) {
         const auto old = before.bundle(bundle->path());
-        if (!old || !sameContent(*old, *bundle)) addPlugIns(bundle, changes.plugInsNew);
+        if (!old || !same(*old, *bundle)) addPlugIns(bundle, changes.plugInsNew);
     }
     return changes;
 }

@@ -74,6 +74,12 @@ struct Difference {
         return applicationsGone.empty() && applicationsNew.empty() && bundlesGone.empty() && bundlesNew.empty();
     }
 };
-Difference difference(const Snapshot& before, const Snapshot& after);
+
+// Whether a bundle counts as another one when a directory with the same content has taken its place: for who keeps
+// what goes by the directory, as tokens do. Not across a restart, after which nobody keeps anything, and in which a
+// file system may have numbered everything anew.
+enum class Replacements : std::uint8_t { count, pass };
+
+Difference difference(const Snapshot& before, const Snapshot& after, Replacements replacements);
 
 }  // namespace dravo

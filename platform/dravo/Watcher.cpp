@@ -15,6 +15,11 @@ namespace {
 // A file replaced, written or made readable counts, and so does the directory itself going away.
 constexpr std::uint32_t kEvents = IN_CREATE | IN_DELETE | IN_MOVED_FROM | IN_MOVED_TO | IN_CLOSE_WRITE | IN_ATTRIB |
                                   IN_DELETE_SELF | IN_MOVE_SELF | IN_ONLYDIR;
+
+// Of the directories above, whose other entries may change all day: that one of them is given another name. Added to
+// what is watched in them already.
+constexpr std::uint32_t kGoing = IN_MOVE_SELF | IN_DELETE_SELF | IN_ONLYDIR | IN_MASK_ADD;
+
 constexpr std::size_t kBuffer = std::size_t{64} << 10;
 constexpr int kTowardsTries = 16;  // a path whose steps appear while they are watched
 
@@ -70,8 +75,8 @@ void Watcher::tell(int watch, std::uint32_t mask, std::string_view name) {
     }
 }
 
-bool Watcher::add(const Topic& topic, const std::string& path, const std::string& only, std::uint32_t flags) {
-    const int watch = ::inotify_add_watch(descriptor_.get(), path.c_str(), kEvents | flags);
+bool Watcher::add(const Topic& topic, const std::string& path, const std::string& only, std::uint32_t events) {
+    const int watch = ::inotify_add_watch(descriptor_.get(), path.c_str(), events);
     if (watch < 0) {
         exhausted_ = exhausted_ || errno == ENOSPC || errno == ENOMEM;
         return false;
@@ -115,8 +120,8 @@ Watcher::Look::~Look() {
     if (own != watcher_->topics_.end() && own->second.empty()) watcher_->topics_.erase(own);
 }
 
-void Watcher::Look::directory(const std::string& path) {
-    if (watcher_) watcher_->add(topic_, path, "", IN_DONT_FOLLOW);
+bool Watcher::Look::directory(const std::string& path) {
+    return watcher_ && watcher_->add(topic_, path, "", kEvents | IN_DONT_FOLLOW);
 }
 
 void Watcher::Look::towards(const std::string& path) {
@@ -124,14 +129,21 @@ void Watcher::Look::towards(const std::string& path) {
     for (int tries = 0; tries < kTowardsTries; ++tries) {
         std::string reached = path;
         std::string next;  // the step that is missing below it
-        while (!watcher_->add(topic_, reached, next, 0)) {
+        while (!watcher_->add(topic_, reached, next, kEvents)) {
             const std::size_t slash = reached.rfind('/');
             if (slash == std::string::npos || reached == "/") return;
             next = reached.substr(slash + 1);
             reached.resize(std::max<std::size_t>(slash, 1));
         }
         // The step may have appeared before the watch was there.
-        if (next.empty() || ::access(reached.append("/").append(next).c_str(), F_OK) != 0) return;
+        if (!next.empty() && ::access((reached + "/" + next).c_str(), F_OK) == 0) continue;
+        for (std::size_t slash = reached.rfind('/'); slash != std::string::npos && slash > 0;
+             slash = reached.rfind('/')) {
+            const std::string below = reached.substr(slash + 1);
+            reached.resize(slash);
+            watcher_->add(topic_, reached, below, kGoing);
+        }
+        return;
     }
 }
 

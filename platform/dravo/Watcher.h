@@ -54,10 +54,11 @@ public:
         Look(const Look&) = delete;
         Look& operator=(const Look&) = delete;
 
-        void directory(const std::string& path);  // not through a link
+        // Not through a link. Whether it is watched now.
+        bool directory(const std::string& path);
 
         // The directory, or as long as it is missing the nearest one above it that exists, in which only the next step
-        // towards it counts.
+        // towards it counts. That one of those above it is moved away counts, too.
         void towards(const std::string& path);
 
     private:
@@ -75,7 +76,7 @@ private:
     Watcher(file::UniqueFd descriptor, Changed changed, Overflow overflow);
     void read();
     void tell(int watch, std::uint32_t mask, std::string_view name);
-    bool add(const Topic& topic, const std::string& path, const std::string& only, std::uint32_t flags);
+    bool add(const Topic& topic, const std::string& path, const std::string& only, std::uint32_t events);
     void letGo(int watch, const Topic& topic);
 
     const file::UniqueFd descriptor_;

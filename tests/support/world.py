@@ -18,6 +18,11 @@ VTD, VTCTL, EXAMPLES = (os.environ[name] for name in ('VTD', 'VTCTL', 'EXAMPLES'
 os.umask(0o022)  # a bundle that others may write has no entitlements
 
 
+def property_list(content):
+    lines = plistlib.dumps(content).splitlines(keepends=True)
+    return b''.join(line for line in lines if not line.startswith(b'<!DOCTYPE'))
+
+
 class Client:
     """A process with a connection of its own."""
 
@@ -86,7 +91,7 @@ class World:
         path = self / name
         os.makedirs(os.path.dirname(path), exist_ok=True)
         with open(path + '.new', 'wb') as file:
-            file.write(content if isinstance(content, bytes) else plistlib.dumps(content))
+            file.write(content if isinstance(content, bytes) else property_list(content))
         os.rename(path + '.new', path)
         return path
 

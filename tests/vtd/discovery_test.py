@@ -219,6 +219,13 @@ class DiscoveryTest(WorldTest):
         os.remove(path + '/In')
         os.symlink('../Outside', path + '/In')
         self.assertEqual(set(self.client.found()['names']['extensions']), {'Inside/file'})
+        # A token is for the very directory, not for a copy that takes its place.
+        whole, token = self.world / 'system/PlugIns/whole', forms['whole']['extensions']['.']
+        self.assertEqual(self.client.found()['whole']['extensions'], {'.': token})
+        shutil.copytree(whole, self.world / 'copy')
+        os.rename(whole, self.world / 'old')
+        os.rename(self.world / 'copy', whole)
+        self.eventually(lambda: self.client.found().get('whole', forms['whole'])['extensions']['.'] != token)
 
 
 if __name__ == '__main__':

@@ -69,6 +69,24 @@ TEST(Changes, AreToldAsTheyComeWatchedOrPolledOrOnceSomebodyLooks) {
     }
 }
 
+TEST(Changes, ADirectoryWithTheSameContentCountsAsAnotherUnlessNobodyWasLooking) {
+    Installation world;
+    world.plugIn(kPlugIn, "a");
+    world.start();
+    auto witness = world.witness();
+    world.plugIn("elsewhere/P.appex", "a");
+    world.move(kPlugIn, "elsewhere/old");
+    world.move("elsewhere/P.appex", kPlugIn);
+    EXPECT_EQ(witness->told("-a +a"), "-a +a");
+    world.stop();
+    world.move(kPlugIn, "elsewhere/older");
+    world.plugIn(kPlugIn, "a");
+    world.start();
+    witness = world.witness();
+    world.settle();
+    EXPECT_EQ(witness->told(""), "");
+}
+
 TEST(Changes, InPlaceKeepTheUuidAndTellOfTheOldRecordWhileItIsThere) {
     Installation world;
     world.plugIn(kPlugIn, "a");
@@ -152,10 +170,9 @@ TEST(Changes, OfARegisteredPathAreToldUntilItIsWithdrawnOverRestartsToo) {
     EXPECT_TRUE(workspace->registerPlugin(path));
     EXPECT_EQ(workspace->pluginAtPath(path)->pluginDictionary(), (Dictionary{{"changed", true}}));
     EXPECT_EQ(witness->told("-p +p"), "-p +p");
+    world.settle();
     world.move("elsewhere/X.app/PlugIns", "elsewhere/X.app/Away");
-    world.move("elsewhere/X.app/Away/P.appex", "elsewhere/X.app/P.appex");
     EXPECT_EQ(witness->told("-p"), "-p");
-    world.move("elsewhere/X.app/P.appex", "elsewhere/X.app/Away/P.appex");
     world.move("elsewhere/X.app/Away", "elsewhere/X.app/PlugIns");
     EXPECT_EQ(witness->told("+p"), "+p");
     world.move("elsewhere/X.app", "elsewhere/Y.app");

@@ -81,6 +81,12 @@ public:
     void stop() { workspace_ = nullptr; }
     void settle() const { workspace_->unregisterPlugin("/"); }  // does nothing, when all that is announced is complete
 
+    // Whether it comes true before long.
+    static bool comes(const std::function<bool()>& condition) {
+        for (int i = 0; i < 2000 && !condition(); ++i) std::this_thread::sleep_for(std::chrono::milliseconds{10});
+        return condition();
+    }
+
     // Tells the test what is announced from now on, and of a first one what was while nobody watched.
     std::shared_ptr<Witness> witness(Witness::OnUninstall onUninstall = {}) const {
         auto witness = std::make_shared<Witness>(std::move(onUninstall));

@@ -67,16 +67,24 @@ TEST(Scan, TellsWhatABundleSaysOfItself) {
     EXPECT_EQ(status.st_mode & 07777, 0700U);
 }
 
-TEST(Scan, PlaceholderIsReadAnew) {
-    Installation world;
-    world.plugIn("user/Applications/A.app/PlugIns/P.appex", "a");
-    auto& workspace = world.start();
-    const auto application = workspace.applicationAtPath(world.root / "user/Applications/A.app");
-    EXPECT_FALSE(application->isPlaceholder());
-    world.writeText("user/Applications/A.app/.placeholder", "");
-    EXPECT_TRUE(application->isPlaceholder());
-    world.remove("user/Applications/A.app/.placeholder");
-    EXPECT_FALSE(application->isPlaceholder());
+TEST(Scan, PlaceholdersFollowTheDiskWatchedOrPolled) {
+    for (const bool watched : {true, false}) {
+        Installation world;
+        world.plugIn("user/Applications/A.app/PlugIns/P.appex", "a");
+        auto& workspace = world.start({watched, std::chrono::milliseconds{20}});
+        const auto isPlaceholder = [&] {
+            return workspace.applicationAtPath(world.root / "user/Applications/A.app")->isPlaceholder();
+        };
+        world.settle();
+        EXPECT_FALSE(isPlaceholder());
+        world.writeText("user/Applications/A.app/.placeholder", "");
+        EXPECT_TRUE(world.comes(isPlaceholder)) << watched;
+        std::this_thread::sleep_for(std::chrono::milliseconds{100});  // the look that the change leads to
+        world.settle();
+        EXPECT_TRUE(isPlaceholder()) << watched;
+        world.remove("user/Applications/A.app/.placeholder");
+        EXPECT_TRUE(world.comes([&] { return !isPlaceholder(); })) << watched;
+    }
 }
 
 TEST(Scan, FollowsLinksOnlyWithinTheirVolume) {
@@ -136,6 +144,7 @@ TEST(Scan, ABadBundleIsOneLineInTheLogAndOnePlugInLess) {
     EXPECT_NE(first->pluginUUID(), second->pluginUUID());
     EXPECT_EQ(second->pluginDictionary(), (Dictionary{{"n", 1}}));
     EXPECT_EQ(world.at(folder + "good")->entitlements(), Dictionary{});
+    world.settle();  // containers are made behind the first answer
     EXPECT_TRUE(fs::exists(world.root / "state/containers/%2E%2E%2F..%2Fx%2Fy/tmp"));
     EXPECT_THAT(world.log.take(), SizeIs(std::size(kBundles) + 5));
     world.start();
@@ -147,6 +156,7 @@ TEST(Scan, WithoutADataContainerThePlugInIsThereAllTheSame) {
     for (const char* name : {"a", "b"}) world.plugIn("system/PlugIns/"s + name, name);
     world.writeText("state/containers", "in the way");
     world.start();
+    world.settle();
     for (const char* name : {"a", "b"}) EXPECT_FALSE(world.at("system/PlugIns/"s + name)->dataContainerPath());
     EXPECT_THAT(world.log.take(), SizeIs(1));
     world.remove("state/containers");

@@ -49,7 +49,7 @@ TEST(Store, IsWholeWheneverItsWriterIsKilled) {
             facts.row = row;
             facts.digest = generation;
             changes.bundlesNew.push_back(std::make_shared<const BundleRecord>(
-                BundlePlace{"/b" + std::to_string(row), false, nullptr}, facts, std::vector<bool>{}, surroundings));
+                BundlePlace{"/b" + std::to_string(row), false, nullptr}, facts, surroundings));
         }
         changes.bundlesGone = changes.bundlesNew;
         changes.registrationsNew = {std::to_string(generation)};
