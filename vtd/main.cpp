@@ -6,6 +6,8 @@
 #include <string>
 #include <string_view>
 
+#include <malloc.h>
+
 #include "Velto/VTAssertion.h"
 #include "Velto/VTProtocol.h"
 #include "platform/logging/Log.h"
@@ -54,6 +56,10 @@ int misused() {
 int main(int argc, char** argv) {
     const std::optional<Options> options = readOptions(argc, argv);
     if (!options) return misused();
+
+    // One heap for all threads: which of them happens to serve a large discovery must not decide how much memory stays
+    // behind. They seldom allocate at the same time.
+    ::mallopt(M_ARENA_MAX, 1);
 
     VTSetAssertionPolicy(VTAssertionPolicy::endProcess);
     ::signal(SIGPIPE, SIG_IGN);  // a peer or a log reader that is gone is an error of the write, not our end
