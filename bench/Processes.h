@@ -20,18 +20,20 @@ public:
     explicit Child(const std::function<void()>& work);
     Child(const std::string& program, const std::vector<std::string>& arguments, const std::string& errors);
     ~Child();
+    Child(Child&& other) noexcept;
     Child(const Child&) = delete;
     Child& operator=(const Child&) = delete;
 
     pid_t pid() const { return pid_; }
     std::size_t residentBytes() const;  // VmRSS
+    std::string processorTime() const;  // what it has used; equal while it uses none
 
 private:
     pid_t pid_;
 };
 
 // The real daemon on a world, with a service name of its own and its log in vtd.log there; HALVERN_ROOT of this process
-// is set to the world's root.
+// is set to the world's root. Ready when it has done what it does behind its first answer, and rests.
 class Daemon {
 public:
     Daemon(const std::string& root, const std::vector<std::string>& arguments = {});
