@@ -6,19 +6,26 @@ import fcntl
 import json
 import os
 import plistlib
+import select
 import shutil
 import signal
 import socket
 import subprocess
+import sys
 import tempfile
 import time
+import traceback
 import unittest
 
 VTD, VTCTL, EXAMPLES = (os.environ[name] for name in ('VTD', 'VTCTL', 'EXAMPLES'))
+sys.path.append(EXAMPLES)
+from match import Connection  # noqa: E402  a client that this process can be itself
+
 os.umask(0o022)  # a bundle that others may write has no entitlements
 
 
 def property_list(content):
+    """As the daemon writes it: without plistlib's declaration of a type, which takes another reader than usual."""
     lines = plistlib.dumps(content).splitlines(keepends=True)
     return b''.join(line for line in lines if not line.startswith(b'<!DOCTYPE'))
 
@@ -34,8 +41,9 @@ class Client:
         self.process.stdin.flush()
         return json.loads(self.process.stdout.readline())
 
-    def found(self, flags=0):
-        return {form['identifier']: form for form in self.ask('match', flags=flags)['matches']}
+    def found(self, rules={}, flags=0):
+        """Forms by their identifiers."""
+        return {form['identifier']: form for form in self.ask('match', rules=rules, flags=flags)['matches']}
 
     def uuids(self, *identifiers):
         found = self.found()
@@ -47,10 +55,10 @@ class World:
 
     def __init__(self):
         self.root = os.path.realpath(tempfile.mkdtemp(prefix='vtd-test-'))
-        self.environment = dict(os.environ, HALVERN_ROOT=self.root, NOTIFY_SOCKET=self / 'ready')
+        name = os.path.basename(self.root)
+        self.environment = dict(os.environ, HALVERN_ROOT=self.root, NOTIFY_SOCKET='@' + name)
         self.ready = socket.socket(socket.AF_UNIX, socket.SOCK_DGRAM)
-        self.ready.bind(self / 'ready')
-        self.ready.settimeout(20)
+        self.ready.bind('\0' + name)  # in no directory, whose path could be too long for it
         self.begun = []
         self.log = open(self / 'log', 'w+b')
         self.daemon = None
@@ -62,28 +70,42 @@ class World:
         log = os.open(self / 'log', os.O_WRONLY | os.O_APPEND)
         self.daemon = subprocess.Popen([VTD, '-v', *arguments], env=self.environment, stderr=log)
         os.close(log)
-        while self.ready.recv(100) != b'READY=1':
-            pass
+        self.await_ready(self.daemon.pid)
 
-    def kill(self):
+    def await_ready(self, pid):
+        """Until somebody says that the daemon is up; a failure at once when this process ends before."""
+        ended = os.pidfd_open(pid)
+        message = b''
+        while message != b'READY=1':
+            about = select.select([self.ready, ended], [], [], 60)[0]
+            assert self.ready in about, 'the daemon has ended' if about else 'the daemon does not come up'
+            message = self.ready.recv(100)
+        os.close(ended)
+
+    def kill_daemon(self):
         self.daemon.kill()
         self.daemon.wait()
 
     def end(self):
+        """Ends what was begun and removes the directory. Returns all that the daemon has logged."""
         for process in self.begun:
             process.kill()
             process.communicate()
         if self.daemon:
-            self.kill()
-        self.log.seek(0)
-        said = self.log.read().decode(errors='replace')
+            self.kill_daemon()
+        logged = self.logged()
         for file in self.log, self.ready:
             file.close()
         shutil.rmtree(self.root)
-        assert 'Sanitizer' not in said, said
+        assert 'Sanitizer' not in logged, logged
+        return logged
 
-    def lines(self, text=''):
-        """What the daemon has logged since the last time, or of that the lines with some text in them."""
+    def logged(self):
+        self.log.seek(0)
+        return self.log.read().decode(errors='replace')
+
+    def take_lines(self, text=''):
+        """What the daemon has logged since the last time, and only of that the lines with some text in them."""
         return [line for line in self.log.read().decode().splitlines() if text in line]
 
     def write(self, name, content):
@@ -95,6 +117,17 @@ class World:
         os.rename(path + '.new', path)
         return path
 
+    def read(self, name):
+        """What a file holds; nothing when there is none that can be read."""
+        try:
+            with open(self / name, 'rb') as file:
+                return file.read()
+        except OSError:
+            return None
+
+    def read_plist(self, name):
+        return plistlib.loads(self.read(name))
+
     def install(self, bundle, extension=None, **info):
         """A bundle with a program, called by the stem of its path; with an extension it is a plug-in."""
         name = os.path.splitext(os.path.basename(bundle))[0]
@@ -105,7 +138,7 @@ class World:
         self.write(bundle + '/Info.plist', info)
         return self / bundle
 
-    def assertion(self, identifier, content=None):
+    def make_busy(self, identifier, content=None):
         """Makes this process busy, as doc/platform.md has it, as long as what is answered is open."""
         name = f'run/assertions/{identifier}/{os.getpid()}'
         file = open(self.write(name, (content or identifier).encode()), 'r+b')
@@ -116,14 +149,21 @@ class World:
         options = {'stdout': subprocess.PIPE, 'stderr': subprocess.PIPE, **options}
         return subprocess.run([VTCTL, *arguments], env=self.environment, timeout=20, **options)
 
-    def begin(self, *arguments, program=VTCTL, **options):
-        begun = subprocess.Popen([program, *arguments], env=self.environment, stdout=subprocess.PIPE,
-                                 stderr=subprocess.PIPE, **options)
-        self.begun.append(begun)
-        return begun
+    def begin(self, *command, **options):
+        self.begun.append(subprocess.Popen(command, env=self.environment, stdout=subprocess.PIPE,
+                                           stderr=subprocess.PIPE, **options))
+        return self.begun[-1]
 
     def client(self, program=VTCTL):
-        return Client(self.begin('call', '-', program=program, stdin=subprocess.PIPE))
+        return Client(self.begin(program, 'call', '-', stdin=subprocess.PIPE))
+
+    def connect(self, service='halvern.velto.vtd'):
+        """A client that is this process, however long the path of the root."""
+        directory = os.open(self / 'run', os.O_PATH)
+        try:
+            return Connection(f'/proc/self/fd/{directory}/{service}')
+        finally:
+            os.close(directory)
 
 
 class WorldTest(unittest.TestCase):
@@ -132,12 +172,23 @@ class WorldTest(unittest.TestCase):
     def setUp(self):
         self.world = World()
         self.forked = set()
-        self.addCleanup(self.world.end)
+        self.addCleanup(self.end)
 
-    def eventually(self, holds, pause=0.01):
+    def end(self):
+        logged = self.world.end()
+        if not self._outcome.success:
+            print(f'The daemon of {self.id()} said:\n{logged}', file=sys.stderr)
+
+    def needs(self, *command):
+        """Skips the test where the machine lacks or refuses what it needs: where such a command fails."""
+        ran = subprocess.run(['env', *command], capture_output=True)
+        if ran.returncode != 0:
+            self.skipTest(f'{command[0]} cannot be used here: {ran.stderr.decode()}')
+
+    def eventually(self, condition, what, pause=0.01):
         deadline = time.monotonic() + 20
-        while not holds():
-            self.assertLess(time.monotonic(), deadline)
+        while not condition():
+            self.assertLess(time.monotonic(), deadline, what)
             time.sleep(pause)
 
     def fork(self, work):
@@ -150,6 +201,8 @@ class WorldTest(unittest.TestCase):
                 os.write(writer, b'done')
                 signal.pause()
                 del kept
+            except BaseException:
+                traceback.print_exc()
             finally:
                 os._exit(1)
         os.close(writer)
@@ -164,3 +217,9 @@ class WorldTest(unittest.TestCase):
             self.forked.remove(pid)
             os.kill(pid, signal.SIGKILL)
             os.waitpid(pid, 0)
+
+
+def main():
+    """Runs the tests of the program. Exit status 77 says that something was skipped, and that nothing failed."""
+    result = unittest.main(exit=False).result
+    sys.exit((77 if result.skipped else 0) if result.wasSuccessful() else 1)

@@ -8,9 +8,8 @@ import shutil
 import signal
 import socket
 import subprocess
-import unittest
 
-from world import EXAMPLES, VTCTL, WorldTest
+from world import EXAMPLES, VTCTL, WorldTest, main
 
 
 class VtctlTest(WorldTest):
@@ -21,22 +20,18 @@ class VtctlTest(WorldTest):
         # Its identifier goes on where that of Sketch's ends, and its name would drive a terminal.
         extra = shutil.copytree(root + '/user/Applications/Sketch.app', root + '/user/Applications/Extra.app')
         subprocess.run(['chmod', '-R', 'go-w', root], check=True)
-        with open(extra + '/PlugIns/Note.appex/Info.plist', 'rb') as file:
-            info = plistlib.load(file)
+        info = self.world.read_plist(extra + '/PlugIns/Note.appex/Info.plist')
         info.update(QFBundleIdentifier='example.sketch.note.extra', QFBundleDisplayName='Fine\u009b2J\u202e\x7f')
         self.world.write('user/Applications/Extra.app/PlugIns/Note.appex/Info.plist', info)
         self.world.start()
         self.emoji = root + '/system/PlugIns/Emoji.bundle'
 
-    def listed(self, *rules):
+    def found(self, *rules):
         return {form['identifier']: form for form in json.loads(self.world.vtctl('match', '--json', *rules).stdout)}
 
     def elections(self):
-        try:
-            with open(self.world / 'state/halvern.velto/Annotations', 'rb') as file:
-                return {key: record['election'] for key, record in plistlib.load(file)['data'].items()}
-        except FileNotFoundError:
-            return {}
+        stored = self.world.read('state/halvern.velto/Annotations')
+        return {key: record['election'] for key, record in plistlib.loads(stored)['data'].items()} if stored else {}
 
     def check(self, arguments, status, out='', error='', **options):
         """Runs the tool; the texts are patterns that its output must hold, an empty one that there is none, None anything."""
@@ -49,7 +44,7 @@ class VtctlTest(WorldTest):
         return ran
 
     def test_elections_are_of_the_plug_ins_that_the_words_name(self):
-        uuid = self.listed()['halvern.emoji']['uuid']
+        uuid = self.found()['halvern.emoji']['uuid']
         none = '00000000-0000-4000-8000-000000000000'
         for arguments, status, out, error, elected in [
             (['enable', 'quick'], 0, 'halvern.quicknote: enabled', '', {'halvern.quicknote': 1}),
@@ -61,7 +56,7 @@ class VtctlTest(WorldTest):
              r'^example\.sketch\.note: enabled\n(.* with it, .*\n){2}$', '', {'halvern.quicknote': 1}),
             (['enable', 'example.postcard.share'], 0, r'^example\.postcard\.share: enabled\n$', '',  # two versions
              {'example.postcard.share': 1}),
-            (['disable', self.listed()['example.postcard.share']['uuid']], 0, r'^example\.postcard\.share: disabled\n$', '',
+            (['disable', self.found()['example.postcard.share']['uuid']], 0, r'^example\.postcard\.share: disabled\n$', '',
              {'example.postcard.share': 2}),
             # Nothing of these may change anything.
             (['disable', 'quick', 'sketch'], 2, '', r'"sketch" can be any.*\n.*note .*\n.*note\.extra .*\n.*nothing was changed', {}),
@@ -92,9 +87,8 @@ class VtctlTest(WorldTest):
             (['include', '2'], 0, 'no longer excluded: A=true', ''),
         ]:
             self.check(arguments, status, out, error)
-        with open(path, 'rb') as file:
-            self.assertEqual(plistlib.load(file), {'other': [1, 'two'],
-                                                   'exclusions': [{'KXExtensionIdentifier': 'halvern.emoji'}]})
+        self.assertEqual(self.world.read_plist(name),
+                         {'other': [1, 'two'], 'exclusions': [{'KXExtensionIdentifier': 'halvern.emoji'}]})
         self.world.write(name, {'exclusions': 'all'})
         for arguments in ['exclusions'], ['exclude', emoji], ['include', '1']:
             self.check(arguments, 2, '', 'not as a list')
@@ -122,7 +116,7 @@ class VtctlTest(WorldTest):
 
     def test_signals_reach_the_command_once_and_it_decides(self):
         trap = "n=10; trap 'n=$((n+1))' USR1; trap 'exit $n' TERM; echo up; while :; do sleep 0.02; done"
-        hold = self.world.begin('hold', self.emoji, '--', 'sh', '-c', trap)
+        hold = self.world.begin(VTCTL, 'hold', self.emoji, '--', 'sh', '-c', trap)
         self.assertEqual(hold.stdout.readline(), b'up\n')
         for sent in signal.SIGUSR1, signal.SIGTERM:
             hold.send_signal(sent)
@@ -141,51 +135,51 @@ class VtctlTest(WorldTest):
 
     def test_a_hold_without_a_command_lasts_until_it_is_interrupted_or_released(self):
         for turn, end in enumerate([signal.SIGINT, signal.SIGTERM] * 4):
-            hold = self.world.begin('hold', self.emoji)
+            hold = self.world.begin(VTCTL, 'hold', self.emoji)
             hold.stdout.readline()
             if turn == 0:  # the others are interrupted at once
-                self.assertNotIn('halvern.emoji', self.listed())
+                self.assertNotIn('halvern.emoji', self.found())
             hold.send_signal(end)
             self.assertEqual(hold.communicate(timeout=20), (b'', b''))
             self.assertEqual(hold.returncode, 0)
-            self.assertIn('halvern.emoji', self.listed())
-        hold = self.world.begin('hold', '--app', self.world.root + '/user/Applications/Postcard.app')
+            self.assertIn('halvern.emoji', self.found())
+        hold = self.world.begin(VTCTL, 'hold', '--app', self.world.root + '/user/Applications/Postcard.app')
         token = hold.stdout.readline().decode().strip()
-        self.assertNotIn('example.postcard.stamps', self.listed())
+        self.assertNotIn('example.postcard.stamps', self.found())
         self.check(['unhold', token], 0)
-        self.assertIn('example.postcard.stamps', self.listed())
+        self.assertIn('example.postcard.stamps', self.found())
         self.check(['hold', self.emoji], 1, error='cannot write', stdout=None, preexec_fn=lambda: os.close(1))
-        self.assertIn('halvern.emoji', self.listed())
+        self.assertIn('halvern.emoji', self.found())
 
     def test_a_hold_that_the_daemon_takes_with_it_is_told(self):
         for command, status in ([], 7), (['--', 'cat'], 7), (['--', 'sh', '-c', 'cat; exit 4'], 4):
-            hold = self.world.begin('hold', self.emoji, *command, stdin=subprocess.PIPE)
+            hold = self.world.begin(VTCTL, 'hold', self.emoji, *command, stdin=subprocess.PIPE)
             if command:
                 hold.stdin.write(b'held\n')
                 hold.stdin.flush()
             hold.stdout.readline()
-            self.world.kill()
+            self.world.kill_daemon()
             self.assertIn(b'the daemon went away', hold.stderr.readline())
             self.assertEqual((hold.communicate(timeout=20)[0], hold.returncode), (b'', status))
             self.world.start()
-            self.assertIn('halvern.emoji', self.listed())
+            self.assertIn('halvern.emoji', self.found())
 
     def test_a_refused_hold_names_what_is_busy(self):
         postcard = self.world.root + '/user/Applications/Postcard.app'
-        with self.world.assertion('example.postcard.share'):
+        with self.world.make_busy('example.postcard.share'):
             self.check(['hold', '--app', postcard, '--', 'true'], 1, '',
                        'plug-ins are busy.*\n.*busy: example.postcard.share\n.*without --app')
             self.check(['hold', postcard + '/PlugIns/Share.appex', '--', 'true'], 0)
 
     def test_ready_stays_and_says_what_is_registered_for_it(self):
-        host = self.world.begin('ready', 'lingua.keyboard', 'emoji')
+        host = self.world.begin(VTCTL, 'ready', 'lingua.keyboard', 'emoji')
         line = host.stdout.readline().decode()
         self.assertRegex(line, fr'example\.lingua\.keyboard: registered in .*/services/{host.pid}/.*\.plist')
         self.assertEqual(host.stdout.readline(), b'halvern.emoji: ready; nothing to start\n')
         registration = line.split(' in ')[1].strip()
         self.assertTrue(os.path.exists(registration))
         shutil.rmtree(self.world.root + '/user/Applications/7C2B4D1E')
-        self.eventually(lambda: not os.path.exists(registration))
+        self.eventually(lambda: not os.path.exists(registration), 'it is withdrawn')
         host.terminate()
         self.assertEqual((host.communicate(timeout=20), host.returncode), ((b'', b''), 0))
 
@@ -193,8 +187,8 @@ class VtctlTest(WorldTest):
         ran = self.check(['ready', '--json', 'quick', '--', 'sh', '-c', f'ls {services}$PPID'], 0, r'\]\n.*plist\n')
         [told] = json.loads(ran.stdout[:ran.stdout.rindex(b']') + 1])
         self.assertEqual(told['executable'], self.world.root + '/system/PlugIns/QuickNote.bundle/QuickNote')
-        self.eventually(lambda: not os.listdir(services))
-        form = self.listed()['halvern.quicknote']
+        self.eventually(lambda: not os.listdir(services), 'it goes with the command')
+        form = self.found()['halvern.quicknote']
         for arguments, status, error in [
             (['ready', 'lingua.keyboard'], 2, 'no plug-in is called'),
             (['ready', 'frames.oval'], 1, 'cannot obtain executable path.*\n.*log has the reason'),
@@ -211,8 +205,7 @@ class VtctlTest(WorldTest):
             self.check(arguments, 0, out, '')
 
     def test_a_file_of_a_plug_in_is_read_through_its_token(self):
-        with open(self.emoji + '/Info.plist', 'rb') as file:
-            content = file.read()
+        content = self.world.read(self.emoji + '/Info.plist')
         for name in 'Info.plist', self.emoji + '/Info.plist':
             self.assertEqual(self.check(['access', '--open', 'emoji', name], 0, None).stdout, content)
         for arguments, status, out, error in [
@@ -244,7 +237,7 @@ class VtctlTest(WorldTest):
             ran = self.world.vtctl(*arguments)
             self.assertIn('Fine', ran.stdout.decode() + ran.stderr.decode())
             self.assertNotRegex(ran.stdout.decode() + ran.stderr.decode(), '[\x00-\x09\x0b-\x1f\x7f-\x9f\u202a-\u202e]')
-        self.assertIn('Fine\u009b2J\u202e\x7f', {f.get('localizedDisplayName') for f in self.listed().values()})
+        self.assertIn('Fine\u009b2J\u202e\x7f', {f.get('localizedDisplayName') for f in self.found().values()})
 
     def test_output_that_cannot_be_written_is_an_error(self):
         with open('/dev/full', 'wb') as full:
@@ -256,11 +249,11 @@ class VtctlTest(WorldTest):
         os.close(writer)
 
     def test_a_daemon_that_is_not_there_is_told_from_a_refusal(self):
-        self.world.kill()
+        self.world.kill_daemon()
         for arguments in (['match'], ['enable', 'quick'], ['add', '/x'], ['-S', 'other', 'match'], ['hold', '/x'],
                           ['access', 'quick'], ['unhold', '00000000-0000-4000-8000-000000000000']):
             self.check(arguments, 7, '', 'is the daemon running')
 
 
 if __name__ == '__main__':
-    unittest.main()
+    main()

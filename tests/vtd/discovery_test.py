@@ -1,16 +1,15 @@
 """What a host finds: by its rules and by where plug-ins lie, and what it is told of what it found."""
 import os
 import shutil
-import unittest
 
-from world import VTCTL, WorldTest
+from world import VTCTL, WorldTest, main
 
 
 class DiscoveryTest(WorldTest):
     def start(self, *arguments):
         self.world.start(*arguments)
         self.client = self.world.client()
-        self.world.lines()
+        self.world.take_lines()
 
     def plug_in(self, name, extension={}, entitlements=None, **info):
         bundle = self.world.install('system/PlugIns/' + name, extension, **info)
@@ -18,9 +17,8 @@ class DiscoveryTest(WorldTest):
             self.world.write(f'system/PlugIns/{name}/Entitlements.plist', entitlements)
         return bundle
 
-    def found(self, rules, client=None, flags=0):
-        reply = (client or self.client).ask('match', rules=rules, flags=flags)
-        return {form['identifier'] for form in reply['matches']}
+    def seen(self, rules):
+        return set(self.client.found(rules))
 
     def test_a_rule_is_an_attribute_met_with_a_pattern(self):
         attributes = {'Version': '2.10', 'Count': 1, 'Off': False, 'Zero': '0', 'Both': 'attribute', 'Takes': True,
@@ -70,17 +68,17 @@ class DiscoveryTest(WorldTest):
             ({'Takes': {'items': [{'types': ['x']}]}}, True),
         ]:
             with self.subTest(rules):
-                self.assertEqual(self.found(rules), {'viewer'} if matches else set())
-        self.found({'Version': '?zt-is:x'})
-        self.found({'Types': '?'})  # of three elements two are texts
-        self.assertEqual([line.split(' match ')[1] for line in self.world.lines('unrecognized match operator')],
+                self.assertEqual(self.seen(rules), {'viewer'} if matches else set())
+        self.seen({'Version': '?zt-is:x'})
+        self.seen({'Types': '?'})  # of three elements two are texts
+        self.assertEqual([line.split(' match ')[1] for line in self.world.take_lines('unrecognized match operator')],
                          ['operator:?zt-is:x', 'operator:?', 'operator:?'])
 
     def test_elections_are_rules_by_their_number_and_beside_literals_by_their_low_byte(self):
         self.plug_in('one')
         self.start()
         uuids = self.client.uuids('one')
-        for stored, pattern, matches, beside in [
+        for stored, pattern, alone, beside_literal in [
             (0x101, '=1', True, True),
             (0x10002, '65538', True, False),
             (0x1_0000_0005, ['7', '5'], True, True),
@@ -93,8 +91,9 @@ class DiscoveryTest(WorldTest):
             with self.subTest(stored=stored, pattern=pattern):
                 self.assertEqual(self.client.ask('annotate', uuids=uuids, annotations={'election': stored}), {})
                 rules = {'KXUserElection': pattern}
-                self.assertEqual(self.found(rules), {'one'} if matches else set())
-                self.assertEqual(self.found({**rules, 'KXExtensionIdentifier': 'one'}), {'one'} if beside else set())
+                self.assertEqual(self.seen(rules), {'one'} if alone else set())
+                beside = {**rules, 'KXExtensionIdentifier': 'one'}
+                self.assertEqual(self.seen(beside), {'one'} if beside_literal else set())
 
     def test_a_plug_in_elects_itself_or_another_in_its_place_unless_the_user_has_chosen(self):
         stored = {'chosen': 1, 'unset': 0, 'refused': -1, 'odd': []}
@@ -107,11 +106,11 @@ class DiscoveryTest(WorldTest):
         self.start()
         names = [*stored, 'new', 'text', 'replacing']
         elected = {'KXExtensionIdentifier': names, 'KXUserElection': '1'}
-        self.assertEqual(self.found(elected), {'chosen', 'new'})  # before there are records
+        self.assertEqual(self.seen(elected), {'chosen', 'new'})  # before there are records
         forms = self.client.found()
         elections = {name: form['annotations'].get('election') for name, form in forms.items()}
         self.assertEqual(elections, {**dict.fromkeys(names, 1), 'refused': -1})
-        self.assertEqual(self.found(elected), set(names) - {'refused'})
+        self.assertEqual(self.seen(elected), set(names) - {'refused'})
         self.assertEqual(forms['new']['overrider'], forms['replacing']['uuid'])
         self.assertEqual(forms['replacing']['overriding'], 'new')
 
@@ -121,7 +120,7 @@ class DiscoveryTest(WorldTest):
             self.world.install(bundle, QFBundleExecutable='host')
             hosts[bundle] = shutil.copy(VTCTL, self.world / bundle + '/host')
         self.world.write('system/Applications/Manager.app/Entitlements.plist', {'halvern.private.velto.manager': True})
-        self.plug_in('system')
+        system = self.plug_in('system')
         self.world.install('user/Applications/A.app/PlugIns/inside', {})
         self.world.install('user/Applications/A.app/PlugIns/own', {'Dedicated': True})
         lone = self.world.install('user/elsewhere/lone', {})
@@ -136,32 +135,34 @@ class DiscoveryTest(WorldTest):
             (manager, 0, {'system', 'inside'}),
             (manager, 0x208, {'system', 'inside', 'own', 'lone'}),
         ]:
-            self.assertEqual(self.found({}, client, flags), seen)
-        self.assertEqual(self.found({'KXExtensionContainingApp': self.world / 'user/Applications/A.app'}), {'inside'})
-        self.world.write('user/Applications/A.app/.placeholder', b'')
-        self.assertEqual(self.found({}, manager, 0x200), {'system', 'lone'})
-        os.remove(self.world / 'user/Applications/A.app/.placeholder')
-        self.assertEqual(self.found({}, owner), {'system', 'inside', 'own'})
+            self.assertEqual(set(client.found(flags=flags)), seen)
+        self.assertEqual(self.seen({'KXExtensionContainingApp': self.world / 'user/Applications/A.app'}), {'inside'})
+        placeholder = self.world.write('user/Applications/A.app/.placeholder', b'')
+        self.eventually(lambda: set(manager.found(flags=0x200)) == {'system', 'lone'}, 'the rest lies in a placeholder')
+        os.remove(placeholder)
+        self.client.ask('lock', paths=[system], flags=2)
+        self.eventually(lambda: set(owner.found()) == {'inside', 'own'}, 'the application is whole, and one is on hold')
+        self.assertEqual(set(manager.found(flags=0x200)), {'system', 'inside', 'own', 'lone'})
 
     def test_rules_that_take_too_long_end_their_discovery_and_nothing_else(self):
         for name, values in ('a', ['yes']), ('b', ['no'] * 10_000 + ['yes']), ('c', ['yes']):
             self.plug_in(name, {'KXExtensionAttributes': {'Names': values}})
         self.start()
-        self.assertEqual(self.found({'Names': ['never'] * 10_000 + ['yes']}), {'a'})
-        self.assertEqual(len(self.world.lines('plug-ins left out of a discovery')), 1)
-        self.assertEqual(self.found({'Names': 'yes'}), {'a', 'b', 'c'})
+        self.assertEqual(self.seen({'Names': ['never'] * 10_000 + ['yes']}), {'a'})
+        self.assertEqual(len(self.world.take_lines('plug-ins left out of a discovery')), 1)
+        self.assertEqual(self.seen({'Names': 'yes'}), {'a', 'b', 'c'})
 
     def test_the_cache_is_emptied_whole_once_it_is_over_its_limit(self):
         for name in 'abcd':
             self.plug_in(name)
         self.start('-c', '2')
         for _ in range(2):
-            self.assertEqual(self.found({}), set('abcd'))
-            line, = self.world.lines('purging cache')
+            self.assertEqual(self.seen({}), set('abcd'))
+            line, = self.world.take_lines('purging cache')
             self.assertTrue(line.endswith('purging cache for 3 > 2'), line)
 
     def test_a_bundle_becomes_a_record_or_one_line_in_the_log(self):
-        rows = {
+        rows = {  # what its form must hold among others, or what the line says
             'declared': ({'HubProtocolVersion': 3}, {'Velto': 1}, {'hubProtocolVersion': 3}),
             'text': ({'HubProtocolVersion': '4'}, {}, {'hubProtocolVersion': 4}),
             'zero': ({'HubProtocolVersion': 0}, {}, {'hubProtocolVersion': 0}),
@@ -181,7 +182,7 @@ class DiscoveryTest(WorldTest):
             self.world.write('state/containers/' + name, b'in its place')
         self.start()
         forms = {os.path.basename(form['path']): form for form in self.client.found().values()}
-        lines = self.world.lines()
+        lines = self.world.take_lines()
         for name, (_, _, expected) in rows.items():
             with self.subTest(name):
                 if isinstance(expected, str):
@@ -213,7 +214,7 @@ class DiscoveryTest(WorldTest):
             tokens = forms[name].get('extensions')
             self.assertEqual(tokens if tokens is None else set(tokens), issued, name)
         path = self.world / 'system/PlugIns/names'
-        line, = self.world.lines(f'failed to make extension for {path}/missing in plug-in at {path}')
+        line, = self.world.take_lines(f'failed to make extension for {path}/missing in plug-in at {path}')
         self.assertTrue(line.endswith(': No such file or directory'), line)
         # What was sound once and was exchanged since is refused like any other.
         os.remove(path + '/In')
@@ -225,8 +226,9 @@ class DiscoveryTest(WorldTest):
         shutil.copytree(whole, self.world / 'copy')
         os.rename(whole, self.world / 'old')
         os.rename(self.world / 'copy', whole)
-        self.eventually(lambda: self.client.found().get('whole', forms['whole'])['extensions']['.'] != token)
+        form = forms['whole']
+        self.eventually(lambda: self.client.found().get('whole', form)['extensions']['.'] != token, 'another token')
 
 
 if __name__ == '__main__':
-    unittest.main()
+    main()

@@ -1,14 +1,9 @@
 """Holds: the daemon, those who hold something, and those who look, are each a process of its own."""
 import os
 import signal
-import sys
 import time
-import unittest
 
-from world import EXAMPLES, WorldTest
-
-sys.path.append(EXAMPLES)
-import match  # noqa: E402  a client that this process can be itself
+from world import WorldTest, main
 
 APPLICATION, PLUG_IN = 1, 2
 
@@ -25,11 +20,7 @@ class HoldsTest(WorldTest):
         return self.holder.ask('lock', paths=list(paths), flags=flags)['uuids']
 
     def posts(self):
-        try:
-            with open(self.world / 'run/notify/halvern.velto.annotation-change') as counter:
-                return int(counter.read() or 0)
-        except FileNotFoundError:
-            return 0
+        return int(self.world.read('run/notify/halvern.velto.annotation-change') or 0)
 
     def test_a_hold_is_granted_or_refused_with_the_reason(self):
         bad_flags = 'invalid request format (unsupported hold flags)'
@@ -57,19 +48,19 @@ class HoldsTest(WorldTest):
         self.assertEqual(set(self.other.found()), {'a', 'b'})
         one, both = self.hold(self.a), self.hold(self.a, self.b)
         self.assertEqual([*self.holder.found(), *self.other.found()], [])
-        self.world.lines()
+        self.world.take_lines()
         tokens = ['no token', {'$uuid': '00000000-0000-4000-8000-000000000000'}, both, 5, both]
         self.assertEqual(self.holder.ask('lock', uuids=tokens), {})
-        self.assertEqual(len(self.world.lines(f"releasing plug-in hold {both['$uuid']} at client's request")), 1)
+        self.assertEqual(len(self.world.take_lines(f"releasing plug-in hold {both['$uuid']} at client's request")), 1)
         self.assertEqual(set(self.other.found()), {'b'})
         self.assertEqual(self.other.ask('lock', uuids=[one]), {}, 'who knows the token')
         self.assertEqual(set(self.holder.found()), {'a', 'b'})
 
     def test_a_busy_plug_in_keeps_its_application_from_being_held_until_its_process_ends(self):
-        busy = self.fork(lambda: (self.world.assertion('a'), self.world.assertion('b', 'bx')))
+        busy = self.fork(lambda: (self.world.make_busy('a'), self.world.make_busy('b', 'bx')))
         self.assertEqual(self.holder.ask('lock', paths=[self.app], flags=APPLICATION),
                          {'errorcode': 14, 'error': 'plug-ins are busy', 'conflicts': [{'ExtensionBundleIdentifier': 'a'}]})
-        lines = self.world.lines()
+        lines = self.world.take_lines()
         for said in 'hold rejected. Busy plug-ins:(a)', 'grevd reported incomplete bundle for plug-in b':
             self.assertTrue(any(line.endswith(said) for line in lines), said)
         self.hold(self.a)  # busy or not
@@ -79,7 +70,7 @@ class HoldsTest(WorldTest):
 
     def test_the_holds_of_a_killed_process_go_within_milliseconds_though_its_child_keeps_the_socket(self):
         def holder(count):
-            connection = match.Connection(self.world / 'run/halvern.velto.vtd')
+            connection = self.world.connect()
             for _ in range(count):
                 connection.call({'request': 'lock', 'version': 3, 'paths': [self.a, self.b], 'flags': PLUG_IN})
             if os.fork() == 0:
@@ -95,13 +86,13 @@ class HoldsTest(WorldTest):
                 self.assertEqual((self.posts() - before, set(self.other.found())), (count, set()))
                 start = time.monotonic()
                 os.kill(pid, signal.SIGKILL)
-                self.eventually(lambda: self.posts() >= before + 2 * count, pause=0.0001)
+                self.eventually(lambda: self.posts() >= before + 2 * count, 'all holds are gone', pause=0.0001)
                 quickest = min(quickest, (time.monotonic() - start) * 1000)
                 self.assertEqual((self.posts() - before, set(self.other.found())), (2 * count, {'a', 'b'}))
-                self.assertEqual(len(self.world.lines(f' for dead client pid {pid}')), count)
+                self.assertEqual(len(self.world.take_lines(f' for dead client pid {pid}')), count)
             self.assertLess(quickest, limit, f'{count} holds')
             print(f'{count} holds are gone {quickest:.1f} ms after their process was killed')
 
 
 if __name__ == '__main__':
-    unittest.main()
+    main()

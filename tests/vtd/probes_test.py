@@ -1,8 +1,7 @@
 """The daemon's static probes, as a debugger finds them: each under its name, fired with its arguments."""
 import re
-import unittest
 
-from world import VTD, WorldTest
+from world import VTD, WorldTest, main
 
 ARGUMENTS = {'client-new': '%d', 'client-done': '%d', 'request-input': '%d %s', 'request': '%d %s', 'db-load': '%s %d',
              'request-output': '%d %s', 'discover-raw': '%d', 'plugin-add': '%s', 'plugin-remove': '%s %d',
@@ -12,18 +11,19 @@ BREAK = 'break -probe-stap vtd:{0}\ncommands\nsilent\nprintf "{0} {1}\\n", {2}\n
 
 class ProbesTest(WorldTest):
     def test_each_fires_with_its_arguments(self):
+        self.needs('gdb', '-batch', '-nx', '-ex', 'run', '-ex', 'quit $_exitcode', 'true')
         for name in 'one', 'two':
             self.world.install('system/PlugIns/' + name, {})
-        script = 'set startup-with-shell off\nset debuginfod enabled off\nset print elements 0\n'
+        script = 'set startup-with-shell off\nset print elements 0\n'
         for name, form in ARGUMENTS.items():
             types = ['(char *)' if kind == '%s' else '(int)' for kind in form.split()]
             values = ', '.join(f'{type}$_probe_arg{i}' for i, type in enumerate(types))
             script += BREAK.format(name, form, values, 'kill\nquit' if name == 'client-done' else 'continue')
         script += 'run -d ' + self.world.write('annotations', {'version': 15})
         script = self.world.write('script', script.encode())
-        debugger = self.world.begin('-batch', '-nx', '-x', script, VTD, program='gdb')
-        self.world.ready.settimeout(60)
-        self.assertEqual(self.world.ready.recv(100), b'READY=1')
+        self.world.environment['DEBUGINFOD_URLS'] = ''
+        debugger = self.world.begin('gdb', '-batch', '-nx', '-x', script, VTD)
+        self.world.await_ready(debugger.pid)
 
         client = self.world.client()
         uuid, = client.uuids('one')
@@ -51,4 +51,4 @@ class ProbesTest(WorldTest):
 
 
 if __name__ == '__main__':
-    unittest.main()
+    main()

@@ -1,11 +1,9 @@
 """The requests that change what is installed, and what the user chose."""
 import os
-import plistlib
 import shutil
-import unittest
 import uuid
 
-from world import WorldTest
+from world import WorldTest, main
 
 
 class RegistryTest(WorldTest):
@@ -31,7 +29,7 @@ class RegistryTest(WorldTest):
                 refusal = {'errorcode': code, 'error': error.format(system)} if code else {}
                 self.assertEqual(client.ask(request, paths=[f'{system}/{path}' for path in paths]), refusal)
                 self.assertEqual(set(client.found()), installed)
-        self.assertEqual(len(self.world.lines('failed to register plug-in at')), 1)
+        self.assertEqual(len(self.world.take_lines('failed to register plug-in at')), 1)
         # What is gone from the disk is still unregistered, by the path as it is sent.
         shutil.rmtree(inside)
         self.assertEqual(client.ask('remove', paths=[self.world / 'system/link/A.app/PlugIns/inside']), {})
@@ -44,7 +42,7 @@ class RegistryTest(WorldTest):
         client = self.world.client()
         a, b, c = client.uuids('a', 'b', 'c')
         unknown = str(uuid.uuid4()).upper()
-        self.world.lines()
+        self.world.take_lines()
         extension = {'extension': {'x': 1}}
         for annotations, uuids, reply, said in [
             ({'election': 1, 'other': 1}, [a, b, c], {}, ['a election := 1', 'b election := 1', 'c election := 1']),
@@ -55,16 +53,15 @@ class RegistryTest(WorldTest):
         ]:
             with self.subTest(annotations):
                 self.assertEqual(client.ask('annotate', annotations=annotations, uuids=uuids), reply)
-                lines = [line for line in self.world.lines() if 'election :=' in line or 'cannot find' in line]
+                lines = [line for line in self.world.take_lines() if 'election :=' in line or 'cannot find' in line]
                 expected = [line if 'UUID' in line else f'client {client.pid} plug-in {line}' for line in said]
                 self.assertEqual([line[-len(text):] for line, text in zip(lines, expected)], expected, lines)
                 self.assertEqual(len(lines), len(expected))
-        with open(self.world / 'state/halvern.velto/Annotations', 'rb') as file:
-            self.assertEqual(plistlib.load(file)['data'],
-                             {'a': {'election': 1}, 'b': {'election': 1, **extension}, 'c': {'election': False}})
+        self.assertEqual(self.world.read_plist('state/halvern.velto/Annotations')['data'],
+                         {'a': {'election': 1}, 'b': {'election': 1, **extension}, 'c': {'election': False}})
         self.assertEqual(client.ask('bulk', flags=0xABC), {})
-        self.assertEqual(len(self.world.lines('bulk options 0xabc not supported')), 1)
+        self.assertEqual(len(self.world.take_lines('bulk options 0xabc not supported')), 1)
 
 
 if __name__ == '__main__':
-    unittest.main()
+    main()

@@ -1,18 +1,14 @@
 """How the daemon is started, and what it answers to whom."""
 import os
 import subprocess
-import sys
-import unittest
 
-from world import EXAMPLES, VTD, World, WorldTest
-
-sys.path.append(EXAMPLES)
-from match import Connection, encode  # noqa: E402: a client that sends whatever it is given
+from world import VTD, World, WorldTest, main
+from match import encode  # of the examples, which world has found
 
 
 class ServerTest(WorldTest):
     def connect(self):
-        connection = Connection(self.world / 'run/halvern.velto.vtd')
+        connection = self.world.connect()
         self.addCleanup(connection.socket.close)
         return connection
 
@@ -20,7 +16,7 @@ class ServerTest(WorldTest):
         self.world.start()
         connection = self.connect()
         version, long = 'unsupported protocol version {} (current 3)', '/' + 'x' * 5000
-        for request, code, error in [
+        for request, code, answer in [  # the text of an error, or the whole reply
             ({'version': 1, 'request': 'match'}, 7, version.format(1)),
             ({'version': 4, 'request': 'match'}, 7, version.format(4)),
             ({'request': 'match'}, 7, version.format(0)),
@@ -35,13 +31,11 @@ class ServerTest(WorldTest):
             ({'version': 3, 'request': 'add', 'paths': ['']}, 9, 'absolute path required: '),
             ({'version': 3, 'request': 'add', 'paths': ['/\0x']}, 9, 'invalid plugin path: /\0x'),
             ({'version': 3, 'request': 'remove', 'paths': [long, 5]}, 9, 'no plugin at ' + long),
-            ({'version': 2, 'request': 'match'}, 0, ''),  # and no forms, which came with version 3
-            ({'version': 3, 'request': 'match', 'flags': 2**63, 'rules': {}}, 0, ''),
+            ({'version': 2, 'request': 'match'}, 0, {}),  # forms came with version 3
+            ({'version': 3, 'request': 'match', 'flags': 2**63, 'rules': {}}, 0, {'matches': []}),
         ]:
             with self.subTest(request):
-                reply = connection.call(request)
-                self.assertEqual((reply.get('errorcode', 0), reply.get('error', '')), (code, error))
-                self.assertEqual(len(reply), 2 if code else request['version'] - 2)
+                self.assertEqual(connection.call(request), {'errorcode': code, 'error': answer} if code else answer)
 
     def test_what_is_no_request_is_logged_until_that_is_too_much(self):
         self.world.start('-v')
@@ -54,7 +48,8 @@ class ServerTest(WorldTest):
             self.assertEqual(connection.call({'version': 3, 'request': 'unheard of'})['errorcode'], 4)
         connection.socket.close()
         lines = []
-        self.eventually(lambda: lines.extend(self.world.lines()) or any(client + 'is dead' in line for line in lines))
+        self.eventually(lambda: lines.extend(self.world.take_lines()) or any(client + 'is dead' in line for line in lines),
+                        'the end of the connection is logged')
         for text, times in [
             (client + os.readlink('/proc/self/exe'), 1),
             ('unexpected message "hello" on connection ', 16),
@@ -96,4 +91,4 @@ class ServerTest(WorldTest):
 
 
 if __name__ == '__main__':
-    unittest.main()
+    main()
