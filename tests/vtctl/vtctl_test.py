@@ -232,6 +232,33 @@ class VtctlTest(WorldTest):
         ]:
             self.check(arguments, status, '', error, cwd=place)
 
+    def test_rules_and_requests_are_read_from_files_and_from_json_of_all_kinds_of_values(self):
+        emoji = {'KXExtensionIdentifier': 'halvern.emoji'}
+        for content, more, status, out, error in [
+            (emoji, [], 0, r'\A[^\n]*\nhalvern.emoji [^\n]*\n\Z', ''),
+            (json.dumps(emoji).encode(), [], 0, r'\A[^\n]*\nhalvern.emoji [^\n]*\n\Z', ''),
+            (emoji, ['KXExtensionIdentifier=halvern.quicknote'], 0, 'quicknote', ''),
+            ([emoji], [], 2, '', '/rules holds no dictionary'),
+            (b'', [], 2, '', '/rules: '),
+        ]:
+            self.check(['match', '--rules', self.world.write('rules', content), *more], status, out, error)
+
+        extension = {'data': [{'$data': text} for text in ('', 'AA==', 'AP8=', '/+8A')], 'real': {'$real': 1.0},
+                     'date': {'$date': '2001-02-03T04:05:06Z'}}
+        sent = {**extension, 'date': {'$date': '2001-02-03T06:35:06+02:30'}}
+        uuids = [{'$uuid': self.found()['halvern.emoji']['uuid']}]
+        for call, status, out, error in [
+            ({'uuids': uuids, 'annotations': {'extension': sent}}, 0, '{}', ''),
+            ({'version': None}, 1, 'unsupported protocol version 0', ''),
+            ({'uuids': None}, 2, '', '"uuids": null'),
+            ({'uuids': [{'$uuid': 'x'}]}, 2, '', r'\$uuid cannot be read'),
+            ({'x': {'$data': 'A==='}}, 2, '', r'\$data cannot be read'),
+            ({'x': {'$date': '2001-02-03'}}, 2, '', r'\$date cannot be read'),
+            ({'x': {'$real': '1'}}, 2, '', r'\$real takes a number'),
+        ]:
+            self.check(['call', 'annotate', json.dumps(call)], status, out, error)
+        self.assertEqual(self.found()['halvern.emoji']['annotations'], {'extension': extension})
+
     def test_nothing_from_a_bundle_reaches_the_terminal_as_a_control_character(self):
         for arguments in ['match'], ['match', '--json'], ['enable', 'sketch']:
             ran = self.world.vtctl(*arguments)

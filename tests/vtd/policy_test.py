@@ -122,6 +122,10 @@ class PolicyTest(WorldTest):
                 self.assertEqual(sum(line.endswith(' plugin open excluded') for line in lines), 0 if 'open' in seen else 2)
         os.remove(self.world / preferences)
         self.assertEqual(set(host.found()), {'open'})
+        # Whoever can name a plug-in may read it.
+        uuids = [{'$uuid': manager.found(flags=0x200)['demanding']['uuid']}]
+        self.assertEqual(host.ask('ready', uuids=uuids)['errorcode'], 11)
+        self.assertEqual(len(host.ask('access', uuids=uuids)['extensions']), 1)
 
 
 if __name__ == '__main__':

@@ -16,6 +16,7 @@ class ServerTest(WorldTest):
         self.world.start()
         connection = self.connect()
         version, long = 'unsupported protocol version {} (current 3)', '/' + 'x' * 5000
+        malformed = 'invalid request format'
         for request, code, answer in [  # the text of an error, or the whole reply
             ({'version': 1, 'request': 'match'}, 7, version.format(1)),
             ({'version': 4, 'request': 'match'}, 7, version.format(4)),
@@ -31,7 +32,17 @@ class ServerTest(WorldTest):
             ({'version': 3, 'request': 'add', 'paths': ['']}, 9, 'absolute path required: '),
             ({'version': 3, 'request': 'add', 'paths': ['/\0x']}, 9, 'invalid plugin path: /\0x'),
             ({'version': 3, 'request': 'remove', 'paths': [long, 5]}, 9, 'no plugin at ' + long),
+            ({'version': 3, 'request': 'add'}, 4, malformed),
+            ({'version': 3, 'request': 'remove', 'paths': '/'}, 4, malformed),
+            ({'version': 3, 'request': 'annotate', 'uuids': []}, 4, malformed + ' (bad annotations dictionary)'),
+            ({'version': 3, 'request': 'annotate', 'annotations': {'election': 1}}, 4, malformed + ' (uuid)'),
+            ({'version': 3, 'request': 'ready'}, 4, malformed + ' (uuid)'),
+            ({'version': 3, 'request': 'access', 'uuids': {}}, 4, malformed + ' (uuid)'),
+            ({'version': 3, 'request': 'access', 'uuids': [long]}, 4, 'invalid request (bad uuid array)'),
+            ({'version': 3, 'request': 'lock', 'paths': ['/'], 'flags': -1}, 4, malformed + ' (unsupported hold flags)'),
+            ({'version': 3, 'request': 'bulk', 'flags': '1'}, 0, {}),
             ({'version': 2, 'request': 'match'}, 0, {}),  # forms came with version 3
+            ({'version': 3, 'request': 'match', 'flags': -1}, 0, {'matches': []}),  # no flags at all
             ({'version': 3, 'request': 'match', 'flags': 2**63, 'rules': {}}, 0, {'matches': []}),
         ]:
             with self.subTest(request):
