@@ -1,5 +1,7 @@
 #pragma once
 
+#include <sys/stat.h>
+
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
@@ -11,11 +13,13 @@
 
 namespace support {
 
-// A directory of one test's own, removed with all that is in it. No part of its path is a link.
+// A directory of one test's own, removed with all that is in it. No part of its path is a link, and what is made from
+// then on only its owner may write, unless a test says otherwise.
 class TemporaryDirectory {
 public:
     TemporaryDirectory()
         : path_{std::filesystem::canonical(std::filesystem::temp_directory_path()) / "vtd-test-XXXXXX"} {
+        ::umask(022);
         if (::mkdtemp(path_.data()) == nullptr) throw std::runtime_error{"no temporary directory"};
     }
     TemporaryDirectory(const TemporaryDirectory&) = delete;

@@ -78,7 +78,7 @@ Texts resolvePlainly(const std::vector<Copy>& visited, std::uint64_t flags) {
 }
 
 TEST(MatchList, ResolvesCopiesAndLinksReplacementsAsSaidWhateverComes) {
-    std::mt19937 random{20261122};
+    std::mt19937 random{1};
     const auto below = [&](unsigned bound) { return static_cast<int>(random() % bound); };
     const auto identifier = [&] { return std::string(1, static_cast<char>('a' + below(4))); };
     const char* const versions[] = {"1", "1.0", "01", "1.10", "1.9", "", "2b"};

@@ -60,6 +60,23 @@ TEST_F(Assertions, CountUntilTheLastOfAProcessIsGivenBack) {
     EXPECT_TRUE(fs::is_empty(fs::path{path("")}));
 }
 
+TEST_F(Assertions, EndWithTheirProcessEvenIfAChildOfItLivesOn) {
+    const pid_t busy = ::fork();
+    ASSERT_GE(busy, 0);
+    if (busy == 0) {
+        ::setpgid(0, 0);
+        const auto assertion = Assertion::take(kIdentifier);
+        const pid_t child = seenByAnother() == "busy " ? ::fork() : -1;
+        if (child == 0) ::pause();
+        ::_exit(child > 0 ? 0 : 1);
+    }
+    int status = -1;
+    ::waitpid(busy, &status, 0);
+    EXPECT_EQ(status, 0);
+    EXPECT_EQ(seen(), "");
+    EXPECT_EQ(::kill(-busy, SIGKILL), 0) << "the child lived on";
+}
+
 TEST_F(Assertions, WhatIsNoneNeitherCountsNorBlocks) {
     for (const char* name : {"1", "2", "readme"}) root_.write(kDirectory + name, kIdentifier);
     fs::create_directories(path("3/4"));
@@ -98,6 +115,7 @@ TEST_F(Assertions, AreNotTakenOnAFullDiskNorFillIt) {
 
 TEST_F(Assertions, AreNeverSweptByWhoLooksWhileTheyAreTaken) {
     const pid_t looking = ::fork();
+    ASSERT_GE(looking, 0);
     while (looking == 0) seen();
     int lost = 0;
     for (int i = 0; i < 1000; ++i) {

@@ -77,6 +77,7 @@ TEST(Trouble, WhatCannotBeReadForNowStaysInstalledOverRestartsToo) {
     world.start().addObserver(witness);
     EXPECT_EQ(world.at(kPlugIn)->pluginUUID(), uuid);
     EXPECT_EQ(world.at("elsewhere/R.app/PlugIns/R")->containingBundle()->application->localizedName(), "Name");
+    world.settle();
     EXPECT_EQ(witness->told(""), "");
 }
 
