@@ -41,6 +41,11 @@ namespace fs = std::filesystem;
 using namespace std::string_literals;
 using Texts = std::vector<std::string>;
 
+// Says that a part of a test, such as a row of its table, cannot be tried here. The test goes on and counts as skipped.
+inline void skipPart(const std::string& why) {
+    GTEST_SKIP() << why;
+}
+
 // Why there is no result, as people are told; empty when there is one.
 template <typename Result>
 std::string whyNot(const Result& result) {

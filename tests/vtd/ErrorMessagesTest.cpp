@@ -119,7 +119,7 @@ bool isOf(const std::string& message, const std::string& text) {
 }
 
 TEST_F(ErrorMessages, EachOfThePageIsWhatTheDaemonAnswers) {
-    ASSERT_TRUE(kOwnMounts) << "needs a mount namespace";
+    if (!kOwnMounts) GTEST_SKIP() << "no mounts here";
     const std::string plugIns = root / "system/PlugIns", application = root / "user/Applications/A.app";
     const std::string none = root / "none", denied = "access to plugin ", format = "invalid request format";
     const Value one = uuid("one"), unknown = Array{Uuid::random()}, noText = Dictionary{{"no XML", "\x01"}};

@@ -64,15 +64,16 @@ TEST(Saves, AreWholeAndKeptWhereverTheyAreKilled) {
     };
     int election = 1;
     const auto undisturbed = save(election, 0);
+    if (!undisturbed) GTEST_SKIP() << "nobody may trace here";
     ASSERT_TRUE(isStored(election));
     for (std::size_t kill = 0; kill < kKills; ++kill) {
-        const auto followed = save(election + 1, kill % undisturbed.stops + 1);
+        const auto followed = save(election + 1, kill % undisturbed->stops + 1).value();
         const bool isNew = isStored(election + 1);
         ASSERT_TRUE(isNew || (isStored(election) && !followed.answered)) << "killed at stop " << followed.stops;
         if (isNew) ++election;
     }
     EXPECT_GT(election, 1);
-    std::cout << undisturbed.calls.size() << " calls of a save times " << kKills / undisturbed.calls.size()
+    std::cout << undisturbed->calls.size() << " calls of a save times " << kKills / undisturbed->calls.size()
               << " kills: " << kKills << " kills\n";
 }
 

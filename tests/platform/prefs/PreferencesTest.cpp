@@ -62,6 +62,7 @@ TEST_F(Preferences, AreNotOpenedWhileUnchanged) {
     while (!file::settled(*file::stampOf(path))) std::this_thread::yield();
     EXPECT_EQ(seen(), 1);
     const file::UniqueFd watch{::inotify_init1(IN_NONBLOCK | IN_CLOEXEC)};
+    if (!watch) GTEST_SKIP() << "nothing can be watched here";
     ASSERT_GE(::inotify_add_watch(watch.get(), path.c_str(), IN_OPEN), 0);
     pollfd opened{watch.get(), POLLIN, 0};
     EXPECT_FALSE(defaults.synchronise(kDomain));

@@ -46,7 +46,7 @@ TEST(IsSandboxed, TellsByWhatTheKernelSays) {
     for (const auto& row : rows) {
         const support::ChildProcess child{[&] { return row.prepare() ? "prepared"s : ""s; }, row.namespaces};
         if (child.told() != "prepared") {
-            EXPECT_NE(geteuid(), 0U) << row.name;  // only root may do all of this
+            skipPart(row.name);  // not even root may do all of this everywhere
             continue;
         }
         EXPECT_EQ(isSandboxed(child.pid()), row.sandboxed) << row.name;
