@@ -241,10 +241,13 @@ void AcceptedConnection::send(const Reply& reply) {
     const std::lock_guard lock{outputLock_};
     if (!socket_) return;
     const bool mayWait = output_.burden() + frame.size() <= kMostHeldBack && !reply.descriptor();
-    if (!heldBack_ && output_.empty() && mayWait) heldBack_ = queue::defer(shared_from_this());
-    if (!heldBack_) return afterOutput(output_.send(socket_.get(), std::move(frame)));
-    output_.append(std::move(frame));
     if (!mayWait) sendHeldBack();
+    if (!heldBack_ && output_.empty() && mayWait) heldBack_ = queue::defer(shared_from_this());
+    if (heldBack_) {
+        output_.append(std::move(frame));
+    } else {
+        afterOutput(output_.send(socket_.get(), std::move(frame)));
+    }
 }
 
 void AcceptedConnection::runDeferred() noexcept {

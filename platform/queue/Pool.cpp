@@ -143,13 +143,18 @@ void Pool::schedule(std::shared_ptr<SerialQueue::State> queue) {
     }
 }
 
-// Those that wait are what the calling thread came with, or somebody's who comes back to the list: so somebody comes.
+// The calling thread comes for it when it has done what waits; should that take long, the reminder brings another one,
+// for which one must stand by.
 bool Pool::defer(std::shared_ptr<Deferred> work) {
     if (lent == 0) return false;
     const bool hasMore = SerialQueue::State::currentHasMore();
-    const std::lock_guard lock{mutex_};
-    if ((!hasMore && scheduled_.size() == 0) || deferred_.size() >= kMostDeferred) return false;
-    deferred_.push_back(std::move(work));
+    {
+        const std::lock_guard lock{mutex_};
+        const bool nothingWaits = !hasMore && scheduled_.size() == 0;
+        if (nothingWaits || standbys_ == 0 || deferred_.size() >= kMostDeferred) return false;
+        deferred_.push_back(std::move(work));
+    }
+    setReminder();
     return true;
 }
 
@@ -189,12 +194,14 @@ void Pool::setReminder() {
     startReminder();
 }
 
-// Whether those at work have got stuck. As long as one of them polls now and then there is nothing to take over: a
-// second thread would only share the first one's work, at the price of its cache and its core.
+// Whether those at work have got stuck, or leave waiting what nobody who polls would see. As long as one of them polls
+// now and then there is nothing to take over: a second thread would only share the first one's work, at the price of
+// its cache and its core.
 bool Pool::isTakeOverDue() {
     if (polling_) {
         reminderSet_ = false;  // whoever polls sets it again before it works
-        return false;
+        const std::lock_guard lock{mutex_};
+        return scheduled_.size() > 0 || !deferred_.empty();
     }
     if (polls_ == pollsReminded_) return true;
     startReminder();
@@ -300,6 +307,7 @@ Pool::Taken Pool::takeEvents(Place place, Lender* lender) {
             default: report(event.data.u64, readinessOf(event.events), ours);
         }
     }
+    if (place == Place::standby) runDeferred();  // before all that is scheduled: it has waited long enough
     if (ours) {
         taken.work = true;
         beforeWork();

@@ -21,27 +21,51 @@ TEST(Defer, RefusesWhereNothingIsToComeAnyway) {
 }
 
 TEST(Defer, ComesBehindWhatWaitsAndIsNotHeldUpByIt) {
-    bool wasDeferred = false;
-    for (int tries = 0; tries < 100 && !wasDeferred; ++tries) {
+    bool cameBehind = false;
+    for (int tries = 0; tries < 100 && !cameBehind; ++tries) {  // another thread may happen to be free, or be reminded
         const auto step = std::make_shared<Step>();
         SerialQueue first{"first"};
         SerialQueue second{"second"};
+        bool wasDeferred = false;
         bool cameBefore = false;
-        std::latch worked{1};  // on a thread of the pool's: to wait with sync() would be to lend it this one
+        std::atomic<bool> done = false;
         first.async([&] {
+            std::this_thread::sleep_for(5ms);  // until the others have settled
             second.async([&] {
                 cameBefore = step->done.try_wait();
                 step->done.wait();  // for ever, if nobody else comes for it
             });
             wasDeferred = defer(step);
-            if (!wasDeferred) step->runDeferred();  // another thread was free for the second queue
-            worked.count_down();
+            if (!wasDeferred) step->runDeferred();
+            done = true;
+            wake();
         });
-        worked.wait();
+        runUntil([&] { return done.load(); });  // with this thread one stands by
         second.sync([] {});
-        EXPECT_FALSE(wasDeferred && cameBefore);
+        cameBehind = wasDeferred && !cameBefore;
     }
-    EXPECT_TRUE(wasDeferred);
+    EXPECT_TRUE(cameBehind);
+}
+
+// By then another thread may poll, and see nothing of it.
+TEST(Defer, IsNotHeldUpWhereAnotherThreadPolls) {
+    const auto step = std::make_shared<Step>();
+    SerialQueue queue{"test"};
+    std::promise<bool> deferred;
+    std::atomic<bool> done = false;
+    bool cameInTime = false;
+    queue.async([&] {
+        std::this_thread::sleep_for(50ms);  // long enough for another thread to take over, and to find nothing
+        queue.async([&] {
+            for (int i = 0; i < 500 && !(cameInTime = step->done.try_wait()); ++i) std::this_thread::sleep_for(10ms);
+            done = true;
+            wake();
+        });
+        deferred.set_value(defer(step));
+    });
+    runUntil([&] { return done.load(); });  // a third thread
+    EXPECT_TRUE(deferred.get_future().get());
+    EXPECT_TRUE(cameInTime);
 }
 
 }  // namespace
