@@ -26,7 +26,7 @@ public:
 
     pid_t pid() const { return pid_; }
     std::size_t residentBytes() const;  // VmRSS
-    std::string processorTime() const;  // what it has used; equal while it uses none
+    std::string processorTime() const;  // what it has used, in clock ticks
 
 private:
     pid_t pid_;

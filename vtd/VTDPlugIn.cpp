@@ -179,6 +179,6 @@ value::Dictionary VTDPlugIn::issueResourceExtensions(const value::Value& shared)
         }
     }
     value::Dictionary issued = std::move(extensions).build();
-    if (onlyBundle) bundleExtension_.store(issued);
+    if (onlyBundle && dvproxy()->isInPlace()) bundleExtension_.store(issued);
     return issued;
 }

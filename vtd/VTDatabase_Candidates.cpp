@@ -61,7 +61,7 @@ bool isAutoElected(const value::Dictionary& entitlements) {
     return entitlement != nullptr && entitlement->isNumber() && entitlement->booleanValue();
 }
 
-// Whether a plug-in's application is still being installed. Asking costs a look at the disk: plug-ins of one
+// Whether a plug-in's application is still being installed. Asking may cost a look at the disk: plug-ins of one
 // application come one after the other, and share the answer.
 class Installing {
 public:

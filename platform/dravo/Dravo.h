@@ -37,6 +37,8 @@ class DVVeltoProxy {
 public:
     virtual ~DVVeltoProxy() = default;
     virtual const std::optional<std::string>& bundlePath() const = 0;
+    virtual bool isInPlace()
+        const = 0;  // whether the directory there is still the one that was read; looks at the disk
     virtual const value::Uuid& pluginUUID() const = 0;
     virtual const std::string& pluginIdentifier() const = 0;
     virtual const std::string& originalIdentifier() const = 0;

@@ -1,6 +1,9 @@
 #include "platform/dravo/Records.h"
 
+#include <fcntl.h>
 #include <unistd.h>
+
+#include <cerrno>
 
 #include "platform/dravo/DataContainers.h"
 #include "platform/dravo/InfoFile.h"
@@ -8,7 +11,9 @@
 namespace dravo {
 
 ApplicationRecord::Placeholder ApplicationRecord::placeholderOnDisk() const {
-    return ::access((path_ + "/.placeholder").c_str(), F_OK) == 0 ? Placeholder::present : Placeholder::absent;
+    const std::string file = path_ + "/.placeholder";
+    if (::faccessat(AT_FDCWD, file.c_str(), F_OK, AT_SYMLINK_NOFOLLOW) == 0) return Placeholder::present;
+    return file::mayPass(errno) ? Placeholder::unknown : Placeholder::absent;
 }
 
 void ApplicationRecord::lookForPlaceholder() const {
@@ -23,6 +28,12 @@ bool ApplicationRecord::isPlaceholder() const {
 
 const std::optional<std::string>& PlugInRecord::bundlePath() const {
     return bundle_.optionalPath();
+}
+
+bool PlugInRecord::isInPlace() const {
+    const auto there = file::stampOf(bundle_.path());
+    const file::Stamp& read = bundle_.facts().stamps.directory;
+    return there && there->device == read.device && there->inode == read.inode;
 }
 
 const std::string& PlugInRecord::originalIdentifier() const {
@@ -114,7 +125,8 @@ bool sameContent(const BundleRecord& a, const BundleRecord& b) {
 bool sameDirectory(const BundleRecord& a, const BundleRecord& b) {
     const file::Stamp& x = a.facts().stamps.directory;
     const file::Stamp& y = b.facts().stamps.directory;
-    return x.device == y.device && x.inode == y.inode;
+    const auto isUnknown = [](const file::Stamp& stamp) { return stamp.device == 0 && stamp.inode == 0; };
+    return isUnknown(x) || isUnknown(y) || (x.device == y.device && x.inode == y.inode);
 }
 
 }  // namespace dravo

@@ -10,7 +10,8 @@
 #include "platform/dravo/Facts.h"
 #include "platform/dravo/SchemaCache.h"
 
-// The registry's records: immutable, shared between the snapshots and whoever asked for them.
+// The registry's records, shared between the snapshots and whoever asked for them. Immutable but for what is known of
+// placeholders and data containers.
 namespace dravo {
 
 // What the records of one workspace share.
@@ -63,6 +64,7 @@ public:
     const PlugInFacts& facts() const { return facts_; }
 
     const std::optional<std::string>& bundlePath() const override;
+    bool isInPlace() const override;
     const value::Uuid& pluginUUID() const override { return facts_.uuid; }
     const std::string& pluginIdentifier() const override { return facts_.identifier; }
     const std::string& originalIdentifier() const override;

@@ -214,6 +214,7 @@ std::optional<value::Error> Registrar::firstLook() {
 // closes the gap: what changes before its directory is watched is seen by it, what changes later is noticed.
 void Registrar::watch() {
     if (stopped_) return;
+    watchingBegan_ = true;
     if (noticing_.watch) {
         watcher_ = Watcher::create(
             queue_, [this](const Topic& topic, std::string_view name) { changed(topic, name); },
@@ -265,7 +266,8 @@ void Registrar::changed(const Topic& topic, std::string_view name) {
 // Until the next look, which waits for the changes to come to rest, placeholders are looked for when they are asked
 // for.
 void Registrar::markDirty(const Topic& topic) {
-    if (const auto finding = findings_.find(topic); finding != findings_.end()) finding->second.doubtPlaceholders();
+    const auto finding = findings_.find(topic);
+    if (topic.kind == Topic::Kind::entry && finding != findings_.end()) finding->second.doubtPlaceholders();
     dirty_.insert(topic);
     if (dirty_.size() > kDirtyLimit) markEverythingDirty();
 }
@@ -369,7 +371,9 @@ void Registrar::record(const Topic& topic, Finding finding) {
     if (scanner_.uncertain()) {
         retryLater();
         addWhatIsKnown(topic, finding);
-        finding.doubtPlaceholders();  // what was not opened may not be watched
+        // What was not opened may not be watched. A registered bundle shares the record of an entry, or nobody watches
+        // it.
+        if (topic.kind == Topic::Kind::entry) finding.doubtPlaceholders();
     }
     if (finding.empty()) {
         findings_.erase(topic);
@@ -429,7 +433,7 @@ void Registrar::apply(Announce announce, Replacements replacements) {
     sdksChanged_ = false;
     if (announce == Announce::changes) announcements_->willUninstall(std::move(changes.plugInsGone));
     static_cast<void>(save(changes, *after, {}));  // what fails is logged, and done later
-    if (announce == Announce::changes) furnish(changes.bundlesNew);
+    if (watchingBegan_) furnish(changes.bundlesNew);
     publish(std::move(after));
     if (announce == Announce::changes) announcements_->didInstall(std::move(changes.plugInsNew));
 }

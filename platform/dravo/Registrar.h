@@ -100,6 +100,7 @@ private:
     // Of the queue.
     std::optional<lock::LockFile> lock_;
     bool stopped_ = false;
+    bool watchingBegan_ = false;    // and with it all that is left for behind the first answers
     std::unique_ptr<Store> store_;  // null when a damaged one could not be replaced
     bool isNew_;                    // the store was empty
     bool unsaved_ = false;          // a save failed: the next one writes everything

@@ -202,6 +202,7 @@ Scanner::Directory Scanner::openWatched(int parent, const std::string& name, con
     const bool watched = look.directory(path);
     Directory directory = open(parent, name, path, bounds);
     if (!directory) return directory;
+    if (directory.path != path) look.above(directory.path);
     directory.watched = directory.path == path ? watched : look.directory(directory.path);
     return directory;
 }
@@ -307,6 +308,7 @@ void Scanner::plugIn(int parent, const std::string& name, BundlePlace place, con
         const Directory target = followLink(place.path, bounds);
         const auto targetStatus = target ? statusOf(target.descriptor.get(), ".", target.path) : std::nullopt;
         if (!targetStatus) return;
+        look.above(target.path);
         look.directory(target.path);
         place.path = target.path;
         bundle(target.descriptor.get(), ".", *targetStatus, std::move(place), finding);

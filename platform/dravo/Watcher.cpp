@@ -7,6 +7,7 @@
 #include <array>
 #include <cerrno>
 #include <cstring>
+#include <utility>
 
 namespace dravo {
 
@@ -16,12 +17,18 @@ namespace {
 constexpr std::uint32_t kEvents = IN_CREATE | IN_DELETE | IN_MOVED_FROM | IN_MOVED_TO | IN_CLOSE_WRITE | IN_ATTRIB |
                                   IN_DELETE_SELF | IN_MOVE_SELF | IN_ONLYDIR;
 
-// Of the directories above, whose other entries may change all day: that one of them is given another name. Added to
-// what is watched in them already.
+// All that counts of a directory above; its entries may change all day. Does not narrow what it is watched for besides.
 constexpr std::uint32_t kGoing = IN_MOVE_SELF | IN_DELETE_SELF | IN_ONLYDIR | IN_MASK_ADD;
 
 constexpr std::size_t kBuffer = std::size_t{64} << 10;
 constexpr int kTowardsTries = 16;  // a path whose steps appear while they are watched
+
+void forEachAncestor(std::string path, const std::function<void(const std::string&)>& visit) {
+    for (std::size_t slash = path.rfind('/'); slash != std::string::npos && slash > 0; slash = path.rfind('/')) {
+        path.resize(slash);
+        visit(path);
+    }
+}
 
 }  // namespace
 
@@ -64,19 +71,21 @@ void Watcher::tell(int watch, std::uint32_t mask, std::string_view name) {
         return;
     }
     const auto found = interests_.find(watch);
-    if (found == interests_.end()) return;
-    for (const Interest& interest : found->second) {
-        if (!interest.only.empty() && !name.empty() && name != interest.only) continue;
-        changed_(*interest.topic, interest.only.empty() ? name : std::string_view{});
+    if (found != interests_.end()) {
+        for (const Interest& interest : found->second) {
+            if (!interest.only.empty() && !name.empty() && name != interest.only) continue;
+            changed_(*interest.topic, interest.only.empty() ? name : std::string_view{});
+        }
+        if (mask & IN_IGNORED) {  // the kernel has dropped the watch
+            for (const Interest& interest : found->second) std::erase(topics_.at(*interest.topic).watches, watch);
+            interests_.erase(found);
+        }
     }
-    if (mask & IN_IGNORED) {  // the kernel has dropped the watch, and may use its number for another
-        for (const Interest& interest : found->second) std::erase(topics_.at(*interest.topic), watch);
-        interests_.erase(found);
-    }
+    if ((mask & (IN_MOVE_SELF | IN_DELETE_SELF | IN_IGNORED)) != 0 && dropAncestor(watch)) overflow_();
 }
 
-bool Watcher::add(const Topic& topic, const std::string& path, const std::string& only, std::uint32_t events) {
-    const int watch = ::inotify_add_watch(descriptor_.get(), path.c_str(), events);
+bool Watcher::add(const Topic& topic, const std::string& path, const std::string& only, std::uint32_t flags) {
+    const int watch = ::inotify_add_watch(descriptor_.get(), path.c_str(), kEvents | flags);
     if (watch < 0) {
         exhausted_ = exhausted_ || errno == ENOSPC || errno == ENOMEM;
         return false;
@@ -84,13 +93,14 @@ bool Watcher::add(const Topic& topic, const std::string& path, const std::string
     const auto [own, isNew] = topics_.try_emplace(topic);
     auto& interests = interests_[watch];
     const auto known = std::find_if(interests.begin(), interests.end(),
-                                    [&](const Interest& interest) { return *interest.topic == topic; });
+                                    [&](const Interest& interest) { return interest.topic == &own->first; });
     if (known == interests.end()) {
         interests.push_back({&own->first, only});
     } else {
         known->only = only;
     }
-    if (std::find(own->second.begin(), own->second.end(), watch) == own->second.end()) own->second.push_back(watch);
+    std::vector<int>& watches = own->second.watches;
+    if (std::find(watches.begin(), watches.end(), watch) == watches.end()) watches.push_back(watch);
     return true;
 }
 
@@ -101,27 +111,78 @@ void Watcher::letGo(int watch, const Topic& topic) {
     if (!found->second.empty()) return;
     interests_.erase(found);
     ::inotify_rm_watch(descriptor_.get(), watch);
+    const auto ancestor = ancestorPaths_.find(watch);
+    if (ancestor == ancestorPaths_.end()) return;
+    // Anew, for only that which counts of an ancestor.
+    const std::string path = ancestor->second;
+    ancestorPaths_.erase(ancestor);
+    watchAncestor(path, ancestors_.at(path));
+}
+
+void Watcher::holdAbove(const std::string& path) {
+    forEachAncestor(path, [this](const std::string& directory) {
+        Ancestor& ancestor = ancestors_[directory];
+        ++ancestor.holders;
+        if (ancestor.watch < 0) watchAncestor(directory, ancestor);
+    });
+}
+
+void Watcher::watchAncestor(const std::string& path, Ancestor& ancestor) {
+    ancestor.watch = ::inotify_add_watch(descriptor_.get(), path.c_str(), kGoing);
+    if (ancestor.watch >= 0) {
+        ancestorPaths_[ancestor.watch] = path;
+    } else {
+        exhausted_ = exhausted_ || errno == ENOSPC || errno == ENOMEM;
+    }
+}
+
+void Watcher::releaseAbove(const std::string& path) {
+    forEachAncestor(path, [this](const std::string& directory) {
+        const auto found = ancestors_.find(directory);
+        if (--found->second.holders > 0) return;
+        const int watch = found->second.watch;
+        if (watch >= 0) dropAncestor(watch);
+        ancestors_.erase(directory);
+    });
+}
+
+// What lies at the path from now on is watched when it is held again. False when the watch is no ancestor's.
+bool Watcher::dropAncestor(int watch) {
+    const auto found = ancestorPaths_.find(watch);
+    if (found == ancestorPaths_.end()) return false;
+    ancestors_.at(found->second).watch = -1;
+    ancestorPaths_.erase(found);
+    if (!interests_.contains(watch)) ::inotify_rm_watch(descriptor_.get(), watch);
+    return true;
 }
 
 Watcher::Look::Look(Watcher* watcher, const Topic& topic) : watcher_{watcher}, topic_{topic} {
     if (!watcher_) return;
     const auto found = watcher_->topics_.find(topic);
-    if (found != watcher_->topics_.end()) before_.swap(found->second);
+    if (found != watcher_->topics_.end()) before_ = std::exchange(found->second, {});
 }
 
 Watcher::Look::~Look() {
     if (!watcher_) return;
     const auto own = watcher_->topics_.find(topic_);
-    for (const int watch : before_) {
-        const bool again = own != watcher_->topics_.end() &&
-                           std::find(own->second.begin(), own->second.end(), watch) != own->second.end();
+    for (const std::string& path : before_.beneath) watcher_->releaseAbove(path);
+    for (const int watch : before_.watches) {
+        const bool again =
+            own != watcher_->topics_.end() &&
+            std::find(own->second.watches.begin(), own->second.watches.end(), watch) != own->second.watches.end();
         if (!again) watcher_->letGo(watch, topic_);
     }
     if (own != watcher_->topics_.end() && own->second.empty()) watcher_->topics_.erase(own);
 }
 
 bool Watcher::Look::directory(const std::string& path) {
-    return watcher_ && watcher_->add(topic_, path, "", kEvents | IN_DONT_FOLLOW);
+    return watcher_ && watcher_->add(topic_, path, "", IN_DONT_FOLLOW);
+}
+
+void Watcher::Look::above(const std::string& path) {
+    if (!watcher_) return;
+    watcher_->holdAbove(path);
+    watcher_->topics_[topic_].beneath.push_back(path);
 }
 
 void Watcher::Look::towards(const std::string& path) {
@@ -129,21 +190,16 @@ void Watcher::Look::towards(const std::string& path) {
     for (int tries = 0; tries < kTowardsTries; ++tries) {
         std::string reached = path;
         std::string next;  // the step that is missing below it
-        while (!watcher_->add(topic_, reached, next, kEvents)) {
+        while (!watcher_->add(topic_, reached, next, 0)) {
             const std::size_t slash = reached.rfind('/');
             if (slash == std::string::npos || reached == "/") return;
             next = reached.substr(slash + 1);
             reached.resize(std::max<std::size_t>(slash, 1));
         }
-        // The step may have appeared before the watch was there.
-        if (!next.empty() && ::access((reached + "/" + next).c_str(), F_OK) == 0) continue;
-        for (std::size_t slash = reached.rfind('/'); slash != std::string::npos && slash > 0;
-             slash = reached.rfind('/')) {
-            const std::string below = reached.substr(slash + 1);
-            reached.resize(slash);
-            watcher_->add(topic_, reached, below, kGoing);
-        }
-        return;
+        above(reached);
+        // The step may have appeared, and what was reached may have gone elsewhere, before all was watched.
+        const bool appeared = !next.empty() && ::access((reached + "/" + next).c_str(), F_OK) == 0;
+        if (!appeared && ::access(reached.c_str(), F_OK) == 0) return;
     }
 }
 

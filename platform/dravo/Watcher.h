@@ -35,7 +35,8 @@ class Watcher {
 public:
     // The name of what changed in a directory that is watched as such; empty when it is the directory itself.
     using Changed = std::function<void(const Topic& topic, std::string_view name)>;
-    using Overflow = std::function<void()>;  // notices were lost: look at everything again
+    // Anything may have changed: notices were lost, or a directory above what is watched has gone elsewhere.
+    using Overflow = std::function<void()>;
 
     // Null when the system has no watches to give.
     static std::unique_ptr<Watcher> create(const std::shared_ptr<queue::SerialQueue>& queue, Changed changed,
@@ -45,6 +46,14 @@ public:
     // Whether a watch was refused for want of room, so that changes may go unnoticed.
     bool exhausted() const { return exhausted_; }
 
+private:
+    struct Held {                          // by a topic
+        std::vector<int> watches;          // of directories
+        std::vector<std::string> beneath;  // paths whose ancestors it holds
+        bool empty() const { return watches.empty() && beneath.empty(); }
+    };
+
+public:
     // One look at a topic: the directories it names are watched from before they are read, and what the topic watched
     // until then and does not name again is let go of at the end. Without a watcher it does nothing.
     class Look {
@@ -57,14 +66,17 @@ public:
         // Not through a link. Whether it is watched now.
         bool directory(const std::string& path);
 
+        // That a directory above the path is moved away, or goes, counts.
+        void above(const std::string& path);
+
         // The directory, or as long as it is missing the nearest one above it that exists, in which only the next step
-        // towards it counts. That one of those above it is moved away counts, too.
+        // towards it counts. With those above it.
         void towards(const std::string& path);
 
     private:
         Watcher* const watcher_;
         const Topic& topic_;
-        std::vector<int> before_;
+        Held before_;
     };
 
 private:
@@ -76,8 +88,18 @@ private:
     Watcher(file::UniqueFd descriptor, Changed changed, Overflow overflow);
     void read();
     void tell(int watch, std::uint32_t mask, std::string_view name);
-    bool add(const Topic& topic, const std::string& path, const std::string& only, std::uint32_t events);
+    bool add(const Topic& topic, const std::string& path, const std::string& only, std::uint32_t flags);
     void letGo(int watch, const Topic& topic);
+
+    // The ancestors are watched once for all that lie beneath them, since thousands may.
+    struct Ancestor {
+        int watch = -1;  // none: to be had when it is next held
+        std::size_t holders = 0;
+    };
+    void holdAbove(const std::string& path);
+    void releaseAbove(const std::string& path);
+    void watchAncestor(const std::string& path, Ancestor& ancestor);
+    bool dropAncestor(int watch);
 
     const file::UniqueFd descriptor_;
     const Changed changed_;
@@ -87,8 +109,10 @@ private:
     struct TopicHash {
         std::size_t operator()(const Topic& topic) const { return std::hash<std::string>{}(topic.path); }
     };
-    std::unordered_map<Topic, std::vector<int>, TopicHash> topics_;
+    std::unordered_map<Topic, Held, TopicHash> topics_;
     std::unordered_map<int, std::vector<Interest>> interests_;
+    std::unordered_map<std::string, Ancestor> ancestors_;  // by path
+    std::unordered_map<int, std::string> ancestorPaths_;   // by watch
 };
 
 }  // namespace dravo

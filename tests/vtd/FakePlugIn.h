@@ -16,6 +16,7 @@ using Text = std::optional<std::string>;
 struct PlugIn : dravo::DVVeltoProxy {
     PlugIn(std::string id, Text where) : identifier{std::move(id)}, path{std::move(where)} {}
     const Text& bundlePath() const override { return path; }
+    bool isInPlace() const override { return true; }
     const value::Uuid& pluginUUID() const override { return uuid; }
     const std::string& pluginIdentifier() const override { return identifier; }
     const std::string& originalIdentifier() const override { return identifier; }

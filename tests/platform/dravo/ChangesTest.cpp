@@ -155,6 +155,18 @@ TEST(Changes, NothingIsTakenForGoneWhileDescriptorsAreLacking) {
     EXPECT_THAT(witness->told("-a +a +b"), AllOf(SizeIs(8), HasSubstr("-a"), HasSubstr("+a"), HasSubstr("+b")));
 }
 
+TEST(Changes, OfWhatALinkLeadsToAreToldAlsoWhenADirectoryAboveItMoves) {
+    Installation world;
+    world.plugIn("user/Elsewhere/Real.app/PlugIns/P", "r");
+    fs::create_directories(world.root / "user/Applications");
+    fs::create_directory_symlink("../Elsewhere/Real.app", world.root / "user/Applications/L.app");
+    world.start();
+    const auto witness = world.witness();
+    world.settle();
+    world.move("user/Elsewhere", "user/Old");
+    EXPECT_EQ(witness->told("-r"), "-r");
+}
+
 TEST(Changes, OfARegisteredPathAreToldUntilItIsWithdrawnOverRestartsToo) {
     Installation world;
     const std::string path = world.plugIn("elsewhere/X.app/PlugIns/P.appex", "p");
