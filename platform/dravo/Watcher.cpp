@@ -90,7 +90,7 @@ bool Watcher::add(const Topic& topic, const std::string& path, const std::string
         exhausted_ = exhausted_ || errno == ENOSPC || errno == ENOMEM;
         return false;
     }
-    const auto [own, isNew] = topics_.try_emplace(topic);
+    const auto own = topics_.try_emplace(topic).first;
     auto& interests = interests_[watch];
     const auto known = std::find_if(interests.begin(), interests.end(),
                                     [&](const Interest& interest) { return interest.topic == &own->first; });
