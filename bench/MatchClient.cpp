@@ -2,6 +2,7 @@
 
 #include <cstdint>
 #include <stdexcept>
+#include <utility>
 #include <vector>
 
 #include "bench/Client.h"
@@ -36,28 +37,33 @@ std::uint64_t visitAll(mox::View view) {
 
 }  // namespace
 
+MatchClient::MatchClient(std::size_t expected)
+    : expected_{expected}, client_{kServiceName}, send_{[this](VTDaemonClient::Reply reply) {
+          client_.matchPlugIns(value::Dictionary{{"KXExtensionPointName", kExtensionPoint}}, 0, std::move(reply));
+      }} {
+    roundTrips(3, send_, [this](const mox::Object& reply) { visit(reply); });
+    if (found_ != expected) throw std::runtime_error("the discovery did not find what it should");
+}
+
+void MatchClient::visit(const mox::Object& reply) {
+    const auto matches = reply.view().find(VTKey::matches);
+    const auto forms = matches ? matches->message() : std::nullopt;
+    if (!forms) return;
+    found_ = forms->count();
+    sink_ = sink_ + visitAll(*forms);
+}
+
+double MatchClient::microsecondsAMatch() {
+    constexpr std::size_t kMatches = 25'000;
+    const auto samples = roundTrips(kMatches / expected_, send_, [this](const mox::Object& reply) { visit(reply); });
+    return median(samples) / static_cast<double>(expected_);
+}
+
 double microsecondsAMatch(std::size_t expected) {
-    constexpr int kRepetitions = 7;
-    const std::size_t rounds = 100'000 / expected;
-
-    VTDaemonClient client{kServiceName};
-    const value::Dictionary rules{{"KXExtensionPointName", kExtensionPoint}};
-    const auto send = [&](VTDaemonClient::Reply reply) { client.matchPlugIns(rules, 0, std::move(reply)); };
-    std::size_t found = 0;
-    volatile std::uint64_t sink = 0;
-    const auto visit = [&](const mox::Object& reply) {
-        const auto matches = reply.view().find(VTKey::matches);
-        const auto forms = matches ? matches->message() : std::nullopt;
-        if (!forms) return;
-        found = forms->count();
-        sink = sink + visitAll(*forms);
-    };
-    roundTrips(3, send, visit);
-    if (found != expected) throw std::runtime_error("the discovery did not find what it should");
-
-    std::vector<double> medians;
-    for (int i = 0; i < kRepetitions; ++i) medians.push_back(median(roundTrips(rounds / 4, send, visit)));
-    return median(medians) / static_cast<double>(expected);
+    MatchClient client{expected};
+    std::vector<double> figures;
+    for (int i = 0; i < MatchClient::kRepetitions; ++i) figures.push_back(client.microsecondsAMatch());
+    return median(figures);
 }
 
 }  // namespace bench
