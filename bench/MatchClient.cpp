@@ -62,6 +62,7 @@ double MatchClient::microsecondsAMatch() {
 double microsecondsAMatch(std::size_t expected) {
     MatchClient client{expected};
     std::vector<double> figures;
+    figures.reserve(MatchClient::kRepetitions);
     for (int i = 0; i < MatchClient::kRepetitions; ++i) figures.push_back(client.microsecondsAMatch());
     return median(figures);
 }

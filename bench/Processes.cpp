@@ -72,6 +72,7 @@ Child::Child(const std::string& program, const std::vector<std::string>& argumen
           std::vector<std::string> texts{program};
           texts.insert(texts.end(), arguments.begin(), arguments.end());
           std::vector<char*> pointers;
+          pointers.reserve(texts.size() + 1);
           for (std::string& text : texts) pointers.push_back(text.data());
           pointers.push_back(nullptr);
           execv(program.c_str(), pointers.data());

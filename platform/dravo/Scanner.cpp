@@ -257,7 +257,7 @@ std::shared_ptr<const ApplicationRecord> Scanner::applicationRecord(int director
     const ByItself certainty{uncertain_};
     const auto status = statusOf(directory, bundle::kInfoFile, path);
     const file::Stamp stamp = status ? file::stampOf(*status) : file::Stamp{};
-    const auto known = known_->application(path);
+    auto known = known_->application(path);
     if (known && known->facts().info == stamp && known->facts().containerPath == container) return seen_[path] = known;
     ApplicationFacts facts;
     facts.row = known ? known->facts().row : ++lastRow_;

@@ -198,7 +198,8 @@ void Watcher::Look::towards(const std::string& path) {
         }
         above(reached);
         // The step may have appeared, and what was reached may have gone elsewhere, before all was watched.
-        const bool appeared = !next.empty() && ::access((reached + "/" + next).c_str(), F_OK) == 0;
+        const bool appeared =
+            !next.empty() && ::access(std::string{reached}.append("/").append(next).c_str(), F_OK) == 0;
         if (!appeared && ::access(reached.c_str(), F_OK) == 0) return;
     }
 }
