@@ -32,8 +32,7 @@ const std::optional<std::string>& PlugInRecord::bundlePath() const {
 
 bool PlugInRecord::isInPlace() const {
     const auto there = file::stampOf(bundle_.path());
-    const file::Stamp& read = bundle_.facts().stamps.directory;
-    return there && there->device == read.device && there->inode == read.inode;
+    return there && file::isSameFile(*there, bundle_.facts().stamps.directory);
 }
 
 const std::string& PlugInRecord::originalIdentifier() const {
@@ -125,8 +124,8 @@ bool sameContent(const BundleRecord& a, const BundleRecord& b) {
 bool sameDirectory(const BundleRecord& a, const BundleRecord& b) {
     const file::Stamp& x = a.facts().stamps.directory;
     const file::Stamp& y = b.facts().stamps.directory;
-    const auto isUnknown = [](const file::Stamp& stamp) { return stamp.device == 0 && stamp.inode == 0; };
-    return isUnknown(x) || isUnknown(y) || (x.device == y.device && x.inode == y.inode);
+    const auto isUnknown = [](const file::Stamp& stamp) { return file::isSameFile(stamp, {}); };
+    return isUnknown(x) || isUnknown(y) || file::isSameFile(x, y);
 }
 
 }  // namespace dravo

@@ -24,13 +24,6 @@ struct Surroundings {
 
 class ApplicationRecord final : public DVApplicationProxy {
 public:
-    // Whether the application is still being installed, as far as the registry can tell without looking at the disk.
-    enum class Placeholder : std::uint8_t {
-        unknown,  // nobody watches its directory, or something in it has changed since
-        absent,
-        present,
-    };
-
     ApplicationRecord(std::string path, ApplicationFacts facts) : path_{std::move(path)}, facts_{std::move(facts)} {}
 
     const ApplicationFacts& facts() const { return facts_; }
@@ -46,6 +39,13 @@ public:
     void doubtPlaceholder() const { placeholder_.store(Placeholder::unknown, std::memory_order_relaxed); }
 
 private:
+    // Whether the application is still being installed, as far as the registry can tell without looking at the disk.
+    enum class Placeholder : std::uint8_t {
+        unknown,  // nobody watches its directory, or something in it has changed since
+        absent,
+        present,
+    };
+
     Placeholder placeholderOnDisk() const;
 
     const std::string path_;

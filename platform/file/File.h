@@ -27,6 +27,11 @@ struct Stamp {
     friend bool operator==(const Stamp&, const Stamp&) = default;
 };
 
+// Whether both are of one file, changed or not.
+inline bool isSameFile(const Stamp& a, const Stamp& b) {
+    return a.device == b.device && a.inode == b.inode;
+}
+
 Stamp stampOf(const struct stat& status);
 std::optional<Stamp> stampOf(const std::string& path);  // follows links; nothing when it cannot be read
 

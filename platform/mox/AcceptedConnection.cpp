@@ -255,7 +255,6 @@ void AcceptedConnection::runDeferred() noexcept {
     sendHeldBack();
 }
 
-// With outputLock_ held.
 void AcceptedConnection::sendHeldBack() {
     if (std::exchange(heldBack_, false)) afterOutput(output_.flush(socket_.get()));
 }
@@ -304,7 +303,7 @@ void AcceptedConnection::end() {
     handshakeTimer_.reset();
     {
         const std::lock_guard lock{outputLock_};
-        if (std::exchange(heldBack_, false)) static_cast<void>(output_.flush(socket_.get()));
+        sendHeldBack();
         drainTimer_.reset();
         socketWatch_.reset();
         output_.clear();

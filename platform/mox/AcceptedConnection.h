@@ -91,8 +91,8 @@ private:
     bool authenticate(const Frame& echo);
     bool deliverMessage(Frame&& frame);
 
-    void sendHeldBack();
-    void afterOutput(OutputQueue::State state);  // with outputLock_ held
+    void sendHeldBack();                         // with outputLock_ held
+    void afterOutput(OutputQueue::State state);  // likewise
     void checkDrained();
 
     void breakOff(std::string_view why);  // ends, and says so in the log

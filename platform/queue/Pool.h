@@ -37,7 +37,7 @@ public:
     // Puts a scheduled queue on the list, and wakes a thread for it unless the caller is one that comes for it itself.
     void schedule(std::shared_ptr<SerialQueue::State> queue);
 
-    bool defer(std::shared_ptr<Deferred> work);
+    bool defer(std::shared_ptr<Deferred> work);  // as queue::defer()
 
     // The calling thread is about to wait for another one: what it left for itself is somebody else's now.
     void beforeBlocking();

@@ -64,9 +64,9 @@ public:
 };
 
 // Has it run once, when what waits for a thread now has had its turn, or a millisecond later should some of that take
-// longer. False, and nothing is to come, when the caller is not a thread of the pool's or nothing waits.
-// For what wakes another process: a batch of requests is answered at its end, so that who waits for the answers is
-// woken once and not for each of them.
+// longer. False, and nothing is to come, when the caller is not a thread of the pool's, nothing waits, or no other
+// thread is free to come for it in time. For what wakes another process: a batch of requests is answered at its end, so
+// that who waits for the answers is woken once and not for each of them.
 bool defer(std::shared_ptr<Deferred> work);
 
 // The main thread's run loop: lends the calling thread to the pool, forever.
