@@ -112,7 +112,7 @@ std::optional<value::Error> VTDPlugIn::enableForPid(pid_t pid) const {
     if (!executable) {
         return VTErrorWithFormat(VTErrorRequest, "cannot obtain executable path for plug-in {}({})", name, id);
     }
-    const int error = services::Manager::shared()->add(pid, *executable, overlay);
+    const int error = services::Manager::shared()->add(pid, {name, uuid()}, *executable, overlay);
     if (error == 0) return {};
     logging::notice(text::format("mox error {} allowing pid {} to use plug-in {}({}) {} at {}", error, pid, name,
                                  version(), id, path()));
