@@ -32,7 +32,10 @@ const Transaction::Handler* Transaction::handlerNamed(std::string_view name) {
 }
 
 Transaction::Transaction(mox::Request request, std::shared_ptr<VTDMoxClient> client)
-    : client_{std::move(client)}, request_{std::move(request)}, reply_{request_} {}
+    : client_{std::move(client)},
+      request_{std::move(request)},
+      annotationRound_{*client_->server()},
+      reply_{request_} {}
 
 const std::shared_ptr<VTDServer>& Transaction::server() const {
     return client_->server();
@@ -114,6 +117,7 @@ bool Transaction::processUuidList(const PlugInHandler& handler) {
 }
 
 void Transaction::done() {
+    annotationRound_.end();
     if (server()->verbose() >= 2) server()->debug("Replying {}", reply_);
     probes::requestOutput(client_->pid(), [this] { return description(reply_); });
     if (const auto peer = connection()) peer->send(reply_);

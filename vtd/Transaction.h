@@ -9,6 +9,7 @@
 #include "Velto/VTAtomic.h"
 #include "platform/mox/Connection.h"
 #include "platform/value/Value.h"
+#include "vtd/VTDAnnotationRound.h"
 
 class VTDMoxClient;
 class VTDPlugIn;
@@ -53,7 +54,7 @@ public:
     // done().
     bool processUuidList(const PlugInHandler& handler);
 
-    void done();  // sends the reply
+    void done();  // saves what was decided about plug-ins, and sends the reply
 
     // Fills in the error and sends the reply. An error of the domain "Velto" brings its own code, and its message if it
     // has one; any other is sent under the code given here.
@@ -88,6 +89,7 @@ private:
 
     const std::shared_ptr<VTDMoxClient> client_;
     const mox::Request request_;
+    VTDAnnotationRound annotationRound_;
     mox::Reply reply_;
     VTAtomic<std::uint64_t> version_;
 };
