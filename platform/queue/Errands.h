@@ -1,14 +1,13 @@
 #pragma once
 
-#include <sys/types.h>
-
 #include <condition_variable>
 #include <cstdint>
 #include <functional>
 #include <list>
 #include <map>
 #include <mutex>
-#include <tuple>
+
+#include "platform/queue/Owner.h"
 
 namespace queue {
 
@@ -33,14 +32,7 @@ namespace queue {
 // user space has taken the request and gives no answer) keeps the process's remains until that file system ends.
 class Errands {
 public:
-    // Pid and start time: a reused pid is another process. The default is this process itself.
-    struct Owner {
-        pid_t process = 0;
-        std::uint64_t startTime = 0;
-        friend bool operator<(const Owner& a, const Owner& b) {
-            return std::tie(a.process, a.startTime) < std::tie(b.process, b.startTime);
-        }
-    };
+    using Owner = queue::Owner;
 
     struct Bounds {
         unsigned ofOneOwner = 4;            // run at a time
