@@ -11,6 +11,7 @@
 #include <string_view>
 #include <unordered_map>
 
+#include "platform/bundle/Bundle.h"
 #include "platform/file/UniqueFd.h"
 #include "platform/mox/Dictionary.h"
 #include "platform/queue/Reactor.h"
@@ -50,11 +51,14 @@ public:
     Manager(const Manager&) = delete;
     Manager& operator=(const Manager&) = delete;
 
-    // Registers the executable, which must be the one that its bundle names, for the host process. 0 when the file is
-    // in place, else an error number: ESRCH for a process that has ended, ENOEXEC for another executable, EDQUOT and
-    // EFBIG for too much, EINVAL for an overlay that no property list can hold, and whatever the file system said.
-    // After an error an earlier registration of the bundle stands as it was.
+    // Registers the executable, which must be the one that its bundle names, for the host process; the bundle is opened
+    // at its path, unless the caller has it open. 0 when the file is in place, else an error number: ESRCH for a
+    // process that has ended, ENOEXEC for another executable, EDQUOT and EFBIG for too much, EINVAL for an overlay that
+    // no property list can hold, and whatever the file system said. After an error an earlier registration of the
+    // bundle stands as it was.
     [[nodiscard]] int add(pid_t host, const std::string& executable, const mox::Dictionary& overlay);
+    [[nodiscard]] int add(pid_t host, const std::string& executable, const bundle::Bundle& bundle,
+                          const mox::Dictionary& overlay);
 
     // What to remove: the registrations, for whatever host, of the bundle at this path, whatever identifier and version
     // it had when it was registered; without a path, of all bundles of this identifier and version.
