@@ -7,7 +7,6 @@
 #include <limits>
 #include <utility>
 
-#include "Velto/VTBundle.h"
 #include "Velto/VTError.h"
 #include "Velto/VTInfoKeys.h"
 #include "Velto/VTIssueReadExtension.h"
@@ -18,9 +17,6 @@
 #include "platform/text/Utf8.h"
 
 namespace {
-
-// Each shared resource costs a look at the disk in every discovery: a bundle may not name so many that others wait.
-constexpr std::size_t kMostSharedResources = 256;
 
 // Generations of the plug-in protocol where a bundle names none.
 constexpr std::uint32_t kOldStyleProtocol = 1;
@@ -73,7 +69,8 @@ std::shared_ptr<VTDPlugIn> VTDPlugIn::initWithDVData(const std::shared_ptr<const
         logging::notice(text::format("ignoring plug-in at {}: its path is not UTF-8", *url));
         return nullptr;
     }
-    const value::Dictionary info = prunedInfoDictionaryFor(VTBundle::initWithURL(*url)->infoDictionary());
+    const auto reading = proxy->readInfo();
+    const value::Dictionary info = prunedInfoDictionaryFor(reading ? std::optional{reading->info} : std::nullopt);
 
     auto plugIn = std::make_shared<VTDPlugIn>();
     // The set-up derives the plug-in dictionary from the bundle's own and never looks at the registry's copy, which the
@@ -82,6 +79,7 @@ std::shared_ptr<VTDPlugIn> VTDPlugIn::initWithDVData(const std::shared_ptr<const
         return nullptr;
     }
     plugIn->setDvproxy(proxy);
+    plugIn->setIsAsRegistered(reading && reading->isAsKnown);
     plugIn->setOriginalIdentifier(proxy->originalIdentifier());
     plugIn->setLastModified(wholeSeconds(proxy->registrationDate()));
     plugIn->setOnSystemVolume(proxy->onSystemPartition());
@@ -168,26 +166,21 @@ value::Dictionary VTDPlugIn::issueResourceExtensions(const value::Value& shared)
     }
 
     const std::string root = url();
+    const auto open = [this] { return dvproxy()->openBundle(); };
     value::Dictionary::Builder extensions;
-    extensions.reserve(std::min(names.size(), kMostSharedResources));
-    std::size_t looked = 0;
+    extensions.reserve(names.size());
     for (const value::Value& element : names) {
-        if (++looked > kMostSharedResources) {
-            logging::notice(text::format("only the first {} shared resources of the plug-in at {} are extended",
-                                         kMostSharedResources, root));
-            break;
-        }
         const std::string* name = element.string();
         if (name == nullptr) continue;
-        const std::string target = *name == "." ? root : root + '/' + *name;
-        if (const auto token = VTIssueReadExtension(target, root)) {
+        if (const auto token = VTIssueReadExtension(root, *name, open)) {
             extensions.set(*name, *token);
         } else {
+            const std::string target = *name == "." ? root : root + '/' + *name;
             logging::notice(text::format("failed to make extension for {} in plug-in at {}: {}", target, root,
                                          std::strerror(errno)));
         }
     }
     value::Dictionary issued = std::move(extensions).build();
-    if (onlyBundle && dvproxy()->isInPlace()) bundleExtension_.store(issued);
+    if (onlyBundle) bundleExtension_.store(issued);
     return issued;
 }

@@ -106,7 +106,7 @@ std::shared_ptr<VTDPlugIn> VTDatabase::createPlugInForProxy(const std::shared_pt
     std::erase_if(departing_, [](const auto& announced) { return announced.expired(); });
     const bool departing = std::any_of(departing_.begin(), departing_.end(),
                                        [&](const auto& announced) { return announced.lock() == proxy; });
-    if (departing) return plugIn;
+    if (departing || !plugIn->isAsRegistered()) return plugIn;
     purgeCachesToLimit(static_cast<std::int32_t>(cacheLimit()));
     cache_[plugIn->uuid()] = plugIn;
     return plugIn;
@@ -133,8 +133,8 @@ void VTDatabase::setCache(Cache cache) {
 
 // --- Registration
 
-std::optional<value::Error> VTDatabase::addPlugIn(const std::string& path) {
-    if (workspace()->registerPlugin(path)) return {};
+std::optional<value::Error> VTDatabase::addPlugIn(const std::string& path, const dravo::Registrant& registrant) {
+    if (workspace()->registerPlugin(path, registrant)) return {};
     return VTError(VTErrorRegistry, "Dravo failed to register the plug-in");
 }
 

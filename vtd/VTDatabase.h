@@ -66,7 +66,7 @@ public:
 
     // --- Registration
 
-    [[nodiscard]] std::optional<value::Error> addPlugIn(const std::string& path);
+    [[nodiscard]] std::optional<value::Error> addPlugIn(const std::string& path, const dravo::Registrant& registrant);
     [[nodiscard]] std::optional<value::Error> removePlugIn(const std::string& path);
 
     // --- Annotations

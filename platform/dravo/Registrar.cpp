@@ -140,7 +140,12 @@ void Registrar::publish(std::shared_ptr<const Snapshot> snapshot) {
     snapshot_.swap(snapshot);  // the old one goes behind the lock
 }
 
-bool Registrar::registerPlugin(const std::string& path) {
+// Who is sandboxed could make a bundle anywhere that claims to be another's, but nobody would find it there.
+bool Registrar::registerPlugin(const std::string& path, const Registrant& registrant) {
+    if (!liesWhereInstalled(path) && registrant.isSandboxed()) {
+        logging::notice(text::format("{} lies in no application, and who asks to register it is sandboxed", path));
+        return false;
+    }
     return queue_->sync([&] { return registerCanonical(path); });
 }
 

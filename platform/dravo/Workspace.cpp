@@ -35,7 +35,9 @@ public:
         return registrar_->snapshot()->plugInsWithin(application.bundlePath());
     }
 
-    bool registerPlugin(const std::string& path) override { return registrar_->registerPlugin(path); }
+    bool registerPlugin(const std::string& path, const Registrant& registrant) override {
+        return registrar_->registerPlugin(path, registrant);
+    }
     bool unregisterPlugin(const std::string& path) override { return registrar_->unregisterPlugin(path); }
     void clearSchemaCaches() override { registrar_->clearSchemaCaches(); }
 

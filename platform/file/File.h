@@ -91,8 +91,8 @@ using Take = std::function<void(std::string_view piece)>;
 void removeLeftovers(const std::string& path);
 
 // All symbolic links, "." and ".." removed, in one system call that may block for as long as a file system on the way
-// likes. Nothing when the path does not exist, holds a NUL byte, is longer than the kernel takes or than 1023 bytes once
-// resolved, or leads through one of /proc's links into another process; errno then tells why.
+// likes. Nothing when the path does not exist, holds a NUL byte, is longer than the kernel takes or than 1023 bytes
+// once resolved, or leads through one of /proc's links into another process; errno then tells why.
 std::optional<std::string> canonicalPath(const std::string& path);
 
 // The same where the kernel has all of it at hand, so that nothing blocks; else nothing, and errno is EAGAIN.

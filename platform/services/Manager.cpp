@@ -14,7 +14,6 @@
 #include <utility>
 #include <vector>
 
-#include "platform/bundle/Bundle.h"
 #include "platform/file/File.h"
 #include "platform/logging/Log.h"
 #include "platform/mox/PeerIdentity.h"
@@ -62,12 +61,11 @@ int errorNumber(const value::Error& error) {
 }
 
 // What the bundle around an executable says about it; nothing when it is not the executable that its bundle names.
-std::optional<Registration> describe(const std::string& executable) {
+std::optional<Registration> describe(const std::string& executable, const bundle::Bundle& bundle) {
     Registration registration;
     registration.executable = executable;
-    const auto bundle = bundle::Bundle::open(bundlePathOf(registration), bundle::PathKind::directory);
-    const auto info = bundle->infoDictionary();
-    if (!info || bundle->executablePath() != executable) return {};
+    const auto info = bundle.infoDictionary();
+    if (!info || bundle.executablePath() != executable) return {};
     registration.identifier = bundle::identifierOf(*info);
     registration.version = bundle::versionOf(*info);
     return registration;
@@ -90,7 +88,13 @@ std::shared_ptr<Manager> Manager::open(std::string directory) {
 Manager::Manager(std::string directory) : directory_{std::move(directory)} {}
 
 int Manager::add(pid_t host, const PlugIn& plugIn, const std::string& executable, const mox::Dictionary& overlay) {
-    auto registration = describe(executable);
+    const std::string directory = executable.substr(0, executable.rfind('/'));
+    return add(host, plugIn, executable, *bundle::Bundle::open(directory, bundle::PathKind::directory), overlay);
+}
+
+int Manager::add(pid_t host, const PlugIn& plugIn, const std::string& executable, const bundle::Bundle& bundle,
+                 const mox::Dictionary& overlay) {
+    auto registration = describe(executable, bundle);
     if (!registration) return ENOEXEC;
     registration->plugIn = plugIn.identifier;
     registration->uuid = plugIn.uuid;
