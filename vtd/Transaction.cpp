@@ -2,6 +2,7 @@
 
 #include <new>
 #include <string_view>
+#include <unordered_set>
 #include <utility>
 
 #include "Velto/VTError.h"
@@ -43,6 +44,7 @@ std::shared_ptr<mox::Connection> Transaction::connection() const {
 }
 
 void Transaction::dispatch() {
+    const effort::Charging charging{account_};
     const auto nameValue = request().find(VTKey::request);
     const std::optional<std::string_view> name = nameValue ? nameValue->string() : std::nullopt;
     const auto versionValue = request().find(VTKey::version);
@@ -94,6 +96,7 @@ bool Transaction::processPaths(const PathHandler& handler) {
 }
 
 bool Transaction::processUuidList(const PlugInHandler& handler) {
+    constexpr std::uint64_t kUnitsAnElement = 20;
     const auto malformed = [this](const char* message) {
         fail(VTErrorRequest, message);
         return false;
@@ -101,9 +104,15 @@ bool Transaction::processUuidList(const PlugInHandler& handler) {
     const auto uuids = mox_dictionary_get_array(request(), VTKey::uuids);
     if (!uuids) return malformed("invalid request format (uuid)");
 
+    static_cast<void>(account_.take(uuids->count() * kUnitsAnElement));
+    if (!mayGoOn()) return false;
+
+    std::unordered_set<value::Uuid> known;
     return uuids->forEachElement([&](mox::View element) {
         const std::optional<value::Uuid> sent = element.uuid();
         if (!sent) return malformed("invalid request (bad uuid array)");
+        if (!known.insert(*sent).second) return true;
+        account_.grantShares(1);
         // An object of its own, as the protocol has it: want of memory is answered, and does not end the daemon.
         const std::unique_ptr<const value::Uuid> uuid{new (std::nothrow) value::Uuid{*sent}};
         if (!uuid) return malformed("invalid request (uuid allocation failure)");
@@ -111,6 +120,19 @@ bool Transaction::processUuidList(const PlugInHandler& handler) {
         if (!plugIn) return malformed("no such plugin (uuid not found)");
         return handler(plugIn);
     });
+}
+
+bool Transaction::mayGoOn() {
+    return !account_.isSpent() || failForEffort();
+}
+
+bool Transaction::failForEffort() {
+    const auto name = request().find(VTKey::request);
+    server()->log("client {}: the request {} is too much work ({} us spent)", client_->pid(),
+                  name ? logging::excerpt(name->string().value_or("")) : "(null)",
+                  account_.spent() / effort::kUnitsAMicrosecond);
+    fail(VTErrorRequest, "the request is too much work");
+    return false;
 }
 
 void Transaction::done() {

@@ -7,6 +7,7 @@
 #include <string>
 
 #include "Velto/VTAtomic.h"
+#include "platform/effort/Effort.h"
 #include "platform/mox/Connection.h"
 #include "platform/value/Value.h"
 
@@ -25,6 +26,9 @@ class VTForm;
 // Ownership: owns its client, so that a handler never loses it; the connection may be gone all the same, and the reply
 // is then dropped.
 // Threading: made where the connection delivers its events; from dispatch() on it belongs to the service queue.
+//
+// Effort: what the request makes the daemon do is charged to one account, which is the current one during dispatch().
+// A handler judges it (mayGoOn) before it changes anything.
 class Transaction {
 public:
     // What is done with one path: `resolved` tells whether it is canonical, or as sent since it could not be resolved.
@@ -48,10 +52,13 @@ public:
     // The same, and done() when all went through.
     bool processPaths(const PathHandler& handler);
 
-    // Hands the plug-in of each of the request's "uuids" to the handler, in order, up to the first element that names
-    // none (the request has then failed) or that the handler refuses. Answers whether all went through; it never calls
-    // done().
+    // Hands the plug-in of each of the request's "uuids" to the handler, in order and each UUID once, up to the first
+    // element that names none (the request has then failed) or that the handler refuses. Answers whether all went
+    // through; it never calls done(). What reading them costs is judged before the first is handed on.
     bool processUuidList(const PlugInHandler& handler);
+
+    // Whether there is effort left; else the request has failed.
+    bool mayGoOn();
 
     void done();  // sends the reply
 
@@ -65,6 +72,7 @@ public:
     std::shared_ptr<mox::Connection> connection() const;  // null once it is gone
     mox::View request() const { return request_.view(); }
     mox::Reply& reply() { return reply_; }
+    effort::Account& account() { return account_; }
     std::uint64_t version() const { return version_.load(); }
     void setVersion(std::uint64_t version) { version_.store(version); }
 
@@ -82,6 +90,7 @@ private:
     void annotatePlugIns();
     void lockDownPlugIns();
     void releaseHolds(mox::View tokens);
+    bool failForEffort();
 
     // Sets the form's "annotations" to the plug-in's, or to none.
     void addAnnotationForPlugIn(const VTDPlugIn& plugIn, VTForm& form) const;
@@ -89,5 +98,6 @@ private:
     const std::shared_ptr<VTDMoxClient> client_;
     const mox::Request request_;
     mox::Reply reply_;
+    effort::Account account_;
     VTAtomic<std::uint64_t> version_;
 };

@@ -7,7 +7,6 @@
 #include <limits>
 #include <utility>
 
-#include "Velto/VTBundle.h"
 #include "Velto/VTError.h"
 #include "Velto/VTInfoKeys.h"
 #include "Velto/VTIssueReadExtension.h"
@@ -15,6 +14,7 @@
 #include "platform/logging/Log.h"
 #include "platform/text/Format.h"
 #include "platform/text/Utf8.h"
+#include "vtd/BundleInfo.h"
 
 namespace {
 
@@ -58,18 +58,27 @@ const std::string& annotationKeyFor(const std::string& identifier, const value::
 }
 
 std::shared_ptr<VTDPlugIn> VTDPlugIn::initWithDVData(const std::shared_ptr<const dravo::DVVeltoProxy>& proxy) {
+    BundleInfo info;
+    Refusal refusal{};
+    return initWithDVData(proxy, info, refusal);
+}
+
+std::shared_ptr<VTDPlugIn> VTDPlugIn::initWithDVData(const std::shared_ptr<const dravo::DVVeltoProxy>& proxy,
+                                                     BundleInfo& bundleInfo, Refusal& refusal) {
     const std::optional<std::string>& url = proxy->bundlePath();
     if (!url) return nullptr;
     if (!text::isUtf8(*url)) {  // no form could carry it
         logging::notice(text::format("ignoring plug-in at {}: its path is not UTF-8", *url));
         return nullptr;
     }
-    const value::Dictionary info = prunedInfoDictionaryFor(VTBundle::initWithURL(*url)->infoDictionary());
+    const BundleInfo::Info& info = bundleInfo.of(*proxy);
+    // What cannot be read now was readable when the registry read it, and may be again.
+    refusal = info.wasRead ? Refusal::lasting : Refusal::passing;
 
     auto plugIn = std::make_shared<VTDPlugIn>();
     // The set-up derives the plug-in dictionary from the bundle's own and never looks at the registry's copy, which the
     // registry would have to read from the disk for this.
-    if (!plugIn->setupWithName(proxy->pluginIdentifier(), url, info, {}, proxy->pluginUUID())) {
+    if (!plugIn->setupWithName(proxy->pluginIdentifier(), url, info.pruned, {}, proxy->pluginUUID())) {
         return nullptr;
     }
     plugIn->setDvproxy(proxy);
@@ -80,6 +89,7 @@ std::shared_ptr<VTDPlugIn> VTDPlugIn::initWithDVData(const std::shared_ptr<const
     plugIn->setHubProtocolVersion(protocolVersion(plugIn->topDictionary(), plugIn->bundleInfoDictionary()));
     if (const auto container = proxy->containingBundle()) plugIn->setContainingUrl(container->bundlePath);
     if (const auto error = plugIn->diagnose()) {
+        if (!plugIn->VTPlugInCore::diagnose()) refusal = Refusal::passing;  // its data container is wanting
         logging::notice(text::format("ignoring mis-configured plug-in at {}: {}", *url, error->localizedDescription()));
         return nullptr;
     }

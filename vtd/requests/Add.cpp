@@ -1,3 +1,6 @@
+#include <string>
+#include <unordered_set>
+
 #include "Velto/VTProtocol.h"
 #include "platform/text/Format.h"
 #include "vtd/Probes.h"
@@ -6,11 +9,13 @@
 #include "vtd/VTDServer.h"
 
 void Transaction::addPlugIns() {
-    processPaths([this](const std::string& path, bool resolved) {
+    std::unordered_set<std::string> added;
+    processPaths([&](const std::string& path, bool resolved) {
         if (!resolved) {
             fail(VTErrorPath, text::format("invalid plugin path: {}", path));
             return false;
         }
+        if (!added.insert(path).second) return true;
         probes::pluginAdd(path);
         if (!server()->addPlugIn(path)) return true;
         server()->log("failed to register plug-in at {}", path);
