@@ -71,6 +71,9 @@ public:
     // supersedes it).
     std::optional<Refusal> visit(const VTDPlugIn& candidate);
 
+    // Of the matches as they will be encoded, or a little more.
+    std::size_t encodedBytes() const { return matches_.encodedBytes(); }
+
     // How many were left out since the reply would be too large.
     std::size_t leftOut() const { return leftOut_; }
 

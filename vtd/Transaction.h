@@ -10,7 +10,9 @@
 #include "platform/effort/Effort.h"
 #include "platform/mox/Connection.h"
 #include "platform/value/Value.h"
+#include "vtd/VTDAnnotationRound.h"
 
+class RequestPaths;
 class VTDMoxClient;
 class VTDPlugIn;
 class VTDServer;
@@ -25,10 +27,10 @@ class VTForm;
 //
 // Ownership: owns its client, so that a handler never loses it; the connection may be gone all the same, and the reply
 // is then dropped.
-// Threading: made where the connection delivers its events; from dispatch() on it belongs to the service queue.
+// Threading: the service queue's.
 //
-// Effort: what the request makes the daemon do is charged to one account, which is the current one during dispatch().
-// A handler judges it (mayGoOn) before it changes anything.
+// Effort: what the request makes the daemon do is charged to one account, which is the current one during dispatch();
+// what its paths have cost is on it by then. A handler judges it (mayGoOn) before it changes anything.
 class Transaction {
 public:
     // What is done with one path: `resolved` tells whether it is canonical, or as sent since it could not be resolved.
@@ -39,7 +41,9 @@ public:
     // replied.
     using PlugInHandler = std::function<bool(const std::shared_ptr<VTDPlugIn>& plugIn)>;
 
-    Transaction(mox::Request request, std::shared_ptr<VTDMoxClient> client);  // initWithRequest:forClient:
+    // initWithRequest:forClient:, with what the request's paths lead to when its handler asks for that.
+    Transaction(mox::Request request, std::shared_ptr<VTDMoxClient> client,
+                std::shared_ptr<RequestPaths> paths = nullptr);
     Transaction(const Transaction&) = delete;
     Transaction& operator=(const Transaction&) = delete;
 
@@ -60,7 +64,7 @@ public:
     // Whether there is effort left; else the request has failed.
     bool mayGoOn();
 
-    void done();  // sends the reply
+    void done();  // saves what was decided about plug-ins, and sends the reply
 
     // Fills in the error and sends the reply. An error of the domain "Velto" brings its own code, and its message if it
     // has one; any other is sent under the code given here.
@@ -97,7 +101,10 @@ private:
 
     const std::shared_ptr<VTDMoxClient> client_;
     const mox::Request request_;
+    VTDAnnotationRound annotationRound_;
     mox::Reply reply_;
-    effort::Account account_;
+    const std::shared_ptr<RequestPaths> paths_;  // null: the handler asks for none, or they are no list
+    effort::Account own_;
+    effort::Account& account_;  // that of the paths, where they have begun one
     VTAtomic<std::uint64_t> version_;
 };

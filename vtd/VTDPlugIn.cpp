@@ -12,14 +12,12 @@
 #include "Velto/VTIssueReadExtension.h"
 #include "Velto/VTProtocol.h"
 #include "platform/logging/Log.h"
+#include "platform/plist/Plist.h"
 #include "platform/text/Format.h"
 #include "platform/text/Utf8.h"
 #include "vtd/BundleInfo.h"
 
 namespace {
-
-// Each shared resource costs a look at the disk in every discovery: a bundle may not name so many that others wait.
-constexpr std::size_t kMostSharedResources = 256;
 
 // Generations of the plug-in protocol where a bundle names none.
 constexpr std::uint32_t kOldStyleProtocol = 1;
@@ -40,6 +38,14 @@ std::uint32_t protocolVersion(const value::Dictionary& top, const value::Diction
     return bundleInfo.contains(VTInfoKey::oldStyle) ? kOldStyleProtocol : kCurrentProtocol;
 }
 
+// Of what an annotation is stored under in a file: a bundle's claim, which may be anything.
+bool couldBeIdentifier(const std::string& text) {
+    constexpr std::size_t kLongest = 1024;
+    const auto isControl = [](unsigned char c) { return c < 0x20 || c == 0x7F; };
+    return text.size() <= kLongest && std::none_of(text.begin(), text.end(), isControl) &&
+           plist::writeXmlKey(text, 0).ok();
+}
+
 // The name that is kept, else what the registry answers, which is then kept.
 template <typename Ask>
 std::string keptName(VTAtomic<std::string>& kept, Ask&& ask) {
@@ -54,7 +60,7 @@ std::string keptName(VTAtomic<std::string>& kept, Ask&& ask) {
 
 const std::string& annotationKeyFor(const std::string& identifier, const value::Dictionary& entitlements) {
     const std::string* replaced = entitlements.string(kReplacePlugInEntitlement);
-    return replaced != nullptr ? *replaced : identifier;
+    return replaced != nullptr && couldBeIdentifier(*replaced) ? *replaced : identifier;
 }
 
 std::shared_ptr<VTDPlugIn> VTDPlugIn::initWithDVData(const std::shared_ptr<const dravo::DVVeltoProxy>& proxy) {
@@ -72,8 +78,8 @@ std::shared_ptr<VTDPlugIn> VTDPlugIn::initWithDVData(const std::shared_ptr<const
         return nullptr;
     }
     const BundleInfo::Info& info = bundleInfo.of(*proxy);
-    // What cannot be read now was readable when the registry read it, and may be again.
-    refusal = info.wasRead ? Refusal::lasting : Refusal::passing;
+    // What is no longer what the registry knows, or cannot be read now, will be looked at again.
+    refusal = info.isAsKnown ? Refusal::lasting : Refusal::passing;
 
     auto plugIn = std::make_shared<VTDPlugIn>();
     // The set-up derives the plug-in dictionary from the bundle's own and never looks at the registry's copy, which the
@@ -82,6 +88,7 @@ std::shared_ptr<VTDPlugIn> VTDPlugIn::initWithDVData(const std::shared_ptr<const
         return nullptr;
     }
     plugIn->setDvproxy(proxy);
+    plugIn->setIsAsRegistered(info.isAsKnown);
     plugIn->setOriginalIdentifier(proxy->originalIdentifier());
     plugIn->setLastModified(wholeSeconds(proxy->registrationDate()));
     plugIn->setOnSystemVolume(proxy->onSystemPartition());
@@ -169,26 +176,21 @@ value::Dictionary VTDPlugIn::issueResourceExtensions(const value::Value& shared)
     }
 
     const std::string root = url();
+    const auto open = [this] { return dvproxy()->openBundle(); };
     value::Dictionary::Builder extensions;
-    extensions.reserve(std::min(names.size(), kMostSharedResources));
-    std::size_t looked = 0;
+    extensions.reserve(names.size());
     for (const value::Value& element : names) {
-        if (++looked > kMostSharedResources) {
-            logging::notice(text::format("only the first {} shared resources of the plug-in at {} are extended",
-                                         kMostSharedResources, root));
-            break;
-        }
         const std::string* name = element.string();
         if (name == nullptr) continue;
-        const std::string target = *name == "." ? root : root + '/' + *name;
-        if (const auto token = VTIssueReadExtension(target, root)) {
+        if (const auto token = VTIssueReadExtension(root, *name, open)) {
             extensions.set(*name, *token);
         } else {
+            const std::string target = *name == "." ? root : root + '/' + *name;
             logging::notice(text::format("failed to make extension for {} in plug-in at {}: {}", target, root,
                                          std::strerror(errno)));
         }
     }
     value::Dictionary issued = std::move(extensions).build();
-    if (onlyBundle && dvproxy()->isInPlace()) bundleExtension_.store(issued);
+    if (onlyBundle) bundleExtension_.store(issued);
     return issued;
 }

@@ -41,6 +41,8 @@ public:
         }
     }
 
+    std::optional<Fault> key(std::size_t depth, std::string_view name) { return text(depth, "key", name); }
+
 private:
     std::optional<Fault> line(std::size_t depth, std::string_view tag) {
         out_.append(depth, '\t').append(tag).append("\n");
@@ -113,7 +115,7 @@ private:
         if (depth >= Limits{}.depth) return unwritable("containers too deep inside one another");
         line(depth, "<dict>");
         for (const auto& [key, value] : entries) {
-            if (auto fault = text(depth + 1, "key", key)) return fault;
+            if (auto fault = this->key(depth + 1, key)) return fault;
             if (auto fault = write(value, depth + 1)) return fault;
         }
         return line(depth, "</dict>");
@@ -122,14 +124,28 @@ private:
     std::string& out_;
 };
 
+constexpr char kOperation[] = "writing a property list";
+
 }  // namespace
 
 value::Result<std::string> writeXml(const value::Value& root) {
     std::string text = "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n<plist version=\"1.0\">\n";
     const auto fault = Writer{text}.write(root, 0);
     static_cast<void>(effort::take(text.size() / kBytesAUnit));
-    if (fault) return errorOf(*fault, "writing a property list");
+    if (fault) return errorOf(*fault, kOperation);
     return text.append("</plist>\n");
+}
+
+value::Result<std::string> writeXmlLines(const value::Value& value, std::size_t depth) {
+    std::string lines;
+    if (const auto fault = Writer{lines}.write(value, depth)) return errorOf(*fault, kOperation);
+    return lines;
+}
+
+value::Result<std::string> writeXmlKey(std::string_view key, std::size_t depth) {
+    std::string line;
+    if (const auto fault = Writer{line}.key(depth, key)) return errorOf(*fault, kOperation);
+    return line;
 }
 
 }  // namespace plist

@@ -2,6 +2,8 @@
 #include <unordered_set>
 
 #include "Velto/VTProtocol.h"
+#include "platform/dravo/Dravo.h"
+#include "platform/sandbox/Sandbox.h"
 #include "platform/text/Format.h"
 #include "vtd/Probes.h"
 #include "vtd/Transaction.h"
@@ -9,6 +11,10 @@
 #include "vtd/VTDServer.h"
 
 void Transaction::addPlugIns() {
+    const dravo::Registrant registrant{[this] {
+        const auto peer = connection();
+        return !peer || sandbox::isSandboxed(*peer->identity());
+    }};
     std::unordered_set<std::string> added;
     processPaths([&](const std::string& path, bool resolved) {
         if (!resolved) {
@@ -17,7 +23,7 @@ void Transaction::addPlugIns() {
         }
         if (!added.insert(path).second) return true;
         probes::pluginAdd(path);
-        if (!server()->addPlugIn(path)) return true;
+        if (!server()->addPlugIn(path, registrant)) return true;
         server()->log("failed to register plug-in at {}", path);
         fail(VTErrorRegistry, text::format("unable to register plug-in at {}", path));
         return false;

@@ -14,8 +14,9 @@
 
 namespace {
 
-// Far below what a frame may hold, far above what any device has installed: reached only by bundles made to reach it.
-constexpr std::size_t kMostEncodedBytes = std::size_t{256} << 20;
+// Within what one process may have waiting, far above what any device has installed: reached only by bundles made to
+// reach it.
+constexpr std::size_t kMostEncodedBytes = std::size_t{48} << 20;
 
 constexpr char kManagerEntitlement[] = "halvern.private.velto.manager";
 

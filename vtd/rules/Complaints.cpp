@@ -17,7 +17,8 @@ void Complaints::addUnknownOperator(std::string_view pattern, std::uint64_t time
     if (times == 0) return;
     static_cast<void>(effort::take(effort::ofBytes(pattern.size())));
     const std::size_t hash = std::hash<std::string_view>{}(pattern);
-    const auto known = std::find_if(unknown_.begin(), unknown_.end(), [hash](const Unknown& u) { return u.hash == hash; });
+    const auto known =
+        std::find_if(unknown_.begin(), unknown_.end(), [hash](const Unknown& u) { return u.hash == hash; });
     if (known != unknown_.end()) {
         known->times += times;
     } else if (unknown_.size() < kMostPatterns) {
