@@ -5,7 +5,7 @@
 
 #include "Velto/VTProtocol.h"
 #include "Velto/VTVersionComparison.h"
-#include "vtd/MatchEffort.h"
+#include "platform/effort/Effort.h"
 
 namespace {
 
@@ -28,7 +28,8 @@ bool MatchList::admits(const VTForm& candidate) {
     for (Position at = copies->second.first; at != kNone; at = nextCopy_[at]) {
         if (removed_[at]) continue;
         const VTForm& listed = forms_[at];
-        if (!MatchEffort::take(MatchEffort::ofTexts(candidate.version().size(), listed.version().size()))) return false;
+        if (!effort::take(1 + effort::ofBytes(std::min(candidate.version().size(), listed.version().size()))))
+            return false;
         const std::weak_ordering order = compareVersionString(candidate.version(), listed.version());
         if (everyVersion && order != std::weak_ordering::equivalent) continue;
         const bool wins =
@@ -45,11 +46,13 @@ bool MatchList::admits(const VTForm& candidate) {
 
 void MatchList::remove(Position position) {
     removed_[position] = true;
+    encodedBytes_ -= forms_[position].encodedSizeHint();
     anyRemoved_ = true;
 }
 
 void MatchList::append(VTForm form, const value::Value* replacePlugIn) {
     const Position position = forms_.size();
+    encodedBytes_ += form.encodedSizeHint();
     forms_.push_back(std::move(form));
     removed_.push_back(false);
     nextCopy_.push_back(kNone);

@@ -2,6 +2,7 @@
 
 #include <new>
 #include <string_view>
+#include <unordered_set>
 #include <utility>
 
 #include "Velto/VTError.h"
@@ -103,6 +104,7 @@ bool Transaction::processPaths(const PathHandler& handler) {
 }
 
 bool Transaction::processUuidList(const PlugInHandler& handler) {
+    constexpr std::uint64_t kUnitsAnElement = 20;
     const auto malformed = [this](const char* message) {
         fail(VTErrorRequest, message);
         return false;
@@ -110,9 +112,15 @@ bool Transaction::processUuidList(const PlugInHandler& handler) {
     const auto uuids = mox_dictionary_get_array(request(), VTKey::uuids);
     if (!uuids) return malformed("invalid request format (uuid)");
 
+    static_cast<void>(account_.take(uuids->count() * kUnitsAnElement));
+    if (!mayGoOn()) return false;
+
+    std::unordered_set<value::Uuid> known;
     return uuids->forEachElement([&](mox::View element) {
         const std::optional<value::Uuid> sent = element.uuid();
         if (!sent) return malformed("invalid request (bad uuid array)");
+        if (!known.insert(*sent).second) return true;
+        account_.grantShares(1);
         // An object of its own, as the protocol has it: want of memory is answered, and does not end the daemon.
         const std::unique_ptr<const value::Uuid> uuid{new (std::nothrow) value::Uuid{*sent}};
         if (!uuid) return malformed("invalid request (uuid allocation failure)");
@@ -129,7 +137,8 @@ bool Transaction::mayGoOn() {
 bool Transaction::failForEffort() {
     const auto name = request().find(VTKey::request);
     server()->log("client {}: the request {} is too much work ({} us spent)", client_->pid(),
-                  name ? name->string().value_or("") : "(null)", account_.spent() / effort::kUnitsAMicrosecond);
+                  name ? logging::excerpt(name->string().value_or("")) : "(null)",
+                  account_.spent() / effort::kUnitsAMicrosecond);
     fail(VTErrorRequest, "the request is too much work");
     return false;
 }

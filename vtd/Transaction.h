@@ -30,7 +30,7 @@ class VTForm;
 // Threading: the service queue's.
 //
 // Effort: what the request makes the daemon do is charged to one account, which is the current one during dispatch();
-// what its paths have cost is on it by then.
+// what its paths have cost is on it by then. A handler judges it (mayGoOn) before it changes anything.
 class Transaction {
 public:
     // What is done with one path: `resolved` tells whether it is canonical, or as sent since it could not be resolved.
@@ -56,9 +56,9 @@ public:
     // The same, and done() when all went through.
     bool processPaths(const PathHandler& handler);
 
-    // Hands the plug-in of each of the request's "uuids" to the handler, in order, up to the first element that names
-    // none (the request has then failed) or that the handler refuses. Answers whether all went through; it never calls
-    // done().
+    // Hands the plug-in of each of the request's "uuids" to the handler, in order and each UUID once, up to the first
+    // element that names none (the request has then failed) or that the handler refuses. Answers whether all went
+    // through; it never calls done(). What reading them costs is judged before the first is handed on.
     bool processUuidList(const PlugInHandler& handler);
 
     // Whether there is effort left; else the request has failed.

@@ -12,6 +12,8 @@
 
 namespace {
 
+constexpr char kAllowedPlugInsEntitlement[] = "halvern.developer.velto.allowedplugins";
+
 constexpr std::uint32_t kCountReportedEvery = 1000;
 constexpr unsigned kUnexpectedLogged = 16;  // of one client: it must not fill the log
 
@@ -74,6 +76,17 @@ std::optional<value::Value> VTDMoxClient::entitlementValueForKey(std::string_vie
 bool VTDMoxClient::hasEntitlement(std::string_view key) const {
     const auto value = entitlementValueForKey(key);
     return value && *value != value::Value{false};
+}
+
+const VTDMoxClient::Restriction* VTDMoxClient::restriction() const {
+    std::call_once(restrictionRead_, [this] {
+        const auto entitlement = entitlementValueForKey(kAllowedPlugInsEntitlement);
+        if (!entitlement) return;
+        const value::Dictionary* const dictionary = entitlement->dictionary();
+        restriction_.emplace();
+        if (dictionary != nullptr) restriction_->allowed.emplace(*dictionary);
+    });
+    return restriction_ ? &*restriction_ : nullptr;
 }
 
 std::string VTDMoxClient::description() const {

@@ -15,6 +15,7 @@
 #include "platform/plist/Plist.h"
 #include "platform/text/Format.h"
 #include "platform/text/Utf8.h"
+#include "vtd/BundleInfo.h"
 
 namespace {
 
@@ -63,23 +64,31 @@ const std::string& annotationKeyFor(const std::string& identifier, const value::
 }
 
 std::shared_ptr<VTDPlugIn> VTDPlugIn::initWithDVData(const std::shared_ptr<const dravo::DVVeltoProxy>& proxy) {
+    BundleInfo info;
+    Refusal refusal{};
+    return initWithDVData(proxy, info, refusal);
+}
+
+std::shared_ptr<VTDPlugIn> VTDPlugIn::initWithDVData(const std::shared_ptr<const dravo::DVVeltoProxy>& proxy,
+                                                     BundleInfo& bundleInfo, Refusal& refusal) {
     const std::optional<std::string>& url = proxy->bundlePath();
     if (!url) return nullptr;
     if (!text::isUtf8(*url)) {  // no form could carry it
         logging::notice(text::format("ignoring plug-in at {}: its path is not UTF-8", *url));
         return nullptr;
     }
-    const auto reading = proxy->readInfo();
-    const value::Dictionary info = prunedInfoDictionaryFor(reading ? std::optional{reading->info} : std::nullopt);
+    const BundleInfo::Info& info = bundleInfo.of(*proxy);
+    // What is no longer what the registry knows, or cannot be read now, will be looked at again.
+    refusal = info.isAsKnown ? Refusal::lasting : Refusal::passing;
 
     auto plugIn = std::make_shared<VTDPlugIn>();
     // The set-up derives the plug-in dictionary from the bundle's own and never looks at the registry's copy, which the
     // registry would have to read from the disk for this.
-    if (!plugIn->setupWithName(proxy->pluginIdentifier(), url, info, {}, proxy->pluginUUID())) {
+    if (!plugIn->setupWithName(proxy->pluginIdentifier(), url, info.pruned, {}, proxy->pluginUUID())) {
         return nullptr;
     }
     plugIn->setDvproxy(proxy);
-    plugIn->setIsAsRegistered(reading && reading->isAsKnown);
+    plugIn->setIsAsRegistered(info.isAsKnown);
     plugIn->setOriginalIdentifier(proxy->originalIdentifier());
     plugIn->setLastModified(wholeSeconds(proxy->registrationDate()));
     plugIn->setOnSystemVolume(proxy->onSystemPartition());
@@ -87,6 +96,7 @@ std::shared_ptr<VTDPlugIn> VTDPlugIn::initWithDVData(const std::shared_ptr<const
     plugIn->setHubProtocolVersion(protocolVersion(plugIn->topDictionary(), plugIn->bundleInfoDictionary()));
     if (const auto container = proxy->containingBundle()) plugIn->setContainingUrl(container->bundlePath);
     if (const auto error = plugIn->diagnose()) {
+        if (!plugIn->VTPlugInCore::diagnose()) refusal = Refusal::passing;  // its data container is wanting
         logging::notice(text::format("ignoring mis-configured plug-in at {}: {}", *url, error->localizedDescription()));
         return nullptr;
     }

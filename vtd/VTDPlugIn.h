@@ -17,7 +17,10 @@
 #include "platform/dravo/Dravo.h"
 #include "platform/value/Value.h"
 #include "vtd/VTDAnnotationSource.h"
+#include "vtd/rules/Complaints.h"
+#include "vtd/rules/Rules.h"
 
+class BundleInfo;
 class VTDMoxClient;
 
 // Entitlements of a plug-in that say how the user's choices apply to it.
@@ -42,6 +45,12 @@ public:
     // Null when the plug-in has no bundle, no usable description, or is mis-configured. Info.plist is read beneath the
     // directory that the registry's record is of.
     static std::shared_ptr<VTDPlugIn> initWithDVData(const std::shared_ptr<const dravo::DVVeltoProxy>& proxy);
+
+    // The same for one of many, whose bundle's info may have been read for another. When it makes no record, the
+    // refusal lasts if only another bundle or SDK could change it.
+    enum class Refusal : std::uint8_t { passing, lasting };
+    static std::shared_ptr<VTDPlugIn> initWithDVData(const std::shared_ptr<const dravo::DVVeltoProxy>& proxy,
+                                                     BundleInfo& bundleInfo, Refusal& refusal);
 
     // The dictionary without the build tools' keys ("DT..."); empty for none.
     static value::Dictionary prunedInfoDictionaryFor(const std::optional<value::Dictionary>& info);
@@ -85,13 +94,13 @@ public:
     // of process assertions. Nothing when none is. Asked of the disk at each call.
     std::optional<value::Dictionary> checkBusy() const;
 
-    // --- The rule language (VTDPlugIn_Match.cpp). Nothing fails: what makes no sense is not matched.
+    // --- The rule language (VTDPlugIn_Match.cpp; vtd/rules). Nothing fails: what makes no sense is not matched.
+
+    // The first rule that the plug-in does not satisfy, in the rules' order; null when it matches. For the many
+    // plug-ins of one request; what follows is for one, and reads the rules for it.
+    const rules::Rules::Rule* unmatchedRule(const rules::Rules& rules, rules::Complaints& complaints) const;
 
     bool match(const std::optional<value::Dictionary>& rules) const;  // no rules match everything
-
-    // The first rule that the plug-in does not satisfy, in the dictionary's order; null when it matches.
-    const value::Dictionary::Entry* unmatchedRule(const value::Dictionary& rules) const;
-
     bool matchKey(std::string_view name, const value::Value& pattern) const;
     bool matchValuePatterns(std::string_view value, const value::Value& patterns) const;
     bool matchValuePattern(std::string_view value, std::string_view pattern) const;
@@ -103,8 +112,8 @@ public:
     // then the entitlement that the plug-in demands, then the device's restriction. The second form is for the many
     // plug-ins of one request, which asks for the restriction once.
     std::optional<std::string> allowForClient(const VTDMoxClient& client) const;
-    std::optional<std::string> allowForClient(const VTDMoxClient& client,
-                                              std::optional<std::int64_t> maximumRating) const;
+    std::optional<std::string> allowForClient(const VTDMoxClient& client, std::optional<std::int64_t> maximumRating,
+                                              rules::Complaints& complaints) const;
 
     // Whether the containing application is rated above the maximum that the device allows.
     bool ageRestricted() const;
@@ -131,8 +140,7 @@ public:
     void setDvproxy(std::shared_ptr<const dravo::DVVeltoProxy> proxy) { dvproxy_.store(std::move(proxy)); }
 
 private:
-    bool matchAny(const value::Value* value, const value::Value& pattern) const;
-    bool matchText(std::string_view value, const value::Value& pattern) const;
+    bool isMet(const rules::Rules& rules, const rules::Rules::Rule& rule, rules::Complaints& complaints) const;
 
     mutable VTAtomic<std::string> localizedName_;
     mutable VTAtomic<std::string> localizedShortName_;

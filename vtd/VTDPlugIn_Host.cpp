@@ -12,8 +12,6 @@
 
 namespace {
 
-constexpr char kAllowedPlugInsEntitlement[] = "halvern.developer.velto.allowedplugins";
-
 // What names no entitlement is held by nobody.
 bool holds(const VTDMoxClient& client, const value::Value& entitlement) {
     const std::string* name = entitlement.string();
@@ -23,15 +21,18 @@ bool holds(const VTDMoxClient& client, const value::Value& entitlement) {
 }  // namespace
 
 std::optional<std::string> VTDPlugIn::allowForClient(const VTDMoxClient& client) const {
-    return allowForClient(client, restrictions::maximumAppsRating());
+    rules::Complaints complaints;
+    return allowForClient(client, restrictions::maximumAppsRating(), complaints);
 }
 
 std::optional<std::string> VTDPlugIn::allowForClient(const VTDMoxClient& client,
-                                                     std::optional<std::int64_t> maximumRating) const {
-    if (const auto restriction = client.entitlementValueForKey(kAllowedPlugInsEntitlement)) {
-        const value::Dictionary* rules = restriction->dictionary();
-        if (rules == nullptr) return "invalid host restriction entitlement";
-        if (unmatchedRule(*rules) != nullptr) return "the host's plug-in entitlement does not allow this plug-in";
+                                                     std::optional<std::int64_t> maximumRating,
+                                                     rules::Complaints& complaints) const {
+    if (const VTDMoxClient::Restriction* restriction = client.restriction()) {
+        if (!restriction->allowed) return "invalid host restriction entitlement";
+        if (unmatchedRule(*restriction->allowed, complaints) != nullptr) {
+            return "the host's plug-in entitlement does not allow this plug-in";
+        }
     }
     const value::Value* demanded = plugInDictionary().find(VTInfoKey::hostEntitlement);
     if (demanded != nullptr && !holds(client, *demanded)) {

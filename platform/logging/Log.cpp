@@ -22,15 +22,6 @@ constexpr std::size_t kLongestDump = std::size_t{64} << 10;
 
 constexpr std::uint64_t kUnitsALine = 5 * effort::kUnitsAMicrosecond;  // the reader's share aside
 
-std::string_view cut(Level level, std::string_view message) {
-    const std::size_t longest = level >= Level::info ? kLongestDump : kLongest;
-    if (message.size() <= longest) return message;
-    std::size_t end = longest;
-    while (end + 4 > longest && (static_cast<unsigned char>(message[end]) & 0xc0U) == 0x80U)
-        --end;  // no character torn
-    return message.substr(0, end);
-}
-
 struct Log {
     std::mutex mutex;
     Outlet outlet{"/dev/log"};
@@ -43,12 +34,24 @@ Log& theLog() {
     return log;
 }
 
+// The beginning of a text, without a torn character.
+std::string_view beginning(std::string_view text, std::size_t longest) {
+    if (text.size() <= longest) return text;
+    std::size_t end = longest;
+    while (end + 4 > longest && (static_cast<unsigned char>(text[end]) & 0xc0U) == 0x80U) --end;
+    return text.substr(0, end);
+}
+
+std::string cutMark(std::size_t whole) {
+    return text::format("... (cut, {} bytes in all)", whole);
+}
+
 std::string lineOf(Level level, std::string_view message) {
-    const std::string_view kept = cut(level, message);
+    const std::string_view kept = beginning(message, level >= Level::info ? kLongestDump : kLongest);
     std::string line;
     line.reserve(kept.size());
     appendEscaped(line, kept);
-    if (kept.size() < message.size()) line += text::format("... (cut, {} bytes in all)", message.size());
+    if (kept.size() < message.size()) line += cutMark(message.size());
     static_cast<void>(effort::take(kUnitsALine + line.size()));
     return line;
 }
@@ -58,11 +61,8 @@ void writeOut(Log& log, Level level, std::string_view line) {
     log.outlet.write(level, line);
 }
 
-}  // namespace
-
-void write(Level level, std::string_view message) {
+void deliver(Level level, const std::string& line) {
     Log& log = theLog();
-    const std::string line = lineOf(level, message);
     std::shared_ptr<const Sink> sink;
     {
         const std::lock_guard lock{log.mutex};
@@ -73,6 +73,42 @@ void write(Level level, std::string_view message) {
     } else {
         writeOut(log, level, line);
     }
+}
+
+constinit thread_local Transcript* transcript = nullptr;
+
+}  // namespace
+
+void write(Level level, std::string_view message) {
+    const std::string line = lineOf(level, message);
+    if (transcript != nullptr) transcript->keep(level, line);
+    deliver(level, line);
+}
+
+Transcript::Transcript() : before_{std::exchange(transcript, this)} {}
+
+Transcript::~Transcript() {
+    transcript = before_;
+}
+
+void Transcript::keep(Level level, std::string_view line) {
+    const std::string_view kept = beginning(line, kLongest - size_);
+    if (kept.empty()) return;
+    lines_.push_back({level, std::string{kept}});
+    size_ += kept.size();
+}
+
+void repeat(const Transcript::Lines& lines) {
+    for (const Transcript::Line& line : lines) {
+        static_cast<void>(effort::take(kUnitsALine + line.text.size()));
+        deliver(line.level, line.text);
+    }
+}
+
+std::string excerpt(std::string_view text) {
+    constexpr std::size_t kLongestExcerpt = std::size_t{3} << 10;
+    const std::string_view kept = beginning(text, kLongestExcerpt);
+    return kept.size() < text.size() ? std::string{kept} + cutMark(text.size()) : std::string{kept};
 }
 
 void setSink(Sink sink) {
