@@ -8,13 +8,14 @@
 #include <utility>
 #include <vector>
 
+#include "platform/bundle/Bundle.h"
 #include "platform/types/TypeHierarchy.h"
 
 namespace activation {
 
 namespace {
 
-constexpr std::size_t kMostKeys = 256;
+constexpr std::size_t kMostKeys = bundle::kListLimit;  // the registry refuses more, but an SDK may bring them
 constexpr std::size_t kMostTypes = 256;
 
 // Counts the items that each key of a rule takes. Which keys a type conforms to is found once for each type, so that

@@ -12,7 +12,7 @@
 namespace dravo {
 
 namespace {
-constexpr int kDirectory = O_PATH | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC;
+constexpr int kDirectory = O_PATH | O_DIRECTORY | O_CLOEXEC;
 }
 
 ApplicationRecord::Placeholder ApplicationRecord::placeholderOnDisk() const {
