@@ -7,9 +7,9 @@
 #include "Velto/VTError.h"
 #include "Velto/VTProtocol.h"
 #include "Velto/VTValueHelpers.h"
-#include "platform/file/File.h"
 #include "platform/text/Format.h"
 #include "vtd/Probes.h"
+#include "vtd/RequestPaths.h"
 #include "vtd/VTDMoxClient.h"
 #include "vtd/VTDServer.h"
 
@@ -31,8 +31,14 @@ const Transaction::Handler* Transaction::handlerNamed(std::string_view name) {
     return nullptr;
 }
 
-Transaction::Transaction(mox::Request request, std::shared_ptr<VTDMoxClient> client)
-    : client_{std::move(client)}, request_{std::move(request)}, reply_{request_} {}
+Transaction::Transaction(mox::Request request, std::shared_ptr<VTDMoxClient> client,
+                         std::shared_ptr<RequestPaths> paths)
+    : client_{std::move(client)},
+      request_{std::move(request)},
+      annotationRound_{*client_->server()},
+      reply_{request_},
+      paths_{std::move(paths)},
+      account_{paths_ && paths_->outcome() == RequestPaths::Outcome::done ? paths_->account() : own_} {}
 
 const std::shared_ptr<VTDServer>& Transaction::server() const {
     return client_->server();
@@ -43,6 +49,7 @@ std::shared_ptr<mox::Connection> Transaction::connection() const {
 }
 
 void Transaction::dispatch() {
+    const effort::Charging charging{account_};
     const auto nameValue = request().find(VTKey::request);
     const std::optional<std::string_view> name = nameValue ? nameValue->string() : std::nullopt;
     const auto versionValue = request().find(VTKey::version);
@@ -72,18 +79,20 @@ bool Transaction::marshalPaths(const PathHandler& handler) {
         return false;
     };
     const auto paths = mox_dictionary_get_array(request(), VTKey::paths);
-    if (!paths) return malformed();
+    if (!paths || !paths_) return malformed();
+    if (paths_->outcome() != RequestPaths::Outcome::done) return failForEffort();
+    if (!mayGoOn()) return false;
 
-    return paths->forEachElement([&](mox::View element) {
-        const std::optional<std::string_view> sent = element.string();
-        if (!sent) return malformed();
-        const std::string path{*sent};
-        if (!path.starts_with('/')) {
-            fail(VTErrorPath, text::format("absolute path required: {}", path));
+    std::size_t element = 0;
+    return paths->forEachElement([&](mox::View sent) {
+        const std::optional<std::string_view> path = sent.string();
+        if (!path) return malformed();
+        if (!path->starts_with('/')) {
+            fail(VTErrorPath, text::format("absolute path required: {}", *path));
             return false;
         }
-        const std::optional<std::string> resolved = file::canonicalPath(path);
-        return handler(resolved ? *resolved : path, resolved.has_value());
+        const auto& canonical = (*paths_)[element++].canonical;
+        return handler(canonical ? *canonical : std::string{*path}, canonical.has_value());
     });
 }
 
@@ -113,7 +122,20 @@ bool Transaction::processUuidList(const PlugInHandler& handler) {
     });
 }
 
+bool Transaction::mayGoOn() {
+    return !account_.isSpent() || failForEffort();
+}
+
+bool Transaction::failForEffort() {
+    const auto name = request().find(VTKey::request);
+    server()->log("client {}: the request {} is too much work ({} us spent)", client_->pid(),
+                  name ? name->string().value_or("") : "(null)", account_.spent() / effort::kUnitsAMicrosecond);
+    fail(VTErrorRequest, "the request is too much work");
+    return false;
+}
+
 void Transaction::done() {
+    annotationRound_.end();
     if (server()->verbose() >= 2) server()->debug("Replying {}", reply_);
     probes::requestOutput(client_->pid(), [this] { return description(reply_); });
     if (const auto peer = connection()) peer->send(reply_);

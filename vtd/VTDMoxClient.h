@@ -12,6 +12,7 @@
 #include "Velto/VTBundle.h"
 #include "platform/entitlements/Entitlements.h"
 #include "platform/mox/Connection.h"
+#include "platform/queue/Turns.h"
 #include "platform/value/Value.h"
 
 class VTDServer;
@@ -63,12 +64,14 @@ private:
     void handleRequest(const mox::Request& request);
     void handleOther(const mox::Object& object);
     void countRequest();
+    queue::Owner owner() const;
 
     const std::weak_ptr<mox::Connection> connection_;
     const pid_t pid_;
     const std::shared_ptr<VTDServer> server_;
     const std::shared_ptr<VTBundle> bundle_;
     const entitlements::SecurityTask task_;
+    queue::Turns::Lane lane_;  // its requests' way to the service queue
 
     VTAtomic<bool> acceptWork_{true};
     unsigned unexpectedMessages_ = 0;  // that were logged; touched where the connection delivers

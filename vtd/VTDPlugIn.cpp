@@ -12,6 +12,7 @@
 #include "Velto/VTIssueReadExtension.h"
 #include "Velto/VTProtocol.h"
 #include "platform/logging/Log.h"
+#include "platform/plist/Plist.h"
 #include "platform/text/Format.h"
 #include "platform/text/Utf8.h"
 
@@ -36,6 +37,14 @@ std::uint32_t protocolVersion(const value::Dictionary& top, const value::Diction
     return bundleInfo.contains(VTInfoKey::oldStyle) ? kOldStyleProtocol : kCurrentProtocol;
 }
 
+// Of what an annotation is stored under in a file: a bundle's claim, which may be anything.
+bool couldBeIdentifier(const std::string& text) {
+    constexpr std::size_t kLongest = 1024;
+    const auto isControl = [](unsigned char c) { return c < 0x20 || c == 0x7F; };
+    return text.size() <= kLongest && std::none_of(text.begin(), text.end(), isControl) &&
+           plist::writeXmlKey(text, 0).ok();
+}
+
 // The name that is kept, else what the registry answers, which is then kept.
 template <typename Ask>
 std::string keptName(VTAtomic<std::string>& kept, Ask&& ask) {
@@ -50,7 +59,7 @@ std::string keptName(VTAtomic<std::string>& kept, Ask&& ask) {
 
 const std::string& annotationKeyFor(const std::string& identifier, const value::Dictionary& entitlements) {
     const std::string* replaced = entitlements.string(kReplacePlugInEntitlement);
-    return replaced != nullptr ? *replaced : identifier;
+    return replaced != nullptr && couldBeIdentifier(*replaced) ? *replaced : identifier;
 }
 
 std::shared_ptr<VTDPlugIn> VTDPlugIn::initWithDVData(const std::shared_ptr<const dravo::DVVeltoProxy>& proxy) {

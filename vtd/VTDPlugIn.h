@@ -25,7 +25,8 @@ inline constexpr char kReplacePlugInEntitlement[] = "halvern.developer.replace-p
 inline constexpr char kAutoElectEntitlement[] = "halvern.developer.auto-elect-plugin";
 
 // The key under which annotations are stored: the identifier, or the one that the plug-in says it replaces (by a single
-// text). Refers to one of the arguments.
+// text, which could be an identifier: at most 1,024 bytes, none of them a control character, and fit for a file).
+// Refers to one of the arguments.
 const std::string& annotationKeyFor(const std::string& identifier, const value::Dictionary& entitlements);
 
 // The daemon's record of one installed plug-in: the shared record, built from the registry's record and the bundle's

@@ -121,7 +121,7 @@ std::optional<value::Error> VTDPlugIn::enableForPid(pid_t pid) const {
     if (!executable) {
         return VTErrorWithFormat(VTErrorRequest, "cannot obtain executable path for plug-in {}({})", name, id);
     }
-    const int error = services::Manager::shared()->add(pid, *executable, *bundle->bundle(), overlay);
+    const int error = services::Manager::shared()->add(pid, {name, uuid()}, *executable, *bundle->bundle(), overlay);
     if (error == 0) return {};
     logging::notice(text::format("mox error {} allowing pid {} to use plug-in {}({}) {} at {}", error, pid, name,
                                  version(), id, path()));

@@ -6,8 +6,8 @@
 #include "Velto/VTError.h"
 #include "Velto/VTProtocol.h"
 #include "platform/logging/Log.h"
-#include "platform/notify/Notify.h"
 #include "platform/text/Format.h"
+#include "vtd/VTDAnnotationRound.h"
 #include "vtd/VTDAnnotationStore.h"
 #include "vtd/VTDPlugIn.h"
 
@@ -151,12 +151,12 @@ std::optional<value::Dictionary> VTDatabase::annotationForPlugIn(const VTDPlugIn
 
 std::optional<value::Error> VTDatabase::setAnnotation(const std::optional<value::Dictionary>& annotation,
                                                       const VTDPlugIn& plugIn) {
-    _sync()->sync([&] { annotations()->setAnnotation(annotation, plugIn); });
-    if (const auto error = notify::post(VTAnnotationChangeNotification)) {
-        logging::error(
-            text::format("unable to post {}: {}", VTAnnotationChangeNotification, error->localizedDescription()));
-    }
-    return {};
+    return VTDAnnotationRound{*this}.set(annotation, plugIn);
+}
+
+void VTDatabase::saveAnnotations() {
+    if (!annotations()->isUnsaved()) return;
+    _sync()->sync([&] { annotations()->save(); });
 }
 
 void VTDatabase::autoElect(const VTDPlugIn& plugIn) {
@@ -165,7 +165,12 @@ void VTDatabase::autoElect(const VTDPlugIn& plugIn) {
     const value::Dictionary annotation = store->annotationForPlugIn(plugIn).value_or(value::Dictionary{});
     const value::Value* election = annotation.find(kElection);
     if (election != nullptr && election->integerValue().value_or(0) != 0) return;
-    store->setAnnotation(annotation.changing(kElection, 1), plugIn);
+    const auto refused = store->setAnnotation(annotation.changing(kElection, 1), plugIn.annotationKey());
+    if (refused && !leavesElectionsOut_) {
+        logging::notice(text::format("leaving out automatic elections, that of {} and what follows: {}",
+                                     plugIn.identifier(), refused->localizedDescription()));
+    }
+    leavesElectionsOut_ = refused.has_value();
 }
 
 // --- The registry's callbacks

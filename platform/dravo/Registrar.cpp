@@ -142,14 +142,11 @@ void Registrar::publish(std::shared_ptr<const Snapshot> snapshot) {
 
 // Who is sandboxed could make a bundle anywhere that claims to be another's, but nobody would find it there.
 bool Registrar::registerPlugin(const std::string& path, const Registrant& registrant) {
-    const auto canonical = file::canonicalPath(path);
-    if (!canonical) return false;
-    if (!liesWhereInstalled(*canonical) && registrant.isSandboxed()) {
-        logging::notice(
-            text::format("{} lies in no application, and who asks to register it is sandboxed", *canonical));
+    if (!liesWhereInstalled(path) && registrant.isSandboxed()) {
+        logging::notice(text::format("{} lies in no application, and who asks to register it is sandboxed", path));
         return false;
     }
-    return queue_->sync([&] { return registerCanonical(*canonical); });
+    return queue_->sync([&] { return registerCanonical(path); });
 }
 
 // Registrations go to the disk by themselves and first: when that fails nothing has happened yet, and nobody has been
@@ -183,16 +180,9 @@ bool Registrar::registerCanonical(const std::string& path) {
 }
 
 bool Registrar::unregisterPlugin(const std::string& path) {
-    const auto canonical = file::canonicalPath(path);
-    if (canonical) return queue_->sync([&] { return unregisterCanonical(*canonical); });
-    // What is gone from the disk is still known by the path under which it was registered: the one given, or the one
-    // that leads there through the links that are left.
     std::string known = path;
     while (known.ends_with('/') || known.ends_with("/.")) known.pop_back();
-    const std::size_t slash = known.rfind('/');
-    const auto parent = slash != std::string::npos ? file::canonicalPath(known.substr(0, slash + 1)) : std::nullopt;
-    return queue_->sync(
-        [&] { return unregisterCanonical(known) || (parent && unregisterCanonical(*parent + known.substr(slash))); });
+    return queue_->sync([&] { return unregisterCanonical(known); });
 }
 
 bool Registrar::unregisterCanonical(const std::string& path) {

@@ -22,6 +22,9 @@ namespace {
 constexpr std::size_t kLongestName = 80;  // with "/proc/self/fd/N/" before it, what an address has room for
 constexpr int kFirstPassed = 3;           // the protocol's first descriptor
 
+// Who comes next waits for all who came before, each of whom costs a few microseconds, or some fifty when it stays.
+constexpr int kBacklog = 512;
+
 template <typename Number>
 Number environmentNumber(const char* name) {
     const char* const text = std::getenv(name);
@@ -60,6 +63,7 @@ file::UniqueFd passedSocket(const std::string& name) {
         if (!isListening(fd) || (fdName != name && boundName(fd, address) != name)) continue;
         ::fcntl(fd, F_SETFD, FD_CLOEXEC);
         ::fcntl(fd, F_SETFL, ::fcntl(fd, F_GETFL) | O_NONBLOCK);
+        ::listen(fd, kBacklog);
         return file::UniqueFd{fd};
     }
     return {};
@@ -121,7 +125,7 @@ std::optional<value::Error> ServiceSocket::bind() {
     // The mode that the socket has while it is bound is the file's.
     if (!socket || ::fchmod(socket.get(), 0600) != 0 ||
         ::bind(socket.get(), reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0 ||
-        ::listen(socket.get(), SOMAXCONN) != 0)
+        ::listen(socket.get(), kBacklog) != 0)
         return value::posixError(errno, what);
     socket_ = std::move(socket);
     return {};

@@ -1,3 +1,6 @@
+#include <string>
+#include <unordered_set>
+
 #include "Velto/VTProtocol.h"
 #include "platform/dravo/Dravo.h"
 #include "platform/sandbox/Sandbox.h"
@@ -12,11 +15,13 @@ void Transaction::addPlugIns() {
         const auto peer = connection();
         return !peer || sandbox::isSandboxed(*peer->identity());
     }};
+    std::unordered_set<std::string> added;
     processPaths([&](const std::string& path, bool resolved) {
         if (!resolved) {
             fail(VTErrorPath, text::format("invalid plugin path: {}", path));
             return false;
         }
+        if (!added.insert(path).second) return true;
         probes::pluginAdd(path);
         if (!server()->addPlugIn(path, registrant)) return true;
         server()->log("failed to register plug-in at {}", path);

@@ -76,6 +76,7 @@ void Transaction::lockDownPlugIns() {
             return false;
         }
         if (flags == VTHoldPlugIn) {
+            if (!chosen.isNewPath(path)) return true;
             const auto plugIn = server()->findPlugInAtPath(path);
             if (!plugIn) {
                 fail(VTErrorPath, text::format("no plug-in at path:{}", path));

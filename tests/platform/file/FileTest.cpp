@@ -33,10 +33,16 @@ TEST(CanonicalPath, ResolvesLinksAndDotsAndSaysWhyNot) {
     ASSERT_FALSE(makeDirectories(longest + "/e", 0700));
     fs::create_symlink(longest + "/e", root / "short");
     EXPECT_EQ(canonicalPath(longest + "/././."), longest);
+    EXPECT_EQ(canonicalPathAtHand(longest + "/././."), longest) << "it was just looked at";
+    EXPECT_EQ(canonicalPath(root.write("a (deleted)", "")), root / "a (deleted)");
+    std::string longer = root / "a";
+    while (longer.size() < 4094) longer += "/.";
     const std::pair<std::string, int> rows[] = {
-        {root / "absent", ENOENT},      {"", ENOENT},          {(root / "a") + '\0', EINVAL},
-        {root / "loop", ELOOP},         {file + "/", ENOTDIR}, {root / "short", ENAMETOOLONG},
-        {longest + "/e", ENAMETOOLONG},
+        {root / "absent", ENOENT},      {"", ENOENT},
+        {(root / "a") + '\0', EINVAL},  {root / "loop", ELOOP},
+        {file + "/", ENOTDIR},          {root / "short", ENAMETOOLONG},
+        {longest + "/e", ENAMETOOLONG}, {longer + "//.", ENAMETOOLONG},
+        {"/proc/self/root/tmp", ELOOP},
     };
     for (const auto& [path, error] : rows) {
         errno = 0;
@@ -189,6 +195,7 @@ TEST(WriteAtomically, LeavesNothingBehindWhenItFails) {
     const support::TemporaryDirectory root;
     root.write("directory/inside", "kept");
     fs::create_symlink("loop", root / "loop");
+    ASSERT_EQ(::mkfifo((root / "pipe").c_str(), 0600), 0);
     const std::pair<const char*, int> rows[] = {
         {"directory", EISDIR},
         {"directory/", EISDIR},
@@ -196,10 +203,11 @@ TEST(WriteAtomically, LeavesNothingBehindWhenItFails) {
         {"absent/file", ENOENT},
         {"directory/inside/file", ENOTDIR},
         {"loop", ELOOP},
+        {"pipe", EINVAL},
     };
     for (const auto& [name, code] : rows) EXPECT_EQ(codeOf(writeAtomically(root / name, "x")), code) << name;
     EXPECT_EQ(readRegular(root / "directory/inside", 100)->bytes, "kept");
-    EXPECT_THAT(entriesIn(root.path()), testing::UnorderedElementsAre("directory", "loop"));
+    EXPECT_THAT(entriesIn(root.path()), testing::UnorderedElementsAre("directory", "loop", "pipe"));
     EXPECT_THAT(entriesIn(root / "directory"), ElementsAre("inside"));
 }
 
