@@ -67,8 +67,9 @@ class IdentityTest(WorldTest):
         for number in range(ROUNDS):
             place = self.world / (BUNDLE, os.path.dirname(BUNDLE), APPLICATION)[number % 3]
             outside = self.world / ('linked', 'outside')[number // 3 % 2]
-            self.eventually(lambda: 'p' in client.found(), 'it is found again')
-            uuids = client.uuids('p')
+            uuids = []
+            self.eventually(lambda: uuids or uuids.extend({'$uuid': form['uuid']} for form in client.found().values()
+                                                          if form['identifier'] == 'p'), 'it is found again')
             os.rename(place, away)
             if outside.endswith('linked'):
                 os.symlink(outside, place)
@@ -88,6 +89,20 @@ class IdentityTest(WorldTest):
                 os.rename(place, outside)
             os.rename(away, place)
         self.assertGreater(met, ROUNDS / 2, 'rounds that the registry had not noticed yet')
+
+    def test_what_was_read_while_it_changed_is_read_again(self):
+        """Changed and changed back before the registry looks: it has nothing to announce."""
+        names = [f'p{number}' for number in range(10)]
+        for name in names:
+            self.world.install('system/PlugIns/' + name, {})
+        self.world.start()
+        client = self.world.client()
+        for marked in {'Marker': 'B'}, {}:
+            for name in names:
+                self.world.install('system/PlugIns/' + name, {}, **marked)
+            client.found()
+        self.eventually(lambda: set(names) == {name for name, form in client.found().items()
+                                               if 'Marker' not in form['bundleInfo']}, 'what it says now is found')
 
 
 if __name__ == '__main__':
