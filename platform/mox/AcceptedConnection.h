@@ -66,7 +66,7 @@ public:
     void setContext(std::shared_ptr<void> context) override { context_ = std::move(context); }
     void setEventHandler(EventHandler handler) override { handler_ = std::move(handler); }
     void resume() override;
-    void send(const Reply& reply) override;
+    void send(Reply& reply) override;
     void cancel() override;
     Charge charge(std::size_t bytes) override { return Charge{account_, {.kept = bytes}}; }
     std::string description() const override;
@@ -95,6 +95,7 @@ private:
 
     void sendHeldBack();                         // with outputLock_ held
     void afterOutput(OutputQueue::State state);  // likewise
+    void dropOutput();                           // likewise
     void checkDrained();
 
     void breakOff(std::string_view why);  // ends, and says so in the log

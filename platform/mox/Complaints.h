@@ -34,7 +34,7 @@ private:
     const std::string service_;
     const std::shared_ptr<queue::SerialQueue> queue_;
 
-    std::mutex mutex_;  // guards what follows
+    std::mutex mutex_;                                   // guards what follows
     std::map<std::string, Repeated, std::less<>> said_;  // in this second, by text
     std::unique_ptr<queue::Timer> timer_;
 };

@@ -22,6 +22,9 @@ void Transaction::accessPlugIns() {
         return true;
     });
     if (!all) return;
-    reply().set(VTKey::extensions, value::Array{std::move(tokens)});
+    const value::Value extensions{value::Array{std::move(tokens)}};
+    if (!reply().reserve(mox::encodedSize(extensions)))
+        return fail(VTErrorRequest, "invalid request (too many replies are not read)");
+    reply().set(VTKey::extensions, extensions);
     done();
 }

@@ -17,19 +17,22 @@
 
 namespace {
 
-// Far below what a frame may hold, far above what any device has installed: reached only by bundles made to reach it.
-constexpr std::size_t kMostEncodedBytes = std::size_t{256} << 20;
+// Within what one process may have waiting, far above what any device has installed: reached only by bundles made to
+// reach it.
+constexpr std::size_t kMostEncodedBytes = std::size_t{48} << 20;
 
-// Leaves out what would make the reply so large that no host could take it.
-void keepWithinReply(std::vector<VTForm>& matches) {
+// Leaves out what would make the reply so large that no host could take it, and answers how large it will be.
+std::size_t keepWithinReply(std::vector<VTForm>& matches) {
     std::size_t bytes = 0;
     const auto beyond = std::find_if(matches.begin(), matches.end(), [&bytes](const VTForm& form) {
         return (bytes += form.encodedSizeHint()) > kMostEncodedBytes;
     });
-    if (beyond == matches.end()) return;
+    if (beyond == matches.end()) return bytes;
     logging::notice(text::format("{} matches left out of a reply, from {} on: it would be larger than {} bytes",
                                  matches.end() - beyond, beyond->identifier(), kMostEncodedBytes));
+    bytes -= beyond->encodedSizeHint();
     matches.erase(beyond, matches.end());
+    return bytes;
 }
 
 constexpr char kManagerEntitlement[] = "halvern.private.velto.manager";
@@ -91,7 +94,8 @@ void Transaction::matchPlugIns() {
             client()->pid(), MatchEffort::kLimit);
     }
     std::vector<VTForm> matches = std::move(discovery).finish();
-    keepWithinReply(matches);
+    if (!reply().reserve(keepWithinReply(matches)))
+        return fail(VTErrorRequest, "invalid request (too many replies are not read)");
     if (auto encoded = VTDaemonClient::convertToMox(matches, static_cast<std::int64_t>(version()))) {
         reply().setEncoded(VTKey::matches, *std::move(encoded));
     }
