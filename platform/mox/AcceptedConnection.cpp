@@ -10,6 +10,7 @@
 
 #include "platform/logging/Log.h"
 #include "platform/memory/GiveBack.h"
+#include "platform/mox/PeerProgram.h"
 #include "platform/mox/Receive.h"
 #include "platform/text/Format.h"
 
@@ -122,7 +123,8 @@ void AcceptedConnection::begin() {
     });
     if (!socketWatch_ || !processWatch_) return breakOff("it cannot be watched");
     handshakeTimer_ = queue::after(bounds_.handshakeDeadline, queue_, [weak] {
-        if (const auto self = weak.lock()) self->breakOff("it did not answer the hello in time");
+        if (const auto self = weak.lock()) self->breakOff(self->stage_ == Stage::greeting ? "it did not answer the hello in time"
+                                                                  : "its program cannot be read in time");
     });
     nonce_ = freshNonce();
     const std::lock_guard lock{outputLock_};
@@ -231,11 +233,27 @@ bool AcceptedConnection::authenticate(const Frame& echo) {
         breakOff("a wrong echo");
         return false;
     }
-    if (!isUnchanged(*peer_)) {
-        breakOff("the process is no longer what connected");
+    stage_ = Stage::identifying;
+    // Whoever waits for it alone must not keep the connection: the peer decides how long that is.
+    const auto known =
+        PeerPrograms::shared().find(*peer_, account_->ledger(), [weak = weak_from_this(), queue = queue_](auto program) {
+            queue->async([weak, program] {
+                if (const auto self = weak.lock()) self->identified(program);
+            });
+        });
+    return known == nullptr || identified(known);
+}
+
+bool AcceptedConnection::identified(const std::shared_ptr<const PeerProgram>& program) {
+    if (stage_ != Stage::identifying) return false;
+    const char* const fault = program == nullptr      ? "its program could not be looked at"
+                              : !isUnchanged(*peer_) ? "the process is no longer what connected"
+                                                     : nullptr;
+    if (fault != nullptr) {
+        breakOff(fault);
         return false;
     }
-    openBundle(*peer_);
+    peer_->program = program;
     account_->setGreeted();
     handshakeTimer_.reset();
     stage_ = Stage::delivered;

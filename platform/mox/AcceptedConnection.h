@@ -78,8 +78,9 @@ public:
 
 private:
     enum class Stage {
-        greeting,   // until the echo
-        delivered,  // to the listener's handler, which has not resumed it yet
+        greeting,     // until the echo
+        identifying,  // until the program is known, as long as it may take
+        delivered,    // to the listener's handler, which has not resumed it yet
         open,
         ended,
     };
@@ -91,6 +92,7 @@ private:
     void deliverFrames();
     bool handle(Frame&& frame);
     bool authenticate(const Frame& echo);
+    bool identified(const std::shared_ptr<const PeerProgram>& program);
     bool deliverMessage(Frame&& frame);
 
     void sendHeldBack();                         // with outputLock_ held
