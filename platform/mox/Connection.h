@@ -42,9 +42,9 @@ public:
     explicit Reply(const Request& request) : request_{request} {}
 
     // So many bytes more are about to be put into it: charges them to its connection before they exist. False when
-    // that would be more than the connection's process may have waiting, or all together: the answer is an error then.
-    // A reply of some kilobytes needs none; a large one without it costs its connection when it is sent. Not with a
-    // lock held.
+    // that would be more than the connection's process may have waiting beside other replies, or all together: the
+    // answer is an error then. A reply of some kilobytes needs none; a large one without it costs its connection when
+    // it is sent. Not with a lock held.
     [[nodiscard]] bool reserve(std::size_t bytes);
 
     // The same for a descriptor that is about to be opened: it makes room for it, at the cost of who holds most.

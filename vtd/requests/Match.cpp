@@ -16,9 +16,9 @@
 
 namespace {
 
-// Within what one process may have waiting, far above what any device has installed: reached only by bundles made to
-// reach it.
-constexpr std::size_t kMostEncodedBytes = std::size_t{48} << 20;
+// Within what all processes together may have waiting, far above what any device has installed: reached only by bundles
+// made to reach it.
+constexpr std::size_t kMostEncodedBytes = std::size_t{240} << 20;
 
 constexpr char kManagerEntitlement[] = "halvern.private.velto.manager";
 
