@@ -65,6 +65,18 @@ def registration_of(runtime, host, plug_in):
     return found[0]
 
 
+def open_without_links(path):
+    """The file to read: no link is followed anywhere, since directories may have been exchanged since the daemon looked."""
+    *directories, name = path.split('/')[1:]
+    at = os.open('/', os.O_PATH)
+    for directory in directories:
+        above, at = at, os.open(directory, os.O_PATH | os.O_DIRECTORY | os.O_NOFOLLOW, dir_fd=at)
+        os.close(above)
+    file = os.open(name, os.O_RDONLY | os.O_NOFOLLOW | os.O_NONBLOCK, dir_fd=at)
+    os.close(at)
+    return file
+
+
 def main():
     if len(sys.argv) < 4 or not sys.argv[2].isdecimal():
         sys.exit(__doc__)
@@ -76,7 +88,7 @@ def main():
 
     # What is checked is what is run, whatever is put in its place meanwhile.
     path = registration['executable']
-    executable = os.open(path, os.O_RDONLY | os.O_NOFOLLOW | os.O_NONBLOCK)
+    executable = open_without_links(path)
     if not stat.S_ISREG(os.fstat(executable).st_mode):
         sys.exit(f'{path} is not a regular file')
     os.set_inheritable(executable, True)  # the interpreter of a script opens it once more

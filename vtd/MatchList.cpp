@@ -1,6 +1,5 @@
 #include "vtd/MatchList.h"
 
-#include <algorithm>
 #include <utility>
 
 #include "Velto/VTProtocol.h"
@@ -8,9 +7,6 @@
 #include "platform/effort/Effort.h"
 
 namespace {
-
-// Of what one plug-in may replace: every discovery that finds the plug-in looks at them all.
-constexpr std::size_t kMostReplaced = 256;
 
 // Between copies of one version. Only the candidate's place counts: a copy in the list gains nothing by its own.
 bool winsTie(const VTForm& candidate, const VTForm& listed) {
@@ -66,10 +62,9 @@ void MatchList::append(VTForm form, const value::Value* replacePlugIn) {
     if (replacePlugIn == nullptr) return;
     if (const std::string* replaced = replacePlugIn->string()) overriders_[*replaced] = position;
     if (const value::Array* list = replacePlugIn->array()) {
-        const std::size_t looked = std::min(list->size(), kMostReplaced);
-        std::for_each_n(list->begin(), looked, [&](const value::Value& element) {
+        for (const value::Value& element : *list) {
             if (const std::string* replaced = element.string()) overriders_[*replaced] = position;
-        });
+        }
     }
 }
 

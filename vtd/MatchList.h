@@ -26,7 +26,7 @@ public:
     bool admits(const VTForm& candidate);
 
     // Adds an admitted form at the end. The entitlement, if any, names what the plug-in replaces: a text or a list of
-    // texts; of several plug-ins that claim one identifier the last counts.
+    // texts, which the registry has bounded; of several plug-ins that claim one identifier the last counts.
     void append(VTForm form, const value::Value* replacePlugIn);
 
     // Of the forms that are in the list, as VTForm::encodedSizeHint() has it.

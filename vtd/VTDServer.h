@@ -109,6 +109,7 @@ private:
     VTDServer(std::shared_ptr<VTDAnnotationStore> annotations, std::shared_ptr<dravo::DVApplicationWorkspace> workspace,
               const std::string& service);
 
+    const std::string name_;  // of the service
     const std::shared_ptr<queue::SerialQueue> moxQueue_;
     const std::shared_ptr<queue::SerialQueue> mainQueue_;
     const std::shared_ptr<queue::Turns> turns_;

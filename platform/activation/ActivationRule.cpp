@@ -2,6 +2,7 @@
 
 #include <algorithm>
 
+#include "platform/bundle/Bundle.h"
 #include "platform/effort/Effort.h"
 #include "platform/types/TypeHierarchy.h"
 
@@ -9,7 +10,7 @@ namespace activation {
 
 namespace {
 
-constexpr std::size_t kMostKeys = 256;
+constexpr std::size_t kMostKeys = bundle::kListLimit;  // the registry refuses more, but an SDK may bring them
 constexpr std::size_t kMostTypes = 256;
 
 constexpr std::uint64_t kUnitsAType = 50;  // to find what it conforms to

@@ -46,7 +46,7 @@ private:
 // The rule is a boolean, which is the answer, or a dictionary from type identifier to the largest number of items.
 // Accepted when every item has a type that conforms to some key, no key has more items than its number (an item counts
 // once for each key that one of its types conforms to), and there is at least one item. Anything else: no; so are rules
-// of more than 256 keys and items of more than 256 different types, since both sides come from outside and every pair
+// of more than 512 keys and items of more than 256 different types, since both sides come from outside and every pair
 // of them has to be looked at. Charged to the request; no once that is spent. Any thread.
 bool evaluate(const value::Value& rule, const Items& items);
 bool evaluate(const value::Value& rule, const value::Dictionary& items);

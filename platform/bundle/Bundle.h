@@ -19,8 +19,9 @@ inline constexpr char kVersionKey[] = "QFBundleVersion";
 inline constexpr char kNameKey[] = "QFBundleName";
 inline constexpr char kDisplayNameKey[] = "QFBundleDisplayName";
 inline constexpr char kInfoFile[] = "Info.plist";
-inline constexpr std::size_t kInfoLimit = std::size_t{1} << 20;  // a larger Info.plist is as good as none
-inline constexpr std::size_t kInfoValues = 50'000;               // and so is one of more values
+inline constexpr std::size_t kInfoLimit = std::size_t{256} << 10;  // a larger Info.plist is as good as none
+inline constexpr std::size_t kInfoValues = 20'000;                 // and so is one of more values
+inline constexpr std::size_t kListLimit = 512;  // elements of a list in one, entries of an activation rule
 
 // What a path given to open() is.
 enum class PathKind { directory, executable };

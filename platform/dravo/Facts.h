@@ -14,11 +14,10 @@
 // What the registry knows of a bundle without looking at the disk: kept compactly in memory, and in the store's rows.
 namespace dravo {
 
-// Bounds on what a bundle may claim; more is as good as a broken bundle, and costs one line in the log.
+// Bounds on what is kept of a bundle, beside those of Bounds.h.
 inline constexpr std::size_t kTextLimit = bundle::kNameLimit;  // bytes of an identifier, a name, a version
-inline constexpr std::size_t kMultipleLimit = 1024;            // plug-ins in one bundle
-inline constexpr std::size_t kDescriptionsLimit = 16U << 20U;  // bytes that describe the plug-ins of one bundle
 inline constexpr std::size_t kPointNamesLimit = 64;            // names of one plug-in's extension point
+inline constexpr std::size_t kRegistryPointsLimit = 65'536;    // different names of extension points, of all plug-ins
 inline constexpr std::size_t kEntriesLimit = 100'000;          // entries of a directory
 inline constexpr std::size_t kContainerEntriesLimit = 1000;    // entries of an application's own container folder
 

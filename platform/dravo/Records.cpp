@@ -12,7 +12,7 @@
 namespace dravo {
 
 namespace {
-constexpr int kDirectory = O_PATH | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC;
+constexpr int kDirectory = O_PATH | O_DIRECTORY | O_CLOEXEC;
 }
 
 ApplicationRecord::Placeholder ApplicationRecord::placeholderOnDisk() const {
@@ -62,7 +62,10 @@ value::Result<DVBundleReading> PlugInRecord::readInfo() const {
     if (!info) return info.error();
     const BundleFacts& known = bundle_.facts();
     const bool isStampTrusted = known.stamps.info.size != kUntrusted.size;
-    const bool sameFile = !isStampTrusted || info->stamp == known.stamps.info;
+    // Not the time of change: a link to the file from elsewhere moves it, of which no watch tells.
+    file::Stamp stamp = info->stamp;
+    stamp.changed = known.stamps.info.changed;
+    const bool sameFile = !isStampTrusted || stamp == known.stamps.info;
     return DVBundleReading{info->dictionary, sameFile && info->digest == known.digest};
 }
 

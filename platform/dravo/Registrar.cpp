@@ -426,6 +426,9 @@ void Registrar::apply(Announce announce, Replacements replacements) {
     auto after = std::make_shared<const Snapshot>(std::move(applications), std::move(bundles), sdkNames_);
     Difference changes = difference(*before, *after, replacements);
     if (changes.empty() && !sdksChanged_) return;
+    if (after->hasTooManyPoints() && !before->hasTooManyPoints()) {
+        logging::warning(text::format("{} names of extension points; not all are indexed", kRegistryPointsLimit));
+    }
     sdksChanged_ = false;
     if (announce == Announce::changes) announcements_->willUninstall(std::move(changes.plugInsGone));
     static_cast<void>(save(changes, *after, {}));  // what fails is logged, and done later

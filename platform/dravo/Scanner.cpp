@@ -13,6 +13,7 @@
 #include <utility>
 
 #include "platform/bundle/Bundle.h"
+#include "platform/dravo/Bounds.h"
 #include "platform/dravo/BundleReading.h"
 #include "platform/entitlements/Entitlements.h"
 #include "platform/file/Beneath.h"
@@ -404,6 +405,13 @@ BundleFacts Scanner::read(int directory, const std::string& path, const BundleSt
         }
     }
     if (uncertain_) return facts;
+    if (auto excess = excessOfEntitlements(facts.entitlements); excess && facts.refusal.empty()) {
+        facts.refusal = text::format("{}: {}", entitlements::kFile, *excess);
+    }
+    if (!facts.refusal.empty()) {  // what is left to know is why, until it changes
+        facts.plugIns.clear();
+        facts.entitlements = {};
+    }
     const bool isNews = !known || known->digest != facts.digest;
     if (!facts.refusal.empty() && (isNews || known->refusal != facts.refusal)) {
         logging::warning(text::format("no plug-in at {}: {}", path, facts.refusal));

@@ -112,12 +112,14 @@ Snapshot::Snapshot(Applications applications, Bundles bundles, SdkPointNames& sd
 }
 
 void Snapshot::indexPoints(std::uint32_t number, const PlugInFacts& facts, SdkPointNames& sdkNames) {
-    if (facts.anyPoint) {
-        anyPoint_.push_back(number);
-        return;
-    }
+    bool isAny = facts.anyPoint;
     const auto add = [&](const std::string& name) {
-        Numbers& numbers = points_[text::numericKey(name)];
+        std::string key = text::numericKey(name);
+        if (isAny || (hasTooManyPoints() && points_.count(key) == 0)) {
+            isAny = true;
+            return;
+        }
+        Numbers& numbers = points_[std::move(key)];
         if (numbers.empty() || numbers.back() != number) numbers.push_back(number);
     };
     if (facts.extensionPoint) {
@@ -125,6 +127,7 @@ void Snapshot::indexPoints(std::uint32_t number, const PlugInFacts& facts, SdkPo
         for (const std::string& name : sdkNames.of(*facts.extensionPoint)) add(name);
     }
     for (const std::string& name : facts.pointNames) add(name);
+    if (isAny) anyPoint_.push_back(number);
 }
 
 std::shared_ptr<const ApplicationRecord> Snapshot::application(const std::string& path) const {

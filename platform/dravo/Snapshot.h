@@ -44,6 +44,10 @@ public:
         return static_cast<const PlugInRecord&>(plugIn).bundle().facts().entitlements;
     }
 
+    // Whether there are more names of extension points than are indexed: whatever has another one is a candidate for
+    // every extension point.
+    bool hasTooManyPoints() const { return points_.size() >= kRegistryPointsLimit; }
+
     PluginList plugInsWithin(const std::string& applicationPath) const;
 
 private:

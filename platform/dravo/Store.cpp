@@ -12,6 +12,7 @@
 #include <type_traits>
 #include <unordered_map>
 
+#include "platform/dravo/Bounds.h"
 #include "platform/logging/Log.h"
 #include "platform/mox/Encoder.h"
 #include "platform/mox/Object.h"

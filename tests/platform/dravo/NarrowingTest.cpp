@@ -34,7 +34,7 @@ TEST(Narrowing, FindsWhateverTheRulesCouldFindUnderTheExtensionPointName) {
     world.plugIn("system/PlugIns/7", "multiple",
                  {{"Multiple", Dictionary{{"m1", attribute("p")}, {"m2", Dictionary{}}}}});
     Array::Storage many;
-    for (int i = 0; i < 1000; ++i) many.emplace_back("name" + std::to_string(i));
+    for (int i = 0; i < 400; ++i) many.emplace_back("name" + std::to_string(i));
     many.emplace_back("p");
     world.plugIn("system/PlugIns/8", "many", attribute(Array{many}));
     world.plugIn("system/PlugIns/9", "other", attribute("other"));
