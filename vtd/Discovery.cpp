@@ -151,5 +151,6 @@ std::optional<Discovery::Refusal> Discovery::visit(const VTDPlugIn& candidate) {
 }
 
 std::vector<VTForm> Discovery::finish() && {
+    complaints_.write();
     return std::move(matches_).finish();
 }

@@ -15,9 +15,10 @@ void Transaction::readyPlugIns() {
     std::vector<std::shared_ptr<VTDPlugIn>> allowed;  // each once, in the order in which they were named
     rules::Complaints complaints;
     const auto maximumRating = restrictions::maximumAppsRating();
-    const auto refuse = [this](const VTDPlugIn& plugIn, const std::string& reason) {
+    const auto refuse = [&](const VTDPlugIn& plugIn, const std::string& reason) {
         server()->debug("denied access to pid {} for plugin {}({}): {}", client()->pid(), plugIn.identifier(),
                         plugIn.uuid().string(), reason);
+        complaints.write();
         fail(VTErrorAccess, text::format("access to plugin {} denied: {}", plugIn.identifier(), reason));
         return false;
     };
@@ -32,6 +33,7 @@ void Transaction::readyPlugIns() {
         return true;
     });
     if (!all) return;
+    complaints.write();
     for (const auto& plugIn : allowed) {
         if (const auto error = plugIn->enableForPid(client()->pid())) return fail(VTErrorRequest, *error);
     }

@@ -28,12 +28,14 @@ void Complaints::addUnknownOperator(std::string_view pattern, std::uint64_t time
     }
 }
 
-Complaints::~Complaints() {
+void Complaints::write() {
     for (const Unknown& unknown : unknown_) {
         const std::string often = unknown.times > 1 ? text::format(" ({} times)", unknown.times) : std::string{};
         logging::notice(text::format("unrecognized match operator:{}{}", unknown.pattern, often));
     }
     if (further_ > 0) logging::notice(text::format("further unrecognized match operators, {} times", further_));
+    unknown_.clear();
+    further_ = 0;
 }
 
 }  // namespace rules

@@ -16,7 +16,10 @@ public:
     Complaints() = default;
     Complaints(const Complaints&) = delete;
     Complaints& operator=(const Complaints&) = delete;
-    ~Complaints();  // writes them to the log
+    ~Complaints() { write(); }
+
+    // Writes them to the log, before the request is answered; they are then forgotten.
+    void write();
 
     // The pattern has an unknown operator, and was held against a value so many times.
     void addUnknownOperator(std::string_view pattern, std::uint64_t times);
