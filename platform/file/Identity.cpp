@@ -7,7 +7,7 @@
 #include <array>
 #include <cerrno>
 #include <cstddef>
-#include <cstring>
+#include <span>
 #include <utility>
 
 #include "platform/file/Beneath.h"
@@ -39,7 +39,8 @@ std::uint64_t generationOf(int descriptor) {
     std::uint64_t digest = 0xcbf29ce484222325;  // FNV-1a
     const auto add = [&digest](unsigned char byte) { digest = (digest ^ byte) * 0x100000001b3; };
     add(static_cast<unsigned char>(handle->handle_type));
-    for (unsigned i = 0; i < handle->handle_bytes; ++i) add(handle->f_handle[i]);
+    const auto bytes = std::span{space}.subspan(offsetof(file_handle, f_handle));  // declared as an array of none
+    for (const std::byte byte : bytes.first(handle->handle_bytes)) add(std::to_integer<unsigned char>(byte));
     return digest;
 }
 
