@@ -15,8 +15,8 @@ inline constexpr std::size_t kDescriptionsLimit = 4U << 20U;  // bytes of Info.p
 inline constexpr std::size_t kComparedTextLimit = 1024;       // bytes of a text that rules may meet
 
 // The first claim of an Info.plist that is beyond a bound, in words: a list anywhere in it of more than
-// bundle::kListLimit elements; and of what rules compare (the top level, and the attributes of a plug-in) a text of more
-// than kComparedTextLimit bytes, by itself or in a list, or a dictionary of more than bundle::kListLimit entries.
+// bundle::kListLimit elements; and of what rules compare (the top level, and the attributes of a plug-in) a text of
+// more than kComparedTextLimit bytes, by itself or in a list, or a dictionary of more than bundle::kListLimit entries.
 std::optional<std::string> excessOf(const value::Dictionary& info);
 
 // Of entitlements, whose texts are bounded by who uses them: the lists.

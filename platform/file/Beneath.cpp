@@ -39,10 +39,10 @@ int refusalOf(std::string_view path) {
     return 0;
 }
 
-UniqueFd openInOneCall(int directory, const std::string& path, int flags) {
+UniqueFd openInOneCall(int directory, const std::string& path, int flags, std::uint64_t resolve) {
     open_how how{};
     how.flags = static_cast<std::uint64_t>(flags);
-    how.resolve = RESOLVE_BENEATH | RESOLVE_NO_SYMLINKS | RESOLVE_NO_MAGICLINKS;
+    how.resolve = RESOLVE_NO_SYMLINKS | RESOLVE_NO_MAGICLINKS | resolve;
     return UniqueFd{static_cast<int>(::syscall(SYS_openat2, directory, path.c_str(), &how, sizeof how))};
 }
 
@@ -59,23 +59,31 @@ UniqueFd openByComponents(int directory, std::string_view path, int flags) {
     return at;
 }
 
+bool isLackingCall(int errorNumber) {  // filters of older containers answer EPERM for calls that they do not know
+    return errorNumber == ENOSYS || errorNumber == EPERM;
+}
+
 }  // namespace
 
 value::Result<UniqueFd> openBeneath(int directory, const std::string& relativePath, int flags) {
     if (const int refused = refusalOf(relativePath); refused != 0) return value::posixError(refused, relativePath);
-    UniqueFd opened = openInOneCall(directory, relativePath, flags);
-    // Filters of older containers answer EPERM for calls that they do not know.
-    if (!opened && (errno == ENOSYS || errno == EPERM)) opened = openByComponents(directory, relativePath, flags);
+    UniqueFd opened = openInOneCall(directory, relativePath, flags, RESOLVE_BENEATH);
+    if (!opened && isLackingCall(errno)) opened = openByComponents(directory, relativePath, flags);
     if (!opened) return value::posixError(errno, relativePath);
     return opened;
 }
 
 value::Result<UniqueFd> openWithoutLinks(const std::string& path, int flags) {
     if (!path.starts_with('/')) return value::posixError(EINVAL, path);
-    const bool isTop = path == "/";
-    UniqueFd top{::open("/", isTop ? flags : O_PATH | O_DIRECTORY | O_CLOEXEC)};
-    if (!top) return value::posixError(errno, "/");
-    return isTop ? value::Result<UniqueFd>{std::move(top)} : openBeneath(top.get(), path.substr(1), flags);
+    const int refused = path == "/" ? 0 : refusalOf(std::string_view{path}.substr(1));
+    if (refused != 0) return value::posixError(refused, path);
+    UniqueFd opened = openInOneCall(AT_FDCWD, path, flags, 0);
+    if (!opened && isLackingCall(errno)) {
+        opened = UniqueFd{::open("/", path == "/" ? flags : O_PATH | O_DIRECTORY | O_CLOEXEC)};
+        if (opened && path != "/") opened = openByComponents(opened.get(), path, flags);
+    }
+    if (!opened) return value::posixError(errno, path);
+    return opened;
 }
 
 }  // namespace file
