@@ -21,8 +21,8 @@ inline constexpr char kPrivatePrefix[] = "halvern.private.";
 // honoured. No file is an empty dictionary. Any thread.
 value::Result<value::Dictionary> ofBundle(int bundleDirectory, const std::string& bundlePath);
 
-// The security-task handle of a peer process: its entitlements, as they were read from the bundle of its executable when
-// it connected. Any thread.
+// The security-task handle of a peer process: its entitlements, as they were read from the bundle of its executable
+// when it connected. Any thread.
 class SecurityTask {
 public:
     explicit SecurityTask(std::shared_ptr<const mox::PeerIdentity> peer);

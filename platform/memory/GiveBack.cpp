@@ -1,10 +1,10 @@
 #include "platform/memory/GiveBack.h"
 
-#include <malloc.h>
-
 #include <chrono>
 #include <memory>
 #include <mutex>
+
+#include <malloc.h>
 
 #include "platform/queue/Reactor.h"
 

@@ -123,8 +123,9 @@ void AcceptedConnection::begin() {
     });
     if (!socketWatch_ || !processWatch_) return breakOff("it cannot be watched");
     handshakeTimer_ = queue::after(bounds_.handshakeDeadline, queue_, [weak] {
-        if (const auto self = weak.lock()) self->breakOff(self->stage_ == Stage::greeting ? "it did not answer the hello in time"
-                                                                  : "its program cannot be read in time");
+        if (const auto self = weak.lock())
+            self->breakOff(self->stage_ == Stage::greeting ? "it did not answer the hello in time"
+                                                           : "its program cannot be read in time");
     });
     nonce_ = freshNonce();
     const std::lock_guard lock{outputLock_};
@@ -235,18 +236,18 @@ bool AcceptedConnection::authenticate(const Frame& echo) {
     }
     stage_ = Stage::identifying;
     // Whoever waits for it alone must not keep the connection: the peer decides how long that is.
-    const auto known =
-        PeerPrograms::shared().find(*peer_, account_->ledger(), [weak = weak_from_this(), queue = queue_](auto program) {
-            queue->async([weak, program] {
-                if (const auto self = weak.lock()) self->identified(program);
-            });
-        });
+    const auto known = PeerPrograms::shared().find(*peer_, account_->ledger(),
+                                                   [weak = weak_from_this(), queue = queue_](auto program) {
+                                                       queue->async([weak, program] {
+                                                           if (const auto self = weak.lock()) self->identified(program);
+                                                       });
+                                                   });
     return known == nullptr || identified(known);
 }
 
 bool AcceptedConnection::identified(const std::shared_ptr<const PeerProgram>& program) {
     if (stage_ != Stage::identifying) return false;
-    const char* const fault = program == nullptr      ? "its program could not be looked at"
+    const char* const fault = program == nullptr     ? "its program could not be looked at"
                               : !isUnchanged(*peer_) ? "the process is no longer what connected"
                                                      : nullptr;
     if (fault != nullptr) {

@@ -34,15 +34,16 @@ struct PeerIdentity {
 
     std::optional<FileId> executable;  // what runs there; nothing when it cannot be read
 
-    // What the executable is a part of; null until the connection is delivered, shared by all connections of the process.
+    // What the executable is a part of; null until the connection is delivered, shared by all connections of the
+    // process.
     std::shared_ptr<const PeerProgram> program;
 
     // The executable's path; nothing when it is not known, see PeerProgram.
     std::optional<std::string> executablePath() const;
 };
 
-// Who connected to this accepted socket, without the program. Nothing here waits for a file system. An error where nobody can be served: a process of another
-// user (root aside), one that has ended, or one of no pid here.
+// Who connected to this accepted socket, without the program. Nothing here waits for a file system. An error where
+// nobody can be served: a process of another user (root aside), one that has ended, or one of no pid here.
 value::Result<PeerIdentity> readPeer(int socket);
 
 // The file at a path, by its attributes as the kernel has them at hand: a file system that a peer serves itself is not

@@ -22,7 +22,7 @@ namespace {
 constexpr int kFirstPassed = 3;  // the protocol's first descriptor
 
 // Who comes next waits for all who came before, each of whom costs a few microseconds, or some fifty when it stays.
-constexpr int kBacklog = 512;
+constexpr int kBacklog = 128;
 
 template <typename Number>
 Number environmentNumber(const char* name) {

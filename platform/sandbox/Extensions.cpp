@@ -36,6 +36,14 @@ void Extensions::release(std::int64_t handle) {
     byHandle_.erase(handle);
 }
 
+std::optional<Extensions> Extensions::only(std::int64_t handle) const {
+    const auto found = byHandle_.find(handle);
+    if (found == byHandle_.end()) return {};
+    Extensions one;
+    one.byHandle_.insert(*found);
+    return one;
+}
+
 value::Result<file::UniqueFd> Extensions::open(std::int64_t handle, const std::string& path) const {
     const auto found = byHandle_.find(handle);
     if (found == byHandle_.end()) return value::posixError(EBADF, "no such handle");

@@ -2,6 +2,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <optional>
 #include <string>
 #include <string_view>
 #include <unordered_map>
@@ -21,6 +22,9 @@ class Extensions {
 public:
     std::int64_t consume(std::string_view token);  // kRefused for a token not issued here, or one too many
     void release(std::int64_t handle);
+
+    // The one that the handle stands for, alone, for use elsewhere; nothing when there is none.
+    std::optional<Extensions> only(std::int64_t handle) const;
 
     // Opens a regular file for reading: the extension's own path or one beneath it, reached without following a link,
     // while what lies at the extension's path is still what the token was issued for (else ESTALE).

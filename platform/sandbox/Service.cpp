@@ -1,11 +1,15 @@
 #include <cerrno>
+#include <chrono>
+#include <climits>
 #include <memory>
 #include <string>
+#include <thread>
 #include <utility>
 #include <variant>
 
 #include "platform/mox/Connection.h"
 #include "platform/mox/ServiceSocket.h"
+#include "platform/queue/Errands.h"
 #include "platform/queue/SerialQueue.h"
 #include "platform/sandbox/Extensions.h"
 #include "platform/sandbox/Messages.h"
@@ -27,10 +31,13 @@ std::int64_t handleIn(mox::View request) {
     return (value ? value->signedInteger() : std::nullopt).value_or(0);
 }
 
-std::string pathIn(mox::View request) {
+// A path that no call would take is not even copied, nor is a request kept for an errand that has room for more.
+value::Result<std::string> pathIn(mox::View request) {
+    constexpr std::size_t kRest = 256;  // of the message
+    if (request.encoded().size() > PATH_MAX + kRest) return value::posixError(ENAMETOOLONG, "path");
     const auto value = request.find(kPathKey);
     const mox::Bytes bytes = (value ? value->data() : std::nullopt).value_or(mox::Bytes{});
-    return {reinterpret_cast<const char*>(bytes.data()), bytes.size()};
+    return std::string{reinterpret_cast<const char*>(bytes.data()), bytes.size()};
 }
 
 void setError(mox::Reply& reply, const value::Error& error) {
@@ -38,19 +45,65 @@ void setError(mox::Reply& reply, const value::Error& error) {
     reply.set(kErrorKey, error.localizedDescription());
 }
 
-void answer(Extensions& extensions, mox::View request, mox::Reply& reply) {
-    const std::string_view name = text(request, kRequestKey);
+// While others, who have most, are ended for it.
+bool awaitDescriptor(mox::Reply& reply) {
+    constexpr int kTries = 50;
+    for (int tries = 0; !reply.reserveDescriptor(); ++tries) {
+        if (tries == kTries) return false;
+        std::this_thread::sleep_for(std::chrono::milliseconds{1});
+    }
+    return true;
+}
+
+// What one peer has consumed, and who it is. Belongs to the connection's queue.
+struct Consumer {
+    Extensions extensions;
+    queue::Errands::Owner process;
+};
+
+// On a thread that may block: the token's path may lie on a file system that never answers. The extensions are copied,
+// since the handle may be given back meanwhile.
+void open(const Extensions& extensions, std::int64_t handle, const std::string& path, mox::Reply& reply) {
+    if (!awaitDescriptor(reply)) return setError(reply, value::posixError(EMFILE, "open"));
+    auto opened = extensions.open(handle, path);
+    if (opened) {
+        reply.attach(std::move(*opened));
+    } else {
+        setError(reply, opened.error());
+    }
+}
+
+void openElsewhere(const Consumer& consumer, const mox::Request& request, const std::weak_ptr<mox::Connection>& weak) {
+    const auto reply = std::make_shared<mox::Reply>(request);
+    const auto send = [weak](mox::Reply& answer) {
+        if (const auto peer = weak.lock()) peer->send(answer);
+    };
+    const std::int64_t handle = handleIn(request.view());
+    auto path = pathIn(request.view());
+    const auto extension = consumer.extensions.only(handle);
+    if (!path || !extension) {
+        setError(*reply, path ? value::posixError(EBADF, "no such handle") : path.error());
+        return send(*reply);
+    }
+    queue::Errands::shared().run(
+        consumer.process,
+        [weak, reply, handle, path = *std::move(path), extension = *extension] {
+            if (!weak.expired()) open(extension, handle, path, *reply);
+        },
+        [reply, request, send](queue::Errands::Outcome outcome) {
+            if (outcome == queue::Errands::Outcome::done) return send(*reply);
+            mox::Reply refusal{request};
+            setError(refusal, value::posixError(EAGAIN, "open"));
+            send(refusal);
+        });
+}
+
+void answer(Consumer& consumer, const mox::Request& request, mox::Reply& reply) {
+    const std::string_view name = text(request.view(), kRequestKey);
     if (name == kConsumeRequest) {
-        reply.set(kHandleKey, extensions.consume(text(request, kTokenKey)));
+        reply.set(kHandleKey, consumer.extensions.consume(text(request.view(), kTokenKey)));
     } else if (name == kReleaseRequest) {
-        extensions.release(handleIn(request));
-    } else if (name == kOpenRequest) {
-        auto opened = extensions.open(handleIn(request), pathIn(request));
-        if (opened) {
-            reply.attach(std::move(*opened));
-        } else {
-            setError(reply, opened.error());
-        }
+        consumer.extensions.release(handleIn(request.view()));
     } else {
         setError(reply, value::posixError(EINVAL, "unrecognized request"));
     }
@@ -58,14 +111,17 @@ void answer(Extensions& extensions, mox::View request, mox::Reply& reply) {
 
 // The handler owns what the peer has consumed; the connection drops it, and so closes everything, when it is invalid.
 void serve(const std::shared_ptr<mox::Connection>& connection) {
+    const auto& peer = *connection->identity();
     connection->setEventHandler(
-        [weak = std::weak_ptr{connection}, extensions = std::make_shared<Extensions>()](const mox::Event& event) {
+        [weak = std::weak_ptr{connection},
+         consumer = std::make_shared<Consumer>(Consumer{{}, {peer.pid, peer.startTime}})](const mox::Event& event) {
             const auto* request = std::get_if<mox::Request>(&event);
-            const auto peer = weak.lock();
-            if (request == nullptr || !peer) return;
+            const auto connected = weak.lock();
+            if (request == nullptr || !connected) return;
+            if (text(request->view(), kRequestKey) == kOpenRequest) return openElsewhere(*consumer, *request, weak);
             mox::Reply reply{*request};
-            answer(*extensions, request->view(), reply);
-            peer->send(reply);
+            answer(*consumer, *request, reply);
+            connected->send(reply);
         });
     connection->resume();
 }

@@ -67,6 +67,7 @@ TEST_F(ServiceTest, OpensRegularFilesBeneathTheTokensPathAndNothingElse) {
         {info + "\0/x"s, "EINVAL"},
         {bundle, "EISDIR"},
         {bundle + "/missing", "ENOENT"},
+        {bundle + std::string(1 << 19, '/'), "ENAMETOOLONG"},
     };
     for (const auto& [path, outcome] : rows) EXPECT_EQ(read(handle, path), outcome) << path;
 
