@@ -2,6 +2,7 @@
 
 #include "fuzz/Fuzz.h"
 #include "platform/logging/Log.h"
+#include "platform/mox/Encoder.h"
 #include "platform/plist/Plist.h"
 #include "tests/vtd/FakePlugIn.h"
 #include "vtd/VTDPlugIn.h"
@@ -77,6 +78,10 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
         }
     }
     require(plugIn->match(rules) == all);
-    require((plugIn->unmatchedRule(rules) == nullptr) == all);
+    mox::Encoder encoder;
+    encoder.value(rules);
+    rules::Complaints complaints;
+    const rules::Rules read{mox::View{encoder.bytes().data()}};
+    require((plugIn->unmatchedRule(read, complaints) == nullptr) == all);
     return 0;
 }

@@ -13,7 +13,8 @@ struct Discovery::Visit {
     const VTDPlugIn& candidate;
     const Query& query;
     MatchList& matches;
-    const MatchEffort& effort;
+    rules::Complaints& complaints;
+    std::size_t& leftOut;
     std::optional<VTForm> form;  // once the candidate has been exported
 
     bool asksFor(std::uint64_t flag) const { return (query.flags & flag) != 0; }
@@ -59,34 +60,40 @@ struct Discovery::Gates {
     }
 
     static Verdict rules(Visit& visit) {
-        const value::Dictionary::Entry* rule = visit.candidate.unmatchedRule(visit.query.rules);
+        const auto* const rule = visit.candidate.unmatchedRule(visit.query.wanted, visit.complaints);
         if (rule == nullptr) return {};
-        return Reason{"does not match the rule", rule->key};
+        return Reason{"does not match the rule", std::string{rule->name}};
     }
 
     static Verdict exclusions(Visit& visit) {
-        if (!visit.query.exclusions || !visit.query.exclusions->cover(visit.candidate)) return {};
+        if (!visit.query.exclusions || !visit.query.exclusions->cover(visit.candidate, visit.complaints)) {
+            return {};
+        }
         return Reason{"is excluded by the user"};
     }
 
     static Verdict hostAuthorization(Visit& visit) {
-        auto refusal = visit.query.refuseToClient ? visit.query.refuseToClient(visit.candidate) : std::nullopt;
+        auto refusal =
+            visit.query.refuseToClient ? visit.query.refuseToClient(visit.candidate, visit.complaints) : std::nullopt;
         if (!refusal) return {};
         return Reason{"may not be used by the client", *std::move(refusal)};
     }
 
-    // Behind all that meets patterns: what was decided with nothing left to spend was not decided.
-    static Verdict effort(Visit& visit) {
-        if (!visit.effort.isSpent()) return {};
-        return Reason{"came when all effort was spent"};
-    }
-
     static Verdict exported(Visit& visit) {
+        const Reason kFull{"would make the reply too large"};
+        if (visit.leftOut > 0) {
+            ++visit.leftOut;
+            return kFull;
+        }
         std::optional<value::Error> error;
         visit.form = visit.candidate.exportForm(&error);
         if (error) {
             logging::notice(
                 text::format("error matching {}: {}", visit.candidate.path(), error->localizedDescription()));
+        }
+        if (visit.form && visit.matches.encodedBytes() + visit.form->encodedSizeHint() > visit.query.mostEncodedBytes) {
+            ++visit.leftOut;
+            return kFull;
         }
         if (visit.form) return {};
         return Reason{"has no form", error ? error->localizedDescription() : std::string{}};
@@ -104,20 +111,37 @@ struct Discovery::Gates {
         {"rules", Gate::Scope::always, rules},               //
         {kExclusionsGate, Gate::Scope::always, exclusions},
         {kHostGate, Gate::Scope::unlessAll, hostAuthorization},
-        {"effort", Gate::Scope::always, effort},
         {"export", Gate::Scope::always, exported},        //
         {"duplicates", Gate::Scope::always, duplicates},  //
     };
 };
 
-Discovery::Discovery(Query query, Annotate annotate)
-    : query_{std::move(query)}, annotate_{std::move(annotate)}, matches_{query_.flags} {}
+Discovery::Discovery(Query query, Annotate annotate, effort::Account& account)
+    : query_{std::move(query)},
+      annotate_{std::move(annotate)},
+      priceOfRules_{query_.wanted.price() + query_.priceOfPolicy},
+      account_{account},
+      matches_{query_.flags} {}
+
+bool Discovery::isAffordable(std::size_t candidates) {
+    const std::uint64_t left = account_.left();  // without the shares, which are the candidates' own
+    account_.grantShares(candidates);
+    // What the user excludes is no choice of the client's, and is on the house.
+    if (query_.exclusions) account_.grantShares(candidates * query_.exclusions->price() / effort::kShare);
+    return candidates == 0 || priceOfRules_ <= left / candidates;
+}
 
 std::optional<Discovery::Refusal> Discovery::visit(const VTDPlugIn& candidate) {
-    Visit visit{candidate, query_, matches_, effort_, {}};
+    const std::uint64_t exclusions = query_.exclusions ? query_.exclusions->price() : 0;
+    effort::Account own{account_, effort::kShare + priceOfRules_ + exclusions};
+    const effort::Charging charging{own};
+    Visit visit{candidate, query_, matches_, complaints_, leftOut_, {}};
     for (const Gate& gate : Gates::kInOrder) {
         if (gate.scope == Gate::Scope::unlessAll && visit.asksFor(VTDiscoverAll)) continue;
-        if (auto reason = gate.examine(visit)) return Refusal{gate.name, reason->text, std::move(reason->detail)};
+        auto reason = gate.examine(visit);
+        // What was decided with nothing left to spend was not decided.
+        if (own.isSpent()) return Refusal{kEffortGate, "needs more effort than one may", {}};
+        if (reason) return Refusal{gate.name, reason->text, std::move(reason->detail)};
     }
     annotate_(candidate, *visit.form);
     candidate.augmentForm(*visit.form);

@@ -12,39 +12,41 @@
 
 namespace {
 
-// The text that a pattern accepts, with what compares as equivalent, and nothing else; nothing for other patterns.
-std::optional<std::string_view> literalText(const value::Value& pattern) {
-    const std::string* text = pattern.string();
-    if (text == nullptr) return {};
-    if (text->starts_with('=')) return std::string_view{*text}.substr(1);
-    if (text->starts_with('?') || text->starts_with('<') || text->starts_with('>')) return {};
-    return *text;
+constexpr std::uint64_t kUnitsALookUp = 20;
+
+// The text that the first of the rules takes as the identifier, with what compares as equivalent, and nothing else.
+// Only the first one sorts rules into the index: those before it would have to be evaluated first, and some say
+// something in the log.
+std::optional<std::string_view> identifierIn(const rules::Rules& rules) {
+    if (rules.rules().empty()) return {};
+    const rules::Rules::Rule& first = rules.rules().front();
+    if (first.attribute != rules::Attribute::identifier || first.demand != rules::Demand::patterns) return {};
+    const auto patterns = rules.patterns(first);
+    return patterns.size() == 1 && patterns.front().isLiteral() ? std::optional{patterns.front().operand()}
+                                                                : std::nullopt;
 }
 
 }  // namespace
 
 // In parentheses: braces would make a list of one list.
-Exclusions::Exclusions(value::Array rules) : rules_(std::move(rules)) {
-    for (std::size_t position = 0; position < rules_.size(); ++position) {
-        if (const value::Dictionary* exclusion = rules_[position].dictionary()) add(position, *exclusion);
+Exclusions::Exclusions(value::Array rules) : source_(std::move(rules)) {
+    for (const value::Value& element : source_) {
+        const value::Dictionary* const exclusion = element.dictionary();
+        if (exclusion == nullptr) continue;
+        const std::size_t position = rules_.size();
+        const rules::Rules& read = rules_.emplace_back(*exclusion);
+        if (const auto identifier = identifierIn(read)) {
+            named_.push_back({text::numericHash(*identifier), position});
+        } else {
+            others_.push_back(position);
+            price_ += read.price();
+        }
     }
     std::sort(named_.begin(), named_.end());
+    if (!named_.empty()) price_ += kUnitsALookUp;
 }
 
-// Only the first rule of a dictionary sorts it into the index: rules before it would have to be evaluated first, and
-// some say something in the log.
-void Exclusions::add(std::size_t position, const value::Dictionary& rules) {
-    const value::Dictionary::Entry* first = rules.begin();
-    const auto literal =
-        first != rules.end() && first->key == "KXExtensionIdentifier" ? literalText(first->value) : std::nullopt;
-    if (literal) {
-        named_.push_back({text::numericHash(*literal), position});
-    } else {
-        others_.push_back(position);
-    }
-}
-
-bool Exclusions::cover(const VTDPlugIn& plugIn) const {
+bool Exclusions::cover(const VTDPlugIn& plugIn, rules::Complaints& complaints) const {
     auto named = named_.end();
     auto namedEnd = named_.end();
     if (!named_.empty()) {
@@ -56,7 +58,7 @@ bool Exclusions::cover(const VTDPlugIn& plugIn) const {
     while (named != namedEnd || other != others_.end()) {
         const bool namedIsNext = other == others_.end() || (named != namedEnd && named->position < *other);
         const std::size_t next = namedIsNext ? (named++)->position : *other++;
-        if (plugIn.unmatchedRule(*rules_[next].dictionary()) == nullptr) return true;
+        if (plugIn.unmatchedRule(rules_[next], complaints) == nullptr) return true;
     }
     return false;
 }

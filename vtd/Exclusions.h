@@ -5,8 +5,12 @@
 #include <vector>
 
 #include "platform/value/Value.h"
+#include "vtd/rules/Rules.h"
 
 class VTDPlugIn;
+namespace rules {
+class Complaints;
+}
 
 // The user's exclusions, made ready for the many candidates of many discoveries: rules dictionaries, of which any that
 // matches a plug-in hides it from every host.
@@ -20,10 +24,13 @@ class Exclusions {
 public:
     explicit Exclusions(value::Array rules);  // elements that are no dictionary exclude nothing
 
-    bool cover(const VTDPlugIn& plugIn) const;
+    bool cover(const VTDPlugIn& plugIn, rules::Complaints& complaints) const;
+
+    // What trying them on any plug-in costs, in units of effort.
+    std::uint64_t price() const { return price_; }
 
     // Whether they were made from this very array.
-    bool areOf(const value::Array& rules) const { return rules.begin() == rules_.begin(); }
+    bool areOf(const value::Array& rules) const { return rules.begin() == source_.begin(); }
 
 private:
     struct Named {
@@ -32,9 +39,9 @@ private:
         friend auto operator<=>(const Named&, const Named&) = default;
     };
 
-    void add(std::size_t position, const value::Dictionary& rules);
-
-    const value::Array rules_;
+    const value::Array source_;
+    std::vector<rules::Rules> rules_;
+    std::uint64_t price_ = 0;
     std::vector<Named> named_;         // in ascending order
     std::vector<std::size_t> others_;  // positions, in ascending order
 };

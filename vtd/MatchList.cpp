@@ -1,16 +1,12 @@
 #include "vtd/MatchList.h"
 
-#include <algorithm>
 #include <utility>
 
 #include "Velto/VTProtocol.h"
 #include "Velto/VTVersionComparison.h"
-#include "vtd/MatchEffort.h"
+#include "platform/effort/Effort.h"
 
 namespace {
-
-// Of what one plug-in may replace: every discovery that finds the plug-in looks at them all.
-constexpr std::size_t kMostReplaced = 256;
 
 // Between copies of one version. Only the candidate's place counts: a copy in the list gains nothing by its own.
 bool winsTie(const VTForm& candidate, const VTForm& listed) {
@@ -28,7 +24,8 @@ bool MatchList::admits(const VTForm& candidate) {
     for (Position at = copies->second.first; at != kNone; at = nextCopy_[at]) {
         if (removed_[at]) continue;
         const VTForm& listed = forms_[at];
-        if (!MatchEffort::take(MatchEffort::ofTexts(candidate.version().size(), listed.version().size()))) return false;
+        if (!effort::take(1 + effort::ofBytes(std::min(candidate.version().size(), listed.version().size()))))
+            return false;
         const std::weak_ordering order = compareVersionString(candidate.version(), listed.version());
         if (everyVersion && order != std::weak_ordering::equivalent) continue;
         const bool wins =
@@ -45,11 +42,13 @@ bool MatchList::admits(const VTForm& candidate) {
 
 void MatchList::remove(Position position) {
     removed_[position] = true;
+    encodedBytes_ -= forms_[position].encodedSizeHint();
     anyRemoved_ = true;
 }
 
 void MatchList::append(VTForm form, const value::Value* replacePlugIn) {
     const Position position = forms_.size();
+    encodedBytes_ += form.encodedSizeHint();
     forms_.push_back(std::move(form));
     removed_.push_back(false);
     nextCopy_.push_back(kNone);
@@ -63,10 +62,9 @@ void MatchList::append(VTForm form, const value::Value* replacePlugIn) {
     if (replacePlugIn == nullptr) return;
     if (const std::string* replaced = replacePlugIn->string()) overriders_[*replaced] = position;
     if (const value::Array* list = replacePlugIn->array()) {
-        const std::size_t looked = std::min(list->size(), kMostReplaced);
-        std::for_each_n(list->begin(), looked, [&](const value::Value& element) {
+        for (const value::Value& element : *list) {
             if (const std::string* replaced = element.string()) overriders_[*replaced] = position;
-        });
+        }
     }
 }
 

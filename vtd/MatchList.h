@@ -21,12 +21,16 @@ public:
 
     // Whether the candidate goes into the list beside, or instead of, the copies of it that are there; those it is to
     // stand in for are removed. Without VTDiscoverEveryVersion the newest copy stays, and among copies of one version:
-    // the candidate, when it lives on the system volume and the other does not, or else was registered later.
+    // the candidate, when it lives on the system volume and the other does not, or else was registered later. Comparing
+    // is charged; once that is spent, no.
     bool admits(const VTForm& candidate);
 
     // Adds an admitted form at the end. The entitlement, if any, names what the plug-in replaces: a text or a list of
-    // texts; of several plug-ins that claim one identifier the last counts.
+    // texts, which the registry has bounded; of several plug-ins that claim one identifier the last counts.
     void append(VTForm form, const value::Value* replacePlugIn);
+
+    // Of the forms that are in the list, as VTForm::encodedSizeHint() has it.
+    std::size_t encodedBytes() const { return encodedBytes_; }
 
     // Sets "overrider" in each form that another one replaces, and "overriding" in that other; then gives up the list.
     // A form that was removed after all still counts as the one that replaces.
@@ -49,6 +53,7 @@ private:
     std::vector<VTForm> forms_;       // removed ones included, until the list is finished
     std::vector<bool> removed_;       // by position
     std::vector<Position> nextCopy_;  // by position
+    std::size_t encodedBytes_ = 0;
     bool anyRemoved_ = false;
     std::unordered_map<std::string_view, Copies> copies_;   // by identifier, whose text a form's base owns
     std::unordered_map<std::string, Position> overriders_;  // by the identifier that is replaced

@@ -2,14 +2,15 @@
 
 #include <new>
 #include <string_view>
+#include <unordered_set>
 #include <utility>
 
 #include "Velto/VTError.h"
 #include "Velto/VTProtocol.h"
 #include "Velto/VTValueHelpers.h"
-#include "platform/file/File.h"
 #include "platform/text/Format.h"
 #include "vtd/Probes.h"
+#include "vtd/RequestPaths.h"
 #include "vtd/VTDMoxClient.h"
 #include "vtd/VTDServer.h"
 
@@ -31,11 +32,14 @@ const Transaction::Handler* Transaction::handlerNamed(std::string_view name) {
     return nullptr;
 }
 
-Transaction::Transaction(mox::Request request, std::shared_ptr<VTDMoxClient> client)
+Transaction::Transaction(mox::Request request, std::shared_ptr<VTDMoxClient> client,
+                         std::shared_ptr<RequestPaths> paths)
     : client_{std::move(client)},
       request_{std::move(request)},
       annotationRound_{*client_->server()},
-      reply_{request_} {}
+      reply_{request_},
+      paths_{std::move(paths)},
+      account_{paths_ && paths_->outcome() == RequestPaths::Outcome::done ? paths_->account() : own_} {}
 
 const std::shared_ptr<VTDServer>& Transaction::server() const {
     return client_->server();
@@ -46,6 +50,7 @@ std::shared_ptr<mox::Connection> Transaction::connection() const {
 }
 
 void Transaction::dispatch() {
+    const effort::Charging charging{account_};
     const auto nameValue = request().find(VTKey::request);
     const std::optional<std::string_view> name = nameValue ? nameValue->string() : std::nullopt;
     const auto versionValue = request().find(VTKey::version);
@@ -75,18 +80,20 @@ bool Transaction::marshalPaths(const PathHandler& handler) {
         return false;
     };
     const auto paths = mox_dictionary_get_array(request(), VTKey::paths);
-    if (!paths) return malformed();
+    if (!paths || !paths_) return malformed();
+    if (paths_->outcome() != RequestPaths::Outcome::done) return failForEffort();
+    if (!mayGoOn()) return false;
 
-    return paths->forEachElement([&](mox::View element) {
-        const std::optional<std::string_view> sent = element.string();
-        if (!sent) return malformed();
-        const std::string path{*sent};
-        if (!path.starts_with('/')) {
-            fail(VTErrorPath, text::format("absolute path required: {}", path));
+    std::size_t element = 0;
+    return paths->forEachElement([&](mox::View sent) {
+        const std::optional<std::string_view> path = sent.string();
+        if (!path) return malformed();
+        if (!path->starts_with('/')) {
+            fail(VTErrorPath, text::format("absolute path required: {}", *path));
             return false;
         }
-        const std::optional<std::string> resolved = file::canonicalPath(path);
-        return handler(resolved ? *resolved : path, resolved.has_value());
+        const auto& canonical = (*paths_)[element++].canonical;
+        return handler(canonical ? *canonical : std::string{*path}, canonical.has_value());
     });
 }
 
@@ -97,6 +104,7 @@ bool Transaction::processPaths(const PathHandler& handler) {
 }
 
 bool Transaction::processUuidList(const PlugInHandler& handler) {
+    constexpr std::uint64_t kUnitsAnElement = 20;
     const auto malformed = [this](const char* message) {
         fail(VTErrorRequest, message);
         return false;
@@ -104,9 +112,15 @@ bool Transaction::processUuidList(const PlugInHandler& handler) {
     const auto uuids = mox_dictionary_get_array(request(), VTKey::uuids);
     if (!uuids) return malformed("invalid request format (uuid)");
 
+    static_cast<void>(account_.take(uuids->count() * kUnitsAnElement));
+    if (!mayGoOn()) return false;
+
+    std::unordered_set<value::Uuid> known;
     return uuids->forEachElement([&](mox::View element) {
         const std::optional<value::Uuid> sent = element.uuid();
         if (!sent) return malformed("invalid request (bad uuid array)");
+        if (!known.insert(*sent).second) return true;
+        account_.grantShares(1);
         // An object of its own, as the protocol has it: want of memory is answered, and does not end the daemon.
         const std::unique_ptr<const value::Uuid> uuid{new (std::nothrow) value::Uuid{*sent}};
         if (!uuid) return malformed("invalid request (uuid allocation failure)");
@@ -114,6 +128,19 @@ bool Transaction::processUuidList(const PlugInHandler& handler) {
         if (!plugIn) return malformed("no such plugin (uuid not found)");
         return handler(plugIn);
     });
+}
+
+bool Transaction::mayGoOn() {
+    return !account_.isSpent() || failForEffort();
+}
+
+bool Transaction::failForEffort() {
+    const auto name = request().find(VTKey::request);
+    server()->log("client {}: the request {} is too much work ({} us spent)", client_->pid(),
+                  name ? logging::excerpt(name->string().value_or("")) : "(null)",
+                  account_.spent() / effort::kUnitsAMicrosecond);
+    fail(VTErrorRequest, "the request is too much work");
+    return false;
 }
 
 void Transaction::done() {

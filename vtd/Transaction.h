@@ -7,10 +7,12 @@
 #include <string>
 
 #include "Velto/VTAtomic.h"
+#include "platform/effort/Effort.h"
 #include "platform/mox/Connection.h"
 #include "platform/value/Value.h"
 #include "vtd/VTDAnnotationRound.h"
 
+class RequestPaths;
 class VTDMoxClient;
 class VTDPlugIn;
 class VTDServer;
@@ -25,7 +27,10 @@ class VTForm;
 //
 // Ownership: owns its client, so that a handler never loses it; the connection may be gone all the same, and the reply
 // is then dropped.
-// Threading: made where the connection delivers its events; from dispatch() on it belongs to the service queue.
+// Threading: the service queue's.
+//
+// Effort: what the request makes the daemon do is charged to one account, which is the current one during dispatch();
+// what its paths have cost is on it by then. A handler judges it (mayGoOn) before it changes anything.
 class Transaction {
 public:
     // What is done with one path: `resolved` tells whether it is canonical, or as sent since it could not be resolved.
@@ -36,7 +41,9 @@ public:
     // replied.
     using PlugInHandler = std::function<bool(const std::shared_ptr<VTDPlugIn>& plugIn)>;
 
-    Transaction(mox::Request request, std::shared_ptr<VTDMoxClient> client);  // initWithRequest:forClient:
+    // initWithRequest:forClient:, with what the request's paths lead to when its handler asks for that.
+    Transaction(mox::Request request, std::shared_ptr<VTDMoxClient> client,
+                std::shared_ptr<RequestPaths> paths = nullptr);
     Transaction(const Transaction&) = delete;
     Transaction& operator=(const Transaction&) = delete;
 
@@ -49,10 +56,13 @@ public:
     // The same, and done() when all went through.
     bool processPaths(const PathHandler& handler);
 
-    // Hands the plug-in of each of the request's "uuids" to the handler, in order, up to the first element that names
-    // none (the request has then failed) or that the handler refuses. Answers whether all went through; it never calls
-    // done().
+    // Hands the plug-in of each of the request's "uuids" to the handler, in order and each UUID once, up to the first
+    // element that names none (the request has then failed) or that the handler refuses. Answers whether all went
+    // through; it never calls done(). What reading them costs is judged before the first is handed on.
     bool processUuidList(const PlugInHandler& handler);
+
+    // Whether there is effort left; else the request has failed.
+    bool mayGoOn();
 
     void done();  // saves what was decided about plug-ins, and sends the reply
 
@@ -66,6 +76,7 @@ public:
     std::shared_ptr<mox::Connection> connection() const;  // null once it is gone
     mox::View request() const { return request_.view(); }
     mox::Reply& reply() { return reply_; }
+    effort::Account& account() { return account_; }
     std::uint64_t version() const { return version_.load(); }
     void setVersion(std::uint64_t version) { version_.store(version); }
 
@@ -83,6 +94,7 @@ private:
     void annotatePlugIns();
     void lockDownPlugIns();
     void releaseHolds(mox::View tokens);
+    bool failForEffort();
 
     // Sets the form's "annotations" to the plug-in's, or to none.
     void addAnnotationForPlugIn(const VTDPlugIn& plugIn, VTForm& form) const;
@@ -91,5 +103,8 @@ private:
     const mox::Request request_;
     VTDAnnotationRound annotationRound_;
     mox::Reply reply_;
+    const std::shared_ptr<RequestPaths> paths_;  // null: the handler asks for none, or they are no list
+    effort::Account own_;
+    effort::Account& account_;  // that of the paths, where they have begun one
     VTAtomic<std::uint64_t> version_;
 };

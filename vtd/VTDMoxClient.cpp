@@ -3,12 +3,16 @@
 #include <utility>
 #include <variant>
 
+#include "platform/queue/Errands.h"
 #include "platform/text/Format.h"
 #include "vtd/Probes.h"
+#include "vtd/RequestPaths.h"
 #include "vtd/Transaction.h"
 #include "vtd/VTDServer.h"
 
 namespace {
+
+constexpr char kAllowedPlugInsEntitlement[] = "halvern.developer.velto.allowedplugins";
 
 constexpr std::uint32_t kCountReportedEvery = 1000;
 constexpr unsigned kUnexpectedLogged = 16;  // of one client: it must not fill the log
@@ -39,7 +43,8 @@ VTDMoxClient::VTDMoxClient(const std::shared_ptr<mox::Connection>& connection, s
       pid_{connection->pid()},
       server_{std::move(server)},
       bundle_{bundleOf(*connection->identity())},
-      task_{connection->identity()} {}
+      task_{connection->identity()},
+      lane_{server_->turns(), owner()} {}
 
 VTDMoxClient::~VTDMoxClient() = default;
 
@@ -51,6 +56,7 @@ void VTDMoxClient::dead() {
     server_->unholdClient(*this);
     server_->debug("client {} is dead", pid());
     setAcceptWork(false);
+    lane_.drop();
     probes::clientDone(pid());
 }
 
@@ -72,6 +78,17 @@ bool VTDMoxClient::hasEntitlement(std::string_view key) const {
     return value && *value != value::Value{false};
 }
 
+const VTDMoxClient::Restriction* VTDMoxClient::restriction() const {
+    std::call_once(restrictionRead_, [this] {
+        const auto entitlement = entitlementValueForKey(kAllowedPlugInsEntitlement);
+        if (!entitlement) return;
+        const value::Dictionary* const dictionary = entitlement->dictionary();
+        restriction_.emplace();
+        if (dictionary != nullptr) restriction_->allowed.emplace(*dictionary);
+    });
+    return restriction_ ? &*restriction_ : nullptr;
+}
+
 std::string VTDMoxClient::description() const {
     const auto peer = connection();
     const auto* const address = static_cast<const void*>(this);
@@ -90,13 +107,36 @@ void VTDMoxClient::handleEvent(const mox::Event& event) {
 void VTDMoxClient::handleRequest(const mox::Request& request) {
     if (server_->verbose() >= 2) server_->debug("incoming request {}", request.view());
     probes::requestInput(pid(), [&] { return mox::description(request.view()); });
-    server_->submitWork(
-        // Made where it runs: until then the request and the client are all there is to it.
-        [request, client = shared_from_this()]() mutable {
-            Transaction transaction{std::move(request), std::move(client)};
-            transaction.client()->countRequest();
-            transaction.dispatch();
+    auto paths = RequestPaths::of(request);
+    const bool isReady = !paths || paths->resolveAtHand();
+    // The transaction is made where it runs: until then the request and the client are all there is to it.
+    auto work = [request, paths, client = shared_from_this()]() mutable {
+        Transaction transaction{std::move(request), std::move(client), std::move(paths)};
+        transaction.client()->countRequest();
+        transaction.dispatch();
+    };
+    if (isReady) return lane_.async(std::move(work));
+
+    const auto ticket = lane_.asyncWhenReady(std::move(work));
+    queue::Errands::shared().run(
+        owner(),
+        [paths, weak = weak_from_this()] {
+            const auto isWanted = [&] {  // nothing keeps the client while this blocks
+                const auto client = weak.lock();
+                return client && client->acceptWork();
+            };
+            if (isWanted()) paths->resolve();
+        },
+        [paths, weak = weak_from_this(), ticket](queue::Errands::Outcome outcome) {
+            const bool isDone = outcome == queue::Errands::Outcome::done;
+            paths->setOutcome(isDone ? RequestPaths::Outcome::done : RequestPaths::Outcome::refused);
+            if (const auto client = weak.lock()) client->lane_.ready(ticket);
         });
+}
+
+queue::Owner VTDMoxClient::owner() const {
+    const auto peer = connection();
+    return peer ? queue::Owner{peer->pid(), peer->identity()->startTime} : queue::Owner{};
 }
 
 void VTDMoxClient::handleOther(const mox::Object& object) {

@@ -4,6 +4,7 @@
 
 #include <cstdint>
 #include <memory>
+#include <mutex>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -12,7 +13,9 @@
 #include "Velto/VTBundle.h"
 #include "platform/entitlements/Entitlements.h"
 #include "platform/mox/Connection.h"
+#include "platform/queue/Turns.h"
 #include "platform/value/Value.h"
+#include "vtd/rules/Rules.h"
 
 class VTDServer;
 
@@ -43,6 +46,12 @@ public:
     // Whether there is a value and it is neither false nor a number that is 0.
     bool hasEntitlement(std::string_view key) const;
 
+    // What the peer's own entitlement restricts it to: rules, or what is none. Null: nothing. Read at the first call.
+    struct Restriction {
+        std::optional<rules::Rules> allowed;
+    };
+    const Restriction* restriction() const;
+
     std::string description() const;
 
     bool acceptWork() const { return acceptWork_.load(); }
@@ -63,12 +72,17 @@ private:
     void handleRequest(const mox::Request& request);
     void handleOther(const mox::Object& object);
     void countRequest();
+    queue::Owner owner() const;
 
     const std::weak_ptr<mox::Connection> connection_;
     const pid_t pid_;
     const std::shared_ptr<VTDServer> server_;
     const std::shared_ptr<VTBundle> bundle_;
     const entitlements::SecurityTask task_;
+    queue::Turns::Lane lane_;  // its requests' way to the service queue
+
+    mutable std::once_flag restrictionRead_;
+    mutable std::optional<Restriction> restriction_;  // set once, then only read
 
     VTAtomic<bool> acceptWork_{true};
     unsigned unexpectedMessages_ = 0;  // that were logged; touched where the connection delivers

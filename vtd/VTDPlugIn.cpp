@@ -7,7 +7,6 @@
 #include <limits>
 #include <utility>
 
-#include "Velto/VTBundle.h"
 #include "Velto/VTError.h"
 #include "Velto/VTInfoKeys.h"
 #include "Velto/VTIssueReadExtension.h"
@@ -16,11 +15,9 @@
 #include "platform/plist/Plist.h"
 #include "platform/text/Format.h"
 #include "platform/text/Utf8.h"
+#include "vtd/BundleInfo.h"
 
 namespace {
-
-// Each shared resource costs a look at the disk in every discovery: a bundle may not name so many that others wait.
-constexpr std::size_t kMostSharedResources = 256;
 
 // Generations of the plug-in protocol where a bundle names none.
 constexpr std::uint32_t kOldStyleProtocol = 1;
@@ -67,21 +64,31 @@ const std::string& annotationKeyFor(const std::string& identifier, const value::
 }
 
 std::shared_ptr<VTDPlugIn> VTDPlugIn::initWithDVData(const std::shared_ptr<const dravo::DVVeltoProxy>& proxy) {
+    BundleInfo info;
+    Refusal refusal{};
+    return initWithDVData(proxy, info, refusal);
+}
+
+std::shared_ptr<VTDPlugIn> VTDPlugIn::initWithDVData(const std::shared_ptr<const dravo::DVVeltoProxy>& proxy,
+                                                     BundleInfo& bundleInfo, Refusal& refusal) {
     const std::optional<std::string>& url = proxy->bundlePath();
     if (!url) return nullptr;
     if (!text::isUtf8(*url)) {  // no form could carry it
         logging::notice(text::format("ignoring plug-in at {}: its path is not UTF-8", *url));
         return nullptr;
     }
-    const value::Dictionary info = prunedInfoDictionaryFor(VTBundle::initWithURL(*url)->infoDictionary());
+    const BundleInfo::Info& info = bundleInfo.of(*proxy);
+    // What is no longer what the registry knows, or cannot be read now, will be looked at again.
+    refusal = info.isAsKnown ? Refusal::lasting : Refusal::passing;
 
     auto plugIn = std::make_shared<VTDPlugIn>();
     // The set-up derives the plug-in dictionary from the bundle's own and never looks at the registry's copy, which the
     // registry would have to read from the disk for this.
-    if (!plugIn->setupWithName(proxy->pluginIdentifier(), url, info, {}, proxy->pluginUUID())) {
+    if (!plugIn->setupWithName(proxy->pluginIdentifier(), url, info.pruned, {}, proxy->pluginUUID())) {
         return nullptr;
     }
     plugIn->setDvproxy(proxy);
+    plugIn->setIsAsRegistered(info.isAsKnown);
     plugIn->setOriginalIdentifier(proxy->originalIdentifier());
     plugIn->setLastModified(wholeSeconds(proxy->registrationDate()));
     plugIn->setOnSystemVolume(proxy->onSystemPartition());
@@ -89,6 +96,7 @@ std::shared_ptr<VTDPlugIn> VTDPlugIn::initWithDVData(const std::shared_ptr<const
     plugIn->setHubProtocolVersion(protocolVersion(plugIn->topDictionary(), plugIn->bundleInfoDictionary()));
     if (const auto container = proxy->containingBundle()) plugIn->setContainingUrl(container->bundlePath);
     if (const auto error = plugIn->diagnose()) {
+        if (!plugIn->VTPlugInCore::diagnose()) refusal = Refusal::passing;  // its data container is wanting
         logging::notice(text::format("ignoring mis-configured plug-in at {}: {}", *url, error->localizedDescription()));
         return nullptr;
     }
@@ -168,26 +176,21 @@ value::Dictionary VTDPlugIn::issueResourceExtensions(const value::Value& shared)
     }
 
     const std::string root = url();
+    const auto open = [this] { return dvproxy()->openBundle(); };
     value::Dictionary::Builder extensions;
-    extensions.reserve(std::min(names.size(), kMostSharedResources));
-    std::size_t looked = 0;
+    extensions.reserve(names.size());
     for (const value::Value& element : names) {
-        if (++looked > kMostSharedResources) {
-            logging::notice(text::format("only the first {} shared resources of the plug-in at {} are extended",
-                                         kMostSharedResources, root));
-            break;
-        }
         const std::string* name = element.string();
         if (name == nullptr) continue;
-        const std::string target = *name == "." ? root : root + '/' + *name;
-        if (const auto token = VTIssueReadExtension(target, root)) {
+        if (const auto token = VTIssueReadExtension(root, *name, open)) {
             extensions.set(*name, *token);
         } else {
+            const std::string target = *name == "." ? root : root + '/' + *name;
             logging::notice(text::format("failed to make extension for {} in plug-in at {}: {}", target, root,
                                          std::strerror(errno)));
         }
     }
     value::Dictionary issued = std::move(extensions).build();
-    if (onlyBundle && dvproxy()->isInPlace()) bundleExtension_.store(issued);
+    if (onlyBundle) bundleExtension_.store(issued);
     return issued;
 }

@@ -17,7 +17,10 @@
 #include "platform/dravo/Dravo.h"
 #include "platform/value/Value.h"
 #include "vtd/VTDAnnotationSource.h"
+#include "vtd/rules/Complaints.h"
+#include "vtd/rules/Rules.h"
 
+class BundleInfo;
 class VTDMoxClient;
 
 // Entitlements of a plug-in that say how the user's choices apply to it.
@@ -39,11 +42,23 @@ const std::string& annotationKeyFor(const std::string& identifier, const value::
 // atomicity. Errors: a plug-in that cannot be used makes no record; the reason is logged.
 class VTDPlugIn : public VTPlugInCore {
 public:
-    // Null when the plug-in has no bundle, no usable description, or is mis-configured.
+    // Null when the plug-in has no bundle, no usable description, or is mis-configured. Info.plist is read beneath the
+    // directory that the registry's record is of.
     static std::shared_ptr<VTDPlugIn> initWithDVData(const std::shared_ptr<const dravo::DVVeltoProxy>& proxy);
+
+    // The same for one of many, whose bundle's info may have been read for another. When it makes no record, the
+    // refusal lasts if only another bundle or SDK could change it.
+    enum class Refusal : std::uint8_t { passing, lasting };
+    static std::shared_ptr<VTDPlugIn> initWithDVData(const std::shared_ptr<const dravo::DVVeltoProxy>& proxy,
+                                                     BundleInfo& bundleInfo, Refusal& refusal);
 
     // The dictionary without the build tools' keys ("DT..."); empty for none.
     static value::Dictionary prunedInfoDictionaryFor(const std::optional<value::Dictionary>& info);
+
+    // Whether it was made of what the registry knows. Else Info.plist was changing just then: the record serves whoever
+    // asked, but nobody would announce when it no longer says what the disk does.
+    bool isAsRegistered() const { return isAsRegistered_.load(); }
+    void setIsAsRegistered(bool value) { isAsRegistered_.store(value); }
 
     // --- Display names: the registry's, asked until it knows one. Empty while it does not.
 
@@ -59,8 +74,9 @@ public:
     // Adds "extensions" when the plug-in shares anything: shared name to token, without those that were refused.
     void augmentForm(VTForm& form) const;
 
-    // Of a plug-in that shares its bundle and nothing else, as extensions do, the token is kept: it stays good for as
-    // long as the registry's record, which goes when another directory takes the bundle's place.
+    // Each name is looked for in the very directory that the registry's record is of. Of a plug-in that shares its
+    // bundle and nothing else, as extensions do, the token is kept: it stays good for as long as that record, which
+    // goes when another directory takes the bundle's place.
     value::Dictionary issueResourceExtensions(const value::Value& shared) const;
 
     // --- Entitlements, as the registry reports them at each call
@@ -78,13 +94,13 @@ public:
     // of process assertions. Nothing when none is. Asked of the disk at each call.
     std::optional<value::Dictionary> checkBusy() const;
 
-    // --- The rule language (VTDPlugIn_Match.cpp). Nothing fails: what makes no sense is not matched.
+    // --- The rule language (VTDPlugIn_Match.cpp; vtd/rules). Nothing fails: what makes no sense is not matched.
+
+    // The first rule that the plug-in does not satisfy, in the rules' order; null when it matches. For the many
+    // plug-ins of one request; what follows is for one, and reads the rules for it.
+    const rules::Rules::Rule* unmatchedRule(const rules::Rules& rules, rules::Complaints& complaints) const;
 
     bool match(const std::optional<value::Dictionary>& rules) const;  // no rules match everything
-
-    // The first rule that the plug-in does not satisfy, in the dictionary's order; null when it matches.
-    const value::Dictionary::Entry* unmatchedRule(const value::Dictionary& rules) const;
-
     bool matchKey(std::string_view name, const value::Value& pattern) const;
     bool matchValuePatterns(std::string_view value, const value::Value& patterns) const;
     bool matchValuePattern(std::string_view value, std::string_view pattern) const;
@@ -96,8 +112,8 @@ public:
     // then the entitlement that the plug-in demands, then the device's restriction. The second form is for the many
     // plug-ins of one request, which asks for the restriction once.
     std::optional<std::string> allowForClient(const VTDMoxClient& client) const;
-    std::optional<std::string> allowForClient(const VTDMoxClient& client,
-                                              std::optional<std::int64_t> maximumRating) const;
+    std::optional<std::string> allowForClient(const VTDMoxClient& client, std::optional<std::int64_t> maximumRating,
+                                              rules::Complaints& complaints) const;
 
     // Whether the containing application is rated above the maximum that the device allows.
     bool ageRestricted() const;
@@ -124,8 +140,7 @@ public:
     void setDvproxy(std::shared_ptr<const dravo::DVVeltoProxy> proxy) { dvproxy_.store(std::move(proxy)); }
 
 private:
-    bool matchAny(const value::Value* value, const value::Value& pattern) const;
-    bool matchText(std::string_view value, const value::Value& pattern) const;
+    bool isMet(const rules::Rules& rules, const rules::Rules::Rule& rule, rules::Complaints& complaints) const;
 
     mutable VTAtomic<std::string> localizedName_;
     mutable VTAtomic<std::string> localizedShortName_;
@@ -133,6 +148,7 @@ private:
     mutable VTAtomic<value::Dictionary> bundleExtension_;  // empty until it was issued
     static constexpr std::int64_t kNotAsked = std::numeric_limits<std::int64_t>::min();
     mutable VTAtomic<std::int64_t> containerAgeRestriction_{kNotAsked};
+    VTAtomic<bool> isAsRegistered_{false};
     VTAtomic<std::shared_ptr<const dravo::DVVeltoProxy>> dvproxy_;
     VTAtomic<std::weak_ptr<VTDAnnotationSource>> annotationSource_;
 };

@@ -12,8 +12,6 @@
 
 namespace {
 
-constexpr char kAllowedPlugInsEntitlement[] = "halvern.developer.velto.allowedplugins";
-
 // What names no entitlement is held by nobody.
 bool holds(const VTDMoxClient& client, const value::Value& entitlement) {
     const std::string* name = entitlement.string();
@@ -23,15 +21,18 @@ bool holds(const VTDMoxClient& client, const value::Value& entitlement) {
 }  // namespace
 
 std::optional<std::string> VTDPlugIn::allowForClient(const VTDMoxClient& client) const {
-    return allowForClient(client, restrictions::maximumAppsRating());
+    rules::Complaints complaints;
+    return allowForClient(client, restrictions::maximumAppsRating(), complaints);
 }
 
 std::optional<std::string> VTDPlugIn::allowForClient(const VTDMoxClient& client,
-                                                     std::optional<std::int64_t> maximumRating) const {
-    if (const auto restriction = client.entitlementValueForKey(kAllowedPlugInsEntitlement)) {
-        const value::Dictionary* rules = restriction->dictionary();
-        if (rules == nullptr) return "invalid host restriction entitlement";
-        if (unmatchedRule(*rules) != nullptr) return "the host's plug-in entitlement does not allow this plug-in";
+                                                     std::optional<std::int64_t> maximumRating,
+                                                     rules::Complaints& complaints) const {
+    if (const VTDMoxClient::Restriction* restriction = client.restriction()) {
+        if (!restriction->allowed) return "invalid host restriction entitlement";
+        if (unmatchedRule(*restriction->allowed, complaints) != nullptr) {
+            return "the host's plug-in entitlement does not allow this plug-in";
+        }
     }
     const value::Value* demanded = plugInDictionary().find(VTInfoKey::hostEntitlement);
     if (demanded != nullptr && !holds(client, *demanded)) {
@@ -51,10 +52,15 @@ bool VTDPlugIn::ageRestricted(std::optional<std::int64_t> maximumRating) const {
 
 std::int64_t VTDPlugIn::containerAgeRestriction() const {
     if (const std::int64_t known = containerAgeRestriction_.load(); known != kNotAsked) return known;
-    const auto container = dvproxy()->containingBundle();
-    const auto directory =
-        container && container->application ? container->application->bundleContainerPath() : std::nullopt;
-    const std::int64_t rating = directory ? ageRatingInContainer(*directory) : kUnknownAgeRating;
+    const auto around = dvproxy()->containingBundle();
+    const auto application = around ? around->application : nullptr;
+    const auto path = application ? application->bundleContainerPath() : std::nullopt;
+    std::int64_t rating = kUnknownAgeRating;
+    if (path) {
+        const auto container = application->openContainer();
+        if (!container) return rating;  // exchanged just now: the registry will tell, and another record will ask
+        rating = ageRatingInContainer(container->get(), *path);
+    }
     containerAgeRestriction_.store(rating);
     return rating;
 }

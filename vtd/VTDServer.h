@@ -12,6 +12,7 @@
 #include "platform/logging/Log.h"
 #include "platform/mox/Connection.h"
 #include "platform/queue/SerialQueue.h"
+#include "platform/queue/Turns.h"
 #include "platform/sandbox/Sandbox.h"
 #include "platform/text/Described.h"
 #include "platform/text/Format.h"
@@ -28,7 +29,8 @@ class VTDMoxClient;
 // long as their connections.
 // Threading: every member may be called from any thread, but for run(), which is the main thread's. Queues:
 //     "mox"      builds one client for each new connection
-//     "service"  user-initiated: every request from dispatch to reply, one at a time in order of arrival
+//     "service"  user-initiated: every request from dispatch to reply, one at a time; those of one connection in order
+//         of arrival, those of different ones by turns
 //     "serverSync"  the hold table, entered synchronously; what runs there waits for no other queue
 // Errors: a server that cannot be built is a null pointer, and the log says why.
 class VTDServer : public VTDatabase, public VTDatabaseDelegate {
@@ -65,7 +67,7 @@ public:
         log(logging::Level::info, text::format(pattern, std::forward<Args>(args)...));
     }
 
-    // Appends the closure to the service queue: the one road by which request work gets there.
+    // Appends the closure to the service queue. Requests get there by turns(), a piece of work at a time.
     template <typename F>
     void submitWork(F&& work) const {
         mainQueue_->async(std::forward<F>(work));
@@ -97,6 +99,7 @@ public:
     void setVerbose(std::uint32_t verbose) { verbose_.store(verbose); }
     const std::shared_ptr<queue::SerialQueue>& moxQueue() const { return moxQueue_; }
     const std::shared_ptr<queue::SerialQueue>& mainQueue() const { return mainQueue_; }
+    const std::shared_ptr<queue::Turns>& turns() const { return turns_; }  // at mainQueue
     const std::shared_ptr<queue::SerialQueue>& syncQueue() const { return syncQueue_; }
     const std::shared_ptr<mox::Listener>& service() const { return service_; }
     const VTDHoldTable& holds() const { return holds_; }  // on syncQueue
@@ -106,8 +109,10 @@ private:
     VTDServer(std::shared_ptr<VTDAnnotationStore> annotations, std::shared_ptr<dravo::DVApplicationWorkspace> workspace,
               const std::string& service);
 
+    const std::string name_;  // of the service
     const std::shared_ptr<queue::SerialQueue> moxQueue_;
     const std::shared_ptr<queue::SerialQueue> mainQueue_;
+    const std::shared_ptr<queue::Turns> turns_;
     const std::shared_ptr<queue::SerialQueue> syncQueue_;
     const std::shared_ptr<mox::Listener> service_;
     const std::shared_ptr<sandbox::Service> sandbox_;  // where those who hold our tokens ask for files

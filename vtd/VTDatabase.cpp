@@ -1,12 +1,15 @@
 #include "vtd/VTDatabase.h"
 
 #include <algorithm>
+#include <limits>
 #include <utility>
 
 #include "Velto/VTError.h"
 #include "Velto/VTProtocol.h"
+#include "platform/effort/Effort.h"
 #include "platform/logging/Log.h"
 #include "platform/text/Format.h"
+#include "vtd/BundleInfo.h"
 #include "vtd/VTDAnnotationRound.h"
 #include "vtd/VTDAnnotationStore.h"
 #include "vtd/VTDPlugIn.h"
@@ -54,9 +57,15 @@ void VTDatabase::checkOnSync(const char* operation) const {
 // --- Lookups
 
 std::shared_ptr<VTDPlugIn> VTDatabase::plugInForProxy(const std::shared_ptr<const dravo::DVVeltoProxy>& proxy) {
+    BundleInfo bundleInfo;
+    return plugInForProxy(proxy, bundleInfo);
+}
+
+std::shared_ptr<VTDPlugIn> VTDatabase::plugInForProxy(const std::shared_ptr<const dravo::DVVeltoProxy>& proxy,
+                                                      BundleInfo& bundleInfo) {
     return _sync()->sync([&] {
         const auto cached = cache_.find(proxy->pluginUUID());
-        return cached != cache_.end() ? cached->second : createPlugInForProxy(proxy);
+        return cached != cache_.end() ? cached->second : createPlugInForProxy(proxy, bundleInfo);
     });
 }
 
@@ -66,6 +75,10 @@ std::shared_ptr<VTDPlugIn> VTDatabase::findPlugIn(const value::Uuid& uuid) {
         const auto proxy = workspace()->plugin(uuid);
         if (!proxy) {
             logging::notice(text::format("Dravo cannot find plug-in with UUID:{}", uuid.string()));
+            return nullptr;
+        }
+        if (const auto* const why = notes_.refusal(proxy)) {
+            logging::repeat(*why);
             return nullptr;
         }
         return createPlugInForProxy(proxy);
@@ -89,24 +102,47 @@ std::optional<VTDatabase::PlugIns> VTDatabase::plugInsWithinApplication(const st
     if (proxies.empty()) return {};
     PlugIns plugIns;
     plugIns.reserve(proxies.size());
+    BundleInfo bundleInfo;
     for (const auto& proxy : proxies) {
-        if (auto plugIn = plugInForProxy(proxy)) plugIns.push_back(std::move(plugIn));
+        if (auto plugIn = plugInForProxy(proxy, bundleInfo)) plugIns.push_back(std::move(plugIn));
     }
     return plugIns;
+}
+
+void VTDatabase::noteCostlyPlugIn(const VTDPlugIn& plugIn) {
+    if (!_sync()->sync([&] { return notes_.noteCosts(plugIn.dvproxy()); })) return;
+    logging::notice(
+        text::format("left out of a discovery: {} at {}, whose values need more effort than one plug-in may",
+                     plugIn.identifier(), plugIn.path()));
 }
 
 // --- The cache
 
 std::shared_ptr<VTDPlugIn> VTDatabase::createPlugInForProxy(const std::shared_ptr<const dravo::DVVeltoProxy>& proxy) {
+    BundleInfo bundleInfo;
+    return createPlugInForProxy(proxy, bundleInfo);
+}
+
+std::shared_ptr<VTDPlugIn> VTDatabase::createPlugInForProxy(const std::shared_ptr<const dravo::DVVeltoProxy>& proxy,
+                                                            BundleInfo& bundleInfo) {
     checkOnSync("createPlugInForProxy");
-    auto plugIn = VTDPlugIn::initWithDVData(proxy);
-    if (!plugIn) return nullptr;
+    if (notes_.refusal(proxy) != nullptr) return nullptr;
+    // How often records are built is the cache's matter, and not that of the request that happens to need one.
+    effort::Account ours{std::numeric_limits<std::uint64_t>::max()};
+    const effort::Charging charging{ours};
+    logging::Transcript transcript;
+    VTDPlugIn::Refusal refusal{};
+    auto plugIn = VTDPlugIn::initWithDVData(proxy, bundleInfo, refusal);
+    if (!plugIn) {
+        if (refusal == VTDPlugIn::Refusal::lasting) notes_.noteRefusal(proxy, std::move(transcript).lines());
+        return nullptr;
+    }
     plugIn->setAnnotationSource(weak_from_this());
     if (plugIn->hasEntitlement(kAutoElectEntitlement)) autoElect(*plugIn);
     std::erase_if(departing_, [](const auto& announced) { return announced.expired(); });
     const bool departing = std::any_of(departing_.begin(), departing_.end(),
                                        [&](const auto& announced) { return announced.lock() == proxy; });
-    if (departing) return plugIn;
+    if (departing || !plugIn->isAsRegistered()) return plugIn;
     purgeCachesToLimit(static_cast<std::int32_t>(cacheLimit()));
     cache_[plugIn->uuid()] = plugIn;
     return plugIn;
@@ -133,8 +169,8 @@ void VTDatabase::setCache(Cache cache) {
 
 // --- Registration
 
-std::optional<value::Error> VTDatabase::addPlugIn(const std::string& path) {
-    if (workspace()->registerPlugin(path)) return {};
+std::optional<value::Error> VTDatabase::addPlugIn(const std::string& path, const dravo::Registrant& registrant) {
+    if (workspace()->registerPlugin(path, registrant)) return {};
     return VTError(VTErrorRegistry, "Dravo failed to register the plug-in");
 }
 

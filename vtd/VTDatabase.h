@@ -11,8 +11,11 @@
 #include "platform/dravo/Dravo.h"
 #include "platform/queue/SerialQueue.h"
 #include "platform/value/Value.h"
+#include "vtd/RecordNotes.h"
 #include "vtd/VTDAnnotationSource.h"
+#include "vtd/rules/Rules.h"
 
+class BundleInfo;
 class VTDAnnotationStore;
 class VTDPlugIn;
 
@@ -31,8 +34,8 @@ public:
 // Threading: the cache and the annotation store are touched only on the serial queue "VTDatabase" (_sync). Every
 // operation enters it by itself and must not be called from it, but for those said to be "on _sync", which check that
 // they are there. Records are built on _sync: other lookups wait meanwhile.
-// Errors: a plug-in that makes no record is logged and absent from every result; an unknown UUID or path is logged and
-// gives nothing. A registry that breaks its contract stops the daemon.
+// Errors: a plug-in that makes no record is logged, once for the registry's record, and absent from every result; an
+// unknown UUID or path is logged and gives nothing. A registry that breaks its contract stops the daemon.
 class VTDatabase : public dravo::DVWorkspaceObserver,
                    public VTDAnnotationSource,
                    public std::enable_shared_from_this<VTDatabase> {
@@ -52,6 +55,8 @@ public:
     // --- Lookups
 
     std::shared_ptr<VTDPlugIn> plugInForProxy(const std::shared_ptr<const dravo::DVVeltoProxy>& proxy);
+
+    // These say in the log why they find nothing, each time.
     std::shared_ptr<VTDPlugIn> findPlugIn(const value::Uuid& uuid);
     std::shared_ptr<VTDPlugIn> findPlugInAtPath(const std::string& path);
 
@@ -59,14 +64,17 @@ public:
     // that name identifiers, extension points and elections literally; leaves out what the rules accept only where the
     // election filter is narrower than they are (it compares the low byte, as text). Nothing
     // when the registry has no list.
-    std::optional<PlugIns> findPlugIns(const std::optional<value::Dictionary>& rules);
+    std::optional<PlugIns> findPlugIns(const rules::Rules& rules);
+
+    // A discovery left the plug-in out for what it costs: said once for the registry's record.
+    void noteCostlyPlugIn(const VTDPlugIn& plugIn);
 
     // Nothing, and never an empty list, when there is no application at the path or it has no plug-ins.
     std::optional<PlugIns> plugInsWithinApplication(const std::string& path);
 
     // --- Registration
 
-    [[nodiscard]] std::optional<value::Error> addPlugIn(const std::string& path);
+    [[nodiscard]] std::optional<value::Error> addPlugIn(const std::string& path, const dravo::Registrant& registrant);
     [[nodiscard]] std::optional<value::Error> removePlugIn(const std::string& path);
 
     // --- Annotations
@@ -84,7 +92,10 @@ public:
 
     // --- On _sync
 
+    // What was refused before is refused again without a word, nor a look at the bundle.
     std::shared_ptr<VTDPlugIn> createPlugInForProxy(const std::shared_ptr<const dravo::DVVeltoProxy>& proxy);
+    std::shared_ptr<VTDPlugIn> createPlugInForProxy(const std::shared_ptr<const dravo::DVVeltoProxy>& proxy,
+                                                    BundleInfo& bundleInfo);
     void purgeCachesToLimit(std::int32_t limit);  // empties the whole cache when it holds more than the limit
 
     // Elects, unless the user has chosen either way. To be saved at the end of the round that asked for the plug-in.
@@ -123,6 +134,8 @@ protected:
 
 private:
     void checkOnSync(const char* operation) const;
+    std::shared_ptr<VTDPlugIn> plugInForProxy(const std::shared_ptr<const dravo::DVVeltoProxy>& proxy,
+                                              BundleInfo& bundleInfo);
 
     VTAtomic<std::weak_ptr<VTDatabaseDelegate>> delegate_;
     VTAtomic<std::uint32_t> cacheLimit_{0};
@@ -132,6 +145,7 @@ private:
 
     // On _sync.
     Cache cache_;
+    RecordNotes notes_;
     bool leavesElectionsOut_ = false;  // the last automatic election was refused
     // Announced as going but still known to the registry: a record built of one now is not kept, since nobody would
     // announce again that it is stale.

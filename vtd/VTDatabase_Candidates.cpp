@@ -1,10 +1,13 @@
+#include <bitset>
 #include <charconv>
-#include <string_view>
+#include <string>
+#include <system_error>
 #include <unordered_set>
 #include <utility>
+#include <vector>
 
 #include "platform/logging/Log.h"
-#include "platform/text/Alphanumeric.h"
+#include "vtd/BundleInfo.h"
 #include "vtd/VTDAnnotationStore.h"
 #include "vtd/VTDPlugIn.h"
 #include "vtd/VTDatabase.h"
@@ -15,45 +18,18 @@
 
 namespace {
 
-using LiteralList = std::vector<std::string>;
-
-// The plain text that a pattern stands for: behind "=", or any text that begins with a letter or a digit, and so with
-// no operator.
-std::optional<std::string_view> literalText(const value::Value& pattern) {
-    const std::string* text = pattern.string();
-    if (text == nullptr || text->empty()) return {};
-    if (text->front() == '=') return std::string_view{*text}.substr(1);
-    if (text::beginsAlphanumeric(*text)) return *text;
-    return {};
-}
-
-std::optional<LiteralList> literalList(const value::Dictionary& rules, std::string_view name) {
-    const value::Value* pattern = rules.find(name);
-    if (pattern == nullptr) return {};
-    LiteralList list;
-    if (const value::Array* elements = pattern->array()) {
-        list.reserve(elements->size());
-        for (const value::Value& element : *elements) {
-            const auto text = literalText(element);
-            if (!text) return {};
-            list.emplace_back(*text);
+// The low bytes of the elections that a list of texts admits.
+std::bitset<256> bytesIn(const std::vector<std::string>& elections) {
+    std::bitset<256> bytes;
+    for (const std::string& text : elections) {
+        unsigned byte = 0;
+        const char* const end = text.data() + text.size();
+        const auto read = std::from_chars(text.data(), end, byte);
+        if (read.ptr == end && read.ec == std::errc{} && byte < bytes.size() && std::to_string(byte) == text) {
+            bytes.set(byte);
         }
-        return list;
     }
-    const auto text = literalText(*pattern);
-    if (!text) return {};
-    list.emplace_back(*text);
-    return list;
-}
-
-bool holdsByte(const LiteralList& elections, std::uint8_t election) {
-    char digits[3];
-    const auto written = std::to_chars(std::begin(digits), std::end(digits), election);
-    const std::string_view text{digits, static_cast<std::size_t>(written.ptr - digits)};
-    for (const std::string& literal : elections) {
-        if (literal == text) return true;
-    }
-    return false;
+    return bytes;
 }
 
 bool isAutoElected(const value::Dictionary& entitlements) {
@@ -85,11 +61,11 @@ private:
 
 }  // namespace
 
-std::optional<VTDatabase::PlugIns> VTDatabase::findPlugIns(const std::optional<value::Dictionary>& rules) {
-    const value::Dictionary query = rules.value_or(value::Dictionary{});
-    const auto elections = literalList(query, "KXUserElection");
-    const auto identifiers = literalList(query, "KXExtensionIdentifier");
-    const auto extensionPoints = literalList(query, "KXExtensionPointName");
+std::optional<VTDatabase::PlugIns> VTDatabase::findPlugIns(const rules::Rules& rules) {
+    const auto electionTexts = rules.plainTexts("KXUserElection");
+    const auto elections = electionTexts ? std::optional{bytesIn(*electionTexts)} : std::nullopt;
+    const auto identifiers = rules.plainTexts("KXExtensionIdentifier");
+    const auto extensionPoints = rules.plainTexts("KXExtensionPointName");
 
     const auto registry = workspace();
     // Outside the queue, which is safe: the store replaces its table whole, and this reads one whole table or the next.
@@ -100,7 +76,7 @@ std::optional<VTDatabase::PlugIns> VTDatabase::findPlugIns(const std::optional<v
         const value::Value* election = annotation ? annotation->find("election") : nullptr;
         const std::int64_t value = election != nullptr ? election->integerValue().value_or(0)
                                                        : static_cast<std::int64_t>(isAutoElected(entitlements));
-        return holdsByte(*elections, static_cast<std::uint8_t>(value));
+        return elections->test(static_cast<std::uint8_t>(value));
     };
 
     std::optional<dravo::PluginList> proxies;
@@ -114,9 +90,10 @@ std::optional<VTDatabase::PlugIns> VTDatabase::findPlugIns(const std::optional<v
     candidates.reserve(proxies->size());
     std::unordered_set<value::Uuid> seen{proxies->size()};
     Installing isStillInstalling;
+    BundleInfo bundleInfo;
     for (const auto& proxy : *proxies) {
         if (!proxy->bundlePath() || isStillInstalling(*proxy)) continue;
-        auto plugIn = plugInForProxy(proxy);
+        auto plugIn = plugInForProxy(proxy, bundleInfo);
         if (plugIn && seen.insert(plugIn->uuid()).second) candidates.push_back(std::move(plugIn));
     }
     return candidates;

@@ -1,98 +1,152 @@
 #include "platform/activation/ActivationRule.h"
 
-#include <cstddef>
-#include <cstdint>
-#include <optional>
-#include <string_view>
-#include <unordered_map>
-#include <utility>
-#include <vector>
+#include <algorithm>
 
+#include "platform/bundle/Bundle.h"
+#include "platform/effort/Effort.h"
 #include "platform/types/TypeHierarchy.h"
 
 namespace activation {
 
 namespace {
 
-constexpr std::size_t kMostKeys = 256;
+constexpr std::size_t kMostKeys = bundle::kListLimit;  // the registry refuses more, but an SDK may bring them
 constexpr std::size_t kMostTypes = 256;
 
-// Counts the items that each key of a rule takes. Which keys a type conforms to is found once for each type, so that
-// a thousand pictures cost hardly more than one.
-class Tally {
-public:
-    // Nothing when the rule is malformed.
-    static std::optional<Tally> forRule(const value::Dictionary& rule) {
-        if (rule.size() > kMostKeys) return {};
-        Tally tally;
-        for (const value::Dictionary::Entry& entry : rule) {
-            const auto most = entry.value.isNumber() ? entry.value.integerValue() : std::nullopt;
-            if (!most) return {};
-            tally.numbers_.emplace(entry.key, tally.keys_.size());
-            tally.keys_.push_back({*most});
-        }
-        return tally;
-    }
+constexpr std::uint64_t kUnitsAType = 50;  // to find what it conforms to
 
-    // Whether the item is well formed and some key takes it.
-    bool take(const value::Value& item) {
-        const value::Array* types = item.dictionary() == nullptr ? nullptr : item.dictionary()->array("types");
-        if (types == nullptr) return false;
-        std::vector<bool> takers(keys_.size());
-        bool taken = false;
-        for (const value::Value& element : *types) {
-            const std::string* type = element.string();
-            const std::vector<std::size_t>* keys = type == nullptr ? nullptr : keysOf(*type);
-            if (keys == nullptr) return false;
-            for (const std::size_t key : *keys) takers[key] = taken = true;
-        }
-        for (std::size_t i = 0; i < keys_.size(); ++i) keys_[i].items += takers[i] ? 1 : 0;
-        return taken;
-    }
-
-    bool isWithinLimits() const {
-        for (const Key& key : keys_) {
-            if (key.items > key.most) return false;
-        }
-        return true;
-    }
-
-private:
-    struct Key {
-        std::int64_t most;
-        std::int64_t items = 0;
-    };
-
-    // The keys that a type conforms to, by their places; null when there are too many types.
-    const std::vector<std::size_t>* keysOf(std::string_view type) {
-        if (const auto known = keysOfType_.find(type); known != keysOfType_.end()) return &known->second;
-        if (keysOfType_.size() == kMostTypes) return nullptr;
-        std::vector<std::size_t> keys;
-        types::forEachSupertype(type, [&](std::string_view supertype) {
-            if (const auto key = numbers_.find(supertype); key != numbers_.end()) keys.push_back(key->second);
-        });
-        return &keysOfType_.emplace(type, std::move(keys)).first->second;
-    }
-
-    std::vector<Key> keys_;
-    std::unordered_map<std::string_view, std::size_t> numbers_;  // the rule's texts to places in keys_
-    std::unordered_map<std::string_view, std::vector<std::size_t>> keysOfType_;
+struct Key {
+    std::int64_t most;
+    std::int64_t items = 0;
+    std::size_t lastTaker = 0;  // the number of the item that counted last
 };
+
+// Nothing when the rule is malformed.
+std::optional<std::vector<Key>> keysOf(const value::Dictionary& rule) {
+    if (rule.size() > kMostKeys) return {};
+    std::vector<Key> keys;
+    keys.reserve(rule.size());
+    for (const value::Dictionary::Entry& entry : rule) {
+        const auto most = entry.value.isNumber() ? entry.value.integerValue() : std::nullopt;
+        if (!most) return {};
+        keys.push_back({*most});
+    }
+    return keys;
+}
+
+// The keys that a type conforms to, by their places in the rule.
+std::vector<std::size_t> takersOf(std::string_view type, const value::Dictionary& rule) {
+    std::vector<std::size_t> takers;
+    types::forEachSupertype(type, [&](std::string_view supertype) {
+        const auto before = [](const value::Dictionary::Entry& entry, std::string_view key) { return entry.key < key; };
+        const auto* const at = std::lower_bound(rule.begin(), rule.end(), supertype, before);
+        if (at != rule.end() && at->key == supertype) takers.push_back(static_cast<std::size_t>(at - rule.begin()));
+    });
+    return takers;
+}
 
 }  // namespace
 
-bool evaluate(const value::Value& rule, const value::Dictionary& items) {
-    if (rule.kind() == value::Kind::boolean) return rule.booleanValue();
-    const value::Dictionary* limits = rule.dictionary();
-    const value::Array* elements = items.array("items");
-    if (limits == nullptr || elements == nullptr || elements->empty()) return false;
-
-    auto tally = Tally::forRule(*limits);
-    if (!tally) return false;
-    for (const value::Value& item : *elements) {
-        if (!tally->take(item)) return false;
+Items::Items(const value::Dictionary& items) {
+    const value::Array* const elements = items.array("items");
+    if (elements == nullptr || elements->empty()) isSound_ = false;
+    if (elements == nullptr) return;
+    for (const value::Value& element : *elements) {
+        if (isSound_) readItem(element);
     }
-    return tally->isWithinLimits();
+}
+
+Items::Items(mox::View items) {
+    const auto found = items.plain().find("items");
+    const auto elements = found ? std::optional{found->plain()} : std::nullopt;
+    if (!elements || !elements->isArray() || elements->count() == 0) isSound_ = false;
+    if (elements) {
+        elements->forEachElement([this](mox::View element) {
+            readItem(element.plain());
+            return isSound_;
+        });
+    }
+}
+
+void Items::readItem(const value::Value& item) {
+    const value::Array* const types = item.dictionary() == nullptr ? nullptr : item.dictionary()->array("types");
+    if (types != nullptr) {
+        for (const value::Value& type : *types) {
+            addType(type.string() != nullptr ? std::optional<std::string_view>{*type.string()} : std::nullopt);
+        }
+    }
+    endItem();
+}
+
+void Items::readItem(mox::View item) {
+    if (const auto types = item.find("types")) {
+        types->plain().forEachElement([this](mox::View type) { addType(type.plain().string()); });
+    }
+    endItem();
+}
+
+void Items::addType(std::optional<std::string_view> type) {
+    static_cast<void>(effort::take(kUnitsAType));
+    if (!type) isSound_ = false;
+    if (!isSound_) return;
+    const auto [at, isNew] = places_.try_emplace(*type, static_cast<std::uint8_t>(types_.size()));
+    if (isNew) {
+        isSound_ = types_.size() < kMostTypes;
+        types_.push_back(*type);
+        isOfItem_.push_back(false);
+    }
+    if (isOfItem_[at->second]) return;
+    isOfItem_[at->second] = true;
+    item_.push_back(at->second);
+}
+
+void Items::endItem() {
+    if (item_.empty()) isSound_ = false;
+    for (const std::uint8_t type : item_) isOfItem_[type] = false;
+    std::sort(item_.begin(), item_.end());
+    if (isSound_) ++counts_[item_];
+    item_.clear();
+}
+
+std::uint64_t Items::price() const {
+    std::uint64_t price = 1;
+    if (!isSound_) return price;
+    price += types_.size() * kUnitsAType;
+    for (const auto& [types, count] : counts_) price += 1 + types.size();
+    return price;
+}
+
+bool evaluate(const value::Value& rule, const Items& items) {
+    if (rule.kind() == value::Kind::boolean) return rule.booleanValue();
+    const value::Dictionary* const limits = rule.dictionary();
+    if (limits == nullptr || !items.isSound_ || !effort::take(items.price() + limits->size())) return false;
+
+    auto keys = keysOf(*limits);
+    if (!keys) return false;
+    std::vector<std::vector<std::size_t>> takers;
+    takers.reserve(items.types_.size());
+    for (const std::string_view type : items.types_) takers.push_back(takersOf(type, *limits));
+    std::size_t item = 0;
+    for (const auto& [types, count] : items.counts_) {
+        ++item;
+        bool isTaken = false;
+        for (const std::uint8_t type : types) {
+            if (!takers[type].empty() && !effort::take(takers[type].size())) return false;
+            for (const std::size_t taker : takers[type]) {
+                Key& key = (*keys)[taker];
+                isTaken = true;
+                if (key.lastTaker == item) continue;
+                key.lastTaker = item;
+                key.items += count;
+            }
+        }
+        if (!isTaken) return false;
+    }
+    return std::all_of(keys->begin(), keys->end(), [](const Key& key) { return key.items <= key.most; });
+}
+
+bool evaluate(const value::Value& rule, const value::Dictionary& items) {
+    return evaluate(rule, Items{items});
 }
 
 }  // namespace activation

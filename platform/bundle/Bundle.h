@@ -5,6 +5,7 @@
 #include <optional>
 #include <string>
 
+#include "platform/file/UniqueFd.h"
 #include "platform/value/Value.h"
 
 // The platform's bundle reader. A bundle is a directory with an Info.plist (a flat bundle: its support directory is the
@@ -18,8 +19,9 @@ inline constexpr char kVersionKey[] = "QFBundleVersion";
 inline constexpr char kNameKey[] = "QFBundleName";
 inline constexpr char kDisplayNameKey[] = "QFBundleDisplayName";
 inline constexpr char kInfoFile[] = "Info.plist";
-inline constexpr std::size_t kInfoLimit = std::size_t{1} << 20;  // a larger Info.plist is as good as none
-inline constexpr std::size_t kInfoValues = 50'000;               // and so is one of more values
+inline constexpr std::size_t kInfoLimit = std::size_t{256} << 10;  // a larger Info.plist is as good as none
+inline constexpr std::size_t kInfoValues = 20'000;                 // and so is one of more values
+inline constexpr std::size_t kListLimit = 512;  // elements of a list in one, entries of an activation rule
 
 // What a path given to open() is.
 enum class PathKind { directory, executable };
@@ -33,6 +35,9 @@ public:
     // device and inode); lying somewhere under a bundle is not enough. Never null.
     static std::shared_ptr<const Bundle> open(const std::string& path, PathKind kind);
     static std::shared_ptr<const Bundle> openMain();  // the running program's
+
+    // Of the directory that is open here, whatever lies at its path by now: its files are read beneath the descriptor.
+    static std::shared_ptr<const Bundle> openAt(file::UniqueFd directory, std::string path);
 
     virtual ~Bundle() = default;
 

@@ -1,6 +1,7 @@
 #include "platform/dravo/BundleReading.h"
 
 #include "platform/bundle/Bundle.h"
+#include "platform/dravo/Bounds.h"
 #include "platform/dravo/ExtensionPoints.h"
 #include "platform/mox/Encoder.h"
 #include "platform/text/Format.h"
@@ -38,10 +39,6 @@ void describeMultiple(const value::Dictionary& info, const value::Value& multipl
         facts.refusal = "the \"Multiple\" key holds no dictionary of plug-ins";
         return;
     }
-    if (descriptions->size() > kMultipleLimit) {
-        facts.refusal = text::format("more than {} plug-ins in one bundle", kMultipleLimit);
-        return;
-    }
     // Each plug-in's description travels to hosts with the whole of the bundle's.
     mox::Encoder whole;
     whole.value(info);
@@ -77,6 +74,10 @@ std::optional<std::string> displayName(const value::Dictionary& info) {
 void describe(const InfoFile& info, BundleFacts& facts) {
     const value::Dictionary& dictionary = info.dictionary;
     facts.digest = info.digest;
+    if (auto excess = excessOf(dictionary)) {
+        facts.refusal = *std::move(excess);
+        return;
+    }
     facts.identifier = bundle::identifierOf(dictionary);
     facts.version = bundle::versionOf(dictionary);
     facts.displayName = displayName(dictionary);

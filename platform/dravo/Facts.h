@@ -8,16 +8,16 @@
 
 #include "platform/bundle/Bundle.h"
 #include "platform/file/File.h"
+#include "platform/file/Identity.h"
 #include "platform/value/Value.h"
 
 // What the registry knows of a bundle without looking at the disk: kept compactly in memory, and in the store's rows.
 namespace dravo {
 
-// Bounds on what a bundle may claim; more is as good as a broken bundle, and costs one line in the log.
+// Bounds on what is kept of a bundle, beside those of Bounds.h.
 inline constexpr std::size_t kTextLimit = bundle::kNameLimit;  // bytes of an identifier, a name, a version
-inline constexpr std::size_t kMultipleLimit = 1024;            // plug-ins in one bundle
-inline constexpr std::size_t kDescriptionsLimit = 16U << 20U;  // bytes that describe the plug-ins of one bundle
 inline constexpr std::size_t kPointNamesLimit = 64;            // names of one plug-in's extension point
+inline constexpr std::size_t kRegistryPointsLimit = 65'536;    // different names of extension points, of all plug-ins
 inline constexpr std::size_t kEntriesLimit = 100'000;          // entries of a directory
 inline constexpr std::size_t kContainerEntriesLimit = 1000;    // entries of an application's own container folder
 
@@ -30,6 +30,7 @@ struct ApplicationFacts {
     std::optional<std::string> identifier;
     std::optional<std::string> name;
     file::Stamp info;  // of Info.plist; all zeroes when there is none
+    file::Identity identity;
 };
 
 // One plug-in of a bundle.
@@ -53,6 +54,7 @@ struct BundleStamps {
 struct BundleFacts {
     std::int64_t row = 0;  // in the store
     BundleStamps stamps;
+    file::Identity identity;   // of the directory; unknown in what an earlier version has stored
     std::uint64_t digest = 0;  // of the bytes of Info.plist
     std::string identifier;    // empty when it has none
     std::string version;       // likewise

@@ -140,10 +140,13 @@ void Registrar::publish(std::shared_ptr<const Snapshot> snapshot) {
     snapshot_.swap(snapshot);  // the old one goes behind the lock
 }
 
-bool Registrar::registerPlugin(const std::string& path) {
-    const auto canonical = file::canonicalPath(path);
-    if (!canonical) return false;
-    return queue_->sync([&] { return registerCanonical(*canonical); });
+// Who is sandboxed could make a bundle anywhere that claims to be another's, but nobody would find it there.
+bool Registrar::registerPlugin(const std::string& path, const Registrant& registrant) {
+    if (!liesWhereInstalled(path) && registrant.isSandboxed()) {
+        logging::notice(text::format("{} lies in no application, and who asks to register it is sandboxed", path));
+        return false;
+    }
+    return queue_->sync([&] { return registerCanonical(path); });
 }
 
 // Registrations go to the disk by themselves and first: when that fails nothing has happened yet, and nobody has been
@@ -177,16 +180,9 @@ bool Registrar::registerCanonical(const std::string& path) {
 }
 
 bool Registrar::unregisterPlugin(const std::string& path) {
-    const auto canonical = file::canonicalPath(path);
-    if (canonical) return queue_->sync([&] { return unregisterCanonical(*canonical); });
-    // What is gone from the disk is still known by the path under which it was registered: the one given, or the one
-    // that leads there through the links that are left.
     std::string known = path;
     while (known.ends_with('/') || known.ends_with("/.")) known.pop_back();
-    const std::size_t slash = known.rfind('/');
-    const auto parent = slash != std::string::npos ? file::canonicalPath(known.substr(0, slash + 1)) : std::nullopt;
-    return queue_->sync(
-        [&] { return unregisterCanonical(known) || (parent && unregisterCanonical(*parent + known.substr(slash))); });
+    return queue_->sync([&] { return unregisterCanonical(known); });
 }
 
 bool Registrar::unregisterCanonical(const std::string& path) {
@@ -430,6 +426,9 @@ void Registrar::apply(Announce announce, Replacements replacements) {
     auto after = std::make_shared<const Snapshot>(std::move(applications), std::move(bundles), sdkNames_);
     Difference changes = difference(*before, *after, replacements);
     if (changes.empty() && !sdksChanged_) return;
+    if (after->hasTooManyPoints() && !before->hasTooManyPoints()) {
+        logging::warning(text::format("{} names of extension points; not all are indexed", kRegistryPointsLimit));
+    }
     sdksChanged_ = false;
     if (announce == Announce::changes) announcements_->willUninstall(std::move(changes.plugInsGone));
     static_cast<void>(save(changes, *after, {}));  // what fails is logged, and done later

@@ -46,7 +46,7 @@ public:
     std::shared_ptr<const Snapshot> snapshot() const;
     Announcements& announcements() { return *announcements_; }
 
-    bool registerPlugin(const std::string& path);
+    bool registerPlugin(const std::string& path, const Registrant& registrant);
     bool unregisterPlugin(const std::string& path);
     void clearSchemaCaches() { surroundings_->schemas.clear(); }
 

@@ -2,8 +2,6 @@
 
 #include <mutex>
 
-#include "platform/file/File.h"
-
 namespace dravo {
 
 namespace {
@@ -37,7 +35,9 @@ public:
         return registrar_->snapshot()->plugInsWithin(application.bundlePath());
     }
 
-    bool registerPlugin(const std::string& path) override { return registrar_->registerPlugin(path); }
+    bool registerPlugin(const std::string& path, const Registrant& registrant) override {
+        return registrar_->registerPlugin(path, registrant);
+    }
     bool unregisterPlugin(const std::string& path) override { return registrar_->unregisterPlugin(path); }
     void clearSchemaCaches() override { registrar_->clearSchemaCaches(); }
 
@@ -61,26 +61,13 @@ std::optional<PluginList> Workspace::plugins(const std::optional<std::vector<std
     return accepted;
 }
 
-// Paths mostly come canonical already; only one that finds nothing as it is gets resolved.
-template <typename Find>
-auto findByPath(const std::string& path, Find find) -> decltype(find(path)) {
-    if (auto found = find(path)) return found;
-    const auto canonical = file::canonicalPath(path);
-    if (!canonical || *canonical == path) return nullptr;
-    return find(*canonical);
-}
-
 std::shared_ptr<const DVVeltoProxy> Workspace::pluginAtPath(const std::string& path) const {
-    const auto snapshot = registrar_->snapshot();
-    return findByPath(path, [&](const std::string& at) -> std::shared_ptr<const DVVeltoProxy> {
-        const auto bundle = snapshot->bundle(at);
-        return bundle && !bundle->plugIns().empty() ? proxy(bundle, 0) : nullptr;
-    });
+    const auto bundle = registrar_->snapshot()->bundle(path);
+    return bundle && !bundle->plugIns().empty() ? proxy(bundle, 0) : nullptr;
 }
 
 std::shared_ptr<const DVApplicationProxy> Workspace::applicationAtPath(const std::string& path) const {
-    const auto snapshot = registrar_->snapshot();
-    return findByPath(path, [&](const std::string& at) { return snapshot->application(at); });
+    return registrar_->snapshot()->application(path);
 }
 
 }  // namespace

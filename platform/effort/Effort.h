@@ -47,6 +47,7 @@ public:
     void grantShares(std::size_t things);
 
     bool isSpent() const { return left_ == 0; }
+    std::uint64_t left() const { return left_; }
     std::uint64_t spent() const { return spent_; }  // units so far
 
 private:

@@ -90,9 +90,13 @@ using Take = std::function<void(std::string_view piece)>;
 // it now, since a temporary in use looks the same.
 void removeLeftovers(const std::string& path);
 
-// All symbolic links, "." and ".." removed. Nothing when the path does not exist, holds a NUL byte, or is longer than
-// 1023 bytes once resolved; errno then tells why.
+// All symbolic links, "." and ".." removed, in one system call that may block for as long as a file system on the way
+// likes. Nothing when the path does not exist, holds a NUL byte, is longer than the kernel takes or than 1023 bytes
+// once resolved, or leads through one of /proc's links into another process; errno then tells why.
 std::optional<std::string> canonicalPath(const std::string& path);
+
+// The same where the kernel has all of it at hand, so that nothing blocks; else nothing, and errno is EAGAIN.
+std::optional<std::string> canonicalPathAtHand(const std::string& path);
 
 // Makes the directory and those above it, each new one with the mode (less the umask); an existing directory is fine.
 [[nodiscard]] std::optional<value::Error> makeDirectories(const std::string& path, mode_t mode);

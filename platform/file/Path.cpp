@@ -1,31 +1,109 @@
+#include <fcntl.h>
+#include <linux/openat2.h>
 #include <sys/stat.h>
+#include <sys/syscall.h>
+#include <unistd.h>
 
 #include <algorithm>
+#include <array>
 #include <cerrno>
+#include <climits>
+#include <cstdint>
 #include <cstdlib>
 #include <memory>
+#include <string_view>
 
 #include "platform/file/File.h"
+#include "platform/text/Format.h"
 
 namespace file {
 
-std::optional<std::string> canonicalPath(const std::string& path) {
-    constexpr std::size_t kLongest = 1023;
-    if (path.find('\0') != std::string::npos) {
-        errno = EINVAL;
-        return {};
-    }
+namespace {
+
+constexpr std::size_t kLongest = 1023;
+constexpr std::uint64_t kAtHand = 0x20;  // RESOLVE_CACHED, which older headers lack
+
+std::optional<std::string> failed(int errorNumber) {
+    errno = errorNumber;
+    return {};
+}
+
+// What /proc says of a file without a name ends so, and so may the name of one that has one.
+constexpr std::string_view kDeleted = " (deleted)";
+
+bool isStillThere(int fd, const std::string& path) {
+    struct stat opened {};
+    struct stat named {};
+    return ::fstat(fd, &opened) == 0 && ::lstat(path.c_str(), &named) == 0 && opened.st_dev == named.st_dev &&
+           opened.st_ino == named.st_ino;
+}
+
+enum class Asking : std::uint8_t { mayBlock, never };
+
+// Where what is open lies, in the kernel's own words: no file system is asked, but where the words have two meanings.
+std::optional<std::string> pathOf(int fd, Asking asking) {
+    std::array<char, kLongest + 1> text;  // NOLINT(*-member-init): the kernel fills what is read
+    const ssize_t length = ::readlink(text::format("/proc/self/fd/{}", fd).c_str(), text.data(), text.size());
+    if (length < 0) return {};
+    if (static_cast<std::size_t>(length) > kLongest) return failed(ENAMETOOLONG);
+    std::string path{text.data(), static_cast<std::size_t>(length)};
+    if (!path.starts_with('/')) return failed(ENOENT);  // no place in this process's tree
+    if (!path.ends_with(kDeleted)) return path;
+    if (asking == Asking::never) return failed(EAGAIN);
+    if (!isStillThere(fd, path)) return failed(ENOENT);
+    return path;
+}
+
+// Magic links lead into other processes' trees, where a path says nothing.
+UniqueFd openToResolve(const std::string& path, std::uint64_t resolve) {
+    open_how how{};
+    how.flags = O_PATH | O_CLOEXEC;
+    how.resolve = RESOLVE_NO_MAGICLINKS | resolve;
+    return UniqueFd{static_cast<int>(::syscall(SYS_openat2, AT_FDCWD, path.c_str(), &how, sizeof how))};
+}
+
+bool isLackingCall(int errorNumber) {  // filters of older containers answer EPERM for calls that they do not know
+    return errorNumber == ENOSYS || errorNumber == EPERM;
+}
+
+// Link by link, where the kernel does not do it in one call.
+std::optional<std::string> resolveByComponents(const std::string& path) {
     struct Free {
         void operator()(char* text) const { std::free(text); }
     };
     const std::unique_ptr<char, Free> resolved{::realpath(path.c_str(), nullptr)};
     if (!resolved) return {};
     std::string result{resolved.get()};
-    if (result.size() > kLongest) {
-        errno = ENAMETOOLONG;
-        return {};
-    }
+    if (result.size() > kLongest) return failed(ENAMETOOLONG);
     return result;
+}
+
+// Whether the kernel would take it.
+bool isPath(const std::string& path) {
+    if (path.find('\0') != std::string::npos)
+        errno = EINVAL;
+    else if (path.size() >= PATH_MAX)
+        errno = ENAMETOOLONG;
+    else
+        return true;
+    return false;
+}
+
+}  // namespace
+
+std::optional<std::string> canonicalPath(const std::string& path) {
+    if (!isPath(path)) return {};
+    const UniqueFd opened = openToResolve(path, 0);
+    if (opened) return pathOf(opened.get(), Asking::mayBlock);
+    return isLackingCall(errno) ? resolveByComponents(path) : std::nullopt;
+}
+
+std::optional<std::string> canonicalPathAtHand(const std::string& path) {
+    if (!isPath(path)) return {};
+    const UniqueFd opened = openToResolve(path, kAtHand);
+    if (opened) return pathOf(opened.get(), Asking::never);
+    if (isLackingCall(errno) || errno == EINVAL) errno = EAGAIN;  // the kernel knows no such way of opening
+    return {};
 }
 
 std::optional<value::Error> makeDirectories(const std::string& path, mode_t mode) {

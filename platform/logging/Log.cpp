@@ -1,10 +1,12 @@
 #include "platform/logging/Log.h"
 
+#include <cstdint>
 #include <cstdlib>
 #include <memory>
 #include <mutex>
 #include <utility>
 
+#include "platform/effort/Effort.h"
 #include "platform/logging/Escape.h"
 #include "platform/logging/Outlet.h"
 #include "platform/text/Format.h"
@@ -12,8 +14,13 @@
 namespace logging {
 namespace {
 
-// What a reader of lines takes as one line; a longer one ends with the count of what was left out.
-constexpr std::size_t kLongestMessage = 32'768;
+// What is kept of a message, most of whose length comes from outside: enough to recognise what it is about, and so
+// little that nobody pays much for writing it. What is only written when somebody asked for all (dumps of whole
+// messages) may be longer.
+constexpr std::size_t kLongest = std::size_t{4} << 10;
+constexpr std::size_t kLongestDump = std::size_t{64} << 10;
+
+constexpr std::uint64_t kUnitsALine = 5 * effort::kUnitsAMicrosecond;  // the reader's share aside
 
 struct Log {
     std::mutex mutex;
@@ -27,12 +34,25 @@ Log& theLog() {
     return log;
 }
 
-std::string lineOf(std::string_view message) {
+// The beginning of a text, without a torn character.
+std::string_view beginning(std::string_view text, std::size_t longest) {
+    if (text.size() <= longest) return text;
+    std::size_t end = longest;
+    while (end + 4 > longest && (static_cast<unsigned char>(text[end]) & 0xc0U) == 0x80U) --end;
+    return text.substr(0, end);
+}
+
+std::string cutMark(std::size_t whole) {
+    return text::format("... (cut, {} bytes in all)", whole);
+}
+
+std::string lineOf(Level level, std::string_view message) {
+    const std::string_view kept = beginning(message, level >= Level::info ? kLongestDump : kLongest);
     std::string line;
-    appendEscaped(line, message.substr(0, kLongestMessage));
-    if (message.size() > kLongestMessage) {
-        line += text::format("... ({} more bytes)", message.size() - kLongestMessage);
-    }
+    line.reserve(kept.size());
+    appendEscaped(line, kept);
+    if (kept.size() < message.size()) line += cutMark(message.size());
+    static_cast<void>(effort::take(kUnitsALine + line.size()));
     return line;
 }
 
@@ -41,11 +61,8 @@ void writeOut(Log& log, Level level, std::string_view line) {
     log.outlet.write(level, line);
 }
 
-}  // namespace
-
-void write(Level level, std::string_view message) {
+void deliver(Level level, const std::string& line) {
     Log& log = theLog();
-    const std::string line = lineOf(message);
     std::shared_ptr<const Sink> sink;
     {
         const std::lock_guard lock{log.mutex};
@@ -58,6 +75,42 @@ void write(Level level, std::string_view message) {
     }
 }
 
+constinit thread_local Transcript* transcript = nullptr;
+
+}  // namespace
+
+void write(Level level, std::string_view message) {
+    const std::string line = lineOf(level, message);
+    if (transcript != nullptr) transcript->keep(level, line);
+    deliver(level, line);
+}
+
+Transcript::Transcript() : before_{std::exchange(transcript, this)} {}
+
+Transcript::~Transcript() {
+    transcript = before_;
+}
+
+void Transcript::keep(Level level, std::string_view line) {
+    const std::string_view kept = beginning(line, kLongest - size_);
+    if (kept.empty()) return;
+    lines_.push_back({level, std::string{kept}});
+    size_ += kept.size();
+}
+
+void repeat(const Transcript::Lines& lines) {
+    for (const Transcript::Line& line : lines) {
+        static_cast<void>(effort::take(kUnitsALine + line.text.size()));
+        deliver(line.level, line.text);
+    }
+}
+
+std::string excerpt(std::string_view text) {
+    constexpr std::size_t kLongestExcerpt = std::size_t{3} << 10;
+    const std::string_view kept = beginning(text, kLongestExcerpt);
+    return kept.size() < text.size() ? std::string{kept} + cutMark(text.size()) : std::string{kept};
+}
+
 void setSink(Sink sink) {
     std::shared_ptr<const Sink> next = sink ? std::make_shared<const Sink>(std::move(sink)) : nullptr;
     const std::lock_guard lock{theLog().mutex};
@@ -65,7 +118,7 @@ void setSink(Sink sink) {
 }
 
 void internalInconsistency(std::string_view condition, std::string_view unit) {
-    writeOut(theLog(), Level::error, lineOf(text::format("{} ({})", condition, unit)));
+    writeOut(theLog(), Level::error, lineOf(Level::error, text::format("{} ({})", condition, unit)));
     std::abort();
 }
 

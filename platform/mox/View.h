@@ -55,7 +55,8 @@ public:
     std::optional<value::Date> date() const;
     std::optional<value::Uuid> uuid() const;
     std::optional<value::Error> error() const;
-    std::optional<View> message() const;  // the value inside a message form
+    std::optional<View> message() const;                                          // the value inside a message form
+    View plain() const { return View{kind() == Kind::message ? at_ + 1 : at_}; }  // that, or this
 
     bool isArray() const { return kind() == Kind::array; }
     bool isDictionary() const { return kind() == Kind::dictionary; }

@@ -1,6 +1,7 @@
 #include <string_view>
 #include <utility>
 
+#include "platform/effort/Effort.h"
 #include "platform/plist/Plist.h"
 #include "platform/plist/ScalarText.h"
 #include "platform/plist/TreeBuilder.h"
@@ -12,6 +13,8 @@ namespace {
 
 using value::Kind;
 using value::Value;
+
+constexpr std::size_t kBytesAUnit = 4;  // each is looked at by itself
 
 Fault unwritable(const char* what) {
     return {ErrorCode::unwritable, what};
@@ -127,7 +130,9 @@ constexpr char kOperation[] = "writing a property list";
 
 value::Result<std::string> writeXml(const value::Value& root) {
     std::string text = "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n<plist version=\"1.0\">\n";
-    if (const auto fault = Writer{text}.write(root, 0)) return errorOf(*fault, kOperation);
+    const auto fault = Writer{text}.write(root, 0);
+    static_cast<void>(effort::take(text.size() / kBytesAUnit));
+    if (fault) return errorOf(*fault, kOperation);
     return text.append("</plist>\n");
 }
 

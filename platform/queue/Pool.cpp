@@ -1,6 +1,5 @@
 #include "platform/queue/Pool.h"
 
-#include <signal.h>
 #include <sys/eventfd.h>
 #include <sys/timerfd.h>
 #include <unistd.h>
@@ -14,6 +13,7 @@
 #include <pthread.h>
 
 #include "platform/queue/SystemCall.h"
+#include "platform/queue/WithoutSignals.h"
 
 namespace queue {
 namespace {
@@ -59,23 +59,6 @@ std::uint32_t readinessOf(std::uint32_t events) {
     if ((events & (EPOLLRDHUP | EPOLLHUP | EPOLLERR)) != 0) readiness |= Watch::hangup;
     return readiness;
 }
-
-// Signals are the program's business, not that of a library's threads; those of a fault stay with the thread.
-class WithoutSignals {
-public:
-    WithoutSignals() {
-        sigset_t most;
-        ::sigfillset(&most);
-        for (const int fault : {SIGSEGV, SIGBUS, SIGFPE, SIGILL, SIGTRAP, SIGABRT, SIGSYS}) ::sigdelset(&most, fault);
-        ::pthread_sigmask(SIG_SETMASK, &most, &before_);
-    }
-    WithoutSignals(const WithoutSignals&) = delete;
-    WithoutSignals& operator=(const WithoutSignals&) = delete;
-    ~WithoutSignals() { ::pthread_sigmask(SIG_SETMASK, &before_, nullptr); }
-
-private:
-    sigset_t before_{};
-};
 
 }  // namespace
 

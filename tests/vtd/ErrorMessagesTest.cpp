@@ -56,6 +56,9 @@ protected:
         install("system/PlugIns/demanding", {{"KXExtensionProtocol", "P"}, {"KXExtensionHostEntitlement", "rare"}});
         install("system/PlugIns/bare", {{"KXExtensionProtocol", "P"}});
         fs::remove(root / "system/PlugIns/bare/run");
+        Dictionary::Builder many;
+        for (int i = 0; i < 100; ++i) many.set("m" + std::to_string(i), Dictionary{{"KXExtensionProtocol", "P"}});
+        install("system/PlugIns/many", {{"Multiple", std::move(many).build()}});
         install("user/Applications/A.app", {});
         install("user/Applications/A.app/PlugIns/inside", {{"KXExtensionProtocol", "P"}});
         server = World::get().serve("errors");
@@ -125,6 +128,7 @@ TEST_F(ErrorMessages, EachOfThePageIsWhatTheDaemonAnswers) {
     const std::string none = root / "none", denied = "access to plugin ", format = "invalid request format";
     const Value one = uuid("one"), unknown = Array{Uuid::random()}, noText = Dictionary{{"no XML", "\x01"}};
     const Value tooLong = Dictionary{{"long", std::string(65'536, 'x')}};
+    const Array::Storage patterns(99'000, "<>");
     const Value escaped = Dictionary{{"stored as more", std::string(20'000, '&')}};
     const Value nearlyAll = Dictionary{{"x", std::string(65'000, 'x')}};
     const auto annotate = [&](const Value& annotations) {
@@ -184,6 +188,7 @@ TEST_F(ErrorMessages, EachOfThePageIsWhatTheDaemonAnswers) {
         {"cannot create extension to " + plugIns + "/one: 2",
          {{"request", "access"}, {"uuids", one}},
          [this] { return readOnly("system/PlugIns"); }},
+        {"the request is too much work", {{"request", "match"}, {"rules", Dictionary{{"a", Array{patterns}}}}}},
         {"unsupported protocol version 4 (current 3)", {{"version", 4u}}},
         {"absolute path required: x/y", lock("x/y", 2)},
         {"invalid plugin path: " + none, {{"request", "add"}, {"paths", Array{none}}}},

@@ -1,9 +1,10 @@
 """The requests that change what is installed, and what the user chose."""
 import os
 import shutil
+import subprocess
 import uuid
 
-from world import WorldTest, main
+from world import VTCTL, Client, WorldTest, main
 
 
 class RegistryTest(WorldTest):
@@ -34,6 +35,23 @@ class RegistryTest(WorldTest):
         shutil.rmtree(inside)
         self.assertEqual(client.ask('remove', paths=[self.world / 'system/link/A.app/PlugIns/inside']), {})
         self.assertEqual(client.ask('remove', paths=[inside])['error'], 'no plugin at ' + inside)
+
+    def test_a_sandboxed_client_registers_only_what_lies_in_an_application(self):
+        self.needs('unshare', '-Ur', 'true')
+        places = {'user/Applications/Real.app/Nested/inside': True, 'user/Applications/Folder/In.app/PlugIns/a/deep': True,
+                  'user/Applications/.hidden.app/PlugIns/hidden': False, 'user/Applications/F/G/H.app/PlugIns/below': False,
+                  'elsewhere/X.app/PlugIns/impostor': False, 'system/elsewhere/lone': False}
+        for place in places:
+            self.world.install(place, {})
+        self.world.start()
+        sandboxed = Client(self.world.begin('unshare', '-Ur', VTCTL, 'call', '-', stdin=subprocess.PIPE))
+        for place, taken in places.items():
+            path = self.world / place
+            refusal = {'errorcode': 2, 'error': 'unable to register plug-in at ' + path}
+            self.assertEqual(sandboxed.ask('add', paths=[path]), {} if taken else refusal)
+            self.assertEqual(os.path.basename(place) in sandboxed.found(), taken, place)
+        self.assertEqual(self.world.client().ask('add', paths=[self.world / 'elsewhere/X.app/PlugIns/impostor']), {})
+        self.assertIn('impostor', sandboxed.found())
 
     def test_annotations_are_kept_for_what_is_named_up_to_the_first_that_is_unknown(self):
         for name in 'a', 'b', 'c':

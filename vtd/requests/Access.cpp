@@ -1,27 +1,33 @@
 #include <cerrno>
+#include <unordered_map>
 #include <utility>
 
 #include "Velto/VTIssueReadExtension.h"
 #include "Velto/VTProtocol.h"
+#include "Velto/VTValueHelpers.h"
 #include "platform/text/Format.h"
 #include "vtd/Transaction.h"
 #include "vtd/VTDPlugIn.h"
 
 // Neither holds nor host authorization are asked: whoever can name a plug-in may read its bundle.
 void Transaction::accessPlugIns() {
-    value::Array::Storage tokens;
+    std::unordered_map<value::Uuid, value::Value> tokenOf;  // one for each plug-in, however often it is named
     const bool all = processUuidList([&](const std::shared_ptr<VTDPlugIn>& plugIn) {
         errno = 0;
-        auto token = VTIssueReadExtension(plugIn->url());
+        auto token = VTIssueReadExtension(plugIn->url(), ".", [&] { return plugIn->dvproxy()->openBundle(); });
         if (!token) {
             const int reason = errno;
             fail(VTErrorRequest, text::format("cannot create extension to {}: {}", plugIn->path(), reason));
             return false;
         }
-        tokens.emplace_back(*std::move(token));
+        tokenOf.emplace(plugIn->uuid(), *std::move(token));
         return true;
     });
     if (!all) return;
+    const auto uuids = mox_dictionary_get_array(request(), VTKey::uuids);
+    value::Array::Storage tokens;
+    tokens.reserve(uuids->count());
+    uuids->forEachElement([&](mox::View element) { tokens.push_back(tokenOf.at(*element.uuid())); });
     reply().set(VTKey::extensions, value::Array{std::move(tokens)});
     done();
 }

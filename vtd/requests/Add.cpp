@@ -1,4 +1,9 @@
+#include <string>
+#include <unordered_set>
+
 #include "Velto/VTProtocol.h"
+#include "platform/dravo/Dravo.h"
+#include "platform/sandbox/Sandbox.h"
 #include "platform/text/Format.h"
 #include "vtd/Probes.h"
 #include "vtd/Transaction.h"
@@ -6,13 +11,19 @@
 #include "vtd/VTDServer.h"
 
 void Transaction::addPlugIns() {
-    processPaths([this](const std::string& path, bool resolved) {
+    const dravo::Registrant registrant{[this] {
+        const auto peer = connection();
+        return !peer || sandbox::isSandboxed(*peer->identity());
+    }};
+    std::unordered_set<std::string> added;
+    processPaths([&](const std::string& path, bool resolved) {
         if (!resolved) {
             fail(VTErrorPath, text::format("invalid plugin path: {}", path));
             return false;
         }
+        if (!added.insert(path).second) return true;
         probes::pluginAdd(path);
-        if (!server()->addPlugIn(path)) return true;
+        if (!server()->addPlugIn(path, registrant)) return true;
         server()->log("failed to register plug-in at {}", path);
         fail(VTErrorRegistry, text::format("unable to register plug-in at {}", path));
         return false;

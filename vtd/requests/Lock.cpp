@@ -76,6 +76,7 @@ void Transaction::lockDownPlugIns() {
             return false;
         }
         if (flags == VTHoldPlugIn) {
+            if (!chosen.isNewPath(path)) return true;
             const auto plugIn = server()->findPlugInAtPath(path);
             if (!plugIn) {
                 fail(VTErrorPath, text::format("no plug-in at path:{}", path));
@@ -111,8 +112,10 @@ void Transaction::lockDownPlugIns() {
 
 void Transaction::releaseHolds(mox::View tokens) {
     std::vector<value::Uuid> named;
-    tokens.forEachElement([&named](mox::View element) {
-        if (const auto token = element.uuid()) named.push_back(*token);
+    std::unordered_set<value::Uuid> known;
+    tokens.forEachElement([&](mox::View element) {
+        const auto token = element.uuid();
+        if (token && known.insert(*token).second) named.push_back(*token);
     });
     server()->unholdTokens(named);
     done();

@@ -1,13 +1,10 @@
-#include <algorithm>
 #include <utility>
 #include <vector>
 
 #include "Velto/VTDaemonClient.h"
 #include "Velto/VTProtocol.h"
-#include "platform/logging/Log.h"
 #include "platform/restrictions/Restrictions.h"
 #include "platform/sandbox/Sandbox.h"
-#include "platform/text/Format.h"
 #include "vtd/Discovery.h"
 #include "vtd/Probes.h"
 #include "vtd/Transaction.h"
@@ -17,20 +14,9 @@
 
 namespace {
 
-// Far below what a frame may hold, far above what any device has installed: reached only by bundles made to reach it.
-constexpr std::size_t kMostEncodedBytes = std::size_t{256} << 20;
-
-// Leaves out what would make the reply so large that no host could take it.
-void keepWithinReply(std::vector<VTForm>& matches) {
-    std::size_t bytes = 0;
-    const auto beyond = std::find_if(matches.begin(), matches.end(), [&bytes](const VTForm& form) {
-        return (bytes += form.encodedSizeHint()) > kMostEncodedBytes;
-    });
-    if (beyond == matches.end()) return;
-    logging::notice(text::format("{} matches left out of a reply, from {} on: it would be larger than {} bytes",
-                                 matches.end() - beyond, beyond->identifier(), kMostEncodedBytes));
-    matches.erase(beyond, matches.end());
-}
+// Within what one process may have waiting, far above what any device has installed: reached only by bundles made to
+// reach it.
+constexpr std::size_t kMostEncodedBytes = std::size_t{48} << 20;
 
 constexpr char kManagerEntitlement[] = "halvern.private.velto.manager";
 
@@ -42,10 +28,12 @@ bool maySeeAll(const VTDMoxClient& client) {
     return connection && !sandbox::isSandboxed(*connection->identity());
 }
 
-// What is told about a candidate that a gate held back: only the two where somebody may wonder.
-void explain(const VTDServer& server, const VTDMoxClient& client, const VTDPlugIn& candidate,
+// What is told about a candidate that a gate held back: only where somebody may wonder.
+void explain(VTDServer& server, const VTDMoxClient& client, const VTDPlugIn& candidate,
              const Discovery::Refusal& refusal) {
-    if (refusal.gate == Discovery::kExclusionsGate) {
+    if (refusal.gate == Discovery::kEffortGate) {
+        server.noteCostlyPlugIn(candidate);
+    } else if (refusal.gate == Discovery::kExclusionsGate) {
         server.debug("client {} plugin {} excluded", client.pid(), candidate.identifier());
     } else if (refusal.gate == Discovery::kHostGate) {
         server.debug("client {} cannot use plugin {}: {}", client.pid(), candidate.identifier(), refusal.detail);
@@ -62,36 +50,45 @@ void Transaction::matchPlugIns() {
     const auto flags = request().find(VTKey::flags);
 
     Discovery::Query query;
-    if (rules) query.rules = *rules->toValue().dictionary();
+    query.mostEncodedBytes = kMostEncodedBytes;
+    if (rules) query.wanted = rules::Rules{*rules};
+    if (!mayGoOn()) return;
     if (flags) query.flags = flags->unsignedInteger().value_or(0);
     if ((query.flags & VTDiscoverAll) != 0 && !maySeeAll(*client())) {
         return fail(VTErrorAccess, "unauthorized discovery flag (VTDiscoverAll)");
     }
     if (const auto& bundle = client()->bundle()) query.clientPlugInsPath = [bundle] { return bundle->plugInsPath(); };
 
-    const VTDatabase::PlugIns candidates = server()->findPlugIns(query.rules).value_or(VTDatabase::PlugIns{});
+    const VTDatabase::PlugIns candidates = server()->findPlugIns(query.wanted).value_or(VTDatabase::PlugIns{});
     probes::discoverRaw(candidates.size());
     if (!candidates.empty()) {  // what follows looks at the disk
         query.isOnHold = [this](const VTDPlugIn& plugIn) { return server()->holdOnPlugIn(plugIn); };
         query.exclusions = server()->userPrefs()->preparedExclusions();
+        const auto* const restriction = client()->restriction();
+        if (restriction != nullptr && restriction->allowed) query.priceOfPolicy = restriction->allowed->price();
         query.refuseToClient = [&client = *client(), maximumRating = restrictions::maximumAppsRating()](
-                                   const VTDPlugIn& plugIn) { return plugIn.allowForClient(client, maximumRating); };
+                                   const VTDPlugIn& plugIn, rules::Complaints& complaints) {
+            return plugIn.allowForClient(client, maximumRating, complaints);
+        };
     }
 
     Discovery discovery{std::move(query),
-                        [this](const VTDPlugIn& plugIn, VTForm& form) { addAnnotationForPlugIn(plugIn, form); }};
+                        [this](const VTDPlugIn& plugIn, VTForm& form) { addAnnotationForPlugIn(plugIn, form); },
+                        account()};
+    if (!discovery.isAffordable(candidates.size())) {
+        failForEffort();
+        return;
+    }
     for (const auto& candidate : candidates) {
         const auto refusal = discovery.visit(*candidate);
-        if (refusal && server()->verbose() > 0) explain(*server(), *client(), *candidate, *refusal);
+        if (refusal) explain(*server(), *client(), *candidate, *refusal);
     }
-
-    if (discovery.ranOutOfEffort()) {
-        server()->log(
-            "client {}: plug-ins left out of a discovery, whose rules and values need more than {} comparisons",
-            client()->pid(), MatchEffort::kLimit);
+    if (!mayGoOn()) return;
+    if (discovery.leftOut() > 0) {
+        server()->log("{} matches left out of a reply: it would be larger than {} bytes", discovery.leftOut(),
+                      kMostEncodedBytes);
     }
-    std::vector<VTForm> matches = std::move(discovery).finish();
-    keepWithinReply(matches);
+    const std::vector<VTForm> matches = std::move(discovery).finish();
     if (auto encoded = VTDaemonClient::convertToMox(matches, static_cast<std::int64_t>(version()))) {
         reply().setEncoded(VTKey::matches, *std::move(encoded));
     }

@@ -1,8 +1,8 @@
 #include <memory>
-#include <unordered_set>
 #include <vector>
 
 #include "Velto/VTProtocol.h"
+#include "platform/restrictions/Restrictions.h"
 #include "platform/text/Format.h"
 #include "vtd/Probes.h"
 #include "vtd/Transaction.h"
@@ -13,7 +13,8 @@
 // Every plug-in is checked before any is enabled: a request that names one refused plug-in enables none.
 void Transaction::readyPlugIns() {
     std::vector<std::shared_ptr<VTDPlugIn>> allowed;  // each once, in the order in which they were named
-    std::unordered_set<value::Uuid> named;
+    rules::Complaints complaints;
+    const auto maximumRating = restrictions::maximumAppsRating();
     const auto refuse = [this](const VTDPlugIn& plugIn, const std::string& reason) {
         server()->debug("denied access to pid {} for plugin {}({}): {}", client()->pid(), plugIn.identifier(),
                         plugIn.uuid().string(), reason);
@@ -24,8 +25,10 @@ void Transaction::readyPlugIns() {
         probes::pluginReady([&] { return plugIn->uuid().string(); });
         if (server()->holdOnPlugIn(*plugIn)) return refuse(*plugIn, "the plug-in is on hold");
         if (plugIn->isData()) return true;
-        if (const auto reason = plugIn->allowForClient(*client())) return refuse(*plugIn, *reason);
-        if (named.insert(plugIn->uuid()).second) allowed.push_back(plugIn);
+        const auto reason = plugIn->allowForClient(*client(), maximumRating, complaints);
+        if (!mayGoOn()) return false;  // a verdict that nothing was left for is none
+        if (reason) return refuse(*plugIn, *reason);
+        allowed.push_back(plugIn);
         return true;
     });
     if (!all) return;

@@ -94,6 +94,59 @@ TEST(Changes, ADirectoryWithTheSameContentCountsAsAnotherUnlessNobodyWasLooking)
     EXPECT_EQ(witness->told(""), "");
 }
 
+// Whoever has a record acts on its directory, whatever lies at the path before the registry has looked again.
+TEST(Changes, ARecordMeansTheDirectoryThatWasReadAndNoOther) {
+    Installation world;
+    const std::string app = "user/Applications/A.app", plugIns = app + "/PlugIns";
+    world.plugIn(kPlugIn, "a");
+    world.plugIn("outside/PlugIns/P.appex", "outside");
+    world.start({.watch = false, .pollPeriod = std::chrono::hours{1}});
+    world.settle();
+    const auto plugIn = world.at(kPlugIn);
+    const auto opened = [&]() -> std::string {
+        const auto directory = plugIn->openBundle();
+        const auto info = plugIn->readInfo();
+        if (info && !info->isAsKnown) return "another content";
+        EXPECT_EQ(directory.ok(), info.ok());
+        return directory ? "opened" : strerrorname_np(static_cast<int>(directory.error().code));
+    };
+    const auto linked = [&](const std::string& at, const std::string& from) {
+        world.move(at, "away");
+        fs::create_directory_symlink(world.root / from, world.root / at);
+        const std::string outcome = opened();
+        fs::remove(world.root / at);
+        world.move("away", at);
+        return outcome;
+    };
+    const auto exchanged = [&](const std::string& at, const std::string& from) {
+        world.move(at, "away");
+        world.move(from, at);
+        const std::string outcome = opened();
+        world.move(at, from);
+        world.move("away", at);
+        return outcome;
+    };
+    EXPECT_EQ(opened(), "opened");
+    for (const std::string& at : {app, plugIns, std::string{kPlugIn}}) {
+        EXPECT_EQ(linked(at, "outside"), "ELOOP") << at;
+        EXPECT_EQ(linked(at, "away"), "ELOOP") << at << ", though the link leads to the very directory";
+    }
+    EXPECT_EQ(exchanged(kPlugIn, "outside/PlugIns/P.appex"), "ESTALE");
+    EXPECT_EQ(exchanged(plugIns, "outside/PlugIns"), "ESTALE");
+    world.move(kPlugIn, "outside/PlugIns/Q.appex");
+    EXPECT_EQ(opened(), "ENOENT");
+    fs::remove_all(world.root / "outside/PlugIns/P.appex");
+    world.move("outside/PlugIns/Q.appex", "outside/PlugIns/P.appex");
+    EXPECT_EQ(exchanged(app, "outside"), "ESTALE") << "the very bundle, in another application";
+    world.move("outside/PlugIns/P.appex", kPlugIn);
+    EXPECT_EQ(opened(), "opened");
+
+    const std::string info = kPlugIn + "/Info.plist"s;
+    world.move(info, "kept");
+    world.plugIn(kPlugIn, "b");
+    EXPECT_EQ(opened(), "another content");
+}
+
 TEST(Changes, InPlaceKeepTheUuidAndTellOfTheOldRecordWhileItIsThere) {
     Installation world;
     world.plugIn(kPlugIn, "a");
@@ -172,7 +225,7 @@ TEST(Changes, OfARegisteredPathAreToldUntilItIsWithdrawnOverRestartsToo) {
     const std::string path = world.plugIn("elsewhere/X.app/PlugIns/P.appex", "p");
     auto* workspace = &world.start();
     auto witness = world.witness();
-    for (int i = 0; i < 2; ++i) EXPECT_TRUE(workspace->registerPlugin(path));
+    for (int i = 0; i < 2; ++i) EXPECT_TRUE(workspace->registerPlugin(path, kAnybody));
     EXPECT_EQ(witness->told("+p"), "+p");
     const value::Uuid uuid = workspace->pluginAtPath(path)->pluginUUID();
 
@@ -186,7 +239,7 @@ TEST(Changes, OfARegisteredPathAreToldUntilItIsWithdrawnOverRestartsToo) {
 
     witness = world.witness();
     world.plugIn("elsewhere/X.app/PlugIns/P.appex", "p", {{"changed", true}});
-    EXPECT_TRUE(workspace->registerPlugin(path));
+    EXPECT_TRUE(workspace->registerPlugin(path, kAnybody));
     EXPECT_EQ(workspace->pluginAtPath(path)->pluginDictionary(), (Dictionary{{"changed", true}}));
     EXPECT_EQ(witness->told("-p +p"), "-p +p");
     world.settle();

@@ -34,7 +34,7 @@ TEST(Narrowing, FindsWhateverTheRulesCouldFindUnderTheExtensionPointName) {
     world.plugIn("system/PlugIns/7", "multiple",
                  {{"Multiple", Dictionary{{"m1", attribute("p")}, {"m2", Dictionary{}}}}});
     Array::Storage many;
-    for (int i = 0; i < 1000; ++i) many.emplace_back("name" + std::to_string(i));
+    for (int i = 0; i < 400; ++i) many.emplace_back("name" + std::to_string(i));
     many.emplace_back("p");
     world.plugIn("system/PlugIns/8", "many", attribute(Array{many}));
     world.plugIn("system/PlugIns/9", "other", attribute("other"));
@@ -44,6 +44,7 @@ TEST(Narrowing, FindsWhateverTheRulesCouldFindUnderTheExtensionPointName) {
         world.plugIn("system/PlugIns/"s + identifier, identifier, {{"KXExtensionPointIdentifier", "p"}});
     world.write("system/PlugIns/x/Entitlements.plist", Dictionary{{"unwanted", 1}});
     auto& workspace = world.start();
+    const Names names{{"p", "q", "r.7", "r.1", "r.2", "name1", "name2", "name3", "name4", "s", "p"}};
     const struct {
         Names identifiers, points;
         const char* found;
@@ -58,6 +59,9 @@ TEST(Narrowing, FindsWhateverTheRulesCouldFindUnderTheExtensionPointName) {
         {{{"m01", "identifier"}}, {}, "identifier m1 identifier"},
         {{{"m01", "array", "other", "identifier"}}, {{"p"}}, "identifier array m1"},
         {{{"many", "top"}}, {{"r.7", "q"}}, "many"},
+        {{{"many", "m1", "other", "m1"}}, names, "m1 many"},
+        {{}, Names{Texts(1'000'000, "p")}, "identifier attribute array top sdkAttribute sdkTop m1 many"},
+        {Names{Texts(1'000'000, "m01")}, names, "m1"},
     };
     for (const auto& row : rows) EXPECT_EQ(narrowed(workspace, row.identifiers, row.points), row.found);
 }

@@ -151,6 +151,52 @@ TEST(Scan, ABadBundleIsOneLineInTheLogAndOnePlugInLess) {
     EXPECT_THAT(world.log.take(), IsEmpty()) << "what was bad and has not changed";
 }
 
+TEST(Scan, WhatClaimsTooMuchIsRefusedByKeyAndNumberOnceUntilItChanges) {
+    Installation world;
+    const auto list = [](int size) { return Array{Array::Storage(static_cast<std::size_t>(size), "x")}; };
+    const auto rule = [](int size) {
+        Dictionary::Builder keys;
+        for (int i = 0; i < size; ++i) keys.set(std::to_string(i), 1);
+        return std::move(keys).build();
+    };
+    const auto attributes = [](const Value& value) {
+        return Dictionary{{"KXExtensionAttributes", Dictionary{{"k", value}}}};
+    };
+    const struct {
+        const char* name;
+        Dictionary sound, tooMuch;  // of KXExtension
+        const char* refusal;
+    } rows[] = {
+        {"list", attributes(list(512)), attributes(list(513)), "\"k\" has 513 elements, more than 512"},
+        {"shared", {{"Shared", list(512)}}, {{"Shared", list(600)}}, "\"Shared\" has 600 elements, more than 512"},
+        {"text", attributes(std::string(1024, 'x')), attributes(Array{std::string(1025, 'x')}),
+         "\"k\" has 1025 bytes, more than 1024"},
+        {"rule", attributes(rule(512)), attributes(rule(513)), "\"k\" has 513 entries, more than 512"},
+        {"several",
+         {{"Multiple", rule(1024)}},
+         {{"Multiple", rule(1025)}},
+         "\"Multiple\" has 1025 plug-ins, more than 1024"},
+        {"bytes", {{"x", std::string(250'000, 'x')}}, {{"x", std::string(265'000, 'x')}}, "File too large"},
+    };
+    for (const auto& row : rows) {
+        world.plugIn("system/PlugIns/"s + row.name, row.name, row.sound);
+        world.plugIn("system/PlugIns/"s + row.name + "-not", row.name, row.tooMuch);
+    }
+    world.plugIn("system/PlugIns/replacing", "replacing");
+    world.write("system/PlugIns/replacing/Entitlements.plist", Dictionary{{"replaces", list(513)}});
+    world.start();
+    EXPECT_EQ(world.identifiers(), "bytes list rule shared text");
+    const auto lines = world.log.take();
+    for (const auto& row : rows) EXPECT_THAT(lines, Contains(HasSubstr(row.refusal))) << row.name;
+    EXPECT_THAT(lines, Contains(HasSubstr("Entitlements.plist: \"replaces\" has 513")));
+    world.settle();
+    world.start();
+    EXPECT_THAT(world.log.take(), IsEmpty()) << "what was refused and has not changed";
+    world.plugIn("system/PlugIns/list-not", "sound by now");
+    world.start();
+    EXPECT_THAT(world.identifiers(), HasSubstr("sound by now"));
+}
+
 TEST(Scan, WithoutADataContainerThePlugInIsThereAllTheSame) {
     Installation world;
     for (const char* name : {"a", "b"}) world.plugIn("system/PlugIns/"s + name, name);

@@ -36,6 +36,47 @@ TEST(Store, ThatCannotBeReadIsKeptAsideAndRebuilt) {
     }
 }
 
+// As the first version made it, which knew of no identity.
+TEST(Store, OfAnEarlierVersionIsUpgradedWithAllThatItHolds) {
+    Installation world;
+    world.plugIn("system/Applications/A.app/PlugIns/P", "a");
+    const std::string registered = world.plugIn("elsewhere/B.app/PlugIns/P", "b");
+    const std::string path = world.root / "state/Registry.db";
+    ASSERT_TRUE(world.start().registerPlugin(registered, kAnybody));
+    const auto before = *world.start().installedPlugins();
+    ASSERT_EQ(world.identifiers(), "b a");
+    world.stop();
+    constexpr char kDowngrade[] = R"(
+        CREATE TABLE a (row INTEGER PRIMARY KEY, path TEXT NOT NULL, container TEXT, identifier TEXT, name TEXT,
+                        info BLOB NOT NULL);
+        INSERT INTO a SELECT row, path, container, identifier, name, info FROM application;
+        CREATE TABLE b (row INTEGER PRIMARY KEY, path TEXT NOT NULL, stamps BLOB NOT NULL, digest INTEGER NOT NULL,
+                        identifier TEXT NOT NULL, version TEXT NOT NULL, displayName TEXT, shortName TEXT,
+                        entitlements BLOB, refusal TEXT NOT NULL, remark TEXT NOT NULL);
+        INSERT INTO b SELECT row, path, stamps, digest, identifier, version, displayName, shortName, entitlements,
+                             refusal, remark FROM bundle;
+        DROP TABLE application; DROP TABLE bundle;
+        ALTER TABLE a RENAME TO application; ALTER TABLE b RENAME TO bundle;
+        PRAGMA user_version = 1;
+    )";
+    ASSERT_FALSE(Database::open(path)->execute(kDowngrade));
+    for (int start = 0; start < 2; ++start) {
+        const auto after = *world.start().installedPlugins();
+        const auto witness = world.witness();
+        world.settle();
+        ASSERT_THAT(after, SizeIs(before.size()));
+        for (std::size_t i = 0; i < after.size(); ++i) {
+            EXPECT_EQ(after[i]->pluginUUID(), before[i]->pluginUUID());
+            EXPECT_EQ(after[i]->registrationDate(), before[i]->registrationDate());
+            EXPECT_TRUE(after[i]->openBundle()) << "it was looked at again";
+        }
+        EXPECT_EQ(witness->told(""), "") << "nothing came or went";
+        world.stop();
+    }
+    EXPECT_EQ(*Database::open(path)->number("PRAGMA user_version"), 2);
+    EXPECT_THAT(world.log.take(), IsEmpty());
+}
+
 // A writer that is killed at any moment leaves what was before its last transaction, or what is after it.
 TEST(Store, IsWholeWheneverItsWriterIsKilled) {
     const support::TemporaryDirectory directory;

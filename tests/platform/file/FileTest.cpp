@@ -33,10 +33,16 @@ TEST(CanonicalPath, ResolvesLinksAndDotsAndSaysWhyNot) {
     ASSERT_FALSE(makeDirectories(longest + "/e", 0700));
     fs::create_symlink(longest + "/e", root / "short");
     EXPECT_EQ(canonicalPath(longest + "/././."), longest);
+    EXPECT_EQ(canonicalPathAtHand(longest + "/././."), longest) << "it was just looked at";
+    EXPECT_EQ(canonicalPath(root.write("a (deleted)", "")), root / "a (deleted)");
+    std::string longer = root / "a";
+    while (longer.size() < 4094) longer += "/.";
     const std::pair<std::string, int> rows[] = {
-        {root / "absent", ENOENT},      {"", ENOENT},          {(root / "a") + '\0', EINVAL},
-        {root / "loop", ELOOP},         {file + "/", ENOTDIR}, {root / "short", ENAMETOOLONG},
-        {longest + "/e", ENAMETOOLONG},
+        {root / "absent", ENOENT},      {"", ENOENT},
+        {(root / "a") + '\0', EINVAL},  {root / "loop", ELOOP},
+        {file + "/", ENOTDIR},          {root / "short", ENAMETOOLONG},
+        {longest + "/e", ENAMETOOLONG}, {longer + "//.", ENAMETOOLONG},
+        {"/proc/self/root/tmp", ELOOP},
     };
     for (const auto& [path, error] : rows) {
         errno = 0;
