@@ -34,7 +34,7 @@ Array texts(const std::string& stem, std::size_t count) {
 Dictionary attributes(const std::string& point, std::size_t count) {
     return {{"KXExtensionPointName", point},
             {"Version", "1.10b"},
-            {"Long", std::string(2'000, '1')},
+            {"Long", std::string(1'000, '1')},
             {"Number", 3},
             {"List", texts("org.example.type", count)},
             {"Rule", Dictionary{{"org.example.image", 10}, {"org.example.text", 1}}}};
@@ -95,24 +95,27 @@ HostileWorld::HostileWorld() {
         const std::string number = std::to_string(i);
         install(system + "lists" + number, {{"KXExtensionAttributes", attributes("one", 500)}});
         install(system + "points" + number,
-                {{"KXExtensionAttributes", attributes("one", 3).changing("KXExtensionPointName", texts("p", 500))}});
+                {{"KXExtensionAttributes",
+                  attributes("one", 3).changing("KXExtensionPointName", texts("p", i == 0 ? 500 : 64))}});
         install(system + "refused" + number, {{"KXExtensionAttributes", std::string(200'000, '<')}});
         install(system + "keyed" + number, {{"KXExtensionAttributes", attributes("one", 3)}},
-                {{"halvern.developer.replace-plugin", number + std::string(1'000'000, 'k')},
+                {{"halvern.developer.replace-plugin", number + std::string(i == 0 ? 1'000'000 : 1'000, 'k')},
                  {"halvern.developer.auto-elect-plugin", true}});
         addable.push_back(World::get().root() / ("user/added/added" + number));
         install("user/added/added" + number, {{"KXExtensionAttributes", attributes("one", 200)}});
     }
     install(system + "sharing", {{"KXExtensionAttributes", attributes("one", 3)}, {"Shared", texts("resource", 200)}});
-    Dictionary::Builder many;
-    for (int i = 0; i < 200; ++i) {
-        many.set("many" + std::to_string(i),
-                 Dictionary{{"KXExtensionProtocol", "P"},
-                            {"KXExtensionAttributes", Dictionary{{"KXExtensionPointName", "one"},
-                                                                 {"Version", "1.10b"},
-                                                                 {"List", texts("org.example.type", 5)}}}});
+    for (const std::string stem : {"few", "some", "many"}) {
+        Dictionary::Builder several;
+        for (int i = 0; i < 60; ++i) {
+            several.set(stem + std::to_string(i),
+                        Dictionary{{"KXExtensionProtocol", "P"},
+                                   {"KXExtensionAttributes", Dictionary{{"KXExtensionPointName", "one"},
+                                                                        {"Version", "1.10b"},
+                                                                        {"List", texts("type", 3)}}}});
+        }
+        install(system + stem, {{"Multiple", std::move(several).build()}});
     }
-    install(system + "many", {{"Multiple", std::move(many).build()}});
     install(application, {});
     install(application + "/PlugIns/inside", {{"KXExtensionAttributes", attributes("one", 3)}});
     World::get().root().write("system/PlugIns/torn/Info.plist", "<plist><dict>");
