@@ -3,6 +3,7 @@
 #include <utility>
 #include <variant>
 
+#include "platform/mox/PeerProgram.h"
 #include "platform/queue/Errands.h"
 #include "platform/text/Format.h"
 #include "vtd/Probes.h"
@@ -18,11 +19,7 @@ constexpr std::uint32_t kCountReportedEvery = 1000;
 constexpr unsigned kUnexpectedLogged = 16;  // of one client: it must not fill the log
 
 std::shared_ptr<VTBundle> bundleOf(const mox::PeerIdentity& peer) {
-    if (!peer.executablePath) return nullptr;
-    if (!peer.bundle) return VTBundle::initWithExecutableURL(*peer.executablePath);
-    // The same bundle, which the connection has opened already.
-    return peer.bundle->bundlePath() ? VTBundle::initWithMoxBundle(peer.bundle)
-                                     : VTBundle::initWithPath(*peer.executablePath);
+    return peer.program && peer.program->bundle ? VTBundle::initWithMoxBundle(peer.program->bundle) : nullptr;
 }
 
 }  // namespace
@@ -30,7 +27,7 @@ std::shared_ptr<VTBundle> bundleOf(const mox::PeerIdentity& peer) {
 std::shared_ptr<VTDMoxClient> VTDMoxClient::initWithConnection(const std::shared_ptr<mox::Connection>& connection,
                                                                std::shared_ptr<VTDServer> server) {
     std::shared_ptr<VTDMoxClient> client{new VTDMoxClient{connection, std::move(server)}};
-    client->server_->debug("client {} {}", client->pid(), connection->identity()->executablePath.value_or(""));
+    client->server_->debug("client {} {}", client->pid(), connection->identity()->executablePath().value_or(""));
     probes::clientNew(client->pid());
     connection->setContext(client);
     connection->setEventHandler([client](const mox::Event& event) { client->handleEvent(event); });

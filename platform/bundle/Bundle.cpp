@@ -96,6 +96,24 @@ private:
     mutable std::shared_ptr<const Info> info_;  // guarded by the mutex; null: not read, or nothing was recognised
 };
 
+class KnownBundle final : public Bundle {
+public:
+    KnownBundle(std::optional<std::string> path, std::optional<value::Dictionary> info)
+        : path_{std::move(path)}, info_{std::move(info)} {}
+
+    std::optional<std::string> bundlePath() const override { return path_; }
+    std::optional<std::string> executablePath() const override {
+        return path_ && info_ ? executableInBundle(*path_, *info_) : std::nullopt;
+    }
+    std::optional<std::string> supportPath() const override { return path_; }
+    std::optional<value::Dictionary> infoDictionary() const override { return info_; }
+    void flushCache() const override {}
+
+private:
+    const std::optional<std::string> path_;
+    const std::optional<value::Dictionary> info_;
+};
+
 bool isSameFile(const std::string& path, const struct stat& file) {
     struct stat status {};
     return ::lstat(path.c_str(), &status) == 0 && status.st_dev == file.st_dev && status.st_ino == file.st_ino;
@@ -145,6 +163,19 @@ std::shared_ptr<const Bundle> Bundle::openAt(file::UniqueFd directory, std::stri
 std::shared_ptr<const Bundle> Bundle::openMain() {
     std::error_code unknown;  // leaves an empty path, where no bundle is
     return open(std::filesystem::read_symlink("/proc/self/exe", unknown), PathKind::executable);
+}
+
+std::shared_ptr<const Bundle> essentialsOf(const Bundle& bundle) {
+    std::optional<value::Dictionary> essentials;
+    if (const auto info = bundle.infoDictionary()) {
+        value::Dictionary::Builder kept;
+        for (const char* key : {kIdentifierKey, kExecutableKey, kVersionKey, kNameKey, kDisplayNameKey}) {
+            const value::Value* const found = info->find(key);
+            if (found != nullptr && (found->isNumber() || nameIn(*info, key))) kept.set(key, *found);
+        }
+        essentials = std::move(kept).build();
+    }
+    return std::make_shared<const KnownBundle>(bundle.bundlePath(), std::move(essentials));
 }
 
 std::optional<std::string> executableInBundle(const std::string& bundlePath, const value::Dictionary& info) {

@@ -49,6 +49,10 @@ public:
     virtual void flushCache() const = 0;  // forgets what was read
 };
 
+// The same bundle as it is now, with only those keys of its Info.plist that the platform itself reads: small enough to
+// keep, and never looked for on the disk again.
+std::shared_ptr<const Bundle> essentialsOf(const Bundle& bundle);
+
 // Where an executable named by QFBundleExecutable lies in a bundle, when the name is plain: not empty, no separator, no
 // NUL byte, not "." or "..". Whether there is such a file, and of what kind, is not looked at.
 std::optional<std::string> executableInBundle(const std::string& bundlePath, const value::Dictionary& info);

@@ -4,11 +4,11 @@
 #include <unistd.h>
 
 #include <cerrno>
-#include <mutex>
 #include <utility>
 
 #include "platform/file/File.h"
 #include "platform/logging/Log.h"
+#include "platform/mox/PeerProgram.h"
 #include "platform/paths/Paths.h"
 #include "platform/plist/Plist.h"
 #include "platform/text/Format.h"
@@ -94,32 +94,15 @@ value::Result<value::Dictionary> ofBundle(int bundleDirectory, const std::string
     return trusted ? *content : withoutPrivateNames(*content);
 }
 
-struct SecurityTask::State {
-    explicit State(std::shared_ptr<const mox::PeerIdentity> identity) : peer{std::move(identity)} {}
-
-    const std::shared_ptr<const mox::PeerIdentity> peer;
-    std::once_flag once;
-    std::optional<value::Result<value::Dictionary>> entitlements;  // set once, then only read
-
-    const value::Result<value::Dictionary>& read() {
-        std::call_once(once, [this] {
-            const bool bundled = peer && peer->executablePath && peer->bundleDirectory;
-            entitlements.emplace(bundled ? ofBundle(peer->bundleDirectory.get(), peer->bundlePath)
-                                         : value::Result<value::Dictionary>{value::Dictionary{}});
-            if (!*entitlements) logging::notice("no entitlements, " + entitlements->error().localizedDescription());
-        });
-        return *entitlements;
-    }
-};
-
-SecurityTask::SecurityTask(std::shared_ptr<const mox::PeerIdentity> peer)
-    : state_{std::make_unique<State>(std::move(peer))} {}
-
-SecurityTask::~SecurityTask() = default;
+SecurityTask::SecurityTask(std::shared_ptr<const mox::PeerIdentity> peer) : peer_{std::move(peer)} {}
 
 value::Result<std::optional<value::Value>> SecurityTask::value(std::string_view name) const {
-    const auto& entitlements = state_->read();
-    if (!entitlements) return entitlements.error();
+    if (!peer_ || !peer_->program || !peer_->program->executablePath) return std::optional<value::Value>{};
+    const auto& entitlements = peer_->program->entitlements;
+    if (!entitlements) {
+        if (!said_.exchange(true)) logging::notice("no entitlements, " + entitlements.error().localizedDescription());
+        return entitlements.error();
+    }
     const value::Value* found = entitlements->find(name);
     return found == nullptr ? std::optional<value::Value>{} : std::optional{*found};
 }

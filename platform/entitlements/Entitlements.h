@@ -1,5 +1,6 @@
 #pragma once
 
+#include <atomic>
 #include <memory>
 #include <optional>
 #include <string>
@@ -20,20 +21,19 @@ inline constexpr char kPrivatePrefix[] = "halvern.private.";
 // honoured. No file is an empty dictionary. Any thread.
 value::Result<value::Dictionary> ofBundle(int bundleDirectory, const std::string& bundlePath);
 
-// The security-task handle of a peer process: reads its entitlements from the bundle of its executable, through the
-// directory that was opened when it connected, once, when first asked. Any thread.
+// The security-task handle of a peer process: its entitlements, as they were read from the bundle of its executable when
+// it connected. Any thread.
 class SecurityTask {
 public:
     explicit SecurityTask(std::shared_ptr<const mox::PeerIdentity> peer);
-    ~SecurityTask();
 
     // The value of one entitlement, nothing when the peer lacks it, an error (the same each time) when they could not
     // be read. A peer without a bundle has no entitlements, which is no error.
     value::Result<std::optional<value::Value>> value(std::string_view name) const;
 
 private:
-    struct State;
-    const std::unique_ptr<State> state_;
+    const std::shared_ptr<const mox::PeerIdentity> peer_;
+    mutable std::atomic<bool> said_{false};  // in the log, why there are none
 };
 
 }  // namespace entitlements

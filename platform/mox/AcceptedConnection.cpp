@@ -9,6 +9,8 @@
 #include <utility>
 
 #include "platform/logging/Log.h"
+#include "platform/memory/GiveBack.h"
+#include "platform/mox/PeerProgram.h"
 #include "platform/mox/Receive.h"
 #include "platform/text/Format.h"
 
@@ -17,8 +19,9 @@ namespace mox {
 namespace {
 
 constexpr std::size_t kChunk = std::size_t{32} << 10;
-constexpr std::size_t kMostHeldBack = 4096;  // bytes of replies that wait for the end of a batch, uncharged
-constexpr int kReadsInATurn = 16;            // then others have theirs
+constexpr std::size_t kMostHeldBack = 4096;           // bytes of replies that wait for the end of a batch, uncharged
+constexpr int kReadsInATurn = 16;                     // then others have theirs
+constexpr std::size_t kLarge = std::size_t{1} << 20;  // what is to go back to the system
 
 wire::Nonce freshNonce() {
     wire::Nonce nonce;
@@ -55,6 +58,28 @@ Request::Ticket::Ticket(const std::shared_ptr<Account>& account, Frame&& frame)
         large = {std::move(copy), at};
     }
     std::copy(frame.body.begin(), frame.body.end(), at);
+}
+
+bool Reply::charge(const Holdings& more) {
+    if (!charge_) charge_.emplace(ticket()->charge.account(), Holdings{});
+    return charge_->reserve(more);
+}
+
+bool Reply::reserve(std::size_t bytes) {
+    needed_ += bytes;
+    if (needed_ <= reserved_ || ticket() == nullptr) return true;
+    const std::size_t more = std::max(needed_ - reserved_, kStep);
+    if (!charge({.backlog = more})) return false;
+    reserved_ += more;
+    return true;
+}
+
+bool Reply::reserveDescriptor() {
+    if (ticket() == nullptr) return true;
+    // Those who were ended for it have closed theirs by the second time, or are about to.
+    Ledger& ledger = *ticket()->charge.account()->ledger();
+    if (!ledger.hasDescriptors(1) && !ledger.hasDescriptors(1)) return false;
+    return charge({.backlog = OutputQueue::kDescriptorWeight, .descriptors = 1});
 }
 
 AcceptedConnection::AcceptedConnection(file::UniqueFd socket, PeerIdentity peer, std::shared_ptr<Account> account,
@@ -98,7 +123,8 @@ void AcceptedConnection::begin() {
     });
     if (!socketWatch_ || !processWatch_) return breakOff("it cannot be watched");
     handshakeTimer_ = queue::after(bounds_.handshakeDeadline, queue_, [weak] {
-        if (const auto self = weak.lock()) self->breakOff("it did not answer the hello in time");
+        if (const auto self = weak.lock()) self->breakOff(self->stage_ == Stage::greeting ? "it did not answer the hello in time"
+                                                                  : "its program cannot be read in time");
     });
     nonce_ = freshNonce();
     const std::lock_guard lock{outputLock_};
@@ -129,7 +155,7 @@ void AcceptedConnection::endForExcess() {
 
 void AcceptedConnection::letGo() {
     const std::lock_guard lock{outputLock_};
-    output_.clear();
+    dropOutput();
     if (socket_) ::shutdown(socket_.get(), SHUT_RDWR);  // what was cut must not go on with another frame
 }
 
@@ -207,11 +233,27 @@ bool AcceptedConnection::authenticate(const Frame& echo) {
         breakOff("a wrong echo");
         return false;
     }
-    if (!isUnchanged(*peer_)) {
-        breakOff("the process is no longer what connected");
+    stage_ = Stage::identifying;
+    // Whoever waits for it alone must not keep the connection: the peer decides how long that is.
+    const auto known =
+        PeerPrograms::shared().find(*peer_, account_->ledger(), [weak = weak_from_this(), queue = queue_](auto program) {
+            queue->async([weak, program] {
+                if (const auto self = weak.lock()) self->identified(program);
+            });
+        });
+    return known == nullptr || identified(known);
+}
+
+bool AcceptedConnection::identified(const std::shared_ptr<const PeerProgram>& program) {
+    if (stage_ != Stage::identifying) return false;
+    const char* const fault = program == nullptr      ? "its program could not be looked at"
+                              : !isUnchanged(*peer_) ? "the process is no longer what connected"
+                                                     : nullptr;
+    if (fault != nullptr) {
+        breakOff(fault);
         return false;
     }
-    openBundle(*peer_);
+    peer_->program = program;
     account_->setGreeted();
     handshakeTimer_.reset();
     stage_ = Stage::delivered;
@@ -237,16 +279,21 @@ bool AcceptedConnection::deliverMessage(Frame&& frame) {
     return true;
 }
 
-void AcceptedConnection::send(const Reply& reply) {
+void AcceptedConnection::send(Reply& reply) {
     Request::Ticket& ticket = *reply.ticket();
     if (ticket.replyId == 0 || ticket.charge.account() != account_ || ticket.answered.exchange(true)) return;
-    OutgoingFrame frame{wire::FrameKind::reply, ticket.replyId, reply, reply.descriptor()};
-    if (frame.size() - wire::kHeaderSize > kReplyLimits.bytes)
+    const std::size_t size = reply.framed({}).size;
+    if (size - wire::kHeaderSize > kReplyLimits.bytes)
         return later([](AcceptedConnection& self) { self.breakOff("a reply to it is above the limit"); });
+    if (!reply.reserveRest(size))
+        return later(
+            [](AcceptedConnection& self) { self.breakOff("replies to it are more than it may have waiting"); });
+    if (size >= kLarge) memory::giveBackSoon();
+    OutgoingFrame frame{wire::FrameKind::reply, ticket.replyId, &reply, reply.descriptor(), reply.takeCharge()};
 
     const std::lock_guard lock{outputLock_};
     if (!socket_) return;
-    const bool mayWait = output_.burden() + frame.size() <= kMostHeldBack && !reply.descriptor();
+    const bool mayWait = output_.burden() + size <= kMostHeldBack && !reply.descriptor();
     if (!mayWait) sendHeldBack();
     if (!heldBack_ && output_.empty() && mayWait) heldBack_ = queue::defer(shared_from_this());
     if (heldBack_) {
@@ -267,7 +314,7 @@ void AcceptedConnection::sendHeldBack() {
 
 void AcceptedConnection::afterOutput(OutputQueue::State state) {
     if (state == OutputQueue::State::broken) {
-        output_.clear();
+        dropOutput();
         ::shutdown(socket_.get(), SHUT_RDWR);  // a later reply must not pass for the rest of a frame cut here
         later(&AcceptedConnection::end);
     }
@@ -276,6 +323,7 @@ void AcceptedConnection::afterOutput(OutputQueue::State state) {
         drainTimer_.reset();
         return;
     }
+    if (output_.size() >= kLarge) memory::giveBackSoon();
     socketWatch_->awaitWritable();
     if (!drainTimer_) {
         drainPosition_ = output_.endPosition();
@@ -283,6 +331,11 @@ void AcceptedConnection::afterOutput(OutputQueue::State state) {
             if (const auto self = weak.lock()) self->checkDrained();
         });
     }
+}
+
+void AcceptedConnection::dropOutput() {
+    if (output_.size() >= kLarge) memory::giveBackSoon();
+    output_.clear();
 }
 
 void AcceptedConnection::checkDrained() {
@@ -312,7 +365,7 @@ void AcceptedConnection::end() {
         sendHeldBack();
         drainTimer_.reset();
         socketWatch_.reset();
-        output_.clear();
+        dropOutput();
         socket_.reset();
     }
     reader_.clear();

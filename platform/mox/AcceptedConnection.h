@@ -66,7 +66,7 @@ public:
     void setContext(std::shared_ptr<void> context) override { context_ = std::move(context); }
     void setEventHandler(EventHandler handler) override { handler_ = std::move(handler); }
     void resume() override;
-    void send(const Reply& reply) override;
+    void send(Reply& reply) override;
     void cancel() override;
     Charge charge(std::size_t bytes) override { return Charge{account_, {.kept = bytes}}; }
     std::string description() const override;
@@ -78,8 +78,9 @@ public:
 
 private:
     enum class Stage {
-        greeting,   // until the echo
-        delivered,  // to the listener's handler, which has not resumed it yet
+        greeting,     // until the echo
+        identifying,  // until the program is known, as long as it may take
+        delivered,    // to the listener's handler, which has not resumed it yet
         open,
         ended,
     };
@@ -91,10 +92,12 @@ private:
     void deliverFrames();
     bool handle(Frame&& frame);
     bool authenticate(const Frame& echo);
+    bool identified(const std::shared_ptr<const PeerProgram>& program);
     bool deliverMessage(Frame&& frame);
 
     void sendHeldBack();                         // with outputLock_ held
     void afterOutput(OutputQueue::State state);  // likewise
+    void dropOutput();                           // likewise
     void checkDrained();
 
     void breakOff(std::string_view why);  // ends, and says so in the log

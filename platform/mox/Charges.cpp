@@ -173,7 +173,10 @@ bool Ledger::reserve(Account& account, const Holdings& more) {
     {
         const std::lock_guard lock{mutex_};
         if (account.process_ == nullptr) return false;
-        if (account.process_->held.backlog + more.backlog > bounds_.process.backlog) return false;
+        // A process with next to nothing waiting may have one reply as large as what all together may have: a discovery
+        // of everything that is installed.
+        const std::size_t waiting = account.process_->held.backlog;
+        if (waiting > bounds_.connection.backlog && waiting + more.backlog > bounds_.process.backlog) return false;
         for (Holdings* held : {&account.held_, &account.process_->held, &total_}) *held += more;
         shedExcess(nullptr, notices);
         isIn = account.process_ != nullptr;

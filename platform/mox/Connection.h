@@ -6,6 +6,7 @@
 #include <memory>
 #include <optional>
 #include <string>
+#include <utility>
 #include <variant>
 
 #include "platform/mox/Charges.h"
@@ -40,6 +41,15 @@ class Reply : public Dictionary {
 public:
     explicit Reply(const Request& request) : request_{request} {}
 
+    // So many bytes more are about to be put into it: charges them to its connection before they exist. False when
+    // that would be more than the connection's process may have waiting beside other replies, or all together: the
+    // answer is an error then. A reply of some kilobytes needs none; a large one without it costs its connection when
+    // it is sent. Not with a lock held.
+    [[nodiscard]] bool reserve(std::size_t bytes);
+
+    // The same for a descriptor that is about to be opened: it makes room for it, at the cost of who holds most.
+    [[nodiscard]] bool reserveDescriptor();
+
     // A descriptor of a regular file that goes with the reply. Where the kernel passes no more of them, because too
     // many are on their way to peers that do not take them, the reply goes without.
     void attach(file::UniqueFd descriptor) {
@@ -49,9 +59,20 @@ public:
     Request::Ticket* ticket() const { return request_.ticket(); }
     const std::shared_ptr<const file::UniqueFd>& descriptor() const { return descriptor_; }
 
+    // For the connection, when it has the whole.
+    [[nodiscard]] bool reserveRest(std::size_t size) { return size <= needed_ || reserve(size - needed_); }
+    std::optional<Charge> takeCharge() { return std::exchange(charge_, std::nullopt); }
+
 private:
+    static constexpr std::size_t kUncharged = std::size_t{16} << 10;
+    static constexpr std::size_t kStep = std::size_t{64} << 10;
+    bool charge(const Holdings& more);
+
     const Request request_;
     std::shared_ptr<const file::UniqueFd> descriptor_;
+    std::optional<Charge> charge_;
+    std::size_t needed_ = 0;
+    std::size_t reserved_ = kUncharged;
 };
 
 // What a connection's handler is given: a request, or an object that is either an error (Object::isError;
@@ -82,8 +103,8 @@ public:
     virtual void resume() = 0;
 
     // Sends the reply, once; later replies to the same request are dropped, as is one to a peer that is gone. Never
-    // blocks: what the peer does not take at once is queued within the connection's bounds.
-    virtual void send(const Reply& reply) = 0;
+    // blocks: what the peer does not take at once is taken from the reply, and queued within the connection's bounds.
+    virtual void send(Reply& reply) = 0;
 
     virtual void cancel() = 0;  // ends the connection; its handler gets connectionInvalid
 

@@ -8,12 +8,17 @@ namespace {
 
 constexpr std::size_t kUsualSize = 256;     // of a request, or of a reply that is no discovery's
 constexpr std::size_t kLeastSplice = 4096;  // below, a copy costs less than a piece of its own
+constexpr std::size_t kLongList = 256;
 constexpr std::size_t kFirstEntry = wire::kHeaderSize + encoding::kContainerHeader;
 
 }  // namespace
 
 void Dictionary::set(std::string_view key, const value::Value& value) {
-    entry(key).value(value);
+    Encoder& encoder = entry(key);
+    // A long list must not be copied time and again while it grows.
+    const value::Array* const array = value.array();
+    if (array != nullptr && array->size() >= kLongList) encoder.reserve(encoder.size() + encodedSize(value));
+    encoder.value(value);
 }
 
 void Dictionary::setText(std::string_view key, std::string_view text) {
@@ -75,6 +80,10 @@ Dictionary::Framed Dictionary::framed(wire::Header header) const {
     header.length = static_cast<std::uint32_t>(size - sizeof header.length);
     std::memcpy(encoder_.data(), &header, sizeof header);
     return {{encoder_.data(), encoder_.size()}, splices_, size};
+}
+
+Dictionary::Taken Dictionary::take() {
+    return {encoder_.take(), std::exchange(splices_, {})};
 }
 
 Object Dictionary::toObject() const {

@@ -48,6 +48,13 @@ public:
     };
     Framed framed(wire::Header header) const;
 
+    // What framed() has shown, to be kept: leaves the dictionary empty.
+    struct Taken {
+        std::vector<std::byte> own;
+        std::vector<Splice> elsewhere;
+    };
+    Taken take();
+
 private:
     struct Found {
         std::size_t at;

@@ -106,6 +106,27 @@ void Encoder::value(const value::Value& value) {
     }
 }
 
+std::size_t encodedSize(const value::Value& value) {
+    using encoding::kTagSize, encoding::kLengthSize, encoding::kContainerHeader;
+    switch (value.kind()) {
+        case value::Kind::boolean: return kTagSize + 1;
+        case value::Kind::string: return kTagSize + kLengthSize + value.string()->size();
+        case value::Kind::data: return kTagSize + kLengthSize + value.data()->size();
+        case value::Kind::array: {
+            std::size_t size = kContainerHeader;
+            for (const value::Value& element : *value.array()) size += encodedSize(element);
+            return size;
+        }
+        case value::Kind::dictionary: {
+            std::size_t size = kContainerHeader;
+            for (const value::Dictionary::Entry& entry : *value.dictionary())
+                size += kLengthSize + entry.key.size() + encodedSize(entry.value);
+            return size;
+        }
+        default: return kTagSize + sizeof(value::Uuid);  // numbers need less, and errors are never sent
+    }
+}
+
 // Never sent, so its layout is nobody else's: a container's header, then code, domain and, when there is one, message.
 void Encoder::error(const value::Error& error) {
     const Container container = begin(Kind::error);

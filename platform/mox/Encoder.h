@@ -76,6 +76,9 @@ private:
     std::size_t size_ = 0;
 };
 
+// How many bytes an Encoder makes of the value, in the plain conversion; a few more where text is not well-formed.
+std::size_t encodedSize(const value::Value& value);
+
 // A value that was encoded before, shared and spliced as it is.
 using Encoded = std::shared_ptr<const std::vector<std::byte>>;
 

@@ -14,10 +14,18 @@ namespace mox {
 OutgoingFrame::OutgoingFrame(wire::FrameKind kind, std::uint64_t replyId, Bytes body)
     : kept_{wire::frame(kind, replyId, body)}, own_{kept_}, size_{kept_.size()} {}
 
-OutgoingFrame::OutgoingFrame(wire::FrameKind kind, std::uint64_t replyId, const Dictionary& dictionary,
-                             std::shared_ptr<const file::UniqueFd> descriptor)
-    : descriptor_{std::move(descriptor)} {
-    const auto framed = dictionary.framed({0, kind, descriptor_ ? wire::kWithDescriptor : wire::kNoFlags, 0, replyId});
+OutgoingFrame::OutgoingFrame(wire::FrameKind kind, std::uint64_t replyId, const Dictionary& dictionary) {
+    refer({0, kind, wire::kNoFlags, 0, replyId}, dictionary);
+}
+
+OutgoingFrame::OutgoingFrame(wire::FrameKind kind, std::uint64_t replyId, Dictionary* dictionary,
+                             std::shared_ptr<const file::UniqueFd> descriptor, std::optional<Charge>&& charge)
+    : charge_{std::move(charge)}, lender_{dictionary}, descriptor_{std::move(descriptor)} {
+    refer({0, kind, descriptor_ ? wire::kWithDescriptor : wire::kNoFlags, 0, replyId}, *dictionary);
+}
+
+void OutgoingFrame::refer(wire::Header header, const Dictionary& dictionary) {
+    const auto framed = dictionary.framed(header);
     own_ = framed.own;
     splices_ = framed.elsewhere;
     size_ = framed.size;
@@ -25,9 +33,15 @@ OutgoingFrame::OutgoingFrame(wire::FrameKind kind, std::uint64_t replyId, const 
 
 void OutgoingFrame::own() {
     if (!kept_.empty()) return;
-    kept_ = {own_.begin(), own_.end()};
+    if (lender_ != nullptr) {
+        auto taken = std::exchange(lender_, nullptr)->take();
+        kept_ = std::move(taken.own);
+        keptSplices_ = std::move(taken.elsewhere);
+    } else {
+        kept_ = {own_.begin(), own_.end()};
+        keptSplices_ = {splices_.begin(), splices_.end()};
+    }
     own_ = kept_;
-    keptSplices_ = {splices_.begin(), splices_.end()};
     splices_ = keptSplices_;
 }
 
@@ -110,7 +124,10 @@ OutputQueue::State OutputQueue::flush(int socket) {
         const bool hadDescriptor = frame.hasDescriptor();
         const int error = frame.send(socket);
         bytes_ -= before - frame.left();
-        if (hadDescriptor && (error == 0 || !frame.hasDescriptor())) --descriptors_;
+        if (!frame.isCharged()) {
+            uncharged_ -= before - frame.left();
+            if (hadDescriptor && (error == 0 || !frame.hasDescriptor())) --descriptors_;
+        }
         if (error != 0) return error == EAGAIN ? State::blocked : State::broken;
         frames_.pop_front();
     }
@@ -125,13 +142,17 @@ void OutputQueue::append(OutgoingFrame&& frame) {
 void OutputQueue::keep(OutgoingFrame&& frame) {
     frame.own();
     bytes_ += frame.left();
-    if (frame.hasDescriptor()) ++descriptors_;
+    if (!frame.isCharged()) {
+        uncharged_ += frame.left();
+        if (frame.hasDescriptor()) ++descriptors_;
+    }
     frames_.push_back(std::move(frame));
 }
 
 void OutputQueue::clear() {
     frames_.clear();
     bytes_ = 0;
+    uncharged_ = 0;
     descriptors_ = 0;
 }
 

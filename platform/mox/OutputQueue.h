@@ -7,10 +7,12 @@
 #include <cstdint>
 #include <deque>
 #include <memory>
+#include <optional>
 #include <span>
 #include <vector>
 
 #include "platform/file/UniqueFd.h"
+#include "platform/mox/Charges.h"
 #include "platform/mox/Dictionary.h"
 #include "platform/mox/Encoder.h"
 #include "platform/mox/Wire.h"
@@ -24,16 +26,20 @@ class OutgoingFrame {
 public:
     OutgoingFrame(wire::FrameKind kind, std::uint64_t replyId, Bytes body);
 
-    // Reads the dictionary where it lies, until own() is called: most frames are gone before anything needs a copy.
-    OutgoingFrame(wire::FrameKind kind, std::uint64_t replyId, const Dictionary& dictionary,
-                  std::shared_ptr<const file::UniqueFd> descriptor = {});
+    // Reads the dictionary where it lies until own() is called, which copies it: most frames are gone before that.
+    OutgoingFrame(wire::FrameKind kind, std::uint64_t replyId, const Dictionary& dictionary);
+
+    // The same, but own() takes the bytes away from the dictionary, which must live as long. What they are charged to
+    // comes with them.
+    OutgoingFrame(wire::FrameKind kind, std::uint64_t replyId, Dictionary* dictionary,
+                  std::shared_ptr<const file::UniqueFd> descriptor, std::optional<Charge>&& charge);
     OutgoingFrame(OutgoingFrame&&) = default;  // no copies: each refers to itself
-    OutgoingFrame& operator=(OutgoingFrame&&) = default;
     void own();
 
     std::size_t size() const { return size_; }
     std::size_t left() const { return size_ - sent_; }
     bool hasDescriptor() const { return descriptor_ != nullptr; }
+    bool isCharged() const { return charge_.has_value(); }
 
     // Sends what the socket takes without waiting; answers 0 or an errno, EAGAIN when something is left.
     int send(int socket);
@@ -41,8 +47,11 @@ public:
 private:
     std::size_t gather(std::span<iovec> pieces) const;
     ssize_t sendSome(int socket) const;
+    void refer(wire::Header header, const Dictionary& dictionary);
 
-    std::vector<std::byte> kept_;  // empty while the bytes lie with the dictionary
+    std::optional<Charge> charge_;  // gone after what it is for
+    Dictionary* lender_ = nullptr;  // who gives the bytes away
+    std::vector<std::byte> kept_;   // empty while the bytes lie with the dictionary
     std::span<std::byte> own_;
     std::span<const Dictionary::Splice> splices_;
     std::vector<Dictionary::Splice> keptSplices_;
@@ -63,10 +72,11 @@ public:
     void clear();
 
     bool empty() const { return frames_.empty(); }
+    std::size_t size() const { return bytes_; }  // of what waits
 
-    // What waits, in bytes. A descriptor that waits is one of the daemon's own, scarcer than memory: it weighs as much
-    // as kDescriptorWeight of them, so that the bound on bytes bounds descriptors too.
-    std::size_t burden() const { return bytes_ + descriptors_ * kDescriptorWeight; }
+    // What waits uncharged, in bytes. A descriptor that waits is one of the daemon's own, scarcer than memory: it
+    // weighs as much as kDescriptorWeight of them, so that the bound on bytes bounds descriptors too.
+    std::size_t burden() const { return uncharged_ + descriptors_ * kDescriptorWeight; }
     static constexpr std::size_t kDescriptorWeight = std::size_t{64} << 10;
     std::size_t descriptors() const { return descriptors_; }
 
@@ -79,7 +89,8 @@ private:
 
     std::deque<OutgoingFrame> frames_;
     std::size_t bytes_ = 0;
-    std::size_t descriptors_ = 0;
+    std::size_t uncharged_ = 0;    // of them
+    std::size_t descriptors_ = 0;  // uncharged, too
     std::uint64_t endPosition_ = 0;
 };
 

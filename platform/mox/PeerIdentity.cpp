@@ -14,6 +14,7 @@
 #include <limits>
 #include <string_view>
 
+#include "platform/mox/PeerProgram.h"
 #include "platform/text/Format.h"
 
 // How an identity is read, and what each step stops:
@@ -22,12 +23,14 @@
 //   the kernel has none to give, from the pid. All else is read by pid, and only counts when the pidfd shows afterwards
 //   that the process lived throughout.
 // - A process may connect and then execute another program, and be taken for that. Therefore the service sends a nonce
-//   after it has read the identity, the answer must come from that very process, and the identity is compared again:
-//   the program that was trusted never answers for another one's socket.
+//   after it has read the identity, the answer must come from that very process, and the identity is compared again,
+//   behind all that is read in between: the program that was trusted never answers for another one's socket.
 // - A process may mount its own program over a trusted path, for itself alone. Therefore the running file must be the
 //   one that the daemon finds at the path.
 // - A process that owns a namespace of pids can claim, in what it sends, any pid in it; a child could so answer for a
 //   parent that has executed a trusted program. Therefore a peer with pids of its own has no path.
+//
+// The path, and what is read by it, are PeerProgram.cpp's: finding it may take as long as a peer likes.
 namespace mox {
 
 namespace {
@@ -36,31 +39,8 @@ namespace {
 constexpr int SO_PEERPIDFD = 77;
 #endif
 
-constexpr std::size_t kLongestPath = 2047;
-
 std::string procPath(pid_t pid, std::string_view name) {
     return text::format("/proc/{}/{}", pid, name);
-}
-
-// Attributes as the kernel has them at hand: a peer may run from a file system that it serves itself, and must not make
-// us wait for its answer.
-std::optional<FileId> identify(const std::string& path, int flags = 0) {
-    struct statx status {};
-    if (::statx(AT_FDCWD, path.c_str(), flags | AT_STATX_DONT_SYNC | AT_NO_AUTOMOUNT, STATX_TYPE | STATX_INO, &status))
-        return {};
-    return FileId{makedev(status.stx_dev_major, status.stx_dev_minor), status.stx_ino};
-}
-
-std::optional<std::string> readLink(const std::string& path) {
-    std::array<char, kLongestPath + 1> text;
-    const ssize_t length = ::readlink(path.c_str(), text.data(), text.size());
-    if (length <= 0 || static_cast<std::size_t>(length) > kLongestPath) return {};
-    return std::string{text.data(), static_cast<std::size_t>(length)};
-}
-
-bool hasOurPids(pid_t pid) {
-    const auto theirs = identify(procPath(pid, "ns/pid"));
-    return theirs && theirs == identify("/proc/self/ns/pid");
 }
 
 bool isAlive(int pidfd) {
@@ -84,6 +64,17 @@ value::Error refused(std::string message) {
 
 }  // namespace
 
+std::optional<FileId> identify(const std::string& path, int flags) {
+    struct statx status {};
+    if (::statx(AT_FDCWD, path.c_str(), flags | AT_STATX_DONT_SYNC | AT_NO_AUTOMOUNT, STATX_TYPE | STATX_INO, &status))
+        return {};
+    return FileId{makedev(status.stx_dev_major, status.stx_dev_minor), status.stx_ino};
+}
+
+std::optional<std::string> PeerIdentity::executablePath() const {
+    return program ? program->executablePath : std::nullopt;
+}
+
 value::Result<PeerIdentity> readPeer(int socket) {
     ucred credentials{};
     socklen_t size = sizeof credentials;
@@ -101,12 +92,7 @@ value::Result<PeerIdentity> readPeer(int socket) {
     if (!identity.pidfd) return value::posixError(errno, text::format("process {}", identity.pid));
 
     identity.startTime = startTimeOf(identity.pid);
-    const std::string link = procPath(identity.pid, "exe");
-    identity.executable = identify(link);
-    const auto path = readLink(link);
-    if (identity.executable && path && path->starts_with('/') && hasOurPids(identity.pid) &&
-        identify(*path, AT_SYMLINK_NOFOLLOW) == identity.executable)
-        identity.executablePath = path;
+    identity.executable = identify(procPath(identity.pid, "exe"));
     if (!isAlive(identity.pidfd.get())) return value::posixError(ESRCH, text::format("process {}", identity.pid));
     return identity;
 }
@@ -132,22 +118,6 @@ std::uint64_t startTimeOf(pid_t pid) {
     std::uint64_t ticks = 0;
     std::from_chars(rest.data(), rest.data() + rest.size(), ticks);
     return ticks;
-}
-
-void openBundle(PeerIdentity& identity) {
-    if (!identity.executablePath) return;
-    const std::string& path = *identity.executablePath;
-    identity.bundle = bundle::Bundle::open(path, bundle::PathKind::executable);
-    const auto bundlePath = identity.bundle->bundlePath();
-    if (!bundlePath || !path.starts_with(*bundlePath + "/")) return;
-
-    // The directory that was opened, and not only one that had the name a moment ago, must be where the peer runs from.
-    file::UniqueFd directory{::open(bundlePath->c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC)};
-    if (!directory) return;
-    const std::string inside = text::format("/proc/self/fd/{}{}", directory.get(), path.substr(bundlePath->size()));
-    if (identify(inside, AT_SYMLINK_NOFOLLOW) != identity.executable) return;
-    identity.bundleDirectory = std::move(directory);
-    identity.bundlePath = *bundlePath;
 }
 
 }  // namespace mox

@@ -25,7 +25,7 @@ public:
     void setContext(std::shared_ptr<void> context) override { context_ = std::move(context); }
     void setEventHandler(EventHandler handler) override { handler_ = std::move(handler); }
     void resume() override {}
-    void send(const mox::Reply& reply) override { replies_.push_back(*reply.toObject().view().toValue().dictionary()); }
+    void send(mox::Reply& reply) override { replies_.push_back(*reply.toObject().view().toValue().dictionary()); }
     void cancel() override {}
     mox::Charge charge(std::size_t) override { return {}; }
     std::string description() const override { return "<fake>"; }

@@ -5,6 +5,7 @@
 #include "Velto/VTIssueReadExtension.h"
 #include "Velto/VTProtocol.h"
 #include "Velto/VTValueHelpers.h"
+#include "platform/mox/Encoder.h"
 #include "platform/text/Format.h"
 #include "vtd/Transaction.h"
 #include "vtd/VTDPlugIn.h"
@@ -25,6 +26,11 @@ void Transaction::accessPlugIns() {
     });
     if (!all) return;
     const auto uuids = mox_dictionary_get_array(request(), VTKey::uuids);
+    std::size_t bytes = 0;
+    uuids->forEachElement([&](mox::View element) {
+        bytes += mox::encodedSize(tokenOf.at(*element.uuid()));
+    });
+    if (!reply().reserve(bytes)) return fail(VTErrorRequest, "invalid request (too many replies are not read)");
     value::Array::Storage tokens;
     tokens.reserve(uuids->count());
     uuids->forEachElement([&](mox::View element) { tokens.push_back(tokenOf.at(*element.uuid())); });

@@ -1,3 +1,5 @@
+#include <cstddef>
+#include <numeric>
 #include <utility>
 #include <vector>
 
@@ -14,9 +16,9 @@
 
 namespace {
 
-// Within what one process may have waiting, far above what any device has installed: reached only by bundles made to
-// reach it.
-constexpr std::size_t kMostEncodedBytes = std::size_t{48} << 20;
+// Within what all processes together may have waiting, far above what any device has installed: reached only by bundles
+// made to reach it.
+constexpr std::size_t kMostEncodedBytes = std::size_t{240} << 20;
 
 constexpr char kManagerEntitlement[] = "halvern.private.velto.manager";
 
@@ -89,6 +91,10 @@ void Transaction::matchPlugIns() {
                       kMostEncodedBytes);
     }
     const std::vector<VTForm> matches = std::move(discovery).finish();
+    const std::size_t bytes = std::accumulate(
+        matches.begin(), matches.end(), std::size_t{0},
+        [](std::size_t sum, const VTForm& form) { return sum + form.encodedSizeHint(); });
+    if (!reply().reserve(bytes)) return fail(VTErrorRequest, "invalid request (too many replies are not read)");
     if (auto encoded = VTDaemonClient::convertToMox(matches, static_cast<std::int64_t>(version()))) {
         reply().setEncoded(VTKey::matches, *std::move(encoded));
     }

@@ -1,4 +1,5 @@
 #include "platform/entitlements/Entitlements.h"
+#include "platform/mox/PeerProgram.h"
 #include "tests/support/Words.h"
 
 namespace entitlements {
@@ -80,21 +81,20 @@ TEST_F(Entitlements, PrivateNamesNeedTheSystemAsOwnerOutsideAPrivateRoot) {
     EXPECT_EQ(*asItsUser, kPublic);
 }
 
-TEST_F(Entitlements, OfAPeerAreReadOnceAndTheSameAnswerStays) {
+TEST_F(Entitlements, OfAPeerAreThoseOfItsProgramAsTheyWereRead) {
     const std::string name = "halvern.private.velto.manager", path = bundle("system/A.app");
     const auto peer = std::make_shared<mox::PeerIdentity>();
-    peer->bundlePath = path;
-    peer->bundleDirectory = file::UniqueFd{open(path.c_str(), O_RDONLY | O_DIRECTORY)};
+    const auto program = std::make_shared<mox::PeerProgram>();
+    EXPECT_EQ(*SecurityTask{peer}.value(name), std::nullopt);
+    peer->program = program;
+    program->entitlements = *read(path);
     EXPECT_EQ(*SecurityTask{peer}.value(name), std::nullopt) << "no path of the executable, no entitlements";
-    peer->executablePath = path + "/main";
-    const SecurityTask task{peer}, spoilt{peer};
-    EXPECT_EQ(*task.value(name), value::Value{true});
+    program->executablePath = path + "/main";
+    EXPECT_EQ(*SecurityTask{peer}.value(name), value::Value{true});
     root.write("system/A.app/Entitlements.plist", "no list");
-    EXPECT_EQ(*task.value(name), value::Value{true});
-    EXPECT_FALSE(spoilt.value(name));
-    fs::remove(path + "/Entitlements.plist");
-    EXPECT_FALSE(spoilt.value(name)) << "the error is kept as well";
-    EXPECT_EQ(*SecurityTask{peer}.value(name), std::nullopt) << "no file is no error";
+    EXPECT_EQ(*SecurityTask{peer}.value(name), value::Value{true});
+    program->entitlements = read(path);
+    EXPECT_FALSE(SecurityTask{peer}.value(name));
 }
 
 }  // namespace

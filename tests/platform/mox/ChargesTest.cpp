@@ -66,6 +66,21 @@ TEST(Charges, EndTheGreatestConnectionOfTheGreatestProcessAtTheTotal) {
     EXPECT_FALSE(small->ended || single->ended);
 }
 
+TEST(Charges, AreReservedWithinEveryBoundAndWhoHoldsMostHasLetGoByThen) {
+    const Opener connect =
+        underBounds({.process = {.backlog = 60, .connections = 9}, .total = {.backlog = 100, .connections = 9}});
+    const auto other = connect(kFirst), own = connect(kSecond);
+    const Charge unread{other->account, {.backlog = 60}};
+    Charge reply{own->account, {}};
+    EXPECT_FALSE(reply.reserve({.backlog = 61}));
+    EXPECT_TRUE(reply.reserve({.backlog = 40}));
+    EXPECT_FALSE(other->ended);
+    EXPECT_TRUE(reply.reserve({.backlog = 20}));
+    EXPECT_TRUE(other->hasLetGo);
+    EXPECT_FALSE(reply.reserve({.backlog = 1}));
+    EXPECT_FALSE(own->ended);
+}
+
 TEST(Charges, RefuseOnlyTheProcessThatHasAllItsConnections) {
     const Opener connect = underBounds({.process = {.connections = 2}});
     const auto a = connect(kFirst), b = connect(kFirst);

@@ -2,6 +2,7 @@
 #include <sched.h>
 #include <sys/mount.h>
 
+#include "platform/mox/PeerProgram.h"
 #include "tests/platform/mox/Peers.h"
 #include "tests/support/ChildProcess.h"
 
@@ -43,15 +44,16 @@ protected:
 TEST_F(Identity, IsTheProcessItsExecutableAndItsBundleUntilTheProcessEndsEvenWhileAnotherKeepsTheSocket) {
     const std::string bundle = world_.root / "Host.app", program = bundle + "/peer";
     world_.root.writeList("Host.app/Info.plist", Dictionary{{"QFBundleExecutable", "peer"}});
+    world_.root.writeList("Host.app/Entitlements.plist", Dictionary{{"granted", 1}});
     fs::copy_file(MOX_ECHO_PEER, program);
     ASSERT_TRUE(execute(program, socket_));
     ASSERT_TRUE(service_.await("connected"));
     const auto& identity = service_.identity;
     EXPECT_EQ(identity->pid, process_->pid());
     EXPECT_EQ(identity->uid, ::getuid());
-    EXPECT_EQ(identity->executablePath, program);
-    EXPECT_EQ(identity->bundlePath, bundle);
-    EXPECT_TRUE(fs::equivalent("/proc/self/fd/" + std::to_string(identity->bundleDirectory.get()), bundle));
+    EXPECT_EQ(identity->executablePath(), program);
+    EXPECT_EQ(identity->program->bundle->bundlePath(), bundle);
+    EXPECT_TRUE(identity->program->entitlements->find("granted"));
     process_->end();
     EXPECT_TRUE(service_.await("gone"));
 }
@@ -94,7 +96,7 @@ TEST_F(Identity, HasNoPathWhenTheProgramIsMountedOverIt) {
     if (!execute("/bin/sleep", socket_, nullptr, connect, CLONE_NEWUSER | CLONE_NEWNS)) GTEST_SKIP() << "no namespaces";
     ASSERT_TRUE(service_.await("connected"));
     EXPECT_EQ(service_.identity->pid, process_->pid());
-    EXPECT_FALSE(service_.identity->executablePath);
+    EXPECT_FALSE(service_.identity->executablePath());
 }
 
 // A process that owns a namespace of pids may claim any of them for what it sends.
@@ -103,7 +105,7 @@ TEST_F(Identity, HasNoPathWithPidsOfItsOwn) {
         GTEST_SKIP() << "no namespaces";
     ASSERT_TRUE(service_.await("connected"));
     EXPECT_TRUE(service_.identity->executable);
-    EXPECT_FALSE(service_.identity->executablePath);
+    EXPECT_FALSE(service_.identity->executablePath());
 }
 
 }  // namespace
