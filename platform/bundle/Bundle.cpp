@@ -90,8 +90,8 @@ private:
         return info_;
     }
 
-    const std::string path_;          // empty: no bundle
-    const file::UniqueFd directory_;  // empty: whatever lies at the path
+    const std::string path_;            // empty: no bundle
+    const file::UniqueFd directory_{};  // empty: whatever lies at the path
     mutable std::mutex mutex_;
     mutable std::shared_ptr<const Info> info_;  // guarded by the mutex; null: not read, or nothing was recognised
 };

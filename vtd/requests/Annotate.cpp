@@ -1,6 +1,5 @@
 #include <cmath>
 #include <string>
-#include <unordered_set>
 
 #include "Velto/VTProtocol.h"
 #include "Velto/VTValueHelpers.h"
@@ -54,9 +53,7 @@ void Transaction::annotatePlugIns() {
     if (update.size() == 0) return done();
 
     const value::Dictionary annotation = std::move(update).build();
-    std::unordered_set<value::Uuid> named;
     const bool all = processUuidList([&](const std::shared_ptr<VTDPlugIn>& plugIn) {
-        if (!named.insert(plugIn->uuid()).second) return true;
         server()->log("client {} plug-in {} election := {}", client()->pid(), plugIn->identifier(), electionText);
         const auto refused = annotationRound_.set(annotation, *plugIn);
         if (!refused) return true;

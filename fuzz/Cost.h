@@ -1,0 +1,24 @@
+#pragma once
+
+#include <cstddef>
+
+namespace fuzz {
+
+// What this process spends beside the thread that asks, which is the client's: what the daemon in it spends. One at a
+// time, from one thread.
+class Cost {
+public:
+    Cost();  // counts from now on
+
+    // Of processor time, as a build without sanitizers would need (see the factor in the source).
+    double milliseconds() const;
+
+    // The most memory that was allocated at a time, beyond what there was at the beginning. Counted with the address
+    // sanitizer, which tells of each allocation; else nothing.
+    std::ptrdiff_t peakBytes() const;
+
+private:
+    const double startedAt_;
+};
+
+}  // namespace fuzz
