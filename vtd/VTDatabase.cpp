@@ -133,8 +133,9 @@ void VTDatabase::setCache(Cache cache) {
 
 // --- Registration
 
-std::optional<value::Error> VTDatabase::addPlugIn(const std::string& path) {
-    if (workspace()->registerPlugin(path)) return {};
+std::optional<value::Error> VTDatabase::addPlugIn(const std::string& path,
+                                                  std::shared_ptr<const dravo::BundleFiles> files) {
+    if (workspace()->registerPlugin(path, std::move(files))) return {};
     return VTError(VTErrorRegistry, "Dravo failed to register the plug-in");
 }
 

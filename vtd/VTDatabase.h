@@ -66,7 +66,9 @@ public:
 
     // --- Registration
 
-    [[nodiscard]] std::optional<value::Error> addPlugIn(const std::string& path);
+    // Of canonical paths; with what was read of the bundle beforehand, if anything was.
+    [[nodiscard]] std::optional<value::Error> addPlugIn(const std::string& path,
+                                                        std::shared_ptr<const dravo::BundleFiles> files = nullptr);
     [[nodiscard]] std::optional<value::Error> removePlugIn(const std::string& path);
 
     // --- Annotations

@@ -13,6 +13,8 @@
 // path, identifier and extension point. Installs and removals on disk are noticed live.
 namespace dravo {
 
+struct BundleFiles;
+
 // An installed application. Immutable but for the placeholder flag, which follows the disk.
 class DVApplicationProxy {
 public:
@@ -105,7 +107,8 @@ public:
     // Registration of a bundle by path, kept over restarts; false when there is no plug-in there, or nothing to remove,
     // or it could not be saved (nothing has changed then). Both return when it is on disk and has been announced, so an
     // observer must not call them.
-    virtual bool registerPlugin(const std::string& path) = 0;
+    // `files` is what was read of the bundle beforehand, if anything was (BundleFiles.h).
+    virtual bool registerPlugin(const std::string& path, std::shared_ptr<const BundleFiles> files = nullptr) = 0;
     virtual bool unregisterPlugin(const std::string& path) = 0;
 
     virtual void clearSchemaCaches() = 0;  // drops the dictionaries that the registry keeps

@@ -7,10 +7,12 @@
 
 #include "platform/dravo/DataContainers.h"
 #include "platform/dravo/InfoFile.h"
+#include "platform/mounts/Mounts.h"
 
 namespace dravo {
 
 ApplicationRecord::Placeholder ApplicationRecord::placeholderOnDisk() const {
+    if (mounts::mayNeverAnswer(path_)) return Placeholder::unknown;
     const std::string file = path_ + "/.placeholder";
     if (::faccessat(AT_FDCWD, file.c_str(), F_OK, AT_SYMLINK_NOFOLLOW) == 0) return Placeholder::present;
     return file::mayPass(errno) ? Placeholder::unknown : Placeholder::absent;

@@ -93,6 +93,7 @@ Scanner::Pass::Pass(Scanner& scanner, std::shared_ptr<const Snapshot> known) : s
 
 Scanner::Pass::~Pass() {
     scanner_.known_ = nullptr;
+    scanner_.given_ = nullptr;
     scanner_.seen_.clear();
     scanner_.rootPath_.clear();
     scanner_.root_.reset();
@@ -341,14 +342,16 @@ BundleFacts Scanner::read(int directory, const std::string& path, const BundleSt
     BundleFacts facts;
     facts.row = known ? known->row : ++lastRow_;
     facts.stamps = {trusted(stamps.directory), trusted(stamps.info), trusted(stamps.entitlements)};
-    if (const auto info = readInfoFile(directory)) {
+    const bool isGiven = given_ && given_->path == path && given_->infoStamp == stamps.info &&
+                         given_->entitlementsStamp == stamps.entitlements;
+    if (const auto info = isGiven ? given_->info : readInfoFile(directory)) {
         describe(*info, facts);
     } else {
         static_cast<void>(passesBy(path, info.error()));
         facts.refusal = info.error().localizedDescription();
     }
     if (stamps.entitlements != file::Stamp{}) {
-        if (auto entitlements = entitlements::ofBundle(directory, path)) {
+        if (auto entitlements = isGiven ? given_->entitlements : entitlements::ofBundle(directory, path)) {
             facts.entitlements = std::move(*entitlements);
         } else {
             static_cast<void>(passesBy(path, entitlements.error()));

@@ -4,20 +4,23 @@
 #include "Velto/VTProtocol.h"
 #include "platform/text/Format.h"
 #include "vtd/Probes.h"
+#include "vtd/RequestPaths.h"
 #include "vtd/Transaction.h"
 #include "vtd/VTDMoxClient.h"
 #include "vtd/VTDServer.h"
 
 void Transaction::addPlugIns() {
     std::unordered_set<std::string> added;
+    std::size_t element = 0;
     processPaths([&](const std::string& path, bool resolved) {
+        const auto& files = (*paths_)[element++].files;
         if (!resolved) {
             fail(VTErrorPath, text::format("invalid plugin path: {}", path));
             return false;
         }
         if (!added.insert(path).second) return true;
         probes::pluginAdd(path);
-        if (!server()->addPlugIn(path)) return true;
+        if (!server()->addPlugIn(path, files)) return true;
         server()->log("failed to register plug-in at {}", path);
         fail(VTErrorRegistry, text::format("unable to register plug-in at {}", path));
         return false;
