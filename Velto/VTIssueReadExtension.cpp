@@ -1,7 +1,10 @@
 #include "Velto/VTIssueReadExtension.h"
 
-#include "platform/sandbox/Sandbox.h"
+std::optional<std::string> VTIssueReadExtension(const std::string& url) {
+    return sandbox::issueFileExtension(sandbox::kReadOnlyFileClass, url);
+}
 
-std::optional<std::string> VTIssueReadExtension(const std::string& url, const std::string& within) {
-    return sandbox::issueFileExtension(sandbox::kReadOnlyFileClass, url, within);
+std::optional<std::string> VTIssueReadExtension(const std::string& directory, const std::string& name,
+                                                const sandbox::OpenDirectory& open) {
+    return sandbox::issueFileExtensionBeneath(sandbox::kReadOnlyFileClass, directory, name, open);
 }

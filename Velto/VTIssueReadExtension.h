@@ -3,8 +3,14 @@
 #include <optional>
 #include <string>
 
+#include "platform/sandbox/Sandbox.h"
+
 // Issues a token that lets the process that consumes it (VTSandboxExtension) read the path. Nothing when the platform
-// refuses; errno then says why and is left as it is for the caller's message. With a directory to stay within, a path
-// that leads out of it once its links are resolved is refused (EXDEV). For the daemon's process, which has the key; not
-// in the library that hosts link.
-std::optional<std::string> VTIssueReadExtension(const std::string& url, const std::string& within = {});
+// refuses; errno then says why and is left as it is for the caller's message. For the daemon's process, which has the
+// key; not in the library that hosts link.
+std::optional<std::string> VTIssueReadExtension(const std::string& url);
+
+// The same for a name beneath a directory ("." is the directory itself) that `open` opens as the caller knows it, at
+// its canonical path: a token never leads out of that very directory, whatever lies at the path by now.
+std::optional<std::string> VTIssueReadExtension(const std::string& directory, const std::string& name,
+                                                const sandbox::OpenDirectory& open);

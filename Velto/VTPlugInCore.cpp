@@ -149,9 +149,17 @@ value::Dictionary VTPlugInCore::attributes() const {
     return found != nullptr ? *found : noEntries();
 }
 
+std::string VTPlugInCore::path() const {
+    std::string path = url();
+    while (path.size() > 1 && path.ends_with('/')) path.pop_back();
+    return path;
+}
+
 std::string VTPlugInCore::version() const {
-    const value::Dictionary* found = plugInDictionary().dictionary(VTInfoKey::attributes);
-    return found != nullptr ? textIn(*found, VTInfoKey::version) : std::string{};
+    const value::Dictionary own = attributes();
+    const value::Value* found = own.find(VTInfoKey::version);
+    const bool isText = found != nullptr && (found->string() != nullptr || found->isNumber());
+    return isText ? value::description(*found) : std::string{};
 }
 
 std::string VTPlugInCore::protocolSpec() const {
@@ -210,11 +218,12 @@ std::optional<value::Error> VTPlugInCore::diagnose() const {
     };
     const value::Dictionary& own = plugInDictionary();
 
+    if (const auto fault = sdkFault_.load()) return fault;
     if (identifier().empty()) {
         return VTError(kCode, "missing identifier (no KXExtensionIdentifier, nor even QFBundleIdentifier)");
     }
     if (isEmptyIn(own, VTInfoKey::protocol)) return missing(VTInfoKey::protocol);
-    if (own.dictionary(VTInfoKey::attributes) == nullptr) return missing(VTInfoKey::attributes);
+    if (attributes().empty()) return missing(VTInfoKey::attributes);
     if (isAppExtension()) {
         const std::string* principalClass = own.string(VTInfoKey::principalClass);
         if (principalClass == nullptr || *principalClass != kObjectClass) {

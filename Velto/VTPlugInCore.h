@@ -69,12 +69,14 @@ public:
     // Merges the SDK dictionary of `sdkSpec` under the bundle's own, then brings the result into canonical form. Once,
     // right after the setup. An SDK that leaves the record without a plug-in dictionary (it brings a "Multiple" that
     // has no entry for this identifier) leaves it uncanonicalised and without one, so that diagnose() refuses it: what
-    // the extension point demands of its plug-ins must not be lost by dropping the SDK.
+    // the extension point demands of its plug-ins must not be lost by dropping the SDK. So does one that is there and
+    // cannot be read.
     virtual void resolveSDK();
 
     static constexpr char kSdkDirectoryVariable[] = "VTTEST_SDK";  // of the environment
 
     // The file of that name in the directory that VTTEST_SDK names, asked for on each call, else the registry's entry.
+    // Nothing also when that cannot be read.
     static std::optional<value::Dictionary> readSDKDictionary(const std::string& name);
 
     // The target with the SDK's entries underneath, at every depth. A target value that is no dictionary stays where
@@ -88,8 +90,7 @@ public:
     // path, and any element that is no path, counts for nothing.
     virtual value::Array mergeSharedResources(const value::Value& sdk, const value::Value& target) const;
 
-    // Adds what every record has: an attributes dictionary with format and version, and an app extension's defaults. A
-    // version that is no string is replaced like one that is missing.
+    // Adds what every record has: an attributes dictionary with format and version, and an app extension's defaults.
     virtual void canonicalize();
 
     // --- Form
@@ -152,10 +153,10 @@ public:
 
     // --- Derived properties, worked out on every call
 
-    std::string path() const { return url(); }
+    std::string path() const;  // the url without slashes at its end
     std::string containingPath() const { return containingUrl().value_or(std::string{}); }
     value::Dictionary attributes() const;
-    std::string version() const;
+    std::string version() const;  // that of the attributes; a number as its text
     std::string protocolSpec() const;
     std::optional<value::Value> sdkSpec() const;  // of any kind
     std::string embeddedCodePath() const { return {}; }
@@ -198,6 +199,7 @@ private:
     VTAtomic<std::optional<value::Uuid>> uuid_;
     VTAtomic<std::optional<value::Data>> cdhash_;
     VTAtomic<std::string> requirement_;
+    VTAtomic<std::optional<value::Error>> sdkFault_;  // why the extension point's SDK could not be read
 
     // What the last export encoded, good for as long as nothing changed that it was made from.
     std::atomic<std::uint64_t> changes_{0};

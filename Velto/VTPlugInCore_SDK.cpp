@@ -1,10 +1,12 @@
 // The dictionaries of a record, completed by what its extension point registers for all its plug-ins.
 
-#include <cstdlib>
 #include <unordered_set>
 #include <utility>
 
+#include "Velto/VTError.h"
+#include "Velto/VTInfoKeys.h"
 #include "Velto/VTPlugInCore.h"
+#include "Velto/VTProtocol.h"
 #include "platform/logging/Log.h"
 #include "platform/sdk/SdkRegistry.h"
 #include "platform/text/Described.h"
@@ -28,6 +30,16 @@ void addPaths(const value::Value& shared, value::Array::Storage& paths, std::uno
     for (const value::Value& path : *shared.array()) add(path);
 }
 
+// Nothing where no SDK is registered, which is logged; an error where there is one that cannot be read.
+value::Result<std::optional<value::Dictionary>> lookUp(const std::string& name) {
+    if (const auto directory = sdk::testDirectory()) {
+        if (auto entry = sdk::entryIn(*directory, name)) return entry;
+    }
+    auto entry = sdk::entry(name);
+    if (entry && !*entry) logging::notice(text::format("plug-in sdk \"{}\" not registered", name));
+    return entry;
+}
+
 }  // namespace
 
 void VTPlugInCore::resolveSDK() {
@@ -37,21 +49,20 @@ void VTPlugInCore::resolveSDK() {
             logging::notice(text::format("invalid SDK key:{}", *spec));
             return;
         }
-        if (const auto sdk = readSDKDictionary(*name)) {
-            if (!setDictionaries(mergeDictionary(*sdk, bundleInfoDictionary()))) return;
+        const auto sdk = lookUp(*name);
+        if (!sdk) {
+            sdkFault_.store(VTErrorWithFormat(VTErrorConfiguration, "the SDK of its extension point cannot be used: {}",
+                                              sdk.error().localizedDescription()));
+            return;
         }
+        if (*sdk && !setDictionaries(mergeDictionary(**sdk, bundleInfoDictionary()))) return;
     }
     canonicalize();
 }
 
 std::optional<value::Dictionary> VTPlugInCore::readSDKDictionary(const std::string& name) {
-    const char* directory = std::getenv(kSdkDirectoryVariable);
-    if (directory != nullptr && *directory != '\0') {
-        if (auto entry = sdk::entryIn(directory, name)) return entry;
-    }
-    auto entry = sdk::entry(name);
-    if (!entry) logging::notice(text::format("plug-in sdk \"{}\" not registered", name));
-    return entry;
+    auto entry = lookUp(name);
+    return entry ? *std::move(entry) : std::nullopt;
 }
 
 value::Dictionary VTPlugInCore::mergeDictionary(const value::Dictionary& sdk, const value::Dictionary& target) const {
@@ -92,8 +103,7 @@ void VTPlugInCore::canonicalize() {
         plugIn.set(VTInfoKey::shared, value::Array{kBundleItself});  // whatever bundle and SDK say
     }
     own.set(VTInfoKey::format, plugIn.contains(VTInfoKey::embeddedCode) ? "hybrid" : "standard");
-    const value::Value* version = own.find(VTInfoKey::version);
-    if (version == nullptr || version->string() == nullptr) {
+    if (!own.contains(VTInfoKey::version)) {
         const std::string* ofBundle = whole.string(VTInfoKey::shortVersionString);
         own.set(VTInfoKey::version, ofBundle != nullptr ? *ofBundle : kFirstVersion);
     }

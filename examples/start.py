@@ -1,10 +1,10 @@
 #!/usr/bin/env python3
 """Starts a plug-in that a host has readied: a whole starter but for the confinement, written from doc/platform.md alone.
 
-Usage: start.py RUNTIME-DIRECTORY HOST-PID BUNDLE [ARGUMENT...]
+Usage: start.py RUNTIME-DIRECTORY HOST-PID PLUG-IN [ARGUMENT...]
 
-Becomes the plug-in in the bundle: the executable that the daemon has registered for the host, with exactly the
-environment of the registration. A real starter is a service: it takes the pid from the socket that the host asks on,
+Becomes the plug-in, which is named by its UUID or, where the bundle holds but one, by the path of its bundle: the
+executable that the daemon has registered for the host, with exactly the environment of the registration. A real starter is a service: it takes the pid from the socket that the host asks on,
 and confines the process by the profile before it lets go of it.
 """
 import os
@@ -46,21 +46,30 @@ def registrations(runtime, host):
         yield registration
 
 
-def registration_of(runtime, host, bundle):
-    for registration in registrations(runtime, host):
-        if os.path.dirname(registration['executable']) != bundle:
-            continue
-        if registration['hostStartTime'] == start_time(host):
-            return registration
-        print(f'the process {host} is not the one that readied the plug-in', file=sys.stderr)
-    sys.exit(f'the process {host} has not readied the plug-in in {bundle}')
+def boot():
+    """Which boot of the machine start times count from."""
+    with open('/proc/sys/kernel/random/boot_id') as identifier:
+        return identifier.read().strip()
+
+
+def registration_of(runtime, host, plug_in):
+    found = [registration for registration in registrations(runtime, host)
+             if plug_in in (registration['uuid'], os.path.dirname(registration['executable']))]
+    if not found:
+        sys.exit(f'the process {host} has not readied the plug-in {plug_in}')
+    if len(found) > 1:
+        sys.exit(f'{plug_in} holds several plug-ins, name one by its UUID: ' +
+                 ', '.join(f"{one['uuid']} ({one['plugIn']})" for one in found))
+    if (found[0]['boot'], found[0]['hostStartTime']) != (boot(), start_time(host)):
+        sys.exit(f'the process {host} is not the one that readied the plug-in')
+    return found[0]
 
 
 def main():
     if len(sys.argv) < 4 or not sys.argv[2].isdecimal():
         sys.exit(__doc__)
-    runtime, host, bundle, *arguments = sys.argv[1:]
-    registration = registration_of(runtime, host, bundle)
+    runtime, host, plug_in, *arguments = sys.argv[1:]
+    registration = registration_of(runtime, host, plug_in)
     service = registration['overlay']['MoxService']
     if service['_SandboxProfile'] not in PROFILES:
         sys.exit(f"there is no sandbox profile {service['_SandboxProfile']}")

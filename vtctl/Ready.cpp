@@ -6,7 +6,6 @@
 #include <filesystem>
 #include <iostream>
 #include <optional>
-#include <unordered_set>
 
 #include "Velto/VTProtocol.h"
 #include "platform/file/File.h"
@@ -42,51 +41,17 @@ std::vector<Registered> registrations() {
     return found;
 }
 
-// Whose the registrations are. A plug-in that no discovery shows is known by its UUID alone, which is in no
-// registration: what nobody else claims is its own, if it is the only one.
-class Claims {
-public:
-    explicit Claims(const std::vector<plugins::PlugIn>& plugIns) {
-        for (const plugins::PlugIn& plugIn : plugIns) {
-            if (plugIn.path.empty()) {
-                ++unlisted_;
-            } else if (const Registered* own = in(plugIn.path)) {
-                claimed_.insert(own);
-            }
-        }
-    }
-
-    const Registered* of(const plugins::PlugIn& plugIn) const {
-        if (!plugIn.path.empty()) return in(plugIn.path);
-        return unlisted_ == 1 ? unclaimed() : nullptr;
-    }
-    bool isUnclear(const plugins::PlugIn& plugIn) const {
-        return plugIn.path.empty() && unlisted_ > 1 && unclaimed() != nullptr;
-    }
-
-private:
-    const Registered* in(const std::string& bundlePath) const {
-        const auto found = std::find_if(all_.begin(), all_.end(), [&bundlePath](const Registered& one) {
-            return services::bundlePathOf(one.registration) == bundlePath;
-        });
-        return found == all_.end() ? nullptr : &*found;
-    }
-    const Registered* unclaimed() const {
-        const auto found =
-            std::find_if(all_.begin(), all_.end(), [this](const Registered& one) { return claimed_.count(&one) == 0; });
-        return found == all_.end() ? nullptr : &*found;
-    }
-
-    const std::vector<Registered> all_ = registrations();
-    std::unordered_set<const Registered*> claimed_;
-    std::size_t unlisted_ = 0;
-};
+const Registered* registrationOf(const std::vector<Registered>& all, const plugins::PlugIn& plugIn) {
+    const auto found = std::find_if(all.begin(), all.end(),
+                                    [&plugIn](const Registered& one) { return one.registration.uuid == plugIn.uuid; });
+    return found == all.end() ? nullptr : &*found;
+}
 
 void report(const std::vector<plugins::PlugIn>& plugIns, bool asJson) {
-    const Claims claims{plugIns};
+    const std::vector<Registered> all = registrations();
     json::Json list = json::Json::array();
     for (const plugins::PlugIn& plugIn : plugIns) {
-        const Registered* const found = claims.of(plugIn);
+        const Registered* const found = registrationOf(all, plugIn);
         json::Json entry{{"uuid", plugIn.uuid.string()}};
         if (!plugIn.identifier.empty()) entry["identifier"] = plugIn.identifier;
         if (found != nullptr) {
@@ -98,8 +63,6 @@ void report(const std::vector<plugins::PlugIn>& plugIns, bool asJson) {
         std::cout << plugIn.title() << ": ";
         if (found != nullptr) {
             std::cout << "registered in " << terminal::shown(found->file) << "\n";
-        } else if (claims.isUnclear(plugIn)) {
-            std::cout << "ready; it is in no list, so that its registration cannot be told from the others\n";
         } else {
             std::cout << "ready; nothing to start\n";
         }

@@ -8,6 +8,7 @@
 #include <variant>
 
 #include "platform/logging/Log.h"
+#include "platform/paths/Paths.h"
 #include "vtctl/CommandLine.h"
 #include "vtctl/Terminal.h"
 
@@ -42,5 +43,9 @@ int main(int argc, char** argv) {
     std::signal(SIGCHLD, SIG_DFL);
     // What the library would log about the connection is said by each command in its own words.
     logging::setSink([](logging::Level, std::string_view) {});
+    if (const auto why = paths::misconfiguration()) {
+        terminal::complain(*why);
+        return static_cast<int>(ExitStatus::usage);
+    }
     return run(argc, argv);
 }

@@ -43,7 +43,8 @@ std::shared_ptr<RequestPaths> RequestPaths::of(const mox::Request& request) {
     const bool isLock = *text == VTRequest::lock;
     if (!isLock && *text != VTRequest::add && *text != VTRequest::remove) return nullptr;
     const auto paths = mox_dictionary_get_array(request.view(), VTKey::paths);
-    if (!paths || (isLock && mox_dictionary_get_array(request.view(), VTKey::uuids))) return nullptr;
+    if (!paths || paths->count() == 0 || (isLock && mox_dictionary_get_array(request.view(), VTKey::uuids)))
+        return nullptr;
     return std::make_shared<RequestPaths>(request,
                                           isLock                    ? Purpose::lock
                                           : *text == VTRequest::add ? Purpose::add

@@ -32,7 +32,7 @@ public:
         std::shared_ptr<const dravo::BundleFiles> files;
     };
 
-    // Null where the request's handler looks at no path.
+    // Null where the request's handler looks at no path, or there is none.
     static std::shared_ptr<RequestPaths> of(const mox::Request& request);
 
     RequestPaths(const mox::Request& request, Purpose purpose, mox::View paths);

@@ -35,6 +35,7 @@ Transaction::Transaction(mox::Request request, std::shared_ptr<VTDMoxClient> cli
                          std::shared_ptr<RequestPaths> paths)
     : client_{std::move(client)},
       request_{std::move(request)},
+      annotationRound_{*client_->server()},
       reply_{request_},
       paths_{std::move(paths)},
       account_{paths_ && paths_->outcome() == RequestPaths::Outcome::done ? paths_->account() : own_} {}
@@ -78,7 +79,9 @@ bool Transaction::marshalPaths(const PathHandler& handler) {
         return false;
     };
     const auto paths = mox_dictionary_get_array(request(), VTKey::paths);
-    if (!paths || !paths_) return malformed();
+    if (!paths) return malformed();
+    if (paths->count() == 0) return true;
+    if (!paths_) return malformed();
     if (paths_->outcome() != RequestPaths::Outcome::done) return failForEffort();
     if (!mayGoOn()) return false;
 
@@ -134,6 +137,7 @@ bool Transaction::failForEffort() {
 }
 
 void Transaction::done() {
+    annotationRound_.end();
     if (server()->verbose() >= 2) server()->debug("Replying {}", reply_);
     probes::requestOutput(client_->pid(), [this] { return description(reply_); });
     if (const auto peer = connection()) peer->send(reply_);

@@ -10,6 +10,7 @@
 #include "platform/effort/Effort.h"
 #include "platform/mox/Connection.h"
 #include "platform/value/Value.h"
+#include "vtd/VTDAnnotationRound.h"
 
 class RequestPaths;
 class VTDMoxClient;
@@ -63,7 +64,7 @@ public:
     // Whether there is effort left; else the request has failed.
     bool mayGoOn();
 
-    void done();  // sends the reply
+    void done();  // saves what was decided about plug-ins, and sends the reply
 
     // Fills in the error and sends the reply. An error of the domain "Velto" brings its own code, and its message if it
     // has one; any other is sent under the code given here.
@@ -100,6 +101,7 @@ private:
 
     const std::shared_ptr<VTDMoxClient> client_;
     const mox::Request request_;
+    VTDAnnotationRound annotationRound_;
     mox::Reply reply_;
     const std::shared_ptr<RequestPaths> paths_;  // null: the handler asks for none, or they are no list
     effort::Account own_;

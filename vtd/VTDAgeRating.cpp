@@ -43,13 +43,13 @@ Complaints& complaints() {
 
 }  // namespace
 
-std::int64_t ageRatingInContainer(const std::string& containerDirectory) {
-    const std::string path = containerDirectory + '/' + kFile;
+std::int64_t ageRatingInContainer(int containerDirectory, const std::string& containerPath) {
+    const std::string path = containerPath + '/' + kFile;
     const auto refuse = [&path](const std::string& why) {
         complaints().complain(path, why);
         return kUnknownAgeRating;
     };
-    const auto contents = file::readRegular(path, kLimits.bytes, file::FinalLink::refused);
+    const auto contents = file::readRegularBeneath(containerDirectory, kFile, kLimits.bytes);
     if (!contents) {
         const bool missing = contents.error().code == ENOENT;
         return missing ? kUnknownAgeRating : refuse(contents.error().localizedDescription());

@@ -7,19 +7,16 @@
 #include <limits>
 #include <utility>
 
-#include "Velto/VTBundle.h"
 #include "Velto/VTError.h"
 #include "Velto/VTInfoKeys.h"
 #include "Velto/VTIssueReadExtension.h"
 #include "Velto/VTProtocol.h"
 #include "platform/logging/Log.h"
+#include "platform/plist/Plist.h"
 #include "platform/text/Format.h"
 #include "platform/text/Utf8.h"
 
 namespace {
-
-// Each shared resource costs a look at the disk in every discovery: a bundle may not name so many that others wait.
-constexpr std::size_t kMostSharedResources = 256;
 
 // Generations of the plug-in protocol where a bundle names none.
 constexpr std::uint32_t kOldStyleProtocol = 1;
@@ -40,6 +37,14 @@ std::uint32_t protocolVersion(const value::Dictionary& top, const value::Diction
     return bundleInfo.contains(VTInfoKey::oldStyle) ? kOldStyleProtocol : kCurrentProtocol;
 }
 
+// Of what an annotation is stored under in a file: a bundle's claim, which may be anything.
+bool couldBeIdentifier(const std::string& text) {
+    constexpr std::size_t kLongest = 1024;
+    const auto isControl = [](unsigned char c) { return c < 0x20 || c == 0x7F; };
+    return text.size() <= kLongest && std::none_of(text.begin(), text.end(), isControl) &&
+           plist::writeXmlKey(text, 0).ok();
+}
+
 // The name that is kept, else what the registry answers, which is then kept.
 template <typename Ask>
 std::string keptName(VTAtomic<std::string>& kept, Ask&& ask) {
@@ -54,7 +59,7 @@ std::string keptName(VTAtomic<std::string>& kept, Ask&& ask) {
 
 const std::string& annotationKeyFor(const std::string& identifier, const value::Dictionary& entitlements) {
     const std::string* replaced = entitlements.string(kReplacePlugInEntitlement);
-    return replaced != nullptr ? *replaced : identifier;
+    return replaced != nullptr && couldBeIdentifier(*replaced) ? *replaced : identifier;
 }
 
 std::shared_ptr<VTDPlugIn> VTDPlugIn::initWithDVData(const std::shared_ptr<const dravo::DVVeltoProxy>& proxy) {
@@ -64,7 +69,8 @@ std::shared_ptr<VTDPlugIn> VTDPlugIn::initWithDVData(const std::shared_ptr<const
         logging::notice(text::format("ignoring plug-in at {}: its path is not UTF-8", *url));
         return nullptr;
     }
-    const value::Dictionary info = prunedInfoDictionaryFor(VTBundle::initWithURL(*url)->infoDictionary());
+    const auto reading = proxy->readInfo();
+    const value::Dictionary info = prunedInfoDictionaryFor(reading ? std::optional{reading->info} : std::nullopt);
 
     auto plugIn = std::make_shared<VTDPlugIn>();
     // The set-up derives the plug-in dictionary from the bundle's own and never looks at the registry's copy, which the
@@ -73,6 +79,7 @@ std::shared_ptr<VTDPlugIn> VTDPlugIn::initWithDVData(const std::shared_ptr<const
         return nullptr;
     }
     plugIn->setDvproxy(proxy);
+    plugIn->setIsAsRegistered(reading && reading->isAsKnown);
     plugIn->setOriginalIdentifier(proxy->originalIdentifier());
     plugIn->setLastModified(wholeSeconds(proxy->registrationDate()));
     plugIn->setOnSystemVolume(proxy->onSystemPartition());
@@ -159,26 +166,21 @@ value::Dictionary VTDPlugIn::issueResourceExtensions(const value::Value& shared)
     }
 
     const std::string root = url();
+    const auto open = [this] { return dvproxy()->openBundle(); };
     value::Dictionary::Builder extensions;
-    extensions.reserve(std::min(names.size(), kMostSharedResources));
-    std::size_t looked = 0;
+    extensions.reserve(names.size());
     for (const value::Value& element : names) {
-        if (++looked > kMostSharedResources) {
-            logging::notice(text::format("only the first {} shared resources of the plug-in at {} are extended",
-                                         kMostSharedResources, root));
-            break;
-        }
         const std::string* name = element.string();
         if (name == nullptr) continue;
-        const std::string target = *name == "." ? root : root + '/' + *name;
-        if (const auto token = VTIssueReadExtension(target, root)) {
+        if (const auto token = VTIssueReadExtension(root, *name, open)) {
             extensions.set(*name, *token);
         } else {
+            const std::string target = *name == "." ? root : root + '/' + *name;
             logging::notice(text::format("failed to make extension for {} in plug-in at {}: {}", target, root,
                                          std::strerror(errno)));
         }
     }
     value::Dictionary issued = std::move(extensions).build();
-    if (onlyBundle && dvproxy()->isInPlace()) bundleExtension_.store(issued);
+    if (onlyBundle) bundleExtension_.store(issued);
     return issued;
 }

@@ -25,7 +25,8 @@ inline constexpr char kReplacePlugInEntitlement[] = "halvern.developer.replace-p
 inline constexpr char kAutoElectEntitlement[] = "halvern.developer.auto-elect-plugin";
 
 // The key under which annotations are stored: the identifier, or the one that the plug-in says it replaces (by a single
-// text). Refers to one of the arguments.
+// text, which could be an identifier: at most 1,024 bytes, none of them a control character, and fit for a file).
+// Refers to one of the arguments.
 const std::string& annotationKeyFor(const std::string& identifier, const value::Dictionary& entitlements);
 
 // The daemon's record of one installed plug-in: the shared record, built from the registry's record and the bundle's
@@ -38,11 +39,17 @@ const std::string& annotationKeyFor(const std::string& identifier, const value::
 // atomicity. Errors: a plug-in that cannot be used makes no record; the reason is logged.
 class VTDPlugIn : public VTPlugInCore {
 public:
-    // Null when the plug-in has no bundle, no usable description, or is mis-configured.
+    // Null when the plug-in has no bundle, no usable description, or is mis-configured. Info.plist is read beneath the
+    // directory that the registry's record is of.
     static std::shared_ptr<VTDPlugIn> initWithDVData(const std::shared_ptr<const dravo::DVVeltoProxy>& proxy);
 
     // The dictionary without the build tools' keys ("DT..."); empty for none.
     static value::Dictionary prunedInfoDictionaryFor(const std::optional<value::Dictionary>& info);
+
+    // Whether it was made of what the registry knows. Else Info.plist was changing just then: the record serves whoever
+    // asked, but nobody would announce when it no longer says what the disk does.
+    bool isAsRegistered() const { return isAsRegistered_.load(); }
+    void setIsAsRegistered(bool value) { isAsRegistered_.store(value); }
 
     // --- Display names: the registry's, asked until it knows one. Empty while it does not.
 
@@ -58,8 +65,9 @@ public:
     // Adds "extensions" when the plug-in shares anything: shared name to token, without those that were refused.
     void augmentForm(VTForm& form) const;
 
-    // Of a plug-in that shares its bundle and nothing else, as extensions do, the token is kept: it stays good for as
-    // long as the registry's record, which goes when another directory takes the bundle's place.
+    // Each name is looked for in the very directory that the registry's record is of. Of a plug-in that shares its
+    // bundle and nothing else, as extensions do, the token is kept: it stays good for as long as that record, which
+    // goes when another directory takes the bundle's place.
     value::Dictionary issueResourceExtensions(const value::Value& shared) const;
 
     // --- Entitlements, as the registry reports them at each call
@@ -132,6 +140,7 @@ private:
     mutable VTAtomic<value::Dictionary> bundleExtension_;  // empty until it was issued
     static constexpr std::int64_t kNotAsked = std::numeric_limits<std::int64_t>::min();
     mutable VTAtomic<std::int64_t> containerAgeRestriction_{kNotAsked};
+    VTAtomic<bool> isAsRegistered_{false};
     VTAtomic<std::shared_ptr<const dravo::DVVeltoProxy>> dvproxy_;
     VTAtomic<std::weak_ptr<VTDAnnotationSource>> annotationSource_;
 };

@@ -51,10 +51,15 @@ bool VTDPlugIn::ageRestricted(std::optional<std::int64_t> maximumRating) const {
 
 std::int64_t VTDPlugIn::containerAgeRestriction() const {
     if (const std::int64_t known = containerAgeRestriction_.load(); known != kNotAsked) return known;
-    const auto container = dvproxy()->containingBundle();
-    const auto directory =
-        container && container->application ? container->application->bundleContainerPath() : std::nullopt;
-    const std::int64_t rating = directory ? ageRatingInContainer(*directory) : kUnknownAgeRating;
+    const auto around = dvproxy()->containingBundle();
+    const auto application = around ? around->application : nullptr;
+    const auto path = application ? application->bundleContainerPath() : std::nullopt;
+    std::int64_t rating = kUnknownAgeRating;
+    if (path) {
+        const auto container = application->openContainer();
+        if (!container) return rating;  // exchanged just now: the registry will tell, and another record will ask
+        rating = ageRatingInContainer(container->get(), *path);
+    }
     containerAgeRestriction_.store(rating);
     return rating;
 }

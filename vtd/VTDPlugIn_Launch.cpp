@@ -1,6 +1,8 @@
+#include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <cstdlib>
 #include <optional>
 #include <string>
@@ -73,12 +75,15 @@ value::Dictionary environment(const std::optional<std::string>& dataContainer, c
     return std::move(made).build();
 }
 
-// The bundle's executable: a regular file that may be run, and no link, which could lead out of the bundle.
-std::optional<std::string> executableOf(const std::string& bundlePath) {
-    const auto path = VTBundle::initWithURL(bundlePath)->executablePath();
+// The executable of the bundle whose directory is open here: a regular file that may be run, and no link, which could
+// lead out of the bundle.
+std::optional<std::string> executableOf(const VTBundle& bundle, int directory) {
+    const auto path = bundle.executablePath();
+    if (!path) return {};
+    const std::string name = path->substr(path->rfind('/') + 1);
     struct stat status {};
-    const bool runs =
-        path && ::lstat(path->c_str(), &status) == 0 && S_ISREG(status.st_mode) && ::access(path->c_str(), X_OK) == 0;
+    const bool runs = ::fstatat(directory, name.c_str(), &status, AT_SYMLINK_NOFOLLOW) == 0 &&
+                      S_ISREG(status.st_mode) && ::faccessat(directory, name.c_str(), X_OK, 0) == 0;
     return runs ? path : std::nullopt;
 }
 
@@ -108,11 +113,15 @@ std::optional<value::Error> VTDPlugIn::enableForPid(pid_t pid) const {
     overlay.set(kPackageTypeKey, kPackageType);
 
     logging::notice(text::format("enabling pid={} for plug-in {}({}) {} {}", pid, name, version(), id, url()));
-    const auto executable = executableOf(url());
+    auto directory = dvproxy()->openBundle();
+    const int opened = directory ? directory->get() : -1;
+    const auto bundle =
+        directory ? VTBundle::initWithMoxBundle(bundle::Bundle::openAt(*std::move(directory), url())) : nullptr;
+    const auto executable = bundle ? executableOf(*bundle, opened) : std::nullopt;
     if (!executable) {
         return VTErrorWithFormat(VTErrorRequest, "cannot obtain executable path for plug-in {}({})", name, id);
     }
-    const int error = services::Manager::shared()->add(pid, *executable, overlay);
+    const int error = services::Manager::shared()->add(pid, {name, uuid()}, *executable, *bundle->bundle(), overlay);
     if (error == 0) return {};
     logging::notice(text::format("mox error {} allowing pid {} to use plug-in {}({}) {} at {}", error, pid, name,
                                  version(), id, path()));
@@ -123,8 +132,11 @@ std::set<std::string> VTDPlugIn::allowedWexaServices() const {
     std::set<std::string> allowed;
     const auto container = containingUrl();
     if (!container) return allowed;
-    const auto application = bundle::Bundle::open(*container, bundle::PathKind::directory);
-    if (!application->bundlePath()) {
+    const auto around = dvproxy()->containingBundle();
+    auto directory =
+        around && around->application ? around->application->openBundle() : value::posixError(ENOENT, *container);
+    const auto application = directory ? bundle::Bundle::openAt(*std::move(directory), *container) : nullptr;
+    if (!application || !application->bundlePath()) {
         logging::notice(text::format("failed to create bundle for {}", path()));
         return allowed;
     }

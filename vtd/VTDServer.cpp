@@ -1,5 +1,6 @@
 #include "vtd/VTDServer.h"
 
+#include "platform/paths/Paths.h"
 #include "platform/queue/Reactor.h"
 #include "platform/readiness/Readiness.h"
 #include "platform/services/Manager.h"
@@ -50,6 +51,7 @@ std::shared_ptr<VTDServer> VTDServer::initForService(const std::string& service,
 VTDServer::VTDServer(std::shared_ptr<VTDAnnotationStore> annotations,
                      std::shared_ptr<dravo::DVApplicationWorkspace> workspace, const std::string& service)
     : VTDatabase{std::move(annotations), std::move(workspace)},
+      name_{service},
       moxQueue_{std::make_shared<queue::SerialQueue>("mox")},
       mainQueue_{std::make_shared<queue::SerialQueue>("service", queue::QualityOfService::userInitiated)},
       turns_{std::make_shared<queue::Turns>(*mainQueue_)},
@@ -74,6 +76,10 @@ std::optional<value::Error> VTDServer::start() {
     // First what clients need as soon as they have been answered.
     if (auto error = sandbox_->resume()) return error;
     if (auto error = service_->resume()) return error;
+    const paths::Directories& directories = paths::directories();
+    log("serving {}/{}: {} plug-ins known; state {}, config {}, volumes {} and {}", directories.runtime, name_,
+        workspace()->installedPlugins().value_or(dravo::PluginList{}).size(), directories.state, directories.config,
+        directories.userVolume, directories.systemVolume);
     if (const auto error = readiness::announce()) logging::warning(error->localizedDescription());
     return {};
 }

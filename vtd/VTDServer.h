@@ -115,6 +115,7 @@ private:
     struct Release;
     void releasePart(std::shared_ptr<Release> release);
 
+    const std::string name_;  // of the service
     const std::shared_ptr<queue::SerialQueue> moxQueue_;
     const std::shared_ptr<queue::SerialQueue> mainQueue_;
     const std::shared_ptr<queue::Turns> turns_;

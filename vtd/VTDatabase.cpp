@@ -6,8 +6,8 @@
 #include "Velto/VTError.h"
 #include "Velto/VTProtocol.h"
 #include "platform/logging/Log.h"
-#include "platform/notify/Notify.h"
 #include "platform/text/Format.h"
+#include "vtd/VTDAnnotationRound.h"
 #include "vtd/VTDAnnotationStore.h"
 #include "vtd/VTDPlugIn.h"
 
@@ -106,7 +106,7 @@ std::shared_ptr<VTDPlugIn> VTDatabase::createPlugInForProxy(const std::shared_pt
     std::erase_if(departing_, [](const auto& announced) { return announced.expired(); });
     const bool departing = std::any_of(departing_.begin(), departing_.end(),
                                        [&](const auto& announced) { return announced.lock() == proxy; });
-    if (departing) return plugIn;
+    if (departing || !plugIn->isAsRegistered()) return plugIn;
     purgeCachesToLimit(static_cast<std::int32_t>(cacheLimit()));
     cache_[plugIn->uuid()] = plugIn;
     return plugIn;
@@ -133,9 +133,9 @@ void VTDatabase::setCache(Cache cache) {
 
 // --- Registration
 
-std::optional<value::Error> VTDatabase::addPlugIn(const std::string& path,
+std::optional<value::Error> VTDatabase::addPlugIn(const std::string& path, const dravo::Registrant& registrant,
                                                   std::shared_ptr<const dravo::BundleFiles> files) {
-    if (workspace()->registerPlugin(path, std::move(files))) return {};
+    if (workspace()->registerPlugin(path, registrant, std::move(files))) return {};
     return VTError(VTErrorRegistry, "Dravo failed to register the plug-in");
 }
 
@@ -152,12 +152,12 @@ std::optional<value::Dictionary> VTDatabase::annotationForPlugIn(const VTDPlugIn
 
 std::optional<value::Error> VTDatabase::setAnnotation(const std::optional<value::Dictionary>& annotation,
                                                       const VTDPlugIn& plugIn) {
-    _sync()->sync([&] { annotations()->setAnnotation(annotation, plugIn); });
-    if (const auto error = notify::post(VTAnnotationChangeNotification)) {
-        logging::error(
-            text::format("unable to post {}: {}", VTAnnotationChangeNotification, error->localizedDescription()));
-    }
-    return {};
+    return VTDAnnotationRound{*this}.set(annotation, plugIn);
+}
+
+void VTDatabase::saveAnnotations() {
+    if (!annotations()->isUnsaved()) return;
+    _sync()->sync([&] { annotations()->save(); });
 }
 
 void VTDatabase::autoElect(const VTDPlugIn& plugIn) {
@@ -166,7 +166,12 @@ void VTDatabase::autoElect(const VTDPlugIn& plugIn) {
     const value::Dictionary annotation = store->annotationForPlugIn(plugIn).value_or(value::Dictionary{});
     const value::Value* election = annotation.find(kElection);
     if (election != nullptr && election->integerValue().value_or(0) != 0) return;
-    store->setAnnotation(annotation.changing(kElection, 1), plugIn);
+    const auto refused = store->setAnnotation(annotation.changing(kElection, 1), plugIn.annotationKey());
+    if (refused && !leavesElectionsOut_) {
+        logging::notice(text::format("leaving out automatic elections, that of {} and what follows: {}",
+                                     plugIn.identifier(), refused->localizedDescription()));
+    }
+    leavesElectionsOut_ = refused.has_value();
 }
 
 // --- The registry's callbacks

@@ -66,8 +66,8 @@ public:
 
     // --- Registration
 
-    // Of canonical paths; with what was read of the bundle beforehand, if anything was.
-    [[nodiscard]] std::optional<value::Error> addPlugIn(const std::string& path,
+    // Of canonical paths; what was read of the bundle beforehand comes along, if anything was.
+    [[nodiscard]] std::optional<value::Error> addPlugIn(const std::string& path, const dravo::Registrant& registrant,
                                                         std::shared_ptr<const dravo::BundleFiles> files = nullptr);
     [[nodiscard]] std::optional<value::Error> removePlugIn(const std::string& path);
 
@@ -75,16 +75,24 @@ public:
 
     std::optional<value::Dictionary> annotationForPlugIn(const VTDPlugIn& plugIn) override;
 
-    // Stores (merges into what is there; without an annotation the record is removed), saves, and posts the change.
-    // Never an error: what cannot be saved is logged and stands in memory.
-    std::optional<value::Error> setAnnotation(const std::optional<value::Dictionary>& annotation,
-                                              const VTDPlugIn& plugIn);
+    // A round of one change (VTDAnnotationRound.h): merges into what is there, or without an annotation removes the
+    // record; saves, and posts the change. What cannot be saved is logged and stands in memory; an error is only what
+    // would grow beyond what is stored.
+    [[nodiscard]] std::optional<value::Error> setAnnotation(const std::optional<value::Dictionary>& annotation,
+                                                            const VTDPlugIn& plugIn);
+
+    // Saves what was set, by whomever, since the last save. Costs one load when there is nothing.
+    void saveAnnotations();
 
     // --- On _sync
 
     std::shared_ptr<VTDPlugIn> createPlugInForProxy(const std::shared_ptr<const dravo::DVVeltoProxy>& proxy);
     void purgeCachesToLimit(std::int32_t limit);  // empties the whole cache when it holds more than the limit
-    void autoElect(const VTDPlugIn& plugIn);      // elects, unless the user has chosen either way
+
+    // Elects, unless the user has chosen either way. To be saved at the end of the round that asked for the plug-in.
+    // What is beyond what is stored is left out, and logged once.
+    void autoElect(const VTDPlugIn& plugIn);
+
     const Cache& cache() const;
     void setCache(Cache cache);
 
@@ -126,6 +134,7 @@ private:
 
     // On _sync.
     Cache cache_;
+    bool leavesElectionsOut_ = false;  // the last automatic election was refused
     // Announced as going but still known to the registry: a record built of one now is not kept, since nobody would
     // announce again that it is stale.
     std::vector<std::weak_ptr<const dravo::DVVeltoProxy>> departing_;

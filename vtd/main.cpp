@@ -11,6 +11,7 @@
 #include "Velto/VTAssertion.h"
 #include "Velto/VTProtocol.h"
 #include "platform/logging/Log.h"
+#include "platform/paths/Paths.h"
 #include "vtd/VTDServer.h"
 
 namespace {
@@ -64,6 +65,10 @@ int main(int argc, char** argv) {
     VTSetAssertionPolicy(VTAssertionPolicy::endProcess);
     ::signal(SIGPIPE, SIG_IGN);  // a peer or a log reader that is gone is an error of the write, not our end
 
+    if (const auto why = paths::misconfiguration()) {
+        logging::error(*why);
+        end(kFailed);
+    }
     auto server = VTDServer::initForService(options->service, options->database);
     if (!server) {
         logging::error("unable to construct server");
@@ -73,6 +78,7 @@ int main(int argc, char** argv) {
     server->setCacheLimit(static_cast<std::uint32_t>(options->cacheLimit));
     if (const auto error = server->run()) {
         logging::error(error->localizedDescription());
+        server.reset();  // and with it a socket that it has made already
         end(kFailed);
     }
     server.reset();

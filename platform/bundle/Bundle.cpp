@@ -22,9 +22,7 @@ struct Info {
     std::optional<value::Dictionary> dictionary;
 };
 
-std::shared_ptr<const Info> readInfo(const std::string& bundlePath) {
-    const auto contents =
-        file::readRegular(text::format("{}/{}", bundlePath, kInfoFile), kInfoLimit, file::FinalLink::refused);
+std::shared_ptr<const Info> parseInfo(const value::Result<file::Contents>& contents, const std::string& bundlePath) {
     if (!contents) return nullptr;
     auto info = std::make_shared<Info>();
     const auto root = plist::read(contents->bytes, {.bytes = kInfoLimit, .values = kInfoValues});
@@ -38,6 +36,11 @@ std::shared_ptr<const Info> readInfo(const std::string& bundlePath) {
     return info;
 }
 
+std::shared_ptr<const Info> readInfo(const std::string& bundlePath) {
+    const std::string path = text::format("{}/{}", bundlePath, kInfoFile);
+    return parseInfo(file::readRegular(path, kInfoLimit, file::FinalLink::refused), bundlePath);
+}
+
 bool isPlainName(std::string_view name) {
     constexpr std::string_view kNotInNames{"/\0", 2};
     return !name.empty() && name != "." && name != ".." && name.find_first_of(kNotInNames) == std::string_view::npos;
@@ -49,6 +52,8 @@ public:
     BundleOnDisk() = default;
     explicit BundleOnDisk(std::string path, std::shared_ptr<const Info> info = nullptr)
         : path_{std::move(path)}, info_{std::move(info)} {}
+    BundleOnDisk(std::string path, file::UniqueFd directory)
+        : path_{std::move(path)}, directory_{std::move(directory)} {}
 
     std::optional<std::string> bundlePath() const override {
         return info() != nullptr ? std::optional{path_} : std::nullopt;
@@ -75,7 +80,8 @@ private:
     // Reads without the lock: two threads that come at once may both read, and one result is kept.
     std::shared_ptr<const Info> info() const {
         if (auto kept = keep(nullptr); kept != nullptr || path_.empty()) return kept;
-        return keep(readInfo(path_));
+        if (!directory_) return keep(readInfo(path_));
+        return keep(parseInfo(file::readRegularBeneath(directory_.get(), kInfoFile, kInfoLimit), path_));
     }
 
     std::shared_ptr<const Info> keep(std::shared_ptr<const Info> read) const {
@@ -84,7 +90,8 @@ private:
         return info_;
     }
 
-    const std::string path_;  // empty: no bundle
+    const std::string path_;          // empty: no bundle
+    const file::UniqueFd directory_;  // empty: whatever lies at the path
     mutable std::mutex mutex_;
     mutable std::shared_ptr<const Info> info_;  // guarded by the mutex; null: not read, or nothing was recognised
 };
@@ -129,6 +136,10 @@ std::shared_ptr<const Bundle> Bundle::open(const std::string& path, PathKind kin
     if (path.find('\0') != std::string::npos) return std::make_shared<const BundleOnDisk>();
     if (kind == PathKind::executable) return bundleOfExecutable(path);
     return std::make_shared<const BundleOnDisk>(withoutTrailingSeparators(path));
+}
+
+std::shared_ptr<const Bundle> Bundle::openAt(file::UniqueFd directory, std::string path) {
+    return std::make_shared<const BundleOnDisk>(std::move(path), std::move(directory));
 }
 
 std::shared_ptr<const Bundle> Bundle::openMain() {

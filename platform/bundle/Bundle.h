@@ -5,6 +5,7 @@
 #include <optional>
 #include <string>
 
+#include "platform/file/UniqueFd.h"
 #include "platform/value/Value.h"
 
 // The platform's bundle reader. A bundle is a directory with an Info.plist (a flat bundle: its support directory is the
@@ -33,6 +34,9 @@ public:
     // device and inode); lying somewhere under a bundle is not enough. Never null.
     static std::shared_ptr<const Bundle> open(const std::string& path, PathKind kind);
     static std::shared_ptr<const Bundle> openMain();  // the running program's
+
+    // Of the directory that is open here, whatever lies at its path by now: its files are read beneath the descriptor.
+    static std::shared_ptr<const Bundle> openAt(file::UniqueFd directory, std::string path);
 
     virtual ~Bundle() = default;
 

@@ -3,9 +3,11 @@
 #include <fcntl.h>
 #include <sys/stat.h>
 
+#include <utility>
+
 #include "platform/bundle/Bundle.h"
 #include "platform/entitlements/Entitlements.h"
-#include "platform/file/UniqueFd.h"
+#include "platform/file/Beneath.h"
 #include "platform/mounts/Mounts.h"
 
 namespace dravo {
@@ -22,15 +24,17 @@ file::Stamp stampIn(int directory, const char* name) {
 
 std::shared_ptr<const BundleFiles> readBundleFiles(const std::string& path) {
     if (mounts::mayNeverAnswer(path)) return nullptr;
-    const file::UniqueFd directory{::open(path.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC)};
+    const auto directory = file::openWithoutLinks(path, O_RDONLY | O_DIRECTORY | O_CLOEXEC);
     if (!directory) return nullptr;
-    const file::Stamp info = stampIn(directory.get(), bundle::kInfoFile);
-    const file::Stamp held = stampIn(directory.get(), entitlements::kFile);
-    if (info == file::Stamp{} || !file::settled(info) || (held != file::Stamp{} && !file::settled(held)))
-        return nullptr;
+    const BundleStamps stamps{stampIn(directory->get(), "."), stampIn(directory->get(), bundle::kInfoFile),
+                              stampIn(directory->get(), entitlements::kFile)};
+    const bool isSettled = file::settled(stamps.directory) && file::settled(stamps.info) &&
+                           (stamps.entitlements == file::Stamp{} || file::settled(stamps.entitlements));
+    if (stamps.info == file::Stamp{} || !isSettled) return nullptr;
+    auto held =
+        stamps.entitlements == file::Stamp{} ? value::Dictionary{} : entitlements::ofBundle(directory->get(), path);
     return std::make_shared<const BundleFiles>(
-        BundleFiles{path, info, held, readInfoFile(directory.get()),
-                    held == file::Stamp{} ? value::Dictionary{} : entitlements::ofBundle(directory.get(), path)});
+        BundleFiles{path, stamps, readInfoFile(directory->get()), std::move(held)});
 }
 
 }  // namespace dravo

@@ -3,8 +3,8 @@
 #include <memory>
 #include <string>
 
+#include "platform/dravo/Facts.h"
 #include "platform/dravo/InfoFile.h"
-#include "platform/file/File.h"
 #include "platform/value/Error.h"
 
 namespace dravo {
@@ -13,8 +13,7 @@ namespace dravo {
 // the files have the stamps that they had before they were read.
 struct BundleFiles {
     std::string path;
-    file::Stamp infoStamp;
-    file::Stamp entitlementsStamp;  // all zeroes when there is no such file
+    BundleStamps stamps;
     value::Result<InfoFile> info;
     value::Result<value::Dictionary> entitlements;  // none when there is no such file
 };

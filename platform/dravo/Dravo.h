@@ -6,6 +6,7 @@
 #include <string>
 #include <vector>
 
+#include "platform/file/UniqueFd.h"
 #include "platform/value/Value.h"
 
 // Dravo, the application and plug-in registry: what is installed, under which UUID, inside which application. Its store
@@ -25,6 +26,11 @@ public:
     // Nothing for an application placed directly in Applications/.
     virtual std::optional<std::string> bundleContainerPath() const = 0;
     virtual bool isPlaceholder() const = 0;  // still being installed
+
+    // The application's directory, or the container folder that it lies in (ENOENT without one): see
+    // DVVeltoProxy::openBundle().
+    virtual value::Result<file::UniqueFd> openBundle() const = 0;
+    virtual value::Result<file::UniqueFd> openContainer() const = 0;
 };
 
 // What can contain a plug-in. The daemon relies on it being an application, and stops when it is not.
@@ -33,14 +39,26 @@ struct DVBundleProxy {
     std::string bundlePath;
 };
 
+// What the Info.plist of a plug-in's bundle says, as read just now.
+struct DVBundleReading {
+    value::Dictionary info;
+    bool isAsKnown = false;  // it is what the registry's record was made of: what is made of it, too, stays good as
+                             // long as the record
+};
+
 // An installed plug-in: one record for each identifier of a bundle. Its original identifier is the bundle's, else its
 // own. Immutable; dictionaries that the registry keeps may be read again from disk when they were dropped.
 class DVVeltoProxy {
 public:
     virtual ~DVVeltoProxy() = default;
     virtual const std::optional<std::string>& bundlePath() const = 0;
-    virtual bool isInPlace()
-        const = 0;  // whether the directory there is still the one that was read; looks at the disk
+
+    // The very directory that the record is of (O_PATH), reached from its application's without following a link. A
+    // path may lead elsewhere by now, and its inode number may be another directory's: whoever acts on a record acts on
+    // this descriptor. ESTALE when another directory has taken its place or its application's, ELOOP when a link has.
+    virtual value::Result<file::UniqueFd> openBundle() const = 0;
+    virtual value::Result<DVBundleReading> readInfo() const = 0;  // beneath that directory
+
     virtual const value::Uuid& pluginUUID() const = 0;
     virtual const std::string& pluginIdentifier() const = 0;
     virtual const std::string& originalIdentifier() const = 0;
@@ -65,6 +83,20 @@ public:
     virtual ~DVWorkspaceObserver() = default;
     virtual void pluginsDidInstall(const PluginList& plugins) = 0;
     virtual void pluginsWillUninstall(const PluginList& plugins) = 0;
+};
+
+// Who asks for a registration. Whether its process is sandboxed is found out when it first matters, and once.
+class Registrant {
+public:
+    explicit Registrant(std::function<bool()> isSandboxed) : ask_{std::move(isSandboxed)} {}
+    bool isSandboxed() const {
+        if (!known_) known_ = ask_();
+        return *known_;
+    }
+
+private:
+    const std::function<bool()> ask_;
+    mutable std::optional<bool> known_;
 };
 
 // The registry workspace. Any thread; queries answer from memory.
@@ -105,10 +137,13 @@ public:
     virtual PluginList pluginsOf(const DVApplicationProxy& application) const = 0;
 
     // Registration of a bundle by path, kept over restarts; false when there is no plug-in there, or nothing to remove,
-    // or it could not be saved (nothing has changed then). Both return when it is on disk and has been announced, so an
-    // observer must not call them.
-    // `files` is what was read of the bundle beforehand, if anything was (BundleFiles.h).
-    virtual bool registerPlugin(const std::string& path, std::shared_ptr<const BundleFiles> files = nullptr) = 0;
+    // or it could not be saved (nothing has changed then). What lies in no application of the volumes, and not where
+    // the system volume has its plug-ins, is taken only from who is not sandboxed, and so could put it there; the
+    // nearest directory above it that is called an application then counts as one. Both return when it is on disk and
+    // has been announced, so an observer must not call them.
+    // What was read of the bundle beforehand comes along, if anything was (BundleFiles.h).
+    virtual bool registerPlugin(const std::string& path, const Registrant& registrant,
+                                std::shared_ptr<const BundleFiles> files = nullptr) = 0;
     virtual bool unregisterPlugin(const std::string& path) = 0;
 
     virtual void clearSchemaCaches() = 0;  // drops the dictionaries that the registry keeps

@@ -1,7 +1,6 @@
 #include "platform/dravo/ExtensionPoints.h"
 
 #include <algorithm>
-#include <cstdlib>
 
 #include "platform/dravo/Facts.h"
 #include "platform/dravo/InfoFile.h"
@@ -16,16 +15,13 @@ constexpr std::size_t kRepeats = 4;  // of one name, on average, before it is ta
 constexpr std::size_t kSdkNamesLimit = 1000;
 constexpr std::size_t kKnownLimit = 100'000;  // extension points; names that come and go must not pile up
 
-const char* testDirectory() {
-    return std::getenv("VTTEST_SDK");
-}
-
 std::vector<std::string> readNames(const std::string& extensionPoint) {
     PointNames names{kSdkNamesLimit};
-    if (const auto entry = sdk::entry(extensionPoint)) names.collect(*entry, "");
+    const auto registered = sdk::entry(extensionPoint);
+    if (registered && *registered) names.collect(**registered, "");
     // Takes precedence where it is set; collecting both loses nothing.
-    if (const char* const directory = testDirectory()) {
-        if (const auto entry = sdk::entryIn(directory, extensionPoint)) names.collect(*entry, "");
+    if (const auto directory = sdk::testDirectory()) {
+        if (const auto entry = sdk::entryIn(*directory, extensionPoint)) names.collect(*entry, "");
     }
     return names.take();
 }
@@ -95,7 +91,7 @@ bool SdkPointNames::refresh() {
 
 std::vector<std::string> SdkPointNames::directories() {
     std::vector<std::string> directories{paths::directories().systemVolume + "/SDKs"};
-    if (const char* const directory = testDirectory()) directories.emplace_back(directory);
+    if (auto directory = sdk::testDirectory()) directories.push_back(*std::move(directory));
     return directories;
 }
 

@@ -8,6 +8,7 @@
 
 #include "platform/bundle/Bundle.h"
 #include "platform/file/File.h"
+#include "platform/file/Identity.h"
 #include "platform/value/Value.h"
 
 // What the registry knows of a bundle without looking at the disk: kept compactly in memory, and in the store's rows.
@@ -30,6 +31,7 @@ struct ApplicationFacts {
     std::optional<std::string> identifier;
     std::optional<std::string> name;
     file::Stamp info;  // of Info.plist; all zeroes when there is none
+    file::Identity identity;
 };
 
 // One plug-in of a bundle.
@@ -53,6 +55,7 @@ struct BundleStamps {
 struct BundleFacts {
     std::int64_t row = 0;  // in the store
     BundleStamps stamps;
+    file::Identity identity;   // of the directory; unknown in what an earlier version has stored
     std::uint64_t digest = 0;  // of the bytes of Info.plist
     std::string identifier;    // empty when it has none
     std::string version;       // likewise

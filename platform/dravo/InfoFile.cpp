@@ -25,7 +25,7 @@ value::Result<InfoFile> readInfoFile(int bundleDirectory) {
     if (!root) return root.error();
     const value::Dictionary* const dictionary = (*root).dictionary();
     if (!dictionary) return value::Error{"dravo", 0, std::string{bundle::kInfoFile} + " is no dictionary"};
-    return InfoFile{*dictionary, digestOf(contents->bytes)};
+    return InfoFile{*dictionary, digestOf(contents->bytes), contents->stamp, contents->settled};
 }
 
 }  // namespace dravo

@@ -2,6 +2,7 @@
 
 #include <cstdint>
 
+#include "platform/file/File.h"
 #include "platform/value/Value.h"
 
 namespace dravo {
@@ -17,6 +18,8 @@ inline constexpr char kPointNameKey[] = "KXExtensionPointName";
 struct InfoFile {
     value::Dictionary dictionary;
     std::uint64_t digest = 0;  // of the file's bytes; tells one content from another, not made to resist anybody
+    file::Stamp stamp;         // of the file that was read
+    bool isSettled = false;    // of that stamp, when it was taken
 };
 
 // Info.plist of the bundle whose directory is open here: a regular file of bounded size, never reached through a link.

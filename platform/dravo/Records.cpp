@@ -7,9 +7,22 @@
 
 #include "platform/dravo/DataContainers.h"
 #include "platform/dravo/InfoFile.h"
+#include "platform/file/Beneath.h"
 #include "platform/mounts/Mounts.h"
 
 namespace dravo {
+
+namespace {
+
+constexpr int kDirectory = O_PATH | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC;
+
+// What is mounted over a record's directory by now may keep whoever opens it for ever.
+std::optional<value::Error> refusalToAsk(const std::string& path) {
+    if (!mounts::mayNeverAnswer(path)) return {};
+    return value::posixError(ESTALE, path);
+}
+
+}  // namespace
 
 ApplicationRecord::Placeholder ApplicationRecord::placeholderOnDisk() const {
     if (mounts::mayNeverAnswer(path_)) return Placeholder::unknown;
@@ -28,13 +41,41 @@ bool ApplicationRecord::isPlaceholder() const {
     return known == Placeholder::present;
 }
 
+value::Result<file::UniqueFd> ApplicationRecord::openBundle() const {
+    if (auto refusal = refusalToAsk(path_)) return *std::move(refusal);
+    return file::openSame(path_, facts_.identity, kDirectory);
+}
+
+// Whoever could move the application into a folder of another content could as well change what the folder holds: it is
+// the very folder when the very application lies in it.
+value::Result<file::UniqueFd> ApplicationRecord::openContainer() const {
+    if (!facts_.containerPath) return value::posixError(ENOENT, path_);
+    if (auto refusal = refusalToAsk(*facts_.containerPath)) return *std::move(refusal);
+    auto container = file::openWithoutLinks(*facts_.containerPath, kDirectory);
+    if (!container) return container;
+    const auto application = file::openSameBeneath(container->get(), path_.substr(facts_.containerPath->size() + 1),
+                                                   facts_.identity, kDirectory);
+    if (!application) return application.error();
+    return container;
+}
+
 const std::optional<std::string>& PlugInRecord::bundlePath() const {
     return bundle_.optionalPath();
 }
 
-bool PlugInRecord::isInPlace() const {
-    const auto there = file::stampOf(bundle_.path());
-    return there && file::isSameFile(*there, bundle_.facts().stamps.directory);
+value::Result<file::UniqueFd> PlugInRecord::openBundle() const {
+    return bundle_.open();
+}
+
+value::Result<DVBundleReading> PlugInRecord::readInfo() const {
+    const auto directory = openBundle();
+    if (!directory) return directory.error();
+    const auto info = readInfoFile(directory->get());
+    if (!info) return info.error();
+    const BundleFacts& known = bundle_.facts();
+    const bool isStampTrusted = known.stamps.info.size != kUntrusted.size;
+    const bool sameFile = !isStampTrusted || info->stamp == known.stamps.info;
+    return DVBundleReading{info->dictionary, sameFile && info->digest == known.digest};
 }
 
 const std::string& PlugInRecord::originalIdentifier() const {
@@ -51,7 +92,8 @@ const std::string& PlugInRecord::bundleVersion() const {
 }
 
 std::optional<value::Dictionary> PlugInRecord::pluginDictionary() const {
-    auto top = bundle_.surroundings().schemas.description(bundle_.path(), bundle_.facts().digest);
+    auto top = bundle_.surroundings().schemas.description(bundle_.path(), bundle_.facts().digest,
+                                                          [this] { return openBundle(); });
     if (!top || !top->contains(kMultipleKey)) return top;
     const value::Dictionary* const multiple = top->dictionary(kMultipleKey);
     const value::Dictionary* const own = multiple ? multiple->dictionary(facts_.identifier) : nullptr;
@@ -102,6 +144,15 @@ BundleRecord::BundleRecord(BundlePlace place, BundleFacts facts, std::shared_ptr
     for (const PlugInFacts& plugIn : facts_.plugIns) plugIns_.emplace_back(*this, plugIn);
 }
 
+value::Result<file::UniqueFd> BundleRecord::open() const {
+    if (auto refusal = refusalToAsk(path())) return *std::move(refusal);
+    if (!application_) return file::openSame(path(), facts_.identity, kDirectory);
+    const auto application = application_->openBundle();
+    if (!application) return application.error();
+    return file::openSameBeneath(application->get(), path().substr(application_->bundlePath().size() + 1),
+                                 facts_.identity, kDirectory);
+}
+
 std::shared_ptr<const DVVeltoProxy> proxy(const std::shared_ptr<const BundleRecord>& bundle, std::size_t index) {
     return {bundle, &bundle->plugIns()[index]};
 }
@@ -124,10 +175,13 @@ bool sameContent(const BundleRecord& a, const BundleRecord& b) {
 }
 
 bool sameDirectory(const BundleRecord& a, const BundleRecord& b) {
-    const file::Stamp& x = a.facts().stamps.directory;
-    const file::Stamp& y = b.facts().stamps.directory;
-    const auto isUnknown = [](const file::Stamp& stamp) { return file::isSameFile(stamp, {}); };
-    return isUnknown(x) || isUnknown(y) || file::isSameFile(x, y);
+    const auto same = [](const file::Identity& x, const file::Identity& y) {
+        return !x.isKnown() || !y.isKnown() || x == y;
+    };
+    const auto& ownerOfA = a.application();
+    const auto& ownerOfB = b.application();
+    return same(a.facts().identity, b.facts().identity) &&
+           (!ownerOfA || !ownerOfB || same(ownerOfA->facts().identity, ownerOfB->facts().identity));
 }
 
 }  // namespace dravo

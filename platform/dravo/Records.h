@@ -33,6 +33,8 @@ public:
     std::optional<std::string> localizedName() const override { return facts_.name; }
     std::optional<std::string> bundleContainerPath() const override { return facts_.containerPath; }
     bool isPlaceholder() const override;  // looks at the disk only while the answer is unknown
+    value::Result<file::UniqueFd> openBundle() const override;
+    value::Result<file::UniqueFd> openContainer() const override;
 
     // The registry's, on its queue. What is known must be watched from before it was looked at.
     void lookForPlaceholder() const;
@@ -64,7 +66,8 @@ public:
     const PlugInFacts& facts() const { return facts_; }
 
     const std::optional<std::string>& bundlePath() const override;
-    bool isInPlace() const override;
+    value::Result<file::UniqueFd> openBundle() const override;
+    value::Result<DVBundleReading> readInfo() const override;
     const value::Uuid& pluginUUID() const override { return facts_.uuid; }
     const std::string& pluginIdentifier() const override { return facts_.identifier; }
     const std::string& originalIdentifier() const override;
@@ -103,6 +106,7 @@ public:
     bool onSystemVolume() const { return onSystemVolume_; }
     const std::shared_ptr<const ApplicationRecord>& application() const { return application_; }
     const BundleFacts& facts() const { return facts_; }
+    value::Result<file::UniqueFd> open() const;  // see DVVeltoProxy::openBundle()
     Surroundings& surroundings() const { return *surroundings_; }
     const std::vector<PlugInRecord>& plugIns() const { return plugIns_; }  // by identifier
 
@@ -127,7 +131,8 @@ std::shared_ptr<const DVVeltoProxy> proxy(const std::shared_ptr<const BundleReco
 bool sameContent(const ApplicationRecord& a, const ApplicationRecord& b);
 bool sameContent(const BundleRecord& a, const BundleRecord& b);
 
-// Whether both are of one directory, and not of another that has taken its place.
+// Whether both are of one directory in one application's, and not of others that have taken their place. What is not
+// known counts as the same.
 bool sameDirectory(const BundleRecord& a, const BundleRecord& b);
 
 }  // namespace dravo

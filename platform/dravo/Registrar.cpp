@@ -141,10 +141,16 @@ void Registrar::publish(std::shared_ptr<const Snapshot> snapshot) {
     snapshot_.swap(snapshot);  // the old one goes behind the lock
 }
 
-// A file system that may never answer would sooner or later be asked by the registry itself.
-bool Registrar::registerPlugin(const std::string& path, std::shared_ptr<const BundleFiles> files) {
+// Who is sandboxed could make a bundle anywhere that claims to be another's, but nobody would find it there. A file
+// system that may never answer would sooner or later be asked by the registry itself.
+bool Registrar::registerPlugin(const std::string& path, const Registrant& registrant,
+                               std::shared_ptr<const BundleFiles> files) {
     if (mounts::mayNeverAnswer(path)) {
         logging::notice(text::format("{} lies on a file system that may never answer", path));
+        return false;
+    }
+    if (!liesWhereInstalled(path) && registrant.isSandboxed()) {
+        logging::notice(text::format("{} lies in no application, and who asks to register it is sandboxed", path));
         return false;
     }
     return queue_->sync([&] { return registerCanonical(path, std::move(files)); });

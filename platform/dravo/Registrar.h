@@ -46,7 +46,8 @@ public:
     std::shared_ptr<const Snapshot> snapshot() const;
     Announcements& announcements() { return *announcements_; }
 
-    bool registerPlugin(const std::string& path, std::shared_ptr<const BundleFiles> files);
+    bool registerPlugin(const std::string& path, const Registrant& registrant,
+                        std::shared_ptr<const BundleFiles> files);
     bool unregisterPlugin(const std::string& path);
     void clearSchemaCaches() { surroundings_->schemas.clear(); }
 

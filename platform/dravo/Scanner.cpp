@@ -15,6 +15,7 @@
 #include "platform/bundle/Bundle.h"
 #include "platform/dravo/BundleReading.h"
 #include "platform/entitlements/Entitlements.h"
+#include "platform/file/Beneath.h"
 #include "platform/logging/Log.h"
 #include "platform/paths/Paths.h"
 #include "platform/text/Format.h"
@@ -24,6 +25,7 @@ namespace dravo {
 namespace {
 
 constexpr int kDirectory = O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC;
+constexpr int kPathOnly = O_PATH | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC;
 constexpr std::size_t kComplaintsLimit = 1000;
 constexpr std::size_t kPathLimit = 1023;
 constexpr std::size_t kListBuffer = 16384;
@@ -36,10 +38,14 @@ bool isBeneath(const std::string& path, const std::string& directory) {
     return path.size() > directory.size() && path.starts_with(directory) && path[directory.size()] == '/';
 }
 
-// A stamp that a later write is sure to change; else one that is never equal to a file's, but tells which file it was.
-file::Stamp trusted(const file::Stamp& stamp) {
-    if (stamp == file::Stamp{} || file::settled(stamp)) return stamp;
+// A stamp that is never equal to a file's, but tells which file it was.
+file::Stamp untrusted(const file::Stamp& stamp) {
     return {.device = stamp.device, .inode = stamp.inode, .size = kUntrusted.size};
+}
+
+// A stamp that a later write is sure to change; else one that is never equal to a file's.
+file::Stamp trusted(const file::Stamp& stamp) {
+    return stamp == file::Stamp{} || file::settled(stamp) ? stamp : untrusted(stamp);
 }
 
 // Looks at one thing by itself: what was uncertain before neither shows in `flag` meanwhile nor is forgotten.
@@ -85,6 +91,21 @@ std::vector<Root> installationRoots() {
     return {{user + "/Applications", user, Root::Holds::applications, false},
             {system + "/Applications", system, Root::Holds::applications, true},
             {system + "/PlugIns", system, Root::Holds::plugIns, true}};
+}
+
+bool liesWhereInstalled(const std::string& path) {
+    const auto roots = installationRoots();
+    return std::any_of(roots.begin(), roots.end(), [&](const Root& root) {
+        if (!isBeneath(path, root.path)) return false;
+        std::string_view rest = std::string_view{path}.substr(root.path.size() + 1);
+        std::size_t slash = rest.find('/');
+        if (rest.front() == '.') return false;
+        if (root.holds == Root::Holds::plugIns) return slash == std::string_view::npos;
+        if (slash == std::string_view::npos || isApplication(rest.substr(0, slash))) return slash != rest.npos;
+        rest.remove_prefix(slash + 1);  // of a container folder
+        slash = rest.find('/');
+        return slash != std::string_view::npos && rest.front() != '.' && isApplication(rest.substr(0, slash));
+    });
 }
 
 Scanner::Pass::Pass(Scanner& scanner, std::shared_ptr<const Snapshot> known) : scanner_{scanner} {
@@ -163,12 +184,19 @@ Finding Scanner::registered(const std::string& path, Watcher::Look& look) {
     uncertain_ = false;
     Finding finding;
     look.towards(path);
-    if (file::canonicalPath(path) != path) return finding;  // gone, or reached through a link by now
+    const std::size_t slash = path.rfind('/');
+    const auto parent = file::openWithoutLinks(path.substr(0, std::max<std::size_t>(slash, 1)), kPathOnly);
+    if (!parent) {  // gone, or reached through a link by now
+        static_cast<void>(passesBy(path, parent.error()));
+        return finding;
+    }
     const std::string& volume = paths::directories().systemVolume;
     const bool onSystemVolume = isBeneath(path, file::canonicalPath(volume).value_or(volume));
     BundlePlace place{path, onSystemVolume, applicationAround(path)};
     if (place.application) finding.applications.push_back(place.application);
-    if (const auto status = statusOf(AT_FDCWD, path, path)) bundle(AT_FDCWD, path, *status, std::move(place), finding);
+    const std::string name = path.substr(slash + 1);
+    const auto status = statusOf(parent->get(), name, path);
+    if (status && S_ISDIR(status->st_mode)) bundle(parent->get(), name, *status, std::move(place), finding);
     return finding;
 }
 
@@ -184,7 +212,7 @@ Scanner::Directory Scanner::open(int parent, const std::string& name, const std:
 }
 
 Scanner::Directory Scanner::followLink(const std::string& path, const Bounds& bounds) {
-    const auto target = file::canonicalPath(path);
+    const auto target = file::canonicalPathWithin(bounds.within, path);
     if (!target || !isBeneath(*target, bounds.within)) {
         complain(path, "a link that leads nowhere, or out of where it lies");
         return {};
@@ -193,9 +221,12 @@ Scanner::Directory Scanner::followLink(const std::string& path, const Bounds& bo
     const bool foundAnyway =
         !except.empty() && (*target == except || isBeneath(*target, except) || isBeneath(except, *target));
     if (foundAnyway) return {};
-    file::UniqueFd descriptor{::open(target->c_str(), kDirectory)};
-    if (!descriptor) trouble(*target, errno);
-    return {.descriptor = std::move(descriptor), .path = *target};
+    auto descriptor = file::openWithoutLinks(*target, kDirectory);
+    if (!descriptor) {
+        trouble(*target, static_cast<int>(descriptor.error().code));
+        return {};
+    }
+    return {.descriptor = *std::move(descriptor), .path = *target};
 }
 
 Scanner::Directory Scanner::openWatched(int parent, const std::string& name, const std::string& path,
@@ -259,11 +290,17 @@ std::shared_ptr<const ApplicationRecord> Scanner::applicationRecord(int director
     const auto status = statusOf(directory, bundle::kInfoFile, path);
     const file::Stamp stamp = status ? file::stampOf(*status) : file::Stamp{};
     auto known = known_->application(path);
-    if (known && known->facts().info == stamp && known->facts().containerPath == container) return seen_[path] = known;
+    const bool isUnchanged = known && known->facts().info == stamp && known->facts().containerPath == container;
+    if (isUnchanged && file::mayBe(known->facts().identity, directory)) return seen_[path] = known;
     ApplicationFacts facts;
     facts.row = known ? known->facts().row : ++lastRow_;
     facts.containerPath = container;
     facts.info = trusted(stamp);
+    if (const auto identity = file::identityOf(directory)) {
+        facts.identity = *identity;
+    } else {
+        trouble(path, errno);
+    }
     if (stamp != file::Stamp{}) {
         if (const auto info = readInfoFile(directory)) {
             facts.identifier = sensibleText(info->dictionary, bundle::kIdentifierKey);
@@ -287,13 +324,13 @@ std::shared_ptr<const ApplicationRecord> Scanner::applicationAround(const std::s
         above.resize(slash);
         if (!isApplication(above)) continue;
         if (const auto seen = seen_.find(above); seen != seen_.end()) return seen->second;
-        const file::UniqueFd directory{::open(above.c_str(), kDirectory)};
+        const auto directory = file::openWithoutLinks(above, kPathOnly);
         if (!directory) {
-            trouble(above, errno);
+            trouble(above, static_cast<int>(directory.error().code));
             return nullptr;
         }
         const auto known = known_->application(above);
-        return applicationRecord(directory.get(), above, known ? known->facts().containerPath : std::nullopt);
+        return applicationRecord(directory->get(), above, known ? known->facts().containerPath : std::nullopt);
     }
     return nullptr;
 }
@@ -319,10 +356,10 @@ void Scanner::plugIn(int parent, const std::string& name, BundlePlace place, con
 void Scanner::bundle(int parent, const std::string& name, const struct stat& directory, BundlePlace place,
                      Finding& finding) {
     const ByItself certainty{uncertain_};
-    const auto stamps = stampsOf(parent, name, directory, place.path);
+    auto stamps = stampsOf(parent, name, directory, place.path);
     if (!stamps || uncertain_) return;
     auto known = known_->bundle(place.path);
-    if (known && known->facts().stamps == *stamps) {
+    if (known && known->facts().stamps == *stamps && known->facts().identity.isKnown()) {
         const bool samePlace =
             known->application() == place.application && known->onSystemVolume() == place.onSystemVolume;
         finding.bundles.push_back(samePlace ? known : record(std::move(place), known->facts()));
@@ -333,18 +370,28 @@ void Scanner::bundle(int parent, const std::string& name, const struct stat& dir
         trouble(place.path, errno);
         return;
     }
-    auto facts = read(opened.get(), place.path, *stamps, known ? &known->facts() : nullptr);
+    const auto identity = file::identityOf(opened.get());
+    if (!identity) {
+        trouble(place.path, errno);
+        return;
+    }
+    // What was opened may be another directory than the one that was looked at; then that look vouches for nothing.
+    if (identity->device != stamps->directory.device || identity->inode != stamps->directory.inode) {
+        stamps->directory = kUntrusted;
+    }
+    auto facts = read(opened.get(), place.path, *stamps, *identity, known ? &known->facts() : nullptr);
     if (!uncertain_) finding.bundles.push_back(record(std::move(place), std::move(facts)));
 }
 
 BundleFacts Scanner::read(int directory, const std::string& path, const BundleStamps& stamps,
-                          const BundleFacts* known) {
+                          const file::Identity& identity, const BundleFacts* known) {
     BundleFacts facts;
+    facts.identity = identity;
     facts.row = known ? known->row : ++lastRow_;
     facts.stamps = {trusted(stamps.directory), trusted(stamps.info), trusted(stamps.entitlements)};
-    const bool isGiven = given_ && given_->path == path && given_->infoStamp == stamps.info &&
-                         given_->entitlementsStamp == stamps.entitlements;
+    const bool isGiven = given_ && given_->path == path && given_->stamps == stamps;
     if (const auto info = isGiven ? given_->info : readInfoFile(directory)) {
+        facts.stamps.info = info->isSettled ? info->stamp : untrusted(info->stamp);
         describe(*info, facts);
     } else {
         static_cast<void>(passesBy(path, info.error()));

@@ -30,6 +30,10 @@ struct Root {
 // The roots of the user and the system volume; those that do not exist are among them.
 std::vector<Root> installationRoots();
 
+// Whether the canonical path lies in a folder of the volumes' Applications/ that is an application, or is an entry of
+// the system volume's PlugIns/.
+bool liesWhereInstalled(const std::string& path);
+
 // What one topic (an entry of a root, a registered path) has.
 struct Finding {
     Snapshot::Applications applications;
@@ -103,7 +107,8 @@ private:
     void plugIn(int parent, const std::string& name, BundlePlace place, const Bounds& bounds, Watcher::Look& look,
                 Finding& finding);
     void bundle(int parent, const std::string& name, const struct stat& directory, BundlePlace place, Finding& finding);
-    BundleFacts read(int directory, const std::string& path, const BundleStamps& stamps, const BundleFacts* known);
+    BundleFacts read(int directory, const std::string& path, const BundleStamps& stamps, const file::Identity& identity,
+                     const BundleFacts* known);
     std::shared_ptr<const BundleRecord> record(BundlePlace place, BundleFacts facts);
     void trouble(const std::string& path, int errorNumber);
     bool passesBy(const std::string& path, const value::Error& error);

@@ -1,9 +1,6 @@
 #include "platform/dravo/SchemaCache.h"
 
-#include <fcntl.h>
-
 #include "platform/dravo/InfoFile.h"
-#include "platform/file/UniqueFd.h"
 
 namespace dravo {
 
@@ -11,15 +8,16 @@ namespace {
 constexpr std::size_t kLimit = 64;  // a description is some kilobytes once parsed
 }
 
-std::optional<value::Dictionary> SchemaCache::description(const std::string& bundlePath, std::uint64_t digest) {
+std::optional<value::Dictionary> SchemaCache::description(const std::string& bundlePath, std::uint64_t digest,
+                                                          const OpenBundle& open) {
     {
         const std::lock_guard lock{mutex_};
         const auto found = entries_.find(bundlePath);
         if (found != entries_.end() && found->second.digest == digest) return found->second.description;
     }
-    const file::UniqueFd directory{::open(bundlePath.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC)};
+    const auto directory = open();
     if (!directory) return {};
-    const auto info = readInfoFile(directory.get());
+    const auto info = readInfoFile(directory->get());
     if (!info) return {};
     const value::Dictionary* const description = info->dictionary.dictionary(kPlugInKey);
     if (!description) return {};

@@ -2,7 +2,9 @@
 
 #include <algorithm>
 #include <functional>
+#include <utility>
 
+#include "platform/effort/Effort.h"
 #include "platform/text/NumericCompare.h"
 #include "platform/text/NumericKey.h"
 
@@ -15,6 +17,13 @@ const std::string& pathOf(const ApplicationRecord& application) {
 }
 const std::string& pathOf(const BundleRecord& bundle) {
     return bundle.path();
+}
+
+constexpr std::uint64_t kUnitsAName = 20;  // to find what a narrowing names
+constexpr std::size_t kFewLists = 8;       // that are searched one by one
+
+bool isSame(const std::string& one, const std::string& other) {
+    return text::compareNumerically(one, other) == std::weak_ordering::equivalent;
 }
 
 std::uint64_t pathHash(const std::string& path) {
@@ -134,16 +143,23 @@ std::shared_ptr<const DVVeltoProxy> Snapshot::plugIn(const value::Uuid& uuid) co
 }
 
 Snapshot::Numbers Snapshot::withIdentifiers(const std::vector<std::string>& identifiers) const {
+    // Names that compare as equivalent are looked for once, however often they were given.
+    std::vector<std::pair<std::uint64_t, const std::string*>> wanted;
+    wanted.reserve(identifiers.size());
+    for (const std::string& identifier : identifiers) wanted.emplace_back(text::numericHash(identifier), &identifier);
+    const auto before = [](const auto& a, const auto& b) { return a.first < b.first; };
+    const auto same = [](const auto& a, const auto& b) { return a.first == b.first && isSame(*a.second, *b.second); };
+    std::sort(wanted.begin(), wanted.end(), before);
+    wanted.erase(std::unique(wanted.begin(), wanted.end(), same), wanted.end());
+
     Numbers numbers;
-    for (const std::string& wanted : identifiers) {
-        for (const auto& entry : identifiers_.candidates(text::numericHash(wanted))) {
-            const std::string& identifier = plugIns_[entry.number]->pluginIdentifier();
-            if (text::compareNumerically(identifier, wanted) == std::strong_ordering::equal) {
-                numbers.push_back(entry.number);
-            }
+    for (const auto& [hash, name] : wanted) {
+        for (const auto& entry : identifiers_.candidates(hash)) {
+            if (!effort::take(1)) break;
+            if (isSame(plugIns_[entry.number]->pluginIdentifier(), *name)) numbers.push_back(entry.number);
         }
     }
-    if (identifiers.size() > 1) sortUnique(numbers);
+    if (wanted.size() > 1) sortUnique(numbers);
     return numbers;
 }
 
@@ -153,32 +169,58 @@ std::vector<const Snapshot::Numbers*> Snapshot::atPoints(const std::vector<std::
         const auto found = points_.find(text::numericKey(wanted));
         if (found != points_.end()) lists.push_back(&found->second);
     }
+    if (lists.size() > 1) {  // one for each distinct name
+        std::sort(lists.begin(), lists.end(), std::less<>{});
+        lists.erase(std::unique(lists.begin(), lists.end()), lists.end());
+    }
     if (!points.empty() && !anyPoint_.empty()) lists.push_back(&anyPoint_);
     return lists;
 }
 
 Snapshot::Numbers Snapshot::narrow(const std::optional<std::vector<std::string>>& identifiers,
                                    const std::optional<std::vector<std::string>>& points) const {
+    const std::size_t names = (identifiers ? identifiers->size() : 0) + (points ? points->size() : 0);
+    static_cast<void>(effort::take(names * kUnitsAName));
     Numbers numbers;
     if (identifiers) {
         numbers = withIdentifiers(*identifiers);
-        if (!points) return numbers;
+        if (!points || numbers.empty()) return numbers;
         const auto lists = atPoints(*points);
-        const auto elsewhere = [&](std::uint32_t number) {
-            return std::none_of(lists.begin(), lists.end(), [&](const Numbers* list) {
-                return std::binary_search(list->begin(), list->end(), number);
-            });
+        const auto keep = [&](const auto& isThere) {
+            const auto elsewhere = [&](std::uint32_t number) { return !isThere(number); };
+            numbers.erase(std::remove_if(numbers.begin(), numbers.end(), elsewhere), numbers.end());
         };
-        numbers.erase(std::remove_if(numbers.begin(), numbers.end(), elsewhere), numbers.end());
+        if (lists.size() <= kFewLists) {
+            keep([&](std::uint32_t number) {
+                return std::any_of(lists.begin(), lists.end(), [&](const Numbers* list) {
+                    return std::binary_search(list->begin(), list->end(), number);
+                });
+            });
+        } else {
+            keep([set = unionOf(lists)](std::uint32_t number) { return set[number]; });
+        }
     } else if (points) {
         const auto lists = atPoints(*points);
-        for (const Numbers* const list : lists) numbers.insert(numbers.end(), list->begin(), list->end());
-        if (lists.size() > 1) sortUnique(numbers);
+        if (lists.size() == 1) return *lists.front();
+        if (lists.empty()) return numbers;
+        const std::vector<bool> set = unionOf(lists);
+        for (std::uint32_t number = 0; number < set.size(); ++number) {
+            if (set[number]) numbers.push_back(number);
+        }
     } else {
         numbers.resize(plugIns_.size());
         for (std::uint32_t number = 0; number < numbers.size(); ++number) numbers[number] = number;
     }
     return numbers;
+}
+
+std::vector<bool> Snapshot::unionOf(const std::vector<const Numbers*>& lists) const {
+    std::vector<bool> set(plugIns_.size());
+    for (const Numbers* const list : lists) {
+        static_cast<void>(effort::take(list->size()));
+        for (const std::uint32_t number : *list) set[number] = true;
+    }
+    return set;
 }
 
 PluginList Snapshot::plugInsWithin(const std::string& applicationPath) const {

@@ -35,7 +35,7 @@ public:
     std::shared_ptr<const DVVeltoProxy> plugIn(const value::Uuid& uuid) const;
 
     // Those with one of the identifiers and with one of the extension point names; nothing: no constraint. The cost is
-    // proportional to the result of the narrower list.
+    // proportional to the names and to what goes by those that are distinct, and is charged.
     Numbers narrow(const std::optional<std::vector<std::string>>& identifiers,
                    const std::optional<std::vector<std::string>>& points) const;
 
@@ -53,6 +53,7 @@ private:
     void indexPoints(std::uint32_t number, const PlugInFacts& facts, SdkPointNames& sdkNames);
     Numbers withIdentifiers(const std::vector<std::string>& identifiers) const;
     std::vector<const Numbers*> atPoints(const std::vector<std::string>& points) const;
+    std::vector<bool> unionOf(const std::vector<const Numbers*>& lists) const;  // by number
 
     Applications applications_;
     Bundles bundles_;

@@ -8,6 +8,7 @@
 #include <cstdio>
 #include <cstring>
 #include <ctime>
+#include <iterator>
 #include <type_traits>
 #include <unordered_map>
 
@@ -20,21 +21,28 @@ namespace dravo {
 
 namespace {
 
-constexpr std::int64_t kVersion = 1;  // of the tables below; another one is not read
+constexpr std::int64_t kVersion = 2;  // of the tables below; a later one is not read, an earlier one is upgraded
 constexpr std::int64_t kPlugInsPerBundle = kMultipleLimit;
 
 // No index but the rows' numbers: everything is read at the start, which also shows any damage, and each later write
 // knows the numbers of its rows. A plug-in's is its bundle's times kPlugInsPerBundle, plus its place in the bundle.
 constexpr char kSchema[] = R"(
     CREATE TABLE application (row INTEGER PRIMARY KEY, path TEXT NOT NULL, container TEXT, identifier TEXT, name TEXT,
-                              info BLOB NOT NULL);
+                              info BLOB NOT NULL, identity BLOB);
     CREATE TABLE bundle (row INTEGER PRIMARY KEY, path TEXT NOT NULL, stamps BLOB NOT NULL, digest INTEGER NOT NULL,
                          identifier TEXT NOT NULL, version TEXT NOT NULL, displayName TEXT, shortName TEXT,
-                         entitlements BLOB, refusal TEXT NOT NULL, remark TEXT NOT NULL);
+                         entitlements BLOB, refusal TEXT NOT NULL, remark TEXT NOT NULL, identity BLOB);
     CREATE TABLE plugin (row INTEGER PRIMARY KEY, uuid BLOB NOT NULL, identifier TEXT NOT NULL,
                          registered REAL NOT NULL, extensionPoint TEXT, pointNames BLOB, anyPoint INTEGER NOT NULL);
     CREATE TABLE registration (path TEXT PRIMARY KEY) WITHOUT ROWID;
 )";
+
+// What makes a version the next one, from the first. What an earlier one did not know of a directory is NULL, so that
+// it is looked at again; everything else stays.
+constexpr const char* kUpgrades[] = {
+    "ALTER TABLE application ADD COLUMN identity BLOB; ALTER TABLE bundle ADD COLUMN identity BLOB;",
+};
+static_assert(std::size(kUpgrades) == kVersion - 1);
 
 constexpr mox::Limits kValueLimits{std::size_t{64} << 20, 128, 4'000'000};
 
@@ -53,6 +61,10 @@ bool read(std::span<const std::byte> bytes, T& object) {
     if (bytes.size() != sizeof(T)) return false;
     std::memcpy(&object, bytes.data(), sizeof(T));
     return true;
+}
+
+bool readIdentity(std::span<const std::byte> bytes, file::Identity& identity) {
+    return bytes.empty() || read(bytes, identity);
 }
 
 std::vector<std::byte> encode(const value::Value& value) {
@@ -92,7 +104,7 @@ bool readApplication(const Statement& row, Store::Contents& contents) {
     facts.containerPath = row.optionalText(2);
     facts.identifier = row.optionalText(3);
     facts.name = row.optionalText(4);
-    if (!read(row.bytes(5), facts.info)) return false;
+    if (!read(row.bytes(5), facts.info) || !readIdentity(row.bytes(6), facts.identity)) return false;
     contents.lastRow = std::max(contents.lastRow, facts.row);
     contents.applications.emplace_back(row.text(1), std::move(facts));
     return true;
@@ -101,7 +113,7 @@ bool readApplication(const Statement& row, Store::Contents& contents) {
 bool readBundle(const Statement& row, Store::Contents& contents) {
     BundleFacts facts;
     facts.row = row.number(0);
-    if (!read(row.bytes(2), facts.stamps)) return false;
+    if (!read(row.bytes(2), facts.stamps) || !readIdentity(row.bytes(11), facts.identity)) return false;
     facts.digest = static_cast<std::uint64_t>(row.number(3));
     facts.identifier = row.text(4);
     facts.version = row.text(5);
@@ -152,6 +164,15 @@ std::optional<value::Error> forEachRow(Database& database, const char* sql, Visi
     }
 }
 
+// All of it or nothing.
+std::optional<value::Error> upgrade(Database& database, std::int64_t version) {
+    std::string steps = "BEGIN IMMEDIATE;";
+    for (std::int64_t from = version; from < kVersion; ++from) steps += kUpgrades[from - 1];
+    auto error = database.execute((steps + text::format("PRAGMA user_version = {}; COMMIT;", kVersion)).c_str());
+    if (error) static_cast<void>(database.execute("ROLLBACK"));
+    return error;
+}
+
 }  // namespace
 
 struct Store::Statements {
@@ -163,9 +184,9 @@ struct Store::Statements {
 
 value::Result<std::unique_ptr<Store::Statements>> Store::Statements::prepare(Database& database) {
     constexpr const char* kSql[] = {
-        "INSERT OR REPLACE INTO application VALUES (?,?,?,?,?,?)",
+        "INSERT OR REPLACE INTO application VALUES (?,?,?,?,?,?,?)",
         "DELETE FROM application WHERE row = ?",
-        "INSERT OR REPLACE INTO bundle VALUES (?,?,?,?,?,?,?,?,?,?,?)",
+        "INSERT OR REPLACE INTO bundle VALUES (?,?,?,?,?,?,?,?,?,?,?,?)",
         "DELETE FROM bundle WHERE row = ?",
         "INSERT INTO plugin VALUES (?,?,?,?,?,?,?)",
         "DELETE FROM plugin WHERE row BETWEEN ? AND ?",
@@ -213,6 +234,8 @@ value::Result<Store::Opened> Store::openOnce(const std::string& path) {
     if (isNew) {
         const std::string setup = text::format("BEGIN; {} PRAGMA user_version = {}; COMMIT;", kSchema, kVersion);
         if (auto error = database->execute(setup.c_str())) return *error;
+    } else if (*version >= 1 && *version < kVersion) {
+        if (auto error = upgrade(*database, *version)) return *error;
     } else if (*version != kVersion) {
         return value::Error{"dravo.store", static_cast<std::int64_t>(StoreTrouble::otherKind),
                             text::format("registry store {} is of version {}, not {}", path, *version, kVersion)};
@@ -231,13 +254,14 @@ value::Result<Store::Opened> Store::openOnce(const std::string& path) {
 
 value::Result<Store::Contents> Store::load(Database& database) {
     Contents contents;
-    if (auto error = forEachRow(database, "SELECT row, path, container, identifier, name, info FROM application",
-                                [&](const Statement& row) { return readApplication(row, contents); })) {
+    if (auto error =
+            forEachRow(database, "SELECT row, path, container, identifier, name, info, identity FROM application",
+                       [&](const Statement& row) { return readApplication(row, contents); })) {
         return *error;
     }
     if (auto error = forEachRow(database,
                                 "SELECT row, path, stamps, digest, identifier, version, displayName, shortName, "
-                                "entitlements, refusal, remark FROM bundle ORDER BY row",
+                                "entitlements, refusal, remark, identity FROM bundle ORDER BY row",
                                 [&](const Statement& row) { return readBundle(row, contents); })) {
         return *error;
     }
@@ -318,6 +342,7 @@ std::optional<value::Error> Store::writeApplication(const ApplicationRecord& app
     put.bind(3, facts.identifier);
     put.bind(4, facts.name);
     put.bind(5, bytesOf(facts.info));
+    put.bind(6, bytesOf(facts.identity));
     return put.run();
 }
 
@@ -337,6 +362,7 @@ std::optional<value::Error> Store::writeBundle(const BundleRecord& bundle) {
     put.bind(8, entitlements);
     put.bind(9, std::string_view{facts.refusal});
     put.bind(10, std::string_view{facts.remark});
+    put.bind(11, bytesOf(facts.identity));
     if (auto error = put.run()) return error;
     Statement& putPlugIn = statements_->putPlugIn;
     std::int64_t row = facts.row * kPlugInsPerBundle;

@@ -29,7 +29,8 @@ public:
         Contents contents;
     };
 
-    // A damaged store, or one of another version, is kept beside the new one under another name that the log gives.
+    // A store of an earlier version is upgraded in place, in one transaction. A damaged one, or one of a later version,
+    // is kept beside the new one under another name that the log gives.
     static value::Result<Opened> open(const std::string& path);
 
     // For a store in which damage shows later: keeps it likewise and makes an empty one. Nobody else has it open.

@@ -70,4 +70,12 @@ value::Result<UniqueFd> openBeneath(int directory, const std::string& relativePa
     return opened;
 }
 
+value::Result<UniqueFd> openWithoutLinks(const std::string& path, int flags) {
+    if (!path.starts_with('/')) return value::posixError(EINVAL, path);
+    const bool isTop = path == "/";
+    UniqueFd top{::open("/", isTop ? flags : O_PATH | O_DIRECTORY | O_CLOEXEC)};
+    if (!top) return value::posixError(errno, "/");
+    return isTop ? value::Result<UniqueFd>{std::move(top)} : openBeneath(top.get(), path.substr(1), flags);
+}
+
 }  // namespace file

@@ -5,6 +5,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <functional>
 #include <optional>
 #include <span>
 #include <string>
@@ -65,22 +66,41 @@ value::Result<Contents> readRegularBeneath(int directory, const std::string& rel
 // A descriptor of such a file, open for reading.
 value::Result<UniqueFd> openRegularBeneath(int directory, const std::string& relativePath);
 
+// The file that a path stands for: links in the place of its last component are followed, also where the last of them
+// leads to what is not there yet. Errors are ELOOP for a circle, EISDIR for a path that names no file.
+value::Result<std::string> finalPath(const std::string& path);
+
 // The project's one atomic write: a temporary file in the same directory (exclusive, 0600), write, fsync, close
 // checked, rename over, fsync of the directory. After a failure the temporary is gone and the old file untouched; only
 // when the fsync of the directory is what failed is the new file in place already, though it might not outlive a power
 // cut. A failed fsync is never repeated on the same file. Readers see the old or the new content, never a mixture,
-// whenever the process ends; a process killed in mid-write leaves a name that begins with ".tmp-".
+// whenever the process ends; a process killed in mid-write leaves a name that begins with ".tmp-" and the file's own.
 //
 // A path that is a symbolic link stands for the file it leads to, as it does for the reader: that file is replaced, in
-// its own directory, and the link stays.
+// its own directory, and the link stays. What is there and is no regular file (EISDIR, EINVAL) is never replaced.
 [[nodiscard]] std::optional<value::Error> writeAtomically(const std::string& path, std::string_view bytes);
 
+// The same for content that lies about in pieces: the second argument hands each of them, in order, to what it is
+// given. Pieces are copied or written before that returns, and never held all at once.
+using Take = std::function<void(std::string_view piece)>;
+[[nodiscard]] std::optional<value::Error> writeAtomically(const std::string& path,
+                                                          const std::function<void(const Take& take)>& content);
+
+// Removes what processes killed in a write of this file have left beside it. Only for who knows that nobody is writing
+// it now, since a temporary in use looks the same.
+void removeLeftovers(const std::string& path);
+
 // All symbolic links, "." and ".." removed, in one system call that may block for as long as a file system on the way
-// likes. Nothing when the path does not exist, holds a NUL byte, is longer than the kernel takes or than 1023 bytes once
-// resolved, or leads through one of /proc's links into another process; errno then tells why.
+// likes. Nothing when the path does not exist, holds a NUL byte, is longer than the kernel takes or than 1023 bytes
+// once resolved, or leads through one of /proc's links into another process; errno then tells why.
 std::optional<std::string> canonicalPath(const std::string& path);
 
-// The same where the kernel has all of it at hand, so that nothing blocks; else nothing, and errno is EAGAIN.
+// The same of a path in the directory (both canonical but for the path's own links), as long as nothing on the way lies on
+// another mount than the directory does: what others have mounted is not asked. EXDEV when it does.
+std::optional<std::string> canonicalPathWithin(const std::string& directory, const std::string& path);
+
+// The same where the kernel has all of it at hand and no link is on the way, so that it neither blocks nor takes time;
+// else nothing, and errno mostly is EAGAIN.
 std::optional<std::string> canonicalPathAtHand(const std::string& path);
 
 // Makes the directory and those above it, each new one with the mode (less the umask); an existing directory is fine.

@@ -30,7 +30,13 @@ std::string holder(int descriptor) {
 }  // namespace
 
 value::Result<LockFile> LockFile::take(const std::string& path) {
-    file::UniqueFd descriptor{::open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK, 0600)};
+    constexpr int kFlags = O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK;
+    file::UniqueFd descriptor{::open(path.c_str(), O_RDWR | O_CREAT | kFlags, 0600)};
+    if (!descriptor && (errno == EROFS || errno == EACCES)) {
+        const int reason = errno;
+        descriptor = file::UniqueFd{::open(path.c_str(), O_RDONLY | kFlags)};
+        if (!descriptor) errno = reason;
+    }
     if (!descriptor) return value::posixError(errno, "cannot open the lock " + path);
     struct stat status {};
     if (::fstat(descriptor.get(), &status) != 0) return value::posixError(errno, "cannot examine the lock " + path);
@@ -47,6 +53,13 @@ value::Result<LockFile> LockFile::take(const std::string& path) {
         [[maybe_unused]] const ssize_t written = ::pwrite(descriptor.get(), pid.data(), pid.size(), 0);
     }
     return LockFile{std::move(descriptor)};
+}
+
+bool LockFile::isAt(const std::string& path) const {
+    struct stat held {};
+    struct stat there {};
+    return ::fstat(descriptor_.get(), &held) == 0 && ::lstat(path.c_str(), &there) == 0 &&
+           held.st_dev == there.st_dev && held.st_ino == there.st_ino;
 }
 
 // By trying again: the kernel's own wait cannot be given an end without a signal.

@@ -14,12 +14,16 @@ namespace lock {
 class LockFile {
 public:
     // Takes the lock, or says at once why not. The file is made when missing (0600) and tells other takers the pid of
-    // the holder. Errors are of the domain "posix"; a lock that somebody holds is EWOULDBLOCK, and the message names
-    // the holder.
+    // the holder; where nothing can be written one that is there is locked all the same. Errors are of the domain
+    // "posix"; a lock that somebody holds is EWOULDBLOCK, and the message names the holder.
     static value::Result<LockFile> take(const std::string& path);
 
     // The same, but waits so long for somebody to let go: for locks that are held for moments.
     static value::Result<LockFile> takeWithin(const std::string& path, std::chrono::milliseconds patience);
+
+    // Whether the path still leads to the file that is locked. When it does not, somebody else may have another lock of
+    // that name: it, or a directory above it, was removed or replaced.
+    bool isAt(const std::string& path) const;
 
 private:
     explicit LockFile(file::UniqueFd descriptor) : descriptor_{std::move(descriptor)} {}

@@ -4,8 +4,6 @@
 #include <cstddef>
 #include <cstdint>
 
-#include "platform/text/Format.h"
-
 namespace logging {
 namespace {
 
@@ -40,12 +38,20 @@ bool isPlain(char c) {
     return c >= 0x20 && c < 0x7f;
 }
 
+void appendHex(std::string& line, char letter, std::uint32_t code, unsigned digits) {
+    line += '\\';
+    line += letter;
+    while (digits-- > 0) line += "0123456789abcdef"[code >> 4 * digits & 0xfU];
+}
+
 void appendControl(std::string& line, std::uint32_t code) {
     switch (code) {
         case '\n': line += "\\n"; break;
         case '\r': line += "\\r"; break;
         case '\t': line += "\\t"; break;
-        default: line += code < 0x80 ? text::format("\\x{:02x}", code) : text::format("\\u{:04x}", code);
+        default:
+            if (code < 0x80) return appendHex(line, 'x', code, 2);
+            appendHex(line, 'u', code, 4);
     }
 }
 
@@ -59,7 +65,7 @@ void appendEscaped(std::string& line, std::string_view text) {
         if (text.empty()) return;
         const Character character = firstOf(text);
         if (character.length == 0) {
-            line += text::format("\\x{:02x}", static_cast<unsigned char>(text.front()));
+            appendHex(line, 'x', static_cast<unsigned char>(text.front()), 2);
             text.remove_prefix(1);
             continue;
         }

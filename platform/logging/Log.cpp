@@ -1,10 +1,12 @@
 #include "platform/logging/Log.h"
 
+#include <cstdint>
 #include <cstdlib>
 #include <memory>
 #include <mutex>
 #include <utility>
 
+#include "platform/effort/Effort.h"
 #include "platform/logging/Escape.h"
 #include "platform/logging/Outlet.h"
 #include "platform/text/Format.h"
@@ -12,8 +14,22 @@
 namespace logging {
 namespace {
 
-// What a reader of lines takes as one line; a longer one ends with the count of what was left out.
-constexpr std::size_t kLongestMessage = 32'768;
+// What is kept of a message, most of whose length comes from outside: enough to recognise what it is about, and so
+// little that nobody pays much for writing it. What is only written when somebody asked for all (dumps of whole
+// messages) may be longer.
+constexpr std::size_t kLongest = std::size_t{4} << 10;
+constexpr std::size_t kLongestDump = std::size_t{64} << 10;
+
+constexpr std::uint64_t kUnitsALine = 5 * effort::kUnitsAMicrosecond;  // the reader's share aside
+
+std::string_view cut(Level level, std::string_view message) {
+    const std::size_t longest = level >= Level::info ? kLongestDump : kLongest;
+    if (message.size() <= longest) return message;
+    std::size_t end = longest;
+    while (end + 4 > longest && (static_cast<unsigned char>(message[end]) & 0xc0U) == 0x80U)
+        --end;  // no character torn
+    return message.substr(0, end);
+}
 
 struct Log {
     std::mutex mutex;
@@ -27,12 +43,13 @@ Log& theLog() {
     return log;
 }
 
-std::string lineOf(std::string_view message) {
+std::string lineOf(Level level, std::string_view message) {
+    const std::string_view kept = cut(level, message);
     std::string line;
-    appendEscaped(line, message.substr(0, kLongestMessage));
-    if (message.size() > kLongestMessage) {
-        line += text::format("... ({} more bytes)", message.size() - kLongestMessage);
-    }
+    line.reserve(kept.size());
+    appendEscaped(line, kept);
+    if (kept.size() < message.size()) line += text::format("... (cut, {} bytes in all)", message.size());
+    static_cast<void>(effort::take(kUnitsALine + line.size()));
     return line;
 }
 
@@ -45,7 +62,7 @@ void writeOut(Log& log, Level level, std::string_view line) {
 
 void write(Level level, std::string_view message) {
     Log& log = theLog();
-    const std::string line = lineOf(message);
+    const std::string line = lineOf(level, message);
     std::shared_ptr<const Sink> sink;
     {
         const std::lock_guard lock{log.mutex};
@@ -65,7 +82,7 @@ void setSink(Sink sink) {
 }
 
 void internalInconsistency(std::string_view condition, std::string_view unit) {
-    writeOut(theLog(), Level::error, lineOf(text::format("{} ({})", condition, unit)));
+    writeOut(theLog(), Level::error, lineOf(Level::error, text::format("{} ({})", condition, unit)));
     std::abort();
 }
 

@@ -7,7 +7,8 @@
 // The system log. One call is one line: control characters that came from outside are escaped, so that no text can
 // forge a second line. Lines go to standard error, with the journal's level prefix when standard error is the journal's
 // (JOURNAL_STREAM), or to syslog when it is closed or the null device. A reader that stalls never stalls the caller:
-// lines are dropped and counted, and the count goes before the next line that finds room.
+// lines are dropped and counted, and the count goes before the next line that finds room. A message is cut after 4 KiB,
+// one of the levels info and debug (which hold dumps) after 64 KiB, and then ends with its full size.
 //
 // Threading: every function may be called from any thread.
 namespace logging {

@@ -75,6 +75,17 @@ file::UniqueFd connectTo(const std::string& path) {
     return socket;
 }
 
+std::string_view nameOf(Level level) {
+    switch (level) {
+        case Level::error: return "error";
+        case Level::warning: return "warning";
+        case Level::notice: return "notice";
+        case Level::info: return "info";
+        case Level::debug: return "debug";
+    }
+    return "notice";
+}
+
 }  // namespace
 
 void Outlet::look() {
@@ -152,6 +163,15 @@ bool Outlet::putToSystemLog(Level level, std::string_view line) {
 }
 
 std::string Outlet::prefixed(Level level, std::string_view line) const {
+    if (kind_ == Kind::file) {  // nobody else says when it was, nor how much it matters
+        timespec now{};
+        ::clock_gettime(CLOCK_REALTIME, &now);
+        std::tm utc{};
+        ::gmtime_r(&now.tv_sec, &utc);
+        std::array<char, 32> time{};
+        std::strftime(time.data(), time.size(), "%Y-%m-%dT%H:%M:%S", &utc);
+        return text::format("{}.{:03}Z {}: {}\n", time.data(), now.tv_nsec / 1'000'000, nameOf(level), line);
+    }
     return isJournal_ ? text::format("<{}>{}\n", static_cast<int>(level), line) : text::format("{}\n", line);
 }
 

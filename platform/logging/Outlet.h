@@ -19,7 +19,7 @@ namespace logging {
 // - a socket is sent to with a flag that says so for this one call;
 // - a pipe or terminal is opened again, which gives an open file of our own that may be non-blocking; where that is
 //   refused (it belongs to another user), only as much is written at once as a pipe that polls as writable takes whole;
-// - a regular file is written as it is.
+// - a regular file is written as it is, each line behind its time (universal) and level: nobody else says them there.
 //
 // Which it is, is looked at again whenever standard error turns out to be another file than before. But one that was
 // closed when the program started stays closed: whatever has its number now is no place for a log.

@@ -127,6 +127,12 @@ void AcceptedConnection::endForExcess() {
     later([](AcceptedConnection& self) { self.breakOff("it holds most where all together hold too much"); });
 }
 
+void AcceptedConnection::letGo() {
+    const std::lock_guard lock{outputLock_};
+    output_.clear();
+    if (socket_) ::shutdown(socket_.get(), SHUT_RDWR);  // what was cut must not go on with another frame
+}
+
 std::string AcceptedConnection::description() const {
     return text::format("<mox connection {} pid={}>", static_cast<const void*>(this), pid_);
 }
@@ -265,7 +271,7 @@ void AcceptedConnection::afterOutput(OutputQueue::State state) {
         ::shutdown(socket_.get(), SHUT_RDWR);  // a later reply must not pass for the rest of a frame cut here
         later(&AcceptedConnection::end);
     }
-    outputCharge_.change({.backlog = output_.burden()});
+    outputCharge_.change({.backlog = output_.burden(), .descriptors = output_.descriptors()});
     if (output_.empty()) {
         drainTimer_.reset();
         return;
@@ -291,7 +297,7 @@ void AcceptedConnection::checkDrained() {
 
 void AcceptedConnection::breakOff(std::string_view why) {
     if (stage_ == Stage::ended) return;
-    logging::notice(text::format("mox: connection of process {} ended: {}", pid_, why));
+    if (const auto keeper = keeper_.lock()) keeper->complain(pid_, "ended", why);
     end();
 }
 

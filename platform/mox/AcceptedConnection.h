@@ -42,6 +42,7 @@ public:
     virtual ~ConnectionKeeper() = default;
     virtual void authenticated(const std::shared_ptr<AcceptedConnection>& connection) = 0;
     virtual void ended(AcceptedConnection& connection) = 0;
+    virtual void complain(pid_t pid, std::string_view what, std::string_view why) = 0;  // in the log, within bounds
 };
 
 // The service's end of one socket: hello and echo first, then requests in and replies out.
@@ -73,6 +74,7 @@ public:
     void readAgain() override;
     void runDeferred() noexcept override;  // sends the replies that were held back
     void endForExcess() override;
+    void letGo() override;
 
 private:
     enum class Stage {

@@ -1,6 +1,9 @@
 #include "platform/mox/Charges.h"
 
 #include <algorithm>
+#include <tuple>
+
+#include "platform/mox/Descriptors.h"
 
 namespace mox {
 
@@ -15,6 +18,9 @@ std::size_t requestsOf(const Holdings& held) {
 std::size_t connectionsOf(const Holdings& held) {
     return held.connections;
 }
+std::size_t descriptorsOf(const Holdings& held) {
+    return held.descriptors;
+}
 
 bool exceeds(const Holdings& held, const Holdings& bound) {
     return held.backlog > bound.backlog || held.requests >= bound.requests;
@@ -28,6 +34,7 @@ Holdings& Holdings::operator+=(const Holdings& other) {
     kept += other.kept;
     requests += other.requests;
     connections += other.connections;
+    descriptors += other.descriptors;
     return *this;
 }
 
@@ -37,6 +44,7 @@ Holdings& Holdings::operator-=(const Holdings& other) {
     kept -= other.kept;
     requests -= other.requests;
     connections -= other.connections;
+    descriptors -= other.descriptors;
     return *this;
 }
 
@@ -53,6 +61,13 @@ void Charge::change(const Holdings& amount) {
     if (amount == amount_) return;
     account_->ledger_->change(*account_, amount_, amount);
     amount_ = amount;
+}
+
+bool Charge::reserve(const Holdings& more) {
+    if (!account_) return true;
+    if (!account_->ledger_->reserve(*account_, more)) return false;
+    amount_ += more;
+    return true;
 }
 
 Account::Account(std::shared_ptr<Ledger> ledger) : ledger_{std::move(ledger)} {}
@@ -91,24 +106,80 @@ struct Ledger::Notices {
             if (const auto holder = weak.lock()) holder->endForExcess();
         }
     }
+    void deliverAndWait() const {
+        deliver();
+        for (const auto& weak : excessive) {
+            if (const auto holder = weak.lock()) holder->letGo();
+        }
+    }
 };
 
-std::shared_ptr<Account> Ledger::open(ProcessKey key) {
+const std::shared_ptr<Ledger>& Ledger::shared() {
+    static const auto ledger = std::make_shared<Ledger>(Bounds{});
+    return ledger;
+}
+
+std::shared_ptr<Account> Ledger::open(Process& process, const Holdings& held) {
     auto account = std::make_shared<Account>(shared_from_this());
+    account->process_ = &process;
+    account->held_ = held;
+    account->serial_ = ++opened_;
+    process.accounts.push_back(account.get());
+    process.held += held;
+    total_ += held;
+    return account;
+}
+
+std::shared_ptr<Account> Ledger::open(ProcessKey key) {
+    std::shared_ptr<Account> account;
     Notices notices;
     {
         const std::lock_guard lock{mutex_};
         Process& process = processes_.try_emplace(key, Process{key, {}, {}}).first->second;
         if (process.held.connections >= bounds_.process.connections) return {};
-        account->process_ = &process;
-        account->held_ = {.connections = 1};
-        process.accounts.push_back(account.get());
-        process.held += account->held_;
-        total_ += account->held_;
+        account = open(process, {.connections = 1, .descriptors = kConnectionDescriptors});
         shedExcess(account.get(), notices);
     }
     notices.deliver();
     return account;
+}
+
+std::shared_ptr<Account> Ledger::openShared(ProcessKey key) {
+    const std::lock_guard lock{mutex_};
+    const auto found = processes_.find(key);
+    // Without a connection there is nobody to share.
+    return found == processes_.end() ? std::make_shared<Account>(shared_from_this()) : open(found->second, {});
+}
+
+bool Ledger::hasDescriptors(std::size_t count) {
+    const std::ptrdiff_t missing = static_cast<std::ptrdiff_t>(count) - freeDescriptors();
+    if (missing <= 0) return true;
+    Notices notices;
+    {
+        const std::lock_guard lock{mutex_};
+        while (closing_ < static_cast<std::size_t>(missing)) {
+            Account* const account = greatest(descriptorsOf, nullptr);
+            if (account == nullptr) break;
+            end(*account, notices);
+        }
+    }
+    notices.deliverAndWait();
+    return false;
+}
+
+bool Ledger::reserve(Account& account, const Holdings& more) {
+    Notices notices;
+    bool isIn = false;
+    {
+        const std::lock_guard lock{mutex_};
+        if (account.process_ == nullptr) return false;
+        if (account.process_->held.backlog + more.backlog > bounds_.process.backlog) return false;
+        for (Holdings* held : {&account.held_, &account.process_->held, &total_}) *held += more;
+        shedExcess(nullptr, notices);
+        isIn = account.process_ != nullptr;
+    }
+    notices.deliverAndWait();
+    return isIn;
 }
 
 // Every request comes by here twice, and nearly none has any consequences.
@@ -150,6 +221,7 @@ void Ledger::close(Account& account) {
     Notices notices;
     {
         const std::lock_guard lock{mutex_};
+        closing_ -= std::exchange(account.closing_, 0);
         if (account.process_ != nullptr) remove(account, notices);
     }
     notices.deliver();
@@ -166,7 +238,10 @@ void Ledger::remove(Account& account, Notices& notices) {
     process.held -= account.held_;
     if (account.paused_) --process.paused;
     std::erase(process.accounts, &account);
-    if (process.accounts.empty()) {
+    if (process.held.connections == 0) {
+        // What is left are accounts of what connections shared.
+        for (Account* const shared : process.accounts) shared->process_ = nullptr;
+        total_ -= process.held;
         processes_.erase(ProcessKey{process.key});
     } else {
         resume(process, notices);
@@ -192,26 +267,38 @@ void Ledger::shedExcess(const Account* newcomer, Notices& notices) {
 // Takes out as many of the greatest connections as brings the total down again.
 void Ledger::shed(Measure measure, std::size_t bound, const Account* newcomer, Notices& notices) {
     while (measure(total_) > bound) {
-        Account* account = measure == connectionsOf ? greatest(measure, newcomer, Among::strangers) : nullptr;
-        if (account == nullptr) account = greatest(measure, newcomer, Among::all);
+        Account* const account = greatest(measure, newcomer);
         if (account == nullptr) return;
-        notices.excessive.push_back(account->holder_);
-        remove(*account, notices);
+        end(*account, notices);
     }
 }
 
-// The greatest connection of the process that holds most; the oldest among equals.
-Account* Ledger::greatest(Measure measure, const Account* newcomer, Among among) {
+void Ledger::end(Account& account, Notices& notices) {
+    notices.excessive.push_back(account.holder_);
+    account.closing_ = account.held_.descriptors;
+    closing_ += account.closing_;
+    remove(account, notices);
+}
+
+// The greatest connection of the process that holds most; among equals one without a request, and then the oldest. Of
+// connections and descriptors, strangers' go first.
+Account* Ledger::greatest(Measure measure, const Account* newcomer) {
+    const bool strangersFirst = measure == connectionsOf || measure == descriptorsOf;
+    const auto rank = [&](const Process& process, const Account& account) {
+        const Holdings& held = account.held_;
+        return std::tuple{strangersFirst && !account.greeted_, measure(process.held), measure(held),
+                          held.requests == 0 && held.backlog == 0, ~account.serial_};
+    };
     Account* found = nullptr;
-    const auto isGreater = [measure](const Holdings& a, const Holdings& b) { return measure(a) > measure(b); };
+    decltype(rank(std::declval<Process&>(), std::declval<Account&>())) highest;
     for (const auto& [key, process] : processes_) {
-        if (found != nullptr && !isGreater(process.held, found->process_->held)) continue;
-        Account* candidate = nullptr;
         for (Account* const account : process.accounts) {
-            if (account == newcomer || (among == Among::strangers && account->greeted_)) continue;
-            if (candidate == nullptr || isGreater(account->held_, candidate->held_)) candidate = account;
+            if (account == newcomer || account->held_.connections == 0) continue;
+            const auto its = rank(process, *account);
+            if (found != nullptr && its <= highest) continue;
+            found = account;
+            highest = its;
         }
-        if (candidate != nullptr) found = candidate;
     }
     return found;
 }

@@ -20,7 +20,11 @@
 // of frames that came in part wait for the peer, and what the service keeps for it (`kept`) stays until it takes it
 // back: neither pauses anything, since that would keep the peer from ending it, but both count in the total. Where the
 // total is reached the process that holds most loses its greatest connection; who came last is not to blame. Of too
-// many connections, those go first that have not answered the hello.
+// many connections, those go first that have not answered the hello, then of the process that has most the one that has
+// been there longest without a request.
+//
+// Descriptors are the whole process's, and files need them, too: what peers may have of them is what is really free
+// when somebody asks, less a reserve that is never theirs.
 namespace mox {
 
 struct Holdings {
@@ -29,6 +33,7 @@ struct Holdings {
     std::size_t kept = 0;
     std::size_t requests = 0;
     std::size_t connections = 0;
+    std::size_t descriptors = 0;  // of connections, and of files that wait in replies
 
     Holdings& operator+=(const Holdings& other);
     Holdings& operator-=(const Holdings& other);
@@ -37,7 +42,7 @@ struct Holdings {
 
 struct Bounds {
     Holdings connection{.backlog = std::size_t{4} << 20, .requests = 128};
-    Holdings process{.backlog = std::size_t{32} << 20, .requests = 1024, .connections = 2048};
+    Holdings process{.backlog = std::size_t{64} << 20, .requests = 1024, .connections = 2048};
     Holdings total{
         .backlog = std::size_t{256} << 20, .requests = 16384, .connections = 8192};  // backlog, partial, kept
 
@@ -45,13 +50,14 @@ struct Bounds {
     std::chrono::milliseconds handshakeDeadline{10'000};  // from accept to echo
 };
 
-// Who is charged, and told what comes of it. Both are called without locks, from any thread, and only pass it on to the
-// holder's own queue.
+// Who is charged, and told what comes of it. All are called without the ledger's lock, from any thread. The first two
+// only pass it on to the holder's own queue.
 class Holder {
 public:
     virtual ~Holder() = default;
     virtual void readAgain() = 0;     // it was not to read, and now it may
     virtual void endForExcess() = 0;  // it holds most where all together hold too much
+    virtual void letGo() = 0;  // it is ended so, and somebody waits for what it holds: gives up what it can at once
 };
 
 // Pid and start time: a reused pid is another process.
@@ -65,13 +71,23 @@ struct ProcessKey {
 
 class Account;
 
-// The accounts of one service. Any thread.
+// The accounts of a process's services. Any thread.
 class Ledger : public std::enable_shared_from_this<Ledger> {
 public:
     explicit Ledger(const Bounds& bounds) : bounds_{bounds} {}
 
+    // The one that all services of this process share, unless they have bounds of their own.
+    static const std::shared_ptr<Ledger>& shared();
+
     // An account for a new connection, charged with it; null when its process has as many as it may.
     std::shared_ptr<Account> open(ProcessKey process);
+
+    // An account for what the connections of a process share. It has no holder, and goes with the last of them.
+    std::shared_ptr<Account> openShared(ProcessKey process);
+
+    // Whether there are so many descriptors for peers now. If not, those who hold most are ended, so that there will be
+    // as soon as they have gone: ask again then. Not with a lock held that a holder may want.
+    bool hasDescriptors(std::size_t count);
 
     const Bounds& bounds() const { return bounds_; }
 
@@ -88,29 +104,33 @@ private:
     struct Notices;  // what holders are told once the lock is given back
     using Measure = std::size_t (*)(const Holdings&);
 
+    std::shared_ptr<Account> open(Process& process, const Holdings& held);
     bool change(Account& account, const Holdings& less, const Holdings& more);  // whether the account is past a bound
+    bool reserve(Account& account, const Holdings& more);
     bool mayRead(Account& account);
     void close(Account& account);
 
     bool isOver(const Account& account) const;
     bool isExcessive() const;
+    void end(Account& account, Notices& notices);
     void remove(Account& account, Notices& notices);
     void resume(Process& process, Notices& notices) const;
     void shed(Measure measure, std::size_t bound, const Account* newcomer, Notices& notices);
     void shedExcess(const Account* newcomer, Notices& notices);
-    enum class Among { all, strangers };
-    Account* greatest(Measure measure, const Account* newcomer, Among among);
+    Account* greatest(Measure measure, const Account* newcomer);
 
     const Bounds bounds_;
-    std::mutex mutex_;
+    std::mutex mutex_;  // guards what follows
     Holdings total_;
+    std::size_t closing_ = 0;   // descriptors of those who were told to end and have not yet
+    std::uint64_t opened_ = 0;  // accounts so far
     std::map<ProcessKey, Process> processes_;
 };
 
 // What one connection holds. Lives as long as anything is charged to it.
 class Account {
 public:
-    explicit Account(std::shared_ptr<Ledger> ledger);
+    explicit Account(std::shared_ptr<Ledger> ledger);  // out of all counts: Ledger::open() takes it in
     ~Account();
     Account(const Account&) = delete;
     Account& operator=(const Account&) = delete;
@@ -125,6 +145,8 @@ public:
     // The connection has ended: what is still charged to it no longer counts.
     void close();
 
+    const std::shared_ptr<Ledger>& ledger() const { return ledger_; }
+
 private:
     friend class Ledger;
     friend class Charge;
@@ -135,6 +157,8 @@ private:
     Ledger::Process* process_ = nullptr;  // null once closed
     std::weak_ptr<Holder> holder_;
     Holdings held_;
+    std::uint64_t serial_ = 0;  // the order of coming
+    std::size_t closing_ = 0;   // descriptors, once told to end
     bool paused_ = false;
     bool greeted_ = false;
 };
@@ -150,6 +174,12 @@ public:
     ~Charge();
 
     void change(const Holdings& amount);  // to this much
+
+    // Adds so much before it exists: at no moment is more held than the process and all together may. Where that would
+    // be too much in all, those who hold most are ended first, and have given up what they held when this returns.
+    // False, and nothing is added, when it is too much for the process, or the account itself was ended. Not with a
+    // lock held that a holder may want.
+    [[nodiscard]] bool reserve(const Holdings& more);
 
     const std::shared_ptr<Account>& account() const { return account_; }
 

@@ -28,8 +28,8 @@ namespace {
 
 constexpr std::size_t kChunk = std::size_t{32} << 10;
 constexpr int kReadsInATurn = 64;
-constexpr std::chrono::milliseconds kRetryConnect{20};  // while the service's backlog is full
-constexpr int kConnectTries = 500;
+constexpr std::chrono::milliseconds kRetryConnect{2};  // while the service's backlog is full
+constexpr int kConnectTries = 5000;
 
 Object errorObject(ErrorCode code, std::string message) {
     return Object{value::Value{value::Error{"mox", static_cast<std::int64_t>(code), std::move(message)}}};

@@ -109,8 +109,10 @@ public:
     [[nodiscard]] virtual std::optional<value::Error> resume() = 0;
 };
 
-// Creates the listener, not yet started, for the service name (checked in resume(): isServiceName()).
+// Creates the listener, not yet started, for the service name (checked in resume(): isServiceName()). All listeners of
+// a process share one set of bounds, but for those that are given their own.
+std::shared_ptr<Listener> listen(std::string serviceName, const std::shared_ptr<queue::SerialQueue>& queue);
 std::shared_ptr<Listener> listen(std::string serviceName, const std::shared_ptr<queue::SerialQueue>& queue,
-                                 const Bounds& bounds = {});
+                                 const Bounds& bounds);
 
 }  // namespace mox

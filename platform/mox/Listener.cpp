@@ -1,16 +1,17 @@
-#include <fcntl.h>
-#include <sys/resource.h>
+#include <poll.h>
 #include <sys/socket.h>
 
-#include <algorithm>
 #include <cerrno>
+#include <chrono>
 #include <mutex>
 #include <unordered_map>
 #include <utility>
 
 #include "platform/logging/Log.h"
 #include "platform/mox/AcceptedConnection.h"
+#include "platform/mox/Complaints.h"
 #include "platform/mox/Connection.h"
+#include "platform/mox/Descriptors.h"
 #include "platform/mox/ServiceSocket.h"
 #include "platform/queue/Reactor.h"
 #include "platform/text/Format.h"
@@ -19,42 +20,29 @@ namespace mox {
 
 namespace {
 
-constexpr int kAcceptsInATurn = 64;
-constexpr rlim_t kReservedDescriptors = 64;        // kept back for files
-constexpr std::size_t kConnectionDescriptors = 3;  // socket, process, directory of the bundle
-constexpr std::chrono::milliseconds kRetryAccept{250};
+constexpr int kAcceptsInATurn = 16;  // then others have theirs
+constexpr std::chrono::milliseconds kRetryAccept{2};
 
-rlim_t raiseDescriptorLimit() {
-    rlimit limit{};
-    if (::getrlimit(RLIMIT_NOFILE, &limit) != 0) return 0;
-    if (limit.rlim_cur < limit.rlim_max) {
-        const rlimit raised{limit.rlim_max, limit.rlim_max};
-        if (::setrlimit(RLIMIT_NOFILE, &raised) == 0) limit = raised;
-    }
-    return limit.rlim_cur;
+short readinessOf(int socket) {
+    pollfd state{socket, POLLIN, 0};
+    return ::poll(&state, 1, 0) == 1 ? state.revents : short{0};
 }
-
-// So many connections that their descriptors leave the reserve alone, and no more than the bound.
-Bounds within(Bounds bounds, rlim_t descriptors) {
-    const std::size_t room = (std::max<std::size_t>(descriptors, 2 * kReservedDescriptors) - kReservedDescriptors);
-    bounds.total.connections = std::min(bounds.total.connections, room / kConnectionDescriptors);
-    return bounds;
+bool isReadable(int socket) {
+    return (readinessOf(socket) & POLLIN) != 0;
 }
-
-// Whether the next descriptor would be one of those kept back.
-bool descriptorsRunOut(int anyDescriptor) {
-    rlimit limit{};
-    ::getrlimit(RLIMIT_NOFILE, &limit);
-    const file::UniqueFd next{::fcntl(anyDescriptor, F_DUPFD_CLOEXEC, 0)};
-    return !next || static_cast<rlim_t>(next.get()) + kReservedDescriptors >= limit.rlim_cur;
+bool hasHungUp(int socket) {
+    return (readinessOf(socket) & POLLHUP) != 0;
 }
 
 class ServiceListener final : public Listener,
                               public ConnectionKeeper,
                               public std::enable_shared_from_this<ServiceListener> {
 public:
-    ServiceListener(std::string name, std::shared_ptr<queue::SerialQueue> queue, const Bounds& bounds)
-        : name_{std::move(name)}, queue_{std::move(queue)}, bounds_{bounds} {}
+    ServiceListener(std::string name, std::shared_ptr<queue::SerialQueue> queue, std::shared_ptr<Ledger> ledger)
+        : name_{std::move(name)},
+          queue_{std::move(queue)},
+          ledger_{std::move(ledger)},
+          complaints_{std::make_shared<Complaints>(name_, queue_)} {}
 
     ~ServiceListener() override {
         for (const auto& [key, connection] : connections_) connection->cancel();
@@ -68,7 +56,7 @@ public:
         const int on = 1;
         // Inherited by what is accepted on newer kernels; on others set there.
         ::setsockopt((*socket)->get(), SOL_SOCKET, SO_PASSCRED, &on, sizeof on);
-        ledger_ = std::make_shared<Ledger>(within(bounds_, raiseDescriptorLimit()));
+        raiseDescriptorLimit();
         socket_ = *std::move(socket);
         // In the queue's turn: a peer may be waiting already, and accept() uses the watch.
         const int error = queue_->sync([this] {
@@ -101,10 +89,16 @@ public:
         });
     }
 
+    void complain(pid_t pid, std::string_view what, std::string_view why) override { complaints_->say(pid, what, why); }
+
 private:
     void accept() {
+        if (isPaused()) return;
+        // Asked once for all where there is plenty.
+        const bool isPlenty = freeDescriptors() >= std::ptrdiff_t{kAcceptsInATurn * kConnectionDescriptors};
         for (int count = 0; count < kAcceptsInATurn; ++count) {
-            if (isPaused()) return;
+            if (!isPlenty && !isReadable(socket_->get())) return;  // nobody makes room for nobody
+            if (!isPlenty && !ledger_->hasDescriptors(kConnectionDescriptors)) return pause();
             file::UniqueFd socket{::accept4(socket_->get(), nullptr, nullptr, SOCK_NONBLOCK | SOCK_CLOEXEC)};
             if (socket) {
                 admit(std::move(socket));
@@ -117,24 +111,23 @@ private:
     }
 
     void admit(file::UniqueFd socket) {
+        // The cheap way out: who connects and closes without pause must not keep others waiting.
+        if (hasHungUp(socket.get())) return;
         const int on = 1;
         ::setsockopt(socket.get(), SOL_SOCKET, SO_PASSCRED, &on, sizeof on);
-        const bool lastForNow = descriptorsRunOut(socket.get());
         auto peer = readPeer(socket.get());
         if (!peer) {
-            if (peer.error().code != ESRCH)
-                logging::notice(text::format("mox: connection refused: {}", peer.error().localizedDescription()));
+            if (peer.error().code != ESRCH) complain(0, "a connection is refused", peer.error().localizedDescription());
         } else if (auto account = ledger_->open({peer->pid, peer->startTime})) {
             start(std::move(socket), *std::move(peer), std::move(account));
         } else {
-            logging::notice(text::format("mox: connection refused: process {} has too many", peer->pid));
+            complain(peer->pid, "refused", "its process has too many");
         }
-        if (lastForNow) pause();
     }
 
     void start(file::UniqueFd socket, PeerIdentity peer, std::shared_ptr<Account> account) {
         auto connection = std::make_shared<AcceptedConnection>(std::move(socket), std::move(peer), std::move(account),
-                                                               bounds_, weak_from_this());
+                                                               ledger_->bounds(), weak_from_this());
         {
             const std::lock_guard lock{mutex_};
             connections_.emplace(connection.get(), connection);
@@ -147,45 +140,46 @@ private:
         return retryTimer_ != nullptr;
     }
 
+    // Until those have gone that were told to, or files have been closed.
     void pause() {
+        complain(0, "accepts no connections for a moment", "descriptors run out");
         const std::lock_guard lock{mutex_};
-        if (std::exchange(saidPaused_, true) == false)
-            logging::warning(text::format("mox: service {} accepts no connections: descriptors run out", name_));
         retryTimer_ = queue::after(kRetryAccept, queue_, [weak = weak_from_this()] {
             if (const auto self = weak.lock()) self->acceptAgain();
         });
     }
 
     void acceptAgain() {
-        if (!isPaused()) return;
-        if (descriptorsRunOut(socket_->get())) return pause();
         {
             const std::lock_guard lock{mutex_};
+            if (!retryTimer_) return;
             retryTimer_.reset();
-            saidPaused_ = false;
         }
         accept();
     }
 
     const std::string name_;
     const std::shared_ptr<queue::SerialQueue> queue_;
-    const Bounds bounds_;
+    const std::shared_ptr<Ledger> ledger_;
+    const std::shared_ptr<Complaints> complaints_;
     ConnectionHandler handler_;
-    std::shared_ptr<Ledger> ledger_;
     std::unique_ptr<ServiceSocket> socket_;
     std::unique_ptr<queue::Watch> watch_;
 
     std::mutex mutex_;  // guards what follows
     std::unordered_map<const AcceptedConnection*, std::shared_ptr<AcceptedConnection>> connections_;
     std::unique_ptr<queue::Timer> retryTimer_;  // while accepting is paused
-    bool saidPaused_ = false;
 };
 
 }  // namespace
 
+std::shared_ptr<Listener> listen(std::string serviceName, const std::shared_ptr<queue::SerialQueue>& queue) {
+    return std::make_shared<ServiceListener>(std::move(serviceName), queue, Ledger::shared());
+}
+
 std::shared_ptr<Listener> listen(std::string serviceName, const std::shared_ptr<queue::SerialQueue>& queue,
                                  const Bounds& bounds) {
-    return std::make_shared<ServiceListener>(std::move(serviceName), queue, bounds);
+    return std::make_shared<ServiceListener>(std::move(serviceName), queue, std::make_shared<Ledger>(bounds));
 }
 
 }  // namespace mox

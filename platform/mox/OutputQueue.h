@@ -68,6 +68,7 @@ public:
     // as kDescriptorWeight of them, so that the bound on bytes bounds descriptors too.
     std::size_t burden() const { return bytes_ + descriptors_ * kDescriptorWeight; }
     static constexpr std::size_t kDescriptorWeight = std::size_t{64} << 10;
+    std::size_t descriptors() const { return descriptors_; }
 
     // Positions in the stream of all bytes ever queued, by which one tells whether what waited at some time has gone.
     std::uint64_t endPosition() const { return endPosition_; }

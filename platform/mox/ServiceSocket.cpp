@@ -19,8 +19,10 @@ namespace mox {
 
 namespace {
 
-constexpr std::size_t kLongestName = 80;  // with "/proc/self/fd/N/" before it, what an address has room for
-constexpr int kFirstPassed = 3;           // the protocol's first descriptor
+constexpr int kFirstPassed = 3;  // the protocol's first descriptor
+
+// Who comes next waits for all who came before, each of whom costs a few microseconds, or some fifty when it stays.
+constexpr int kBacklog = 512;
 
 template <typename Number>
 Number environmentNumber(const char* name) {
@@ -60,6 +62,7 @@ file::UniqueFd passedSocket(const std::string& name) {
         if (!isListening(fd) || (fdName != name && boundName(fd, address) != name)) continue;
         ::fcntl(fd, F_SETFD, FD_CLOEXEC);
         ::fcntl(fd, F_SETFL, ::fcntl(fd, F_GETFL) | O_NONBLOCK);
+        ::listen(fd, kBacklog);
         return file::UniqueFd{fd};
     }
     return {};
@@ -68,7 +71,7 @@ file::UniqueFd passedSocket(const std::string& name) {
 }  // namespace
 
 bool isServiceName(std::string_view name) {
-    return !name.empty() && name.size() <= kLongestName && name.front() != '.' &&
+    return !name.empty() && name.size() <= kLongestServiceName && name.front() != '.' &&
            std::none_of(name.begin(), name.end(), [](unsigned char c) { return c == '/' || c < 0x20 || c == 0x7f; });
 }
 
@@ -115,13 +118,19 @@ value::Result<std::unique_ptr<ServiceSocket>> ServiceSocket::open(const std::str
 
 std::optional<value::Error> ServiceSocket::bind() {
     const std::string what = text::format("socket of service {}", name_);
+    struct stat status {};
+    if (::fstatat(directory_.get(), name_.c_str(), &status, AT_SYMLINK_NOFOLLOW) == 0 && !S_ISSOCK(status.st_mode)) {
+        return value::Error{"mox", ENOTSOCK,
+                            text::format("{}: what lies at {}/{} is no socket; move it away, or use another name", what,
+                                         paths::directories().runtime, name_)};
+    }
     if (::unlinkat(directory_.get(), name_.c_str(), 0) != 0 && errno != ENOENT) return value::posixError(errno, what);
     file::UniqueFd socket{::socket(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0)};
     const sockaddr_un address = serviceAddress(directory_.get(), name_);
     // The mode that the socket has while it is bound is the file's.
     if (!socket || ::fchmod(socket.get(), 0600) != 0 ||
         ::bind(socket.get(), reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0 ||
-        ::listen(socket.get(), SOMAXCONN) != 0)
+        ::listen(socket.get(), kBacklog) != 0)
         return value::posixError(errno, what);
     socket_ = std::move(socket);
     return {};

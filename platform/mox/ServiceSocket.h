@@ -16,8 +16,10 @@
 // connected through the opened directory, so that its path may be as long as it likes.
 namespace mox {
 
-// Whether the text can name a service: a plain file name of at most 80 bytes, without leading dot or control
-// characters.
+// With "/proc/self/fd/N/" before it, what an address has room for.
+inline constexpr std::size_t kLongestServiceName = 80;
+
+// Whether the text can name a service: a plain file name of no more bytes, without leading dot or control characters.
 bool isServiceName(std::string_view name);
 
 // The runtime directory, made if missing. An error when it is not ours alone to write.

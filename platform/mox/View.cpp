@@ -1,6 +1,16 @@
 #include "platform/mox/View.h"
 
+#include "platform/effort/Effort.h"
+
 namespace mox {
+
+namespace {
+constexpr std::uint64_t kUnitsAValue = 10;  // mostly what it allocates
+
+std::uint64_t priceOf(View value) {
+    return kUnitsAValue + (value.isArray() || value.isDictionary() ? 0 : effort::ofBytes(value.size()));
+}
+}  // namespace
 
 std::optional<value::Date> View::date() const {
     if (const auto seconds = number<double>(Kind::date)) return value::Date{*seconds};
@@ -23,6 +33,7 @@ std::optional<View> View::find(std::string_view key) const {
 }
 
 value::Value View::toValue() const {
+    static_cast<void>(effort::take(priceOf(*this)));
     switch (kind()) {
         case Kind::boolean: return *boolean();
         case Kind::signedInteger: return *signedInteger();

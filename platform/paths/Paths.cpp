@@ -53,7 +53,8 @@ std::string runtimeDirectory() {
     return base.empty() ? text::format("/tmp/{}-{}", kName, ::getuid()) : join(base, kName);
 }
 
-// A relative root is taken from the working directory: to ignore it would be to work on the real directories instead.
+// A relative root, for who did not ask for misconfiguration(), is taken from the working directory: to ignore it would
+// be to work on the real directories instead.
 std::string privateRoot() {
     const char* root = ::getenv("HALVERN_ROOT");
     if (root == nullptr || root[0] == '\0') return {};
@@ -69,6 +70,12 @@ Directories& current() {
 }
 
 }  // namespace
+
+std::optional<std::string> misconfiguration() {
+    const char* root = ::getenv("HALVERN_ROOT");
+    if (root == nullptr || root[0] == '\0' || root[0] == '/') return {};
+    return text::format("HALVERN_ROOT is \"{}\": it must be an absolute path", root);
+}
 
 Directories readDirectories() {
     if (const std::string root = privateRoot(); !root.empty()) {

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <optional>
 #include <string>
 
 // The four places that hold everything. With HALVERN_ROOT set they all lie under that one directory (run/ state/
@@ -15,6 +16,10 @@ struct Directories {
     std::string systemVolume;  // Applications/, PlugIns/, SDKs/, Types.plist of the system
     bool privateRoot = false;  // HALVERN_ROOT is in force: "owned by root" relaxes to "owned by me"
 };
+
+// Why the environment names no usable directories, for programs to say before they use any; nothing when it does. A
+// HALVERN_ROOT that is not absolute is refused: it would mean another place wherever the program is started.
+std::optional<std::string> misconfiguration();
 
 // Read from the environment at the first call and kept. Any thread.
 const Directories& directories();

@@ -47,4 +47,9 @@ value::Result<value::Value> readFile(const std::string& path, const Limits& limi
 // outside the years 0 to 9999) is an error, and so is one nested deeper than the reader takes by default.
 value::Result<std::string> writeXml(const value::Value& root);
 
+// The lines that a value, or the key of an entry, has in such a text so many containers deep: for who keeps the parts
+// of a large list as they are written. Errors as above.
+value::Result<std::string> writeXmlLines(const value::Value& value, std::size_t depth);
+value::Result<std::string> writeXmlKey(std::string_view key, std::size_t depth);
+
 }  // namespace plist

@@ -1,6 +1,7 @@
 #include <string_view>
 #include <utility>
 
+#include "platform/effort/Effort.h"
 #include "platform/plist/Plist.h"
 #include "platform/plist/ScalarText.h"
 #include "platform/plist/TreeBuilder.h"
@@ -12,6 +13,8 @@ namespace {
 
 using value::Kind;
 using value::Value;
+
+constexpr std::size_t kBytesAUnit = 4;  // each is looked at by itself
 
 Fault unwritable(const char* what) {
     return {ErrorCode::unwritable, what};
@@ -37,6 +40,8 @@ public:
             default: return unwritable("a value of a kind that only messages have");
         }
     }
+
+    std::optional<Fault> key(std::size_t depth, std::string_view name) { return text(depth, "key", name); }
 
 private:
     std::optional<Fault> line(std::size_t depth, std::string_view tag) {
@@ -110,7 +115,7 @@ private:
         if (depth >= Limits{}.depth) return unwritable("containers too deep inside one another");
         line(depth, "<dict>");
         for (const auto& [key, value] : entries) {
-            if (auto fault = text(depth + 1, "key", key)) return fault;
+            if (auto fault = this->key(depth + 1, key)) return fault;
             if (auto fault = write(value, depth + 1)) return fault;
         }
         return line(depth, "</dict>");
@@ -119,12 +124,28 @@ private:
     std::string& out_;
 };
 
+constexpr char kOperation[] = "writing a property list";
+
 }  // namespace
 
 value::Result<std::string> writeXml(const value::Value& root) {
     std::string text = "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n<plist version=\"1.0\">\n";
-    if (const auto fault = Writer{text}.write(root, 0)) return errorOf(*fault, "writing a property list");
+    const auto fault = Writer{text}.write(root, 0);
+    static_cast<void>(effort::take(text.size() / kBytesAUnit));
+    if (fault) return errorOf(*fault, kOperation);
     return text.append("</plist>\n");
+}
+
+value::Result<std::string> writeXmlLines(const value::Value& value, std::size_t depth) {
+    std::string lines;
+    if (const auto fault = Writer{lines}.write(value, depth)) return errorOf(*fault, kOperation);
+    return lines;
+}
+
+value::Result<std::string> writeXmlKey(std::string_view key, std::size_t depth) {
+    std::string line;
+    if (const auto fault = Writer{line}.key(depth, key)) return errorOf(*fault, kOperation);
+    return line;
 }
 
 }  // namespace plist

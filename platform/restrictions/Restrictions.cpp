@@ -1,55 +1,38 @@
 #include "platform/restrictions/Restrictions.h"
 
-#include <mutex>
 #include <string>
 
 #include "platform/logging/Log.h"
 #include "platform/paths/Paths.h"
-#include "platform/plist/KeptFile.h"
+#include "platform/plist/KeptDictionary.h"
+#include "platform/text/Format.h"
 
 namespace restrictions {
 
 namespace {
 
-constexpr plist::Limits kLimits{.bytes = std::size_t{1} << 20};
 constexpr std::int64_t kNoRatedApplication = -1;
+constexpr char kComplaint[] = "no rated application is allowed";
 
-class Service {
-public:
-    std::optional<std::int64_t> maximumAppsRating() {
-        const std::lock_guard lock{mutex_};
-        const std::string& config = paths::directories().config;
-        if (!file_ || config != config_) {
-            config_ = config;
-            file_.emplace(config + '/' + kFile, kLimits);
-        }
-        const plist::KeptFile::Reading& reading = file_->read();
-        if (reading.fault) return refuse(reading, reading.fault->localizedDescription());
-        if (!reading.root) return {};
-        const value::Dictionary* content = reading.root->dictionary();
-        if (content == nullptr) return refuse(reading, file_->path() + ": not a dictionary");
-        const value::Value* maximum = content->find(kMaximumAppsRating);
-        if (maximum == nullptr) return {};
-        if (!maximum->isNumber()) return refuse(reading, file_->path() + ": " + kMaximumAppsRating + " is no number");
-        return maximum->integerValue();
-    }
-
-private:
-    static std::int64_t refuse(const plist::KeptFile::Reading& reading, const std::string& why) {
-        if (reading.news) logging::error("no rated application is allowed, " + why);
-        return kNoRatedApplication;
-    }
-
-    std::mutex mutex_;
-    std::string config_;
-    std::optional<plist::KeptFile> file_;
-};
+plist::KeptDictionary& file() {
+    // Never destroyed: queues may still ask while the process ends.
+    static auto& kept = *new plist::KeptDictionary{
+        [] { return paths::directories().config + '/' + kFile; }, kComplaint, {.bytes = std::size_t{1} << 20}};
+    return kept;
+}
 
 }  // namespace
 
 std::optional<std::int64_t> maximumAppsRating() {
-    static Service& service = *new Service;  // never destroyed: queues may still ask while the process ends
-    return service.maximumAppsRating();
+    const auto reading = file().read();
+    if (reading.fault) return kNoRatedApplication;
+    const value::Value* const maximum = reading.content ? reading.content->find(kMaximumAppsRating) : nullptr;
+    if (maximum == nullptr) return {};
+    if (maximum->isNumber()) return maximum->integerValue();
+    if (reading.news) {
+        logging::error(text::format("{}, {}: {} is no number", kComplaint, reading.path, kMaximumAppsRating));
+    }
+    return kNoRatedApplication;
 }
 
 }  // namespace restrictions

@@ -56,7 +56,7 @@ public:
     std::shared_ptr<mox::ClientConnection> connection() {
         const std::lock_guard lock{mutex_};
         if (!connection_) {
-            connection_ = mox::ClientConnection::create(daemonServiceName_ + kServiceSuffix, queue_);
+            connection_ = mox::ClientConnection::create(serviceNameFor(daemonServiceName_), queue_);
             connection_->setEventHandler([](const mox::Object&) {});  // each request is told by its own reply
             connection_->resume();
         }

@@ -2,26 +2,16 @@
 
 #include <fcntl.h>
 #include <sys/random.h>
-#include <sys/stat.h>
 
 #include <cerrno>
 #include <utility>
 
-#include "platform/file/Beneath.h"
 #include "platform/file/File.h"
+#include "platform/file/Identity.h"
 
 namespace sandbox {
 
 namespace {
-
-// The opened file when it is the very one that the extension is for.
-value::Result<file::UniqueFd> ifStill(const Extension& extension, value::Result<file::UniqueFd> opened) {
-    struct stat status {};
-    if (!opened) return opened;
-    if (fstat(opened->get(), &status) != 0) return value::posixError(errno, extension.path);
-    const bool same = status.st_dev == extension.device && status.st_ino == extension.inode;
-    return same ? std::move(opened) : value::posixError(ESTALE, extension.path);
-}
 
 std::int64_t randomHandle() {
     std::int64_t handle = 0;
@@ -54,13 +44,15 @@ value::Result<file::UniqueFd> Extensions::open(std::int64_t handle, const std::s
     const bool atRoot = path == extension.path;
     if (!atRoot && (!path.starts_with(extension.path) || path[rootSize] != '/')) return value::posixError(EACCES, path);
 
+    // First without opening it for reading: what is another file by now is not even touched.
+    const auto root = file::openSame(extension.path, extension.identity, O_PATH | O_CLOEXEC);
+    if (!root) return root.error();
+    if (!atRoot) return file::openRegularBeneath(root->get(), path.substr(rootSize + 1));
     const file::UniqueFd top{::open("/", O_PATH | O_DIRECTORY | O_CLOEXEC)};
     if (!top) return value::posixError(errno, "/");
-    const std::string fromTop = extension.path.substr(1);
-    if (atRoot) return ifStill(extension, file::openRegularBeneath(top.get(), fromTop));
-    const auto root = ifStill(extension, file::openBeneath(top.get(), fromTop, O_PATH | O_CLOEXEC));
-    if (!root) return root.error();
-    return file::openRegularBeneath(root->get(), path.substr(rootSize + 1));
+    auto opened = file::openRegularBeneath(top.get(), path.substr(1));
+    if (opened && file::identityOf(opened->get()) != extension.identity) return value::posixError(ESTALE, path);
+    return opened;
 }
 
 }  // namespace sandbox

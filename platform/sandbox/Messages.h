@@ -1,9 +1,13 @@
 #pragma once
 
+#include <string>
+
 // The keys and names of the sandbox service's messages; Sandbox.h tells what they mean.
 namespace sandbox {
 
-inline constexpr char kServiceSuffix[] = ".sandbox";
+inline std::string serviceNameFor(const std::string& daemonServiceName) {
+    return daemonServiceName + ".sandbox";
+}
 
 inline constexpr char kRequestKey[] = "request";
 inline constexpr char kTokenKey[] = "token";

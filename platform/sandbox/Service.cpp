@@ -5,10 +5,12 @@
 #include <variant>
 
 #include "platform/mox/Connection.h"
+#include "platform/mox/ServiceSocket.h"
 #include "platform/queue/SerialQueue.h"
 #include "platform/sandbox/Extensions.h"
 #include "platform/sandbox/Messages.h"
 #include "platform/sandbox/Sandbox.h"
+#include "platform/text/Format.h"
 
 namespace sandbox {
 
@@ -71,13 +73,22 @@ void serve(const std::shared_ptr<mox::Connection>& connection) {
 class MoxService : public Service {
 public:
     explicit MoxService(const std::string& daemonServiceName)
-        : listener_{mox::listen(daemonServiceName + kServiceSuffix, std::make_shared<queue::SerialQueue>("sandbox"))} {
+        : daemonServiceName_{daemonServiceName},
+          listener_{mox::listen(serviceNameFor(daemonServiceName), std::make_shared<queue::SerialQueue>("sandbox"))} {
         listener_->setConnectionHandler(serve);
     }
 
-    std::optional<value::Error> resume() override { return listener_->resume(); }
+    std::optional<value::Error> resume() override {
+        if (!mox::isServiceName(serviceNameFor(daemonServiceName_))) {  // said of the name that somebody has given
+            return value::Error{"sandbox", EINVAL,
+                                text::format("\"{}\" cannot name a service: a plain file name of at most {} bytes can",
+                                             daemonServiceName_, mox::kLongestServiceName - serviceNameFor({}).size())};
+        }
+        return listener_->resume();
+    }
 
 private:
+    const std::string daemonServiceName_;
     const std::shared_ptr<mox::Listener> listener_;
 };
 

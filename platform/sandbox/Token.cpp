@@ -132,17 +132,21 @@ std::optional<std::uint64_t> parseNumber(std::string_view digits) {
 std::optional<Extension> parse(std::string_view text) {
     if (takeUntil(text, ';') != kReadOnlyFileClass) return {};
     const auto device = parseNumber(takeUntil(text, ':'));
-    const auto inode = parseNumber(takeUntil(text, ';'));
+    const auto inode = parseNumber(takeUntil(text, ':'));
+    const auto birth = parseNumber(takeUntil(text, ':'));
+    const auto generation = parseNumber(takeUntil(text, ';'));
     auto path = decoded(text);
-    if (!device || !inode || !path) return {};
-    return Extension{std::move(*path), *device, *inode};
+    if (!device || !inode || !birth || !generation || !path) return {};
+    return Extension{std::move(*path), {*device, *inode, static_cast<std::int64_t>(*birth), *generation}};
 }
 
 }  // namespace
 
 std::string seal(const Extension& extension) {
+    const file::Identity& identity = extension.identity;
     std::string token =
-        text::format("{};{:x}:{:x};{}", kReadOnlyFileClass, extension.device, extension.inode, encoded(extension.path));
+        text::format("{};{:x}:{:x}:{:x}:{:x};{}", kReadOnlyFileClass, identity.device, identity.inode,
+                     static_cast<std::uint64_t>(identity.birth), identity.generation, encoded(extension.path));
     const Mac mac = macOf(token);
     token += ';';
     for (const std::uint8_t byte : mac) appendHex(token, byte);

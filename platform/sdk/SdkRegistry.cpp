@@ -6,9 +6,8 @@
 #include <unordered_map>
 #include <utility>
 
-#include "platform/logging/Log.h"
 #include "platform/paths/Paths.h"
-#include "platform/plist/KeptFile.h"
+#include "platform/plist/KeptDictionary.h"
 
 namespace sdk {
 
@@ -26,27 +25,21 @@ bool isPlainName(const std::string& name) {
 // memory.
 class Cache {
 public:
-    enum class Faults { said, silent };
-
-    std::optional<value::Dictionary> read(const std::string& path, Faults faults) {
+    value::Result<std::optional<value::Dictionary>> read(const std::string& path, const char* complaint) {
         const std::lock_guard lock{mutex_};
-        const auto kept = files_.try_emplace(path, path, kLimits).first;
-        const plist::KeptFile::Reading& reading = kept->second.read();
-        if (!reading.root && !reading.fault) {
-            files_.erase(kept);
-            return {};
-        }
-        if (reading.root && reading.root->dictionary() != nullptr) return *reading.root->dictionary();
-        if (reading.news && faults == Faults::said) {
-            logging::error("SDK not read, " +
-                           (reading.fault ? reading.fault->localizedDescription() : path + ": not a dictionary"));
-        }
-        return {};
+        const auto kept = files_
+                              .try_emplace(
+                                  path, [path] { return path; }, complaint, kLimits)
+                              .first;
+        auto reading = kept->second.read();
+        if (reading.fault) return *std::move(reading.fault);
+        if (!reading.content) files_.erase(kept);
+        return std::move(reading.content);
     }
 
 private:
     std::mutex mutex_;
-    std::unordered_map<std::string, plist::KeptFile> files_;
+    std::unordered_map<std::string, plist::KeptDictionary> files_;
 };
 
 Cache& cache() {
@@ -56,14 +49,21 @@ Cache& cache() {
 
 }  // namespace
 
-std::optional<value::Dictionary> entry(const std::string& extensionPoint) {
-    if (!isPlainName(extensionPoint)) return {};
-    return cache().read(paths::directories().systemVolume + "/SDKs/" + extensionPoint + ".plist", Cache::Faults::said);
+value::Result<std::optional<value::Dictionary>> entry(const std::string& extensionPoint) {
+    if (!isPlainName(extensionPoint)) return std::optional<value::Dictionary>{};
+    return cache().read(paths::directories().systemVolume + "/SDKs/" + extensionPoint + ".plist", "SDK not read");
+}
+
+std::optional<std::string> testDirectory() {
+    const char* const directory = std::getenv("VTTEST_SDK");
+    if (directory == nullptr || *directory == '\0') return {};
+    return directory;
 }
 
 std::optional<value::Dictionary> entryIn(const std::string& directory, const std::string& extensionPoint) {
     if (!isPlainName(extensionPoint)) return {};
-    return cache().read(directory + "/" + extensionPoint, Cache::Faults::silent);
+    auto read = cache().read(directory + "/" + extensionPoint, "");
+    return read ? *std::move(read) : std::nullopt;
 }
 
 }  // namespace sdk

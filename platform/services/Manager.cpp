@@ -14,7 +14,6 @@
 #include <utility>
 #include <vector>
 
-#include "platform/bundle/Bundle.h"
 #include "platform/file/File.h"
 #include "platform/logging/Log.h"
 #include "platform/mox/PeerIdentity.h"
@@ -26,6 +25,8 @@ namespace services {
 namespace {
 
 namespace fs = std::filesystem;
+
+constexpr std::chrono::minutes kPayAgain{1};
 
 // The number that is the whole of a name; 0 for every other name.
 pid_t pidNamed(std::string_view name) {
@@ -60,12 +61,11 @@ int errorNumber(const value::Error& error) {
 }
 
 // What the bundle around an executable says about it; nothing when it is not the executable that its bundle names.
-std::optional<Registration> describe(const std::string& executable) {
+std::optional<Registration> describe(const std::string& executable, const bundle::Bundle& bundle) {
     Registration registration;
     registration.executable = executable;
-    const auto bundle = bundle::Bundle::open(bundlePathOf(registration), bundle::PathKind::directory);
-    const auto info = bundle->infoDictionary();
-    if (!info || bundle->executablePath() != executable) return {};
+    const auto info = bundle.infoDictionary();
+    if (!info || bundle.executablePath() != executable) return {};
     registration.identifier = bundle::identifierOf(*info);
     registration.version = bundle::versionOf(*info);
     return registration;
@@ -87,11 +87,20 @@ std::shared_ptr<Manager> Manager::open(std::string directory) {
 
 Manager::Manager(std::string directory) : directory_{std::move(directory)} {}
 
-int Manager::add(pid_t host, const std::string& executable, const mox::Dictionary& overlay) {
-    auto registration = describe(executable);
+int Manager::add(pid_t host, const PlugIn& plugIn, const std::string& executable, const mox::Dictionary& overlay) {
+    const std::string directory = executable.substr(0, executable.rfind('/'));
+    return add(host, plugIn, executable, *bundle::Bundle::open(directory, bundle::PathKind::directory), overlay);
+}
+
+int Manager::add(pid_t host, const PlugIn& plugIn, const std::string& executable, const bundle::Bundle& bundle,
+                 const mox::Dictionary& overlay) {
+    auto registration = describe(executable, bundle);
     if (!registration) return ENOEXEC;
+    registration->plugIn = plugIn.identifier;
+    registration->uuid = plugIn.uuid;
     registration->overlay = *overlay.toObject().view().toValue().dictionary();
     return queue_->sync([&] {
+        payDebts();
         const auto found = hostFor(host);
         if (!found) return errorNumber(found.error());
         const int error = registerFor(host, **found, *std::move(registration));
@@ -103,6 +112,7 @@ int Manager::add(pid_t host, const std::string& executable, const mox::Dictionar
 void Manager::remove(Service service, std::shared_ptr<queue::SerialQueue> queue, Answer answer) {
     queue_->async([self = shared_from_this(), service = std::move(service), queue = std::move(queue),
                    answer = std::move(answer)] {
+        self->payDebts();
         const int result = self->removeNow(service);
         queue->async([answer, result] { answer(result); });
     });
@@ -137,15 +147,60 @@ void Manager::endedMaybe(pid_t pid, std::uint64_t startTime) {
     if (ended) forget(pid);
 }
 
-// Removes the directory with whatever is in it, pieces of a write that a kill cut short among it.
 void Manager::forget(pid_t pid) {
-    hosts_.erase(pid);
+    const auto host = hosts_.find(pid);
+    if (host != hosts_.end()) {
+        for (const auto& [key, entry] : host->second.registered) {
+            const auto hosts = hostsOf_.find(key.first);
+            if (hosts == hostsOf_.end()) continue;  // another plug-in of the bundle came before
+            hosts->second.erase(pid);
+            if (hosts->second.empty()) hostsOf_.erase(hosts);
+        }
+        hosts_.erase(host);
+    }
+    dropDirectory(pid);
+}
+
+// Removes the directory with whatever is in it, pieces of a write that a kill cut short among it.
+void Manager::dropDirectory(pid_t pid) {
     std::error_code error;
     fs::remove_all(directoryOf(pid), error);
-    if (error) {
+    if (!error) return;
+    if (owed_.count(pid) == 0) {
         logging::warning(
             text::format("the services registered for process {} cannot be withdrawn: {}", pid, error.message()));
     }
+    owe(pid);
+}
+
+// --- What could not be removed
+
+void Manager::owe(pid_t pid) {
+    owed_.insert(pid);
+    if (debtTimer_) return;
+    debtTimer_ = queue::after(kPayAgain, queue_, [weak = weak_from_this()] {
+        const auto self = weak.lock();
+        if (!self) return;
+        self->debtTimer_.reset();
+        self->payDebts();
+    });
+}
+
+void Manager::payDebts() {
+    for (const pid_t pid : std::exchange(owed_, {})) {
+        const auto found = hosts_.find(pid);
+        if (found == hosts_.end()) {
+            dropDirectory(pid);
+            continue;
+        }
+        auto& registered = found->second.registered;
+        for (auto at = registered.begin(); at != registered.end();) {
+            const bool isGone = at->second.isOwed && unlinkEntry(pid, at->second) == 0;
+            at = isGone ? registered.erase(at) : std::next(at);
+        }
+        if (registered.empty()) forget(pid);
+    }
+    if (owed_.empty()) debtTimer_.reset();
 }
 
 std::string Manager::directoryOf(pid_t pid) const {
@@ -157,13 +212,14 @@ std::string Manager::directoryOf(pid_t pid) const {
 int Manager::registerFor(pid_t pid, Host& host, Registration registration) {
     registration.host = pid;
     registration.startTime = host.startTime;
-    const std::string bundlePath = bundlePathOf(registration);
-    const auto former = host.registered.find(bundlePath);
+    registration.boot = bootIdentifier();
+    const Key key{bundlePathOf(registration), registration.uuid};
+    const auto former = host.registered.find(key);
     if (former == host.registered.end() && host.registered.size() >= kMostRegistrations) return EDQUOT;
 
     std::set<std::string_view> taken;
-    for (const auto& [path, entry] : host.registered) {
-        if (path != bundlePath) taken.insert(entry.fileName);
+    for (const auto& [other, entry] : host.registered) {
+        if (other != key) taken.insert(entry.fileName);
     }
     std::size_t number = 1;
     std::string name = fileName(registration, number);
@@ -178,34 +234,61 @@ int Manager::registerFor(pid_t pid, Host& host, Registration registration) {
     if (former != host.registered.end() && former->second.fileName != name) {
         ::unlink((directory + '/' + former->second.fileName).c_str());  // the bundle has another version by now
     }
-    host.registered.insert_or_assign(bundlePath, Entry{registration.identifier, registration.version, std::move(name)});
+    host.registered.insert_or_assign(key, Entry{registration.identifier, registration.version, std::move(name)});
+    hostsOf_[key.first].insert(pid);
     return 0;
 }
 
 int Manager::removeNow(const Service& service) {
-    int result = kNotRegistered;
-    std::vector<pid_t> empty;
-    for (auto& [pid, host] : hosts_) {
-        for (auto at = host.registered.begin(); at != host.registered.end();) {
-            const Entry& entry = at->second;
-            // What lies at the path may say otherwise by now than when it was registered, or than the registry knows.
-            const bool meant = service.bundlePath.empty()
-                                   ? entry.identifier == service.identifier && entry.version == service.version
-                                   : at->first == service.bundlePath;
-            if (!meant) {
-                ++at;
-            } else if (::unlink((directoryOf(pid) + '/' + entry.fileName).c_str()) == 0 || errno == ENOENT) {
-                if (result == kNotRegistered) result = 0;
-                at = host.registered.erase(at);
-            } else {
-                result = errno;
-                ++at;
-            }
-        }
-        if (host.registered.empty()) empty.push_back(pid);
+    std::vector<pid_t> concerned;
+    if (service.bundlePath.empty()) {
+        for (const auto& [pid, host] : hosts_) concerned.push_back(pid);
+    } else if (const auto found = hostsOf_.find(service.bundlePath); found != hostsOf_.end()) {
+        concerned.assign(found->second.begin(), found->second.end());
     }
-    for (const pid_t pid : empty) forget(pid);
+    int result = kNotRegistered;
+    for (const pid_t pid : concerned) {
+        const int withdrawn = withdraw(pid, service);
+        if (withdrawn == kNotRegistered) continue;
+        if (withdrawn != 0 || result == kNotRegistered) result = withdrawn;
+    }
     return result;
+}
+
+// What lies at a bundle's path may say otherwise by now than when it was registered, or than the registry knows: where
+// there is a path it alone counts.
+int Manager::withdraw(pid_t pid, const Service& service) {
+    Host& host = hosts_.at(pid);
+    int result = kNotRegistered;
+    bool anyLeft = false;
+    for (auto at = host.registered.begin(); at != host.registered.end();) {
+        Entry& entry = at->second;
+        const bool meant = service.bundlePath.empty()
+                               ? entry.identifier == service.identifier && entry.version == service.version
+                               : at->first.first == service.bundlePath;
+        const int error = meant ? unlinkEntry(pid, entry) : 0;
+        if (meant && (error != 0 || result == kNotRegistered)) result = error;
+        const bool stays = !meant || error != 0;
+        anyLeft = anyLeft || (stays && at->first.first == service.bundlePath);
+        at = stays ? std::next(at) : host.registered.erase(at);
+    }
+    if (host.registered.empty()) {
+        forget(pid);
+    }
+    if (const auto hosts = hostsOf_.find(service.bundlePath); hosts != hostsOf_.end() && !anyLeft) {
+        hosts->second.erase(pid);
+        if (hosts->second.empty()) hostsOf_.erase(hosts);
+    }
+    return result;
+}
+
+// 0 when its file is gone, else an error number, and it is owed.
+int Manager::unlinkEntry(pid_t pid, Entry& entry) {
+    if (::unlink((directoryOf(pid) + '/' + entry.fileName).c_str()) == 0 || errno == ENOENT) return 0;
+    const int error = errno;
+    entry.isOwed = true;
+    owe(pid);
+    return error;
 }
 
 // --- What an earlier run left behind
@@ -227,11 +310,15 @@ void Manager::takeOver(pid_t pid, const std::string& directory) {
         const auto contents = file::readRegular(path, kMostBytes, file::FinalLink::refused);
         const auto registration = contents ? decode(contents->bytes) : std::nullopt;
         const bool valid = registration && name.ends_with(kFileSuffix) && registration->host == pid &&
-                           registration->startTime == host.startTime && host.registered.size() < kMostRegistrations;
-        if (!valid ||
-            !host.registered
-                 .emplace(bundlePathOf(*registration), Entry{registration->identifier, registration->version, name})
-                 .second) {
+                           registration->startTime == host.startTime && registration->boot == bootIdentifier() &&
+                           host.registered.size() < kMostRegistrations;
+        const bool isFirst = valid && host.registered
+                                          .emplace(Key{bundlePathOf(*registration), registration->uuid},
+                                                   Entry{registration->identifier, registration->version, name})
+                                          .second;
+        if (isFirst) {
+            hostsOf_[bundlePathOf(*registration)].insert(pid);
+        } else {
             std::error_code
                 ignored;  // what cannot be removed names another host, or none: nobody starts anything by it
             fs::remove_all(path, ignored);

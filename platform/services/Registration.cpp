@@ -1,10 +1,15 @@
 #include "platform/services/Registration.h"
 
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <array>
 #include <cerrno>
 #include <limits>
 #include <utility>
 
 #include "platform/file/File.h"
+#include "platform/file/UniqueFd.h"
 #include "platform/plist/Plist.h"
 #include "platform/text/Format.h"
 
@@ -17,9 +22,12 @@ constexpr std::size_t kLongestPart = 115;
 
 constexpr char kHost[] = "host";
 constexpr char kStartTime[] = "hostStartTime";
+constexpr char kBoot[] = "boot";
 constexpr char kExecutable[] = "executable";
 constexpr char kIdentifier[] = "identifier";
 constexpr char kVersion[] = "version";
+constexpr char kPlugIn[] = "plugIn";
+constexpr char kUuid[] = "uuid";
 constexpr char kOverlay[] = "overlay";
 
 // Nothing for what is no integer, or below 0.
@@ -32,6 +40,17 @@ std::optional<std::uint64_t> count(const value::Dictionary& dictionary, const ch
 }
 
 }  // namespace
+
+const std::string& bootIdentifier() {
+    static const std::string& identifier = *new std::string{[] {
+        const file::UniqueFd source{::open("/proc/sys/kernel/random/boot_id", O_RDONLY | O_CLOEXEC)};
+        std::array<char, 64> text;
+        const ssize_t length = source ? ::read(source.get(), text.data(), text.size()) : 0;
+        const std::string_view read{text.data(), static_cast<std::size_t>(length > 0 ? length : 0)};
+        return std::string{read.substr(0, read.find('\n'))};
+    }()};
+    return identifier;
+}
 
 std::string bundlePathOf(const Registration& registration) {
     return registration.executable.substr(0, registration.executable.rfind('/'));
@@ -47,9 +66,12 @@ std::string fileName(const Registration& registration, std::size_t number) {
 value::Result<std::string> encode(const Registration& registration) {
     auto text = plist::writeXml(value::Dictionary{{kHost, std::int64_t{registration.host}},
                                                   {kStartTime, registration.startTime},
+                                                  {kBoot, registration.boot},
                                                   {kExecutable, registration.executable},
                                                   {kIdentifier, registration.identifier},
                                                   {kVersion, registration.version},
+                                                  {kPlugIn, registration.plugIn},
+                                                  {kUuid, registration.uuid.string()},
                                                   {kOverlay, registration.overlay}});
     if (text && text->size() > kMostBytes) return value::posixError(EFBIG, registration.executable);
     return text;
@@ -64,12 +86,25 @@ std::optional<Registration> decode(std::string_view bytes) {
     const std::string* const executable = content->string(kExecutable);
     const std::string* const identifier = content->string(kIdentifier);
     const std::string* const version = content->string(kVersion);
+    const std::string* const boot = content->string(kBoot);
+    const std::string* const plugIn = content->string(kPlugIn);
+    const std::string* const uuidText = content->string(kUuid);
+    const auto uuid = uuidText != nullptr ? value::Uuid::parse(*uuidText) : std::nullopt;
     const value::Dictionary* const overlay = content->dictionary(kOverlay);
     if (!host || *host > std::numeric_limits<pid_t>::max() || !startTime || executable == nullptr ||
-        identifier == nullptr || version == nullptr || overlay == nullptr || !executable->starts_with('/')) {
+        identifier == nullptr || version == nullptr || boot == nullptr || plugIn == nullptr || !uuid ||
+        overlay == nullptr || !executable->starts_with('/')) {
         return {};
     }
-    return Registration{static_cast<pid_t>(*host), *startTime, *executable, *identifier, *version, *overlay};
+    return Registration{.host = static_cast<pid_t>(*host),
+                        .startTime = *startTime,
+                        .boot = *boot,
+                        .executable = *executable,
+                        .identifier = *identifier,
+                        .version = *version,
+                        .plugIn = *plugIn,
+                        .uuid = *uuid,
+                        .overlay = *overlay};
 }
 
 }  // namespace services

@@ -172,33 +172,54 @@ bool operator==(const Dictionary& a, const Dictionary& b) {
 
 // --- Dictionary::Builder
 
-Dictionary::Builder::Builder(const Dictionary& start) : entries_{start.begin(), start.end()} {}
+Dictionary::Builder::Builder(const Dictionary& start)
+    : entries_{start.begin(), start.end()}, sorted_{entries_.size()} {}
 
 void Dictionary::Builder::set(std::string_view key, Value value) {
-    if (entries_.empty() || entries_.back().key.compare(key) < 0) {
-        entries_.push_back({std::string{key}, std::move(value)});
-        return;
+    const bool isNext = sorted_ == entries_.size() && (entries_.empty() || entries_.back().key.compare(key) < 0);
+    entries_.push_back({std::string{key}, std::move(value)});
+    if (isNext) ++sorted_;
+}
+
+void Dictionary::Builder::settle() const {
+    if (sorted_ == entries_.size()) return;
+    const auto before = [](const Entry& a, const Entry& b) { return a.key < b.key; };
+    const auto late = entries_.begin() + static_cast<std::ptrdiff_t>(sorted_);
+    std::stable_sort(late, entries_.end(), before);
+    std::inplace_merge(entries_.begin(), late, entries_.end(), before);
+    // Of equal keys the last stays.
+    std::size_t kept = 0;
+    for (std::size_t at = 0; at < entries_.size(); ++at) {
+        if (at + 1 < entries_.size() && entries_[at].key == entries_[at + 1].key) continue;
+        if (kept != at) entries_[kept] = std::move(entries_[at]);
+        ++kept;
     }
-    const auto at = positionOf(entries_, key);
-    if (at->key == key) {
-        at->value = std::move(value);
-    } else {
-        entries_.insert(at, {std::string{key}, std::move(value)});
-    }
+    entries_.erase(entries_.begin() + static_cast<std::ptrdiff_t>(kept), entries_.end());
+    sorted_ = kept;
 }
 
 void Dictionary::Builder::remove(std::string_view key) {
+    settle();
     const auto at = positionOf(entries_, key);
-    if (at != entries_.end() && at->key == key) entries_.erase(at);
+    if (at == entries_.end() || at->key != key) return;
+    entries_.erase(at);
+    --sorted_;
 }
 
 const Value* Dictionary::Builder::find(std::string_view key) const {
+    settle();
     return findIn(entries_, key);
 }
+std::size_t Dictionary::Builder::size() const {
+    settle();
+    return entries_.size();
+}
 Dictionary Dictionary::Builder::build() const& {
+    settle();
     return Dictionary{entries_};
 }
 Dictionary Dictionary::Builder::build() && {
+    settle();
     return Dictionary{std::move(entries_)};
 }
 

@@ -172,8 +172,9 @@ struct Dictionary::Entry {
     friend bool operator==(const Entry&, const Entry&) = default;
 };
 
-// Collects the entries of a dictionary in any order; a key set twice keeps its last value. Appending in ascending order
-// of the keys costs nothing extra. A builder belongs to one thread.
+// Collects the entries of a dictionary in any order; a key set twice keeps its last value. What comes in ascending
+// order of the keys costs nothing extra, and any other order one sort, made when somebody looks: many entries are best
+// set first and looked at afterwards. A builder belongs to one thread.
 class Dictionary::Builder {
 public:
     Builder() = default;
@@ -184,13 +185,16 @@ public:
     void remove(std::string_view key);
     const Value* find(std::string_view key) const;  // valid until the next change
     bool contains(std::string_view key) const { return find(key) != nullptr; }
-    std::size_t size() const { return entries_.size(); }
+    std::size_t size() const;
 
     Dictionary build() const&;
     Dictionary build() &&;
 
 private:
-    Storage entries_;
+    void settle() const;
+
+    mutable Storage entries_;         // those from sorted_ on in the order in which they came
+    mutable std::size_t sorted_ = 0;  // how many at the front are in order, each key once
 };
 
 // The text that "%@" stands for in log lines and messages: strings as they are, numbers in decimal, booleans as 1 and

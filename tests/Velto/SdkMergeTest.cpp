@@ -53,7 +53,8 @@ TEST(SdkMerge, GivesEveryRecordItsCanonicalForm) {
                                          {"KXExtensionAttributes", Dictionary{{"KXExtensionVersion", 3}}}});
     const auto appex = recordOf(appexInfo.changing("QFBundleShortVersionString", "1.4"), "/p/A.appex");
     appex->canonicalize();
-    EXPECT_EQ(appex->attributes(), (Dictionary{{"KXExtensionVersion", "1.4"}, {"halvern.format", "hybrid"}}));
+    EXPECT_EQ(appex->attributes(), (Dictionary{{"KXExtensionVersion", 3}, {"halvern.format", "hybrid"}}));
+    EXPECT_EQ(appex->version(), "3");
     EXPECT_EQ(appex->protocolSpec(), "KXObject");
     EXPECT_EQ(*appex->plugInDictionary().string("PrincipalClass"), "Mine");
     EXPECT_EQ(*appex->plugInDictionary().array("Shared"), Array{"."});

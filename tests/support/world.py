@@ -106,7 +106,8 @@ class World:
 
     def take_lines(self, text=''):
         """What the daemon has logged since the last time, and only of that the lines with some text in them."""
-        return [line for line in self.log.read().decode().splitlines() if text in line]
+        lines = (line.split(': ', 1)[1] for line in self.log.read().decode().splitlines())  # behind time and level
+        return [line for line in lines if text in line]
 
     def write(self, name, content):
         """A file; a property list, unless the content is bytes. Whoever looks sees it whole."""

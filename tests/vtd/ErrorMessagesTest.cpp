@@ -13,6 +13,7 @@
 #include "tests/support/Mounts.h"
 #include "tests/support/Words.h"
 #include "tests/vtd/World.h"
+#include "vtd/VTDAnnotationStore.h"
 #include "vtd/VTDPlugIn.h"
 
 namespace {
@@ -124,6 +125,8 @@ TEST_F(ErrorMessages, EachOfThePageIsWhatTheDaemonAnswers) {
     const std::string none = root / "none", denied = "access to plugin ", format = "invalid request format";
     const Value one = uuid("one"), unknown = Array{Uuid::random()}, noText = Dictionary{{"no XML", "\x01"}};
     const Value tooLong = Dictionary{{"long", std::string(65'536, 'x')}};
+    const Value escaped = Dictionary{{"stored as more", std::string(20'000, '&')}};
+    const Value nearlyAll = Dictionary{{"x", std::string(65'000, 'x')}};
     const auto annotate = [&](const Value& annotations) {
         return Dictionary{{"request", "annotate"}, {"uuids", one}, {"annotations", annotations}};
     };
@@ -138,6 +141,17 @@ TEST_F(ErrorMessages, EachOfThePageIsWhatTheDaemonAnswers) {
     const auto hold = [&] {
         const Value token = *ask(lock(plugIns + "/one", 2)).find("uuids");
         return Fault{this, [&, token](auto*) { ask({{"request", "lock"}, {"uuids", Array{token}}}); }};
+    };
+    const auto fill = [&] {
+        const auto set = [this](const std::optional<Dictionary>& annotation) {
+            server->_sync()->sync([&] {
+                for (int i = 0; i < 300; ++i) {
+                    static_cast<void>(server->annotations()->setAnnotation(annotation, std::to_string(i)));
+                }
+            });
+        };
+        set(*nearlyAll.dictionary());
+        return Fault{this, [set](auto*) { set({}); }};
     };
     struct Row {
         std::string error;
@@ -160,6 +174,8 @@ TEST_F(ErrorMessages, EachOfThePageIsWhatTheDaemonAnswers) {
         {format + " (annotation extension)", extension(1)},
         {format + " (annotation extension)", extension(noText)},
         {format + " (annotation extension)", extension(tooLong)},
+        {"annotations of a plug-in exceed 65536 bytes as stored", extension(escaped)},
+        {"annotations exceed 16777216 bytes as stored", extension(nearlyAll), fill},
         {format + " (unsupported hold flags)", lock(plugIns + "/one", 3)},
         {"cannot obtain executable path for plug-in " + named("bare"), {{"request", "ready"}, {"uuids", uuid("bare")}}},
         {"unable to enable plug-in " + named("one") + " for pid " + std::to_string(::getpid()),

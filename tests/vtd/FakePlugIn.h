@@ -1,5 +1,6 @@
 #pragma once
 
+#include <cerrno>
 #include <memory>
 #include <optional>
 #include <string>
@@ -16,7 +17,8 @@ using Text = std::optional<std::string>;
 struct PlugIn : dravo::DVVeltoProxy {
     PlugIn(std::string id, Text where) : identifier{std::move(id)}, path{std::move(where)} {}
     const Text& bundlePath() const override { return path; }
-    bool isInPlace() const override { return true; }
+    value::Result<file::UniqueFd> openBundle() const override { return value::posixError(ENOENT, identifier); }
+    value::Result<dravo::DVBundleReading> readInfo() const override { return value::posixError(ENOENT, identifier); }
     const value::Uuid& pluginUUID() const override { return uuid; }
     const std::string& pluginIdentifier() const override { return identifier; }
     const std::string& originalIdentifier() const override { return identifier; }

@@ -7,7 +7,7 @@ import signal
 import subprocess
 import sys
 
-from world import WorldTest, main
+from world import VTD, WorldTest, main
 
 
 class AnnotationsTest(WorldTest):
@@ -21,8 +21,8 @@ class AnnotationsTest(WorldTest):
         self.client = self.world.client()
         return self.world.take_lines(path)
 
-    def annotate(self, name, **annotations):
-        self.assertEqual(self.client.ask('annotate', uuids=self.client.uuids(name), annotations=annotations), {})
+    def annotate(self, *names, **annotations):
+        self.assertEqual(self.client.ask('annotate', uuids=self.client.uuids(*names), annotations=annotations), {})
 
     def test_whatever_the_file_holds_is_taken_for_what_it_is_and_nothing_is_destroyed(self):
         stored = {'one': {'election': 1}}
@@ -63,9 +63,64 @@ class AnnotationsTest(WorldTest):
         self.annotate('one', election=1)
         self.assertEqual(os.stat(path).st_ino, file)
         self.assertEqual(int(self.world.read(posts)), posted + 1)
+        self.annotate('one', election=True)
+        self.assertIs(self.world.read_plist(path)['data']['one']['election'], True)
+        self.annotate('one', 'one', 'two', election=1)
+        self.assertEqual(int(self.world.read(posts)), posted + 4)
         self.world.write('annotations', b'spoilt')
         self.annotate('one', election=1)
-        self.assertEqual(self.world.read_plist(path)['data'], {'one': {'election': 1}})
+        self.assertEqual(self.world.read_plist(path)['data'], {'one': {'election': 1}, 'two': {'election': 1}})
+
+    def test_it_is_read_when_it_is_there_and_no_two_daemons_have_it(self):
+        for name, path, real, prepare in [
+            ('directory', 'later/Annotations', 'later/Annotations', lambda at: None),
+            ('link', 'link', 'target/Annotations', lambda at: os.symlink('target/Annotations', at)),
+            ('moved', 'moved/Annotations', 'moved/Annotations', lambda at: os.mkdir(os.path.dirname(at))),
+        ]:
+            with self.subTest(name):
+                path, real = self.world / path, self.world / real
+                prepare(path)
+                self.start(path)
+                if name == 'moved':
+                    os.rename(os.path.dirname(path), self.world / 'away')
+                self.annotate('one', election=2)
+                self.assertEqual(len(self.world.take_lines('unable to save annotations')), 1)
+                stored = {'one': {'election': 1, 'x': 1}, 'two': {'election': 3}}
+                self.world.write(real, {'version': 16, 'data': stored})
+                self.annotate('two', extension={'y': 1})
+                stored = {'one': {'election': 2, 'x': 1}, 'two': {'election': 3, 'extension': {'y': 1}}}
+                self.assertEqual(self.world.read_plist(real)['data'], stored)
+                self.assertEqual(self.client.found()['two']['annotations'], stored['two'])
+                other = subprocess.run([VTD, '-d', real], env={'HALVERN_ROOT': self.world / 'other'},
+                                       stderr=subprocess.PIPE, text=True, timeout=20)
+                self.assertEqual(other.returncode, 1)
+                self.assertIn(f'process {self.world.daemon.pid} holds the lock', other.stderr)
+                self.world.kill_daemon()
+
+    def test_what_is_no_file_ends_the_daemon_and_stays(self):
+        for name, make in ('pipe', os.mkfifo), ('directory', os.mkdir), ('link', lambda at: os.symlink('/dev/null', at)):
+            with self.subTest(name):
+                path = self.world / name
+                make(path)
+                before = os.lstat(path)
+                ended = subprocess.run([VTD, '-d', path], env=self.world.environment, stderr=subprocess.PIPE, timeout=20)
+                self.assertEqual(ended.returncode, 1)
+                self.assertIn(f'annotations cannot be kept in {path}: it is no regular file', ended.stderr.decode())
+                self.assertEqual(os.lstat(path), before)
+
+    def test_a_claim_of_a_bundle_is_a_key_only_if_it_could_be_an_identifier(self):
+        stored = {}
+        for name, claimed in [('replacing', 'other'), ('longest', 'k' * 1024), ('long', 'k' * 1025), ('odd', 'a\tb')]:
+            self.world.install('system/PlugIns/' + name, {})
+            self.world.write(f'system/PlugIns/{name}/Entitlements.plist', {
+                'halvern.developer.replace-plugin': claimed, 'halvern.developer.auto-elect-plugin': True})
+            stored[claimed if name in ('replacing', 'longest') else name] = {'election': 1}
+        path = self.world / 'annotations'
+        self.start(path)
+        posts = self.world.read('run/notify/halvern.velto.annotation-change')
+        self.client.found()
+        self.assertEqual(self.world.read_plist(path)['data'], stored)
+        self.assertEqual(self.world.read('run/notify/halvern.velto.annotation-change'), posts)
 
     def test_a_save_that_fails_is_answered_logged_and_made_up_for(self):
         if 'MOUNTS_OF_ITS_OWN' not in os.environ:
@@ -86,7 +141,7 @@ class AnnotationsTest(WorldTest):
                 self.annotate('one', election=1)
                 before = self.world.read(path)
                 run(spoil)
-                for started_on_it in False, False, True:
+                for started_on_it in False, False, reason != 'Is a directory':
                     if started_on_it:
                         self.world.kill_daemon()
                         self.start(path)
@@ -102,6 +157,22 @@ class AnnotationsTest(WorldTest):
                 self.assertLessEqual(set(os.listdir(os.path.dirname(path))), {'Annotations', 'Annotations.lock'})
                 self.world.kill_daemon()
                 run('umount -l "$0"')
+
+    def test_a_damaged_file_is_kept_once_however_often_the_daemon_starts_on_a_full_disk(self):
+        if 'MOUNTS_OF_ITS_OWN' not in os.environ:
+            self.skipTest('no mounts to be had here')
+        directory = os.path.dirname(self.world.write('full/Annotations', b''))
+        subprocess.run(['mount', '-t', 'tmpfs', '-o', 'size=64k', 'none', directory], check=True)
+        self.world.write('full/Annotations', b'damaged')
+        subprocess.run(['sh', '-c', 'cat /dev/zero >"$0/ballast"', directory], stderr=subprocess.DEVNULL)
+        for _ in range(3):
+            self.start(directory + '/Annotations')
+            self.annotate('one', election=1)
+            self.assertEqual(len(self.world.take_lines('No space left on device')), 1)
+            self.world.kill_daemon()
+        kept = {'Annotations', 'Annotations.lock', 'Annotations.unreadable-1', 'ballast'}
+        self.assertEqual(set(os.listdir(directory)), kept)
+        subprocess.run(['umount', '-l', directory], check=True)
 
     def test_what_no_file_can_hold_does_not_keep_the_rest_from_being_saved(self):
         info = {'QFBundleIdentifier': 'odd\x01', 'KXExtension': {'KXExtensionProtocol': '#Data'}}
@@ -120,7 +191,8 @@ class AnnotationsTest(WorldTest):
         def annotate(election, *injected):
             """With the daemon traced: whether it answered, and the calls of the thread that saved, numbered."""
             self.start(path)
-            request = {'request': 'annotate', 'uuids': self.client.uuids('one'), 'annotations': {'election': election}}
+            request = {'request': 'annotate', 'uuids': self.client.uuids('one', 'two'),
+                       'annotations': {'election': election}}
             tracer = self.world.begin('strace', '-f', '-o', trace, '-p', str(self.world.daemon.pid), *injected)
             said = tracer.stderr.readline()
             if b'attached' not in said:
@@ -143,7 +215,9 @@ class AnnotationsTest(WorldTest):
         for name, number in calls:
             with self.subTest(call=name, number=number):
                 answered, _ = annotate(election + 1, '-e', f'inject={name}:signal=KILL:when={number}')
-                stored = self.world.read_plist(path)['data']['one']['election']
+                stored = self.world.read_plist(path)['data']
+                self.assertEqual(stored['one'], stored['two'])
+                stored = stored['one']['election']
                 self.assertIn(stored, [election + 1] if answered else [election, election + 1])
                 election, unanswered = stored, unanswered + (not answered)
         print(f'{unanswered} of {len(calls)} killed the daemon before it answered')

@@ -119,6 +119,26 @@ class LaunchTest(WorldTest):
         self.world.start()
         self.eventually(lambda: not os.path.exists(self.registration('three')), 'it is withdrawn')
 
+    def test_plug_ins_of_one_bundle_keep_their_own_profiles_and_containers(self):
+        keyboard = {'KXExtensionPointIdentifier': KEYBOARD, 'KXExtensionProtocol': 'P'}
+        bundle = self.install('many', {'Multiple': {'board': keyboard, 'other': {'KXExtensionProtocol': 'P'}}})
+        shutil.copy('/usr/bin/env', bundle + '/run')
+        self.start()
+        self.assertEqual(self.ready('board', 'other'), {})
+        services = {}
+        for name in os.listdir(self.world / f'run/services/{self.host.pid}'):
+            registration = self.world.read_plist(f'run/services/{self.host.pid}/{name}')
+            service = registration['overlay']['MoxService']
+            services[registration['plugIn']] = (service['_SandboxProfile'], service['EnvironmentVariables']['HOME'])
+        self.assertEqual(services, {'board': ('keyboard', self.world / 'state/containers/board'),
+                                    'other': ('plugin', self.world / 'state/containers/other')})
+        start = [sys.executable, EXAMPLES + '/start.py', self.world / 'run', str(self.host.pid)]
+        ran = subprocess.run([*start, bundle], capture_output=True)
+        self.assertIn(b'name one by its UUID', ran.stderr)
+        uuid, = (each['$uuid'] for each in self.host.uuids('other'))
+        ran = subprocess.run([*start, uuid, 'printenv', 'HOME'], capture_output=True)
+        self.assertEqual(ran.stdout.decode().strip(), self.world / 'state/containers/other')
+
     def test_what_was_readied_is_started_with_exactly_that_environment(self):
         bundle = self.install('one', MoxService={'EnvironmentVariables': {'MODE': 'x y'}, '_SandboxProfile': 'none'})
         shutil.copy('/usr/bin/env', bundle + '/run')  # which prints its environment

@@ -12,7 +12,7 @@ void Transaction::accessPlugIns() {
     value::Array::Storage tokens;
     const bool all = processUuidList([&](const std::shared_ptr<VTDPlugIn>& plugIn) {
         errno = 0;
-        auto token = VTIssueReadExtension(plugIn->url());
+        auto token = VTIssueReadExtension(plugIn->url(), ".", [&] { return plugIn->dvproxy()->openBundle(); });
         if (!token) {
             const int reason = errno;
             fail(VTErrorRequest, text::format("cannot create extension to {}: {}", plugIn->path(), reason));

@@ -2,6 +2,8 @@
 #include <unordered_set>
 
 #include "Velto/VTProtocol.h"
+#include "platform/dravo/Dravo.h"
+#include "platform/sandbox/Sandbox.h"
 #include "platform/text/Format.h"
 #include "vtd/Probes.h"
 #include "vtd/RequestPaths.h"
@@ -10,6 +12,10 @@
 #include "vtd/VTDServer.h"
 
 void Transaction::addPlugIns() {
+    const dravo::Registrant registrant{[this] {
+        const auto peer = connection();
+        return !peer || sandbox::isSandboxed(*peer->identity());
+    }};
     std::unordered_set<std::string> added;
     std::size_t element = 0;
     processPaths([&](const std::string& path, bool resolved) {
@@ -20,7 +26,7 @@ void Transaction::addPlugIns() {
         }
         if (!added.insert(path).second) return true;
         probes::pluginAdd(path);
-        if (!server()->addPlugIn(path, files)) return true;
+        if (!server()->addPlugIn(path, registrant, files)) return true;
         server()->log("failed to register plug-in at {}", path);
         fail(VTErrorRegistry, text::format("unable to register plug-in at {}", path));
         return false;

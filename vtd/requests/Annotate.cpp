@@ -1,10 +1,11 @@
 #include <cmath>
 #include <string>
+#include <unordered_set>
 
 #include "Velto/VTProtocol.h"
 #include "Velto/VTValueHelpers.h"
-#include "platform/plist/Plist.h"
 #include "vtd/Transaction.h"
+#include "vtd/VTDAnnotationStore.h"
 #include "vtd/VTDMoxClient.h"
 #include "vtd/VTDPlugIn.h"
 #include "vtd/VTDServer.h"
@@ -17,14 +18,23 @@ constexpr char kExtension[] = "extension";
 constexpr std::size_t kLargestExtension = std::size_t{64} << 10;  // bytes, encoded
 
 // Whether the annotation file can hold it: no UUID, no text that XML lacks.
-bool isStorable(const value::Value& extension) {
-    return static_cast<bool>(plist::writeXml(extension));
+bool isStorable(mox::View extension) {
+    return extension.isDictionary() && extension.size() <= kLargestExtension &&
+           VTDAnnotationStore::isStorable(extension.toValue());
+}
+
+// Nothing when it is no number, or one that no choice can be.
+std::optional<value::Value> electionOf(mox::View sent) {
+    if (!sent.boolean() && !sent.signedInteger() && !sent.unsignedInteger() && !sent.real()) return {};
+    if (std::isnan(sent.real().value_or(0))) return {};
+    return sent.toValue();
 }
 
 }  // namespace
 
-// Everything is checked before anything is stored. Each plug-in is then saved and announced by itself; the reply leaves
-// behind the last save, so that what was answered is on the disk.
+// Everything is checked before anything is stored, and what cannot all be stored is not stored at all. A UUID that
+// names no plug-in leaves those before it annotated. The reply leaves behind the save, so that what was answered is on
+// the disk.
 void Transaction::annotatePlugIns() {
     const auto sent = mox_dictionary_get_dictionary(request(), VTKey::annotations);
     if (!sent) return fail(VTErrorRequest, "invalid request format (bad annotations dictionary)");
@@ -32,26 +42,27 @@ void Transaction::annotatePlugIns() {
     value::Dictionary::Builder update;
     std::string electionText = "(null)";
     if (const auto found = sent->find(kElection)) {
-        const value::Value election = found->toValue();
-        if (!election.isNumber() || std::isnan(election.real().value_or(0))) {
-            return fail(VTErrorRequest, "invalid request format (annotation election)");
-        }
-        electionText = description(election);
-        update.set(kElection, election);
+        const auto election = electionOf(*found);
+        if (!election) return fail(VTErrorRequest, "invalid request format (annotation election)");
+        electionText = description(*election);
+        update.set(kElection, *election);
     }
     if (const auto extension = sent->find(kExtension)) {
-        if (!extension->isDictionary() || extension->size() > kLargestExtension || !isStorable(extension->toValue())) {
-            return fail(VTErrorRequest, "invalid request format (annotation extension)");
-        }
+        if (!isStorable(*extension)) return fail(VTErrorRequest, "invalid request format (annotation extension)");
         update.set(kExtension, extension->toValue());
     }
     if (update.size() == 0) return done();
 
     const value::Dictionary annotation = std::move(update).build();
+    std::unordered_set<value::Uuid> named;
     const bool all = processUuidList([&](const std::shared_ptr<VTDPlugIn>& plugIn) {
+        if (!named.insert(plugIn->uuid()).second) return true;
         server()->log("client {} plug-in {} election := {}", client()->pid(), plugIn->identifier(), electionText);
-        static_cast<void>(server()->setAnnotation(annotation, *plugIn));  // never an error
-        return true;
+        const auto refused = annotationRound_.set(annotation, *plugIn);
+        if (!refused) return true;
+        annotationRound_.withdraw();
+        fail(VTErrorRequest, *refused);
+        return false;
     });
     if (all) done();
 }

@@ -172,7 +172,7 @@ TEST(Changes, OfARegisteredPathAreToldUntilItIsWithdrawnOverRestartsToo) {
     const std::string path = world.plugIn("elsewhere/X.app/PlugIns/P.appex", "p");
     auto* workspace = &world.start();
     auto witness = world.witness();
-    for (int i = 0; i < 2; ++i) EXPECT_TRUE(workspace->registerPlugin(path));
+    for (int i = 0; i < 2; ++i) EXPECT_TRUE(workspace->registerPlugin(path, kAnybody));
     EXPECT_EQ(witness->told("+p"), "+p");
     const value::Uuid uuid = workspace->pluginAtPath(path)->pluginUUID();
 
@@ -186,7 +186,7 @@ TEST(Changes, OfARegisteredPathAreToldUntilItIsWithdrawnOverRestartsToo) {
 
     witness = world.witness();
     world.plugIn("elsewhere/X.app/PlugIns/P.appex", "p", {{"changed", true}});
-    EXPECT_TRUE(workspace->registerPlugin(path));
+    EXPECT_TRUE(workspace->registerPlugin(path, kAnybody));
     EXPECT_EQ(workspace->pluginAtPath(path)->pluginDictionary(), (Dictionary{{"changed", true}}));
     EXPECT_EQ(witness->told("-p +p"), "-p +p");
     world.settle();

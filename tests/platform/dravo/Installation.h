@@ -9,6 +9,8 @@
 
 namespace dravo {
 
+const Registrant kAnybody{[] { return false; }};
+
 // Remembers what it is told, as "+identifier" and "-identifier".
 class Witness : public DVWorkspaceObserver {
 public:

@@ -44,6 +44,7 @@ TEST(Narrowing, FindsWhateverTheRulesCouldFindUnderTheExtensionPointName) {
         world.plugIn("system/PlugIns/"s + identifier, identifier, {{"KXExtensionPointIdentifier", "p"}});
     world.write("system/PlugIns/x/Entitlements.plist", Dictionary{{"unwanted", 1}});
     auto& workspace = world.start();
+    const Names names{{"p", "q", "r.7", "r.1", "r.2", "name1", "name2", "name3", "name4", "s", "p"}};
     const struct {
         Names identifiers, points;
         const char* found;
@@ -58,6 +59,9 @@ TEST(Narrowing, FindsWhateverTheRulesCouldFindUnderTheExtensionPointName) {
         {{{"m01", "identifier"}}, {}, "identifier m1 identifier"},
         {{{"m01", "array", "other", "identifier"}}, {{"p"}}, "identifier array m1"},
         {{{"many", "top"}}, {{"r.7", "q"}}, "many"},
+        {{{"many", "m1", "other", "m1"}}, names, "m1 many"},
+        {{}, Names{Texts(1'000'000, "p")}, "identifier attribute array top sdkAttribute sdkTop m1 many"},
+        {Names{Texts(1'000'000, "m01")}, names, "m1"},
     };
     for (const auto& row : rows) EXPECT_EQ(narrowed(workspace, row.identifiers, row.points), row.found);
 }

@@ -18,14 +18,14 @@ TEST(Trouble, AFullDiskRefusesRegistrationsKeepsEveryUuidAndIsMadeUpForLater) {
     const std::string refused = world.plugIn("elsewhere/refused", "refused");
     auto* workspace = &world.start();
     const auto witness = world.witness();
-    ASSERT_TRUE(workspace->registerPlugin(kept));
+    ASSERT_TRUE(workspace->registerPlugin(kept, kAnybody));
     EXPECT_EQ(witness->told("+kept"), "+kept");
     const value::Uuid uuid = workspace->pluginAtPath(kept)->pluginUUID();
     world.log.take();
 
     const std::string ballast = state.fill();
     EXPECT_FALSE(workspace->unregisterPlugin(kept));
-    EXPECT_FALSE(workspace->registerPlugin(refused));
+    EXPECT_FALSE(workspace->registerPlugin(refused, kAnybody));
     EXPECT_THAT(world.log.take(), ElementsAre(HasSubstr("cannot save what is installed: ")));
     EXPECT_EQ(witness->told(""), "") << "nothing happened";
     EXPECT_EQ(workspace->pluginAtPath(kept)->pluginUUID(), uuid);
@@ -35,7 +35,7 @@ TEST(Trouble, AFullDiskRefusesRegistrationsKeepsEveryUuidAndIsMadeUpForLater) {
     world.settle();
     const value::Uuid unsaved = world.at("user/Applications/B.app/PlugIns/P")->pluginUUID();
     fs::remove(ballast);
-    EXPECT_TRUE(workspace->registerPlugin(refused));
+    EXPECT_TRUE(workspace->registerPlugin(refused, kAnybody));
     EXPECT_THAT(world.log.take(), Contains("what is installed is saved again"));
 
     workspace = &world.start();
@@ -53,7 +53,7 @@ TEST(Trouble, WhatCannotBeReadForNowStaysInstalledOverRestartsToo) {
     world.write("elsewhere/R.app/Info.plist", Dictionary{{"QFBundleName", "Name"}});
     auto* workspace = &world.start();
     const auto witness = world.witness();
-    ASSERT_TRUE(workspace->registerPlugin(registered));
+    ASSERT_TRUE(workspace->registerPlugin(registered, kAnybody));
     EXPECT_EQ(witness->told("+r"), "+r");
     const value::Uuid uuid = world.at(kPlugIn)->pluginUUID();
     world.log.take();

@@ -195,6 +195,7 @@ TEST(WriteAtomically, LeavesNothingBehindWhenItFails) {
     const support::TemporaryDirectory root;
     root.write("directory/inside", "kept");
     fs::create_symlink("loop", root / "loop");
+    ASSERT_EQ(::mkfifo((root / "pipe").c_str(), 0600), 0);
     const std::pair<const char*, int> rows[] = {
         {"directory", EISDIR},
         {"directory/", EISDIR},
@@ -202,10 +203,11 @@ TEST(WriteAtomically, LeavesNothingBehindWhenItFails) {
         {"absent/file", ENOENT},
         {"directory/inside/file", ENOTDIR},
         {"loop", ELOOP},
+        {"pipe", EINVAL},
     };
     for (const auto& [name, code] : rows) EXPECT_EQ(codeOf(writeAtomically(root / name, "x")), code) << name;
     EXPECT_EQ(readRegular(root / "directory/inside", 100)->bytes, "kept");
-    EXPECT_THAT(entriesIn(root.path()), testing::UnorderedElementsAre("directory", "loop"));
+    EXPECT_THAT(entriesIn(root.path()), testing::UnorderedElementsAre("directory", "loop", "pipe"));
     EXPECT_THAT(entriesIn(root / "directory"), ElementsAre("inside"));
 }
 

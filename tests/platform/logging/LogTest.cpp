@@ -52,6 +52,9 @@ TEST(Log, EscapesWhatCouldForgeALine) {
         notice(given);
         EXPECT_THAT(log.take(Level::notice), ElementsAre(line));
     }
+    const std::string most(65'535, 'x');
+    info(most + "\xe2\x82\xac");  // a character that would be torn
+    EXPECT_THAT(log.take(Level::info), ElementsAre(most + "... (cut, 65538 bytes in all)"));
 }
 
 TEST(Log, WritesOneLineACallWithTheJournalsPrefixOnlyForTheJournal) {
@@ -65,7 +68,7 @@ TEST(Log, WritesOneLineACallWithTheJournalsPrefixOnlyForTheJournal) {
         error(std::string(40'000, 'x'));
     }
     ::unsetenv("JOURNAL_STREAM");
-    const std::string cut = std::string(32'768, 'x') + "... (7232 more bytes)\n";
+    const std::string cut = std::string(4096, 'x') + "... (cut, 40000 bytes in all)\n";
     EXPECT_EQ(takeAll(plain.reader), "a\\nb\n" + cut);
     EXPECT_EQ(takeAll(journal.reader), "<5>a\\nb\n<3>" + cut);
 }

@@ -7,18 +7,22 @@ namespace {
 struct Connection : Holder {
     void readAgain() override { ++resumed; }
     void endForExcess() override { ended = true; }
+    void letGo() override { hasLetGo = ended; }
 
     std::shared_ptr<Account> account;  // null when it was refused
     int resumed = 0;
     bool ended = false;
+    bool hasLetGo = false;
 };
 
-// Opens connections with one ledger, for the process given.
+// Opens connections, whose peers have greeted, with one ledger, for the process given.
 struct Opener {
     std::shared_ptr<Connection> operator()(ProcessKey process) const {
         auto connection = std::make_shared<Connection>();
         connection->account = ledger->open(process);
-        if (connection->account) connection->account->setHolder(connection);
+        if (!connection->account) return connection;
+        connection->account->setHolder(connection);
+        connection->account->setGreeted();
         return connection;
     }
     std::shared_ptr<Ledger> ledger;

@@ -28,7 +28,10 @@ TEST(Listener, IsReachedUnderALongRootByItsOwnerOnlyAndOneOfANameLivesAtATime) {
                   "service test.service: process " + std::to_string(::getpid()) + " holds the lock " + path + ".lock");
         const Service another{{.name = "another.service"}};
     }
-    const file::UniqueFd stale{::open(path.c_str(), O_CREAT | O_CLOEXEC, 0600)};  // what somebody left behind
+    const file::UniqueFd precious{::open(path.c_str(), O_CREAT | O_CLOEXEC, 0600)};
+    EXPECT_THAT(whyNotServed(), HasSubstr("is no socket; move it away"));
+    ASSERT_TRUE(fs::remove(path));
+    ASSERT_EQ(::mknod(path.c_str(), S_IFSOCK | 0600, 0), 0);  // what somebody left behind
     EXPECT_EQ(whyNotServed(), "");
     for (const char* name : {"", "..", ".hidden", "a/b", "a\nb"}) EXPECT_FALSE(mox::ServiceSocket::open(name)) << name;
     fs::permissions(deep.runtime, fs::perms{0770});

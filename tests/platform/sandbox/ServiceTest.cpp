@@ -95,6 +95,24 @@ TEST_F(ServiceTest, DoesNotFollowAPathThatWasSwappedAfterTheIssue) {
     EXPECT_EQ(read(handle, info), "info");
 }
 
+// A file system gives the inode number of what is gone to what comes next.
+TEST_F(ServiceTest, DoesNotTakeWhatHasTheNumberOfADirectoryThatIsGoneForIt) {
+    struct stat before {
+    }, now{};
+    const std::int64_t handle = consume(token(bundle));
+    ASSERT_EQ(::stat(bundle.c_str(), &before), 0);
+    fs::remove_all(bundle);
+    const std::string spare = root / "spare";
+    for (int i = 0; i < 100 && before.st_ino != now.st_ino; ++i) {
+        fs::create_directory(bundle);
+        ASSERT_EQ(::stat(bundle.c_str(), &now), 0);
+        if (before.st_ino != now.st_ino) fs::rename(bundle, spare + std::to_string(i));
+    }
+    if (before.st_ino != now.st_ino) GTEST_SKIP() << "no number is given again here";
+    root.write("bundle/Info.plist", "another");
+    EXPECT_EQ(read(handle, info), "ESTALE");
+}
+
 TEST_F(ServiceTest, RefusesForgeriesAndMoreThanTheBound) {
     const std::string sound = token(bundle);
     for (const std::string& forged : {""s, "token"s, "\xff"s, std::string(9000, ';'), sound + "0"}) {

@@ -1,3 +1,4 @@
+#include "platform/file/Identity.h"
 #include "platform/sandbox/Sandbox.h"
 #include "platform/sandbox/Token.h"
 #include "tests/support/Words.h"
@@ -11,12 +12,12 @@ std::optional<std::string> issue(const std::string& path) {
 
 TEST(Token, IsReadBackAsItWasIssuedAndInNoOtherForm) {
     for (const std::string& path : {"/"s, "/a/b-c_d.app"s, "/50%;/\xff\n x"s, "/" + std::string(1022, '\x01')}) {
-        const Extension extension{path, 0xfe01, 0xffffffffffffffff};
+        const Extension extension{path, {0xfe01, 0xffffffffffffffff, -1, 0xffffffffffffffff}};
         EXPECT_EQ(unseal(seal(extension)), extension) << path;
         EXPECT_LE(seal(extension).size(), kLongestToken);
     }
 
-    const std::string token = seal({"/a/b", 1, 2});
+    const std::string token = seal({"/a/b", {1, 2, 3, 4}});
     const std::string mac = token.substr(token.rfind(';') + 1);
     for (std::size_t i = 0; i < token.size(); ++i) {
         std::string altered = token;
@@ -25,9 +26,9 @@ TEST(Token, IsReadBackAsItWasIssuedAndInNoOtherForm) {
         EXPECT_FALSE(unseal(token.substr(0, i))) << "cut at " << i;
         EXPECT_FALSE(unseal(token.substr(i + 1))) << "begun after " << i;
     }
-    const std::string other = seal({"/a", 1, 2}), prefix = token.substr(0, token.size() - mac.size());
+    const std::string other = seal({"/a", {1, 2, 3, 4}}), prefix = token.substr(0, token.size() - mac.size());
     for (const std::string& forged :
-         {token + '\0', "halvern.file-read;1:2;/a;" + mac, prefix + std::string(64, '0'),
+         {token + '\0', "halvern.file-read;1:2:3:4;/a;" + mac, prefix + std::string(64, '0'),
           prefix + other.substr(other.size() - 64), std::string(1 << 20, 'a') + ";" + mac}) {
         EXPECT_FALSE(unseal(forged)) << forged.substr(0, 100);
     }
@@ -63,22 +64,45 @@ TEST(IssueFileExtension, RefusesWithAReason) {
     EXPECT_FALSE(issueFileExtension("halvern.file-read-write", root.path()));
 }
 
-TEST(IssueFileExtension, StaysWithinTheDirectoryItIsGiven) {
+// Whatever lies at the directory's path by now: what is named is reached from the directory that was opened.
+TEST(IssueFileExtension, BeneathADirectoryIsForWhatThatVeryDirectoryHolds) {
     const support::TemporaryDirectory root;
-    root.write("bundle2/file", "y");
-    fs::create_directory(root / "bundle");
-    fs::create_symlink("../bundle2", root / "bundle/outward");
-    fs::create_symlink("bundle", root / "link");
-    const auto within = [&](const char* path, const char* bundle) {
-        static_cast<void>(issue(root / path));  // a token kept for anywhere does not count
+    root.write("bundle/in/file", "x");
+    root.write("outside/in/file", "y");
+    fs::create_symlink("../outside", root / "bundle/outward");
+    fs::create_symlink("in", root / "bundle/inward");
+    fs::create_symlink(root / "bundle/in/file", root / "bundle/absolute");
+    const std::string bundle = root / "bundle";
+    const auto identity = file::identityOf(file::UniqueFd{::open(bundle.c_str(), O_PATH | O_CLOEXEC)}.get());
+    ASSERT_TRUE(identity);
+    const auto asked = [&](const char* name) -> std::string {
         errno = 0;
-        return issueFileExtension(kReadOnlyFileClass, root / path, root / bundle).has_value() || errno != EXDEV;
+        const auto token = issueFileExtensionBeneath(
+            kReadOnlyFileClass, bundle, name, [&] { return file::openSame(bundle, *identity, O_PATH | O_CLOEXEC); });
+        const auto extension = unseal(token.value_or(""));
+        return extension ? extension->path.substr(root.path().size() + 1) : strerrorname_np(errno);
     };
-    for (const char* bundle : {"bundle", "link"}) {
-        EXPECT_TRUE(within("bundle", bundle));
-        for (const char* path : {"bundle/outward/file", "bundle/..", "bundle2"})
-            EXPECT_FALSE(within(path, bundle)) << path;
-    }
+    const struct {
+        const char *name, *issued;
+    } rows[] = {
+        {".", "bundle"},
+        {"in/file", "bundle/in/file"},
+        {"inward/./file", "bundle/in/file"},
+        {"absolute", "bundle/in/file"},
+        {"in/..", "bundle"},
+        {"outward/in/file", "EXDEV"},
+        {"..", "EXDEV"},
+        {"missing", "ENOENT"},
+    };
+    for (const auto& row : rows) EXPECT_EQ(asked(row.name), row.issued) << row.name;
+    static_cast<void>(issue(root / "outside/in/file"));  // a token kept for anywhere does not count
+    fs::rename(root / "bundle", root / "away");
+    fs::create_symlink("outside", root / "bundle");
+    EXPECT_EQ(asked("."), "ELOOP");
+    EXPECT_EQ(asked("in/file"), "EXDEV");
+    fs::remove(root / "bundle");
+    fs::rename(root / "outside", root / "bundle");
+    for (const char* name : {".", "in/file"}) EXPECT_EQ(asked(name), "ESTALE") << name;
 }
 
 }  // namespace

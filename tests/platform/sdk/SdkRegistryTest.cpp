@@ -11,6 +11,9 @@ protected:
     static std::string text(const std::optional<Dictionary>& entry) {
         return entry && entry->string("k") != nullptr ? *entry->string("k") : "none";
     }
+    static std::string text(const value::Result<std::optional<Dictionary>>& entry) {
+        return entry ? text(*entry) : "unreadable";
+    }
 
     const support::PrivateRoot root;
     support::LogLines log;
@@ -38,7 +41,7 @@ TEST_F(SdkRegistry, FollowsAFileAndComplainsOnceForEachMalformedChange) {
     }
     for (const char* bad : {"no list", "<plist version=\"1.0\"><array/></plist>"}) {
         root.write("system/SDKs/p.plist", bad);
-        for (int i = 0; i < 3; ++i) EXPECT_EQ(text(entry("p")), "none");
+        for (int i = 0; i < 3; ++i) EXPECT_EQ(text(entry("p")), "unreadable");
         EXPECT_THAT(log.take(), ElementsAre(HasSubstr("SDKs/p.plist"))) << bad;
     }
     fs::remove(root / "system/SDKs/p.plist");

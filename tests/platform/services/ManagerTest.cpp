@@ -32,7 +32,7 @@ protected:
     int add(pid_t process, const std::string& executable, const std::string& mark = {}) const {
         mox::Dictionary overlay;
         overlay.set("mark", mark);
-        return manager->add(process, executable, overlay);
+        return manager->add(process, {"one", kOne}, executable, overlay);
     }
 
     int remove(const Manager::Service& service) const {
@@ -59,6 +59,7 @@ protected:
         return !fs::exists(directory + "/" + host.name);
     }
 
+    const value::Uuid kOne = value::Uuid::random();
     const support::PrivateRoot root;
     const std::string directory = root / "run/services";
     std::shared_ptr<Manager> manager = Manager::open(directory);
@@ -71,9 +72,12 @@ TEST_F(ManagerTest, WritesWhatAStarterNeedsUnderANameThatStaysInTheDirectory) {
     EXPECT_EQ(*plist::readFile(directory + "/" + host.name + "/org.example.p@1.2.plist"),
               Value(Dictionary{{"host", host.pid()},
                                {"hostStartTime", mox::startTimeOf(host.pid())},
+                               {"boot", bootIdentifier()},
                                {"executable", executable},
                                {"identifier", "org.example.p"},
                                {"version", "1.2"},
+                               {"plugIn", "one"},
+                               {"uuid", kOne.string()},
                                {"overlay", Dictionary{{"mark", "first"}}}}));
     EXPECT_EQ(remove({"org.example.p", "1.2", {}}), 0);
 
@@ -99,7 +103,7 @@ TEST_F(ManagerTest, WritesWhatAStarterNeedsUnderANameThatStaysInTheDirectory) {
     EXPECT_THAT(files(), SizeIs(1)) << "both too long for a file name, let alone together";
 }
 
-TEST_F(ManagerTest, RegistersABundleOnceForAHostAndTellsCopiesApart) {
+TEST_F(ManagerTest, RegistersAPlugInOnceForAHostAndTellsCopiesAndPlugInsOfOneBundleApart) {
     const std::string user = install("user/p", "p", "1"), system = install("system/p", "p", "1");
     for (const std::string& executable : {user, system, user}) ASSERT_EQ(add(host.pid(), executable), 0);
     ASSERT_EQ(add(::getpid(), user), 0);
@@ -111,6 +115,13 @@ TEST_F(ManagerTest, RegistersABundleOnceForAHostAndTellsCopiesApart) {
     EXPECT_THAT(files(), ElementsAre(host.name + "/p@1@2.plist"));
     ASSERT_EQ(add(host.pid(), install("system/p", "p", "2")), 0) << "another version in the same place";
     EXPECT_THAT(files(), ElementsAre(host.name + "/p@2.plist"));
+    for (int times = 0; times < 2; ++times) {
+        mox::Dictionary overlay;
+        ASSERT_EQ(manager->add(host.pid(), {"two", value::Uuid{}}, root / "system/p/run", overlay), 0);
+    }
+    EXPECT_THAT(files(), ElementsAre(host.name + "/p@2.plist", host.name + "/p@2@2.plist"));
+    EXPECT_EQ(remove({"p", "2", root / "system/p"}), 0);
+    EXPECT_THAT(files(), IsEmpty());
 }
 
 TEST_F(ManagerTest, WithdrawsWhatAHostHadWhenItEnds) {
@@ -136,6 +147,7 @@ TEST_F(ManagerTest, TakesOverWhatAnEarlierRunLeftBehindAndDropsWhatIsOfNoUse) {
     root.writeList("run/services/1/p@1.plist", sound);
     root.writeList(own + "/reused.plist", sound.changing("hostStartTime", 1));
     root.writeList(own + "/other.plist", sound.changing("host", 1));
+    root.writeList(own + "/rebooted.plist", sound.changing("boot", "another"));
     root.writeList(own + "/twice.plist", sound);
     root.writeList(own + "/no.plist", "text");
     root.writeList(own + "/p@1", sound.changing("executable", "/q/run"));
@@ -174,9 +186,12 @@ TEST_F(ManagerTest, AnswersWithTheNumberOfWhatPreventsItAndGoesOn) {
         EXPECT_EQ(add(host.pid(), executable, "fits"), 0);
         small.setReadOnly(true);
         EXPECT_EQ(add(host.pid(), executable, "not to be written"), EROFS);
-        EXPECT_EQ(remove({"p", "1", {}}), EROFS);
+        EXPECT_EQ(remove({"p", "1", root / "p"}), EROFS);
         EXPECT_THAT(files(), SizeIs(1));
         small.setReadOnly(false);
+        EXPECT_EQ(remove({"unknown", "1", "/elsewhere"}), kNotRegistered);
+        EXPECT_THAT(files(), IsEmpty()) << "what was owed went before that";
+        EXPECT_EQ(add(host.pid(), executable), 0);
     }
     EXPECT_EQ(remove({"p", "1", {}}), 0) << "what is gone already is removed";
     fs::remove_all(directory);

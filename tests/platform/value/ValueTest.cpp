@@ -60,6 +60,11 @@ TEST(Dictionary, KeepsUniqueKeysInOrderHoweverTheyCame) {
     EXPECT_FALSE(Dictionary::ofUnique({{"m", 1}, {"a", 1}, {"m", 2}}));
     EXPECT_EQ(built.changing("c", 2).changing("a", {}).changing("absent", {}),
               (Dictionary{{"m", "m!"}, {"b", "b!"}, {"c", 2}}));
+
+    Dictionary::Builder descending;  // by moving what is there for each it would take minutes
+    for (int i = 300'000; i > 0; --i) descending.set(std::to_string(1'000'000 + i / 2), i);
+    EXPECT_EQ(descending.size(), 150'001);
+    EXPECT_EQ(*descending.find("1000001"), Value{2}) << "the last one set";
 }
 
 TEST(Uuid, CanonicalTextIsReadBackAndNothingElseIs) {
