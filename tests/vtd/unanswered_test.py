@@ -54,9 +54,7 @@ class UnansweredTest(WorldTest):
                 connection.send(3, 1, encode({'request': request, 'version': 3, 'paths': [held + '/x/y'], 'flags': 2}))
             return connection
         clients = [self.fork(name_paths) for _ in range(100)]
-        busy = min(self.slowest(client) for _ in range(3))
-        print(f'{idle * 1000:.2f} ms, with a hundred clients {busy * 1000:.2f} ms')
-        self.assertLess(busy, 2 * idle + 0.002)
+        self.eventually(lambda: self.slowest(client) < 2 * idle + 0.001, 'the others hold it up')
         for pid in clients:
             self.kill(pid)
 
