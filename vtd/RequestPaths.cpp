@@ -13,6 +13,9 @@ namespace {
 constexpr std::size_t kMostAtHand = 4;
 constexpr std::size_t kLongestAtHand = 1024;
 
+// Bundles of one request that are read beforehand, and kept in memory until its turn comes. The registry reads others.
+constexpr std::size_t kBundlesRead = 8;
+
 // What the results may take for each byte of the request: a few bytes can name a path of a thousand.
 constexpr std::size_t kBytesAByte = 8;
 constexpr std::size_t kBytesAnyway = std::size_t{64} << 10;
@@ -40,7 +43,8 @@ std::shared_ptr<RequestPaths> RequestPaths::of(const mox::Request& request) {
     const bool isLock = *text == VTRequest::lock;
     if (!isLock && *text != VTRequest::add && *text != VTRequest::remove) return nullptr;
     const auto paths = mox_dictionary_get_array(request.view(), VTKey::paths);
-    if (!paths || (isLock && mox_dictionary_get_array(request.view(), VTKey::uuids))) return nullptr;
+    if (!paths || paths->count() == 0 || (isLock && mox_dictionary_get_array(request.view(), VTKey::uuids)))
+        return nullptr;
     return std::make_shared<RequestPaths>(request,
                                           isLock                    ? Purpose::lock
                                           : *text == VTRequest::add ? Purpose::add
@@ -58,7 +62,7 @@ void RequestPaths::collect() {
         if (!isAbsolute(element)) return false;
         const std::string_view sent = *element.string();
         const auto [at, isNew] = known.try_emplace(sent, static_cast<std::uint32_t>(distinct_.size()));
-        if (isNew) distinct_.push_back({.sent = sent, .canonical = {}, .former = {}});
+        if (isNew) distinct_.push_back({.sent = sent, .canonical = {}, .former = {}, .files = nullptr});
         elements_.push_back(at->second);
         return true;
     });
@@ -83,9 +87,14 @@ bool RequestPaths::resolveAtHand() {
 void RequestPaths::resolve() {
     if (elements_.empty()) collect();
     std::size_t bytesLeft = kBytesAByte * paths_.size() + kBytesAnyway;
+    std::size_t bundlesLeft = kBundlesRead;
     for (Path& path : distinct_) {
         const std::uint64_t before = unitsSoFar();
         resolve(path);
+        if (purpose_ == Purpose::add && path.canonical && bundlesLeft > 0) {
+            --bundlesLeft;
+            path.files = dravo::readBundleFiles(*path.canonical);
+        }
         const std::size_t bytes = path.canonical.value_or("").size() + path.former.value_or("").size();
         const bool isTooLarge = bytes > bytesLeft;
         bytesLeft -= std::min(bytes, bytesLeft);

@@ -9,6 +9,7 @@
 #include <unordered_map>
 #include <vector>
 
+#include "platform/dravo/BundleFiles.h"
 #include "platform/effort/Effort.h"
 #include "platform/mox/Connection.h"
 
@@ -27,9 +28,11 @@ public:
         std::optional<std::string> canonical;
         // Of one to be removed that leads nowhere: where it would lie by what is left of the way.
         std::optional<std::string> former;
+        // Of one to be added: what the bundle's files say, where that could be read.
+        std::shared_ptr<const dravo::BundleFiles> files;
     };
 
-    // Null where the request's handler looks at no path.
+    // Null where the request's handler looks at no path, or there is none.
     static std::shared_ptr<RequestPaths> of(const mox::Request& request);
 
     RequestPaths(const mox::Request& request, Purpose purpose, mox::View paths);

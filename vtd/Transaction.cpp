@@ -80,7 +80,9 @@ bool Transaction::marshalPaths(const PathHandler& handler) {
         return false;
     };
     const auto paths = mox_dictionary_get_array(request(), VTKey::paths);
-    if (!paths || !paths_) return malformed();
+    if (!paths) return malformed();
+    if (paths->count() == 0) return true;
+    if (!paths_) return malformed();
     if (paths_->outcome() != RequestPaths::Outcome::done) return failForEffort();
     if (!mayGoOn()) return false;
 

@@ -8,49 +8,64 @@ VTDHoldTable::Blocked::Blocked(std::shared_ptr<VTDPlugIn> plugIn, const VTDPlugI
     : record{std::move(plugIn)}, charge{hold.chargeFor(*record)} {}
 
 void VTDHoldTable::add(const Hold& hold) {
+    auto& client = clients_[hold->client()];
+    if (!client) client = std::make_shared<OfClient>();
     VTDPlugInHold::PlugIns shared;
     for (const auto& plugIn : hold->blocked()) {
         Blocked& blocked = blocked_.try_emplace(plugIn->uuid(), plugIn, *hold).first->second;
-        ++blocked.holds;
+        if (++client->blocked_[plugIn->uuid()] == 1) ++blocked.clients;
         shared.insert(blocked.record);
     }
     hold->setBlocked(std::move(shared));
-    const auto place = byClient_.emplace(std::pair{hold->client().get(), added_++}, hold).first;
-    byToken_.emplace(hold->uuid(), place);
+    client->holds_.emplace(++added_, hold);
+    byToken_.emplace(hold->uuid(), Place{client, added_});
+    ++size_;
 }
 
 VTDHoldTable::Hold VTDHoldTable::remove(const value::Uuid& token) {
     const auto found = byToken_.find(token);
-    if (found == byToken_.end()) return nullptr;
-    Hold hold = found->second->second;
-    erase(found->second);
-    return hold;
-}
-
-std::vector<VTDHoldTable::Hold> VTDHoldTable::removeAllOf(const VTDMoxClient& client) {
-    std::vector<Hold> removed;
-    auto hold = byClient_.lower_bound({&client, 0});
-    while (hold != byClient_.end() && hold->first.first == &client) {
-        // One whose client is gone may bear the address of another.
-        if (hold->second->client().get() != &client) {
-            ++hold;
-            continue;
-        }
-        removed.push_back(hold->second);
-        hold = erase(hold);
+    if (found == byToken_.end() || found->second.client->isGivenUp_) return nullptr;
+    OfClient& client = *found->second.client;
+    const auto place = client.holds_.find(found->second.number);
+    Hold hold = std::move(place->second);
+    client.holds_.erase(place);
+    for (const auto& plugIn : hold->blocked()) {
+        const auto count = client.blocked_.find(plugIn->uuid());
+        if (--count->second > 0) continue;
+        client.blocked_.erase(count);
+        unblock(plugIn->uuid());
     }
-    return removed;
+    byToken_.erase(found);
+    --size_;
+    return hold;
 }
 
 bool VTDHoldTable::covers(const VTDPlugIn& plugIn) const {
     return blocked_.contains(plugIn.uuid());
 }
 
-VTDHoldTable::ByClient::iterator VTDHoldTable::erase(ByClient::iterator hold) {
-    for (const auto& plugIn : hold->second->blocked()) {
-        const auto blocked = blocked_.find(plugIn->uuid());
-        if (--blocked->second.holds == 0) blocked_.erase(blocked);
+void VTDHoldTable::unblock(const value::Uuid& plugIn) {
+    const auto blocked = blocked_.find(plugIn);
+    if (--blocked->second.clients == 0) blocked_.erase(blocked);
+}
+
+std::shared_ptr<VTDHoldTable::OfClient> VTDHoldTable::giveUp(const VTDMoxClient& client) {
+    const auto found = clients_.find(client.weak_from_this());
+    if (found == clients_.end()) return nullptr;
+    std::shared_ptr<OfClient> givenUp = std::move(found->second);
+    clients_.erase(found);
+    givenUp->isGivenUp_ = true;
+    for (const auto& [plugIn, count] : givenUp->blocked_) unblock(plugIn);
+    size_ -= givenUp->size();
+    return givenUp;
+}
+
+std::vector<VTDHoldTable::Hold> VTDHoldTable::forget(OfClient& givenUp, std::size_t most) {
+    std::vector<Hold> forgotten;
+    for (auto hold = givenUp.holds_.begin(); hold != givenUp.holds_.end() && forgotten.size() < most;) {
+        byToken_.erase(hold->second->uuid());
+        forgotten.push_back(std::move(hold->second));
+        hold = givenUp.holds_.erase(hold);
     }
-    byToken_.erase(hold->second->uuid());
-    return byClient_.erase(hold);
+    return forgotten;
 }

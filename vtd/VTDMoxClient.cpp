@@ -49,12 +49,14 @@ void VTDMoxClient::dying() {
     server_->debug("client {} termination imminent", pid());
 }
 
+// What waits in the lane goes without having been looked at: nobody would get the answers.
 void VTDMoxClient::dead() {
-    server_->unholdClient(*this);
-    server_->debug("client {} is dead", pid());
+    server_->unholdClient(*this, [self = shared_from_this(), pid = pid()] {
+        self->server_->debug("client {} is dead", pid);
+        probes::clientDone(pid);
+    });
     setAcceptWork(false);
     lane_.drop();
-    probes::clientDone(pid());
 }
 
 pid_t VTDMoxClient::pid() const {

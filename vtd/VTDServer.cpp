@@ -56,6 +56,7 @@ VTDServer::VTDServer(std::shared_ptr<VTDAnnotationStore> annotations,
       mainQueue_{std::make_shared<queue::SerialQueue>("service", queue::QualityOfService::userInitiated)},
       turns_{std::make_shared<queue::Turns>(*mainQueue_)},
       syncQueue_{std::make_shared<queue::SerialQueue>("serverSync")},
+      releaseQueue_{std::make_shared<queue::SerialQueue>("releases", queue::QualityOfService::utility)},
       service_{mox::listen(service, moxQueue_)},
       sandbox_{sandbox::Service::create(service)},
       userPrefs_{std::make_shared<VTDUserPrefs>()} {}

@@ -32,6 +32,7 @@ class VTDMoxClient;
 //     "service"  user-initiated: every request from dispatch to reply, one at a time; those of one connection in order
 //         of arrival, those of different ones by turns
 //     "serverSync"  the hold table, entered synchronously; what runs there waits for no other queue
+//     "releases"  what is left of dead clients' holds, behind all else
 // Errors: a server that cannot be built is a null pointer, and the log says why.
 class VTDServer : public VTDatabase, public VTDatabaseDelegate {
 public:
@@ -87,7 +88,9 @@ public:
     void unholdToken(const value::Uuid& token);
     void unholdTokens(std::span<const value::Uuid> tokens);
 
-    void unholdClient(VTDMoxClient& client);  // the client is dead: releases all of its holds
+    // The client is dead: releases all of its holds, at once; what that leaves to do may take until later. `done` runs
+    // behind it.
+    void unholdClient(VTDMoxClient& client, queue::SerialQueue::Work done);
 
     // The server is its own database's delegate: has the service manager forget what was registered of plug-ins that
     // go. Its answers come on the service queue; one that tells of a failure is logged.
@@ -109,11 +112,15 @@ private:
     VTDServer(std::shared_ptr<VTDAnnotationStore> annotations, std::shared_ptr<dravo::DVApplicationWorkspace> workspace,
               const std::string& service);
 
+    struct Release;
+    void releasePart(std::shared_ptr<Release> release);
+
     const std::string name_;  // of the service
     const std::shared_ptr<queue::SerialQueue> moxQueue_;
     const std::shared_ptr<queue::SerialQueue> mainQueue_;
     const std::shared_ptr<queue::Turns> turns_;
     const std::shared_ptr<queue::SerialQueue> syncQueue_;
+    const std::shared_ptr<queue::SerialQueue> releaseQueue_;
     const std::shared_ptr<mox::Listener> service_;
     const std::shared_ptr<sandbox::Service> sandbox_;  // where those who hold our tokens ask for files
     const std::shared_ptr<VTDUserPrefs> userPrefs_;

@@ -19,7 +19,19 @@ void postChange(std::size_t times) {
     }
 }
 
+constexpr std::size_t kReleasedAtOnce = 64;  // of a dead client's holds
+
 }  // namespace
+
+// A dead client's holds, until all are gone; `done` is what is to come behind them.
+struct VTDServer::Release {
+    Release(std::shared_ptr<VTDHoldTable::OfClient> givenUp, pid_t client, queue::SerialQueue::Work then)
+        : holds{std::move(givenUp)}, pid{client}, done{std::move(then)} {}
+
+    const std::shared_ptr<VTDHoldTable::OfClient> holds;  // shrinks on syncQueue
+    const pid_t pid;
+    const queue::SerialQueue::Work done;
+};
 
 bool VTDServer::holdOnPlugIn(const VTDPlugIn& plugIn) const {
     if (holdCount_.load() == 0) return false;
@@ -38,7 +50,7 @@ bool VTDServer::addHold(const std::shared_ptr<VTDPlugInHold>& hold) {
     return added;
 }
 
-// In both removals what is removed goes only after the queue has been left: records take their time to be destroyed.
+// What is removed goes only after the queue has been left: records take their time to be destroyed.
 
 void VTDServer::unholdToken(const value::Uuid& token) {
     unholdTokens({&token, 1});
@@ -59,15 +71,25 @@ void VTDServer::unholdTokens(std::span<const value::Uuid> tokens) {
     });
 }
 
-void VTDServer::unholdClient(VTDMoxClient& client) {
-    const auto removed = syncQueue_->sync([&] {
+// The table is rid of them in one step. What else each costs, its line in the log, its notification and its memory, is
+// spent a part at a time, so that nobody waits for a client that had two hundred thousand.
+void VTDServer::unholdClient(VTDMoxClient& client, queue::SerialQueue::Work done) {
+    auto released = syncQueue_->sync([&] {
         client.setGaveUpHolds();
-        auto holds = holds_.removeAllOf(client);
+        auto givenUp = holds_.giveUp(client);
         holdCount_.store(holds_.size());
-        for (const auto& hold : holds) {
-            log("releasing plug-in hold {} for dead client pid {}", hold->uuid().string(), client.pid());
-        }
-        if (!holds.empty()) postChange(holds.size());
-        return holds;
+        return givenUp;
     });
+    if (!released) return done();
+    releasePart(std::make_shared<Release>(std::move(released), client.pid(), std::move(done)));
+}
+
+void VTDServer::releasePart(std::shared_ptr<Release> release) {
+    const auto holds = syncQueue_->sync([&] { return holds_.forget(*release->holds, kReleasedAtOnce); });
+    for (const auto& hold : holds) {
+        log("releasing plug-in hold {} for dead client pid {}", hold->uuid().string(), release->pid);
+    }
+    syncQueue_->sync([&] { postChange(holds.size()); });
+    if (release->holds->size() == 0) return release->done();
+    releaseQueue_->async([self = shared_from_this(), this, release = std::move(release)] { releasePart(release); });
 }

@@ -169,8 +169,9 @@ void VTDatabase::setCache(Cache cache) {
 
 // --- Registration
 
-std::optional<value::Error> VTDatabase::addPlugIn(const std::string& path, const dravo::Registrant& registrant) {
-    if (workspace()->registerPlugin(path, registrant)) return {};
+std::optional<value::Error> VTDatabase::addPlugIn(const std::string& path, const dravo::Registrant& registrant,
+                                                  std::shared_ptr<const dravo::BundleFiles> files) {
+    if (workspace()->registerPlugin(path, registrant, std::move(files))) return {};
     return VTError(VTErrorRegistry, "Dravo failed to register the plug-in");
 }
 

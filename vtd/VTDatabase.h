@@ -74,7 +74,9 @@ public:
 
     // --- Registration
 
-    [[nodiscard]] std::optional<value::Error> addPlugIn(const std::string& path, const dravo::Registrant& registrant);
+    // Of canonical paths; what was read of the bundle beforehand comes along, if anything was.
+    [[nodiscard]] std::optional<value::Error> addPlugIn(const std::string& path, const dravo::Registrant& registrant,
+                                                        std::shared_ptr<const dravo::BundleFiles> files = nullptr);
     [[nodiscard]] std::optional<value::Error> removePlugIn(const std::string& path);
 
     // --- Annotations

@@ -14,6 +14,8 @@
 // path, identifier and extension point. Installs and removals on disk are noticed live.
 namespace dravo {
 
+struct BundleFiles;
+
 // An installed application. Immutable but for the placeholder flag, which follows the disk.
 class DVApplicationProxy {
 public:
@@ -139,7 +141,9 @@ public:
     // the system volume has its plug-ins, is taken only from who is not sandboxed, and so could put it there; the
     // nearest directory above it that is called an application then counts as one. Both return when it is on disk and
     // has been announced, so an observer must not call them.
-    virtual bool registerPlugin(const std::string& path, const Registrant& registrant) = 0;
+    // What was read of the bundle beforehand comes along, if anything was (BundleFiles.h).
+    virtual bool registerPlugin(const std::string& path, const Registrant& registrant,
+                                std::shared_ptr<const BundleFiles> files = nullptr) = 0;
     virtual bool unregisterPlugin(const std::string& path) = 0;
 
     virtual void clearSchemaCaches() = 0;  // drops the dictionaries that the registry keeps

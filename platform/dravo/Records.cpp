@@ -8,14 +8,24 @@
 #include "platform/dravo/DataContainers.h"
 #include "platform/dravo/InfoFile.h"
 #include "platform/file/Beneath.h"
+#include "platform/mounts/Mounts.h"
 
 namespace dravo {
 
 namespace {
+
 constexpr int kDirectory = O_PATH | O_DIRECTORY | O_CLOEXEC;
+
+// What is mounted over a record's directory by now may keep whoever opens it for ever.
+std::optional<value::Error> refusalToAsk(const std::string& path) {
+    if (!mounts::mayNeverAnswer(path)) return {};
+    return value::posixError(ESTALE, path);
 }
 
+}  // namespace
+
 ApplicationRecord::Placeholder ApplicationRecord::placeholderOnDisk() const {
+    if (mounts::mayNeverAnswer(path_)) return Placeholder::unknown;
     const std::string file = path_ + "/.placeholder";
     if (::faccessat(AT_FDCWD, file.c_str(), F_OK, AT_SYMLINK_NOFOLLOW) == 0) return Placeholder::present;
     return file::mayPass(errno) ? Placeholder::unknown : Placeholder::absent;
@@ -32,6 +42,7 @@ bool ApplicationRecord::isPlaceholder() const {
 }
 
 value::Result<file::UniqueFd> ApplicationRecord::openBundle() const {
+    if (auto refusal = refusalToAsk(path_)) return *std::move(refusal);
     return file::openSame(path_, facts_.identity, kDirectory);
 }
 
@@ -39,6 +50,7 @@ value::Result<file::UniqueFd> ApplicationRecord::openBundle() const {
 // the very folder when the very application lies in it.
 value::Result<file::UniqueFd> ApplicationRecord::openContainer() const {
     if (!facts_.containerPath) return value::posixError(ENOENT, path_);
+    if (auto refusal = refusalToAsk(*facts_.containerPath)) return *std::move(refusal);
     auto container = file::openWithoutLinks(*facts_.containerPath, kDirectory);
     if (!container) return container;
     const auto application = file::openSameBeneath(container->get(), path_.substr(facts_.containerPath->size() + 1),
@@ -136,6 +148,7 @@ BundleRecord::BundleRecord(BundlePlace place, BundleFacts facts, std::shared_ptr
 }
 
 value::Result<file::UniqueFd> BundleRecord::open() const {
+    if (auto refusal = refusalToAsk(path())) return *std::move(refusal);
     if (!application_) return file::openSame(path(), facts_.identity, kDirectory);
     // That the bundle is the very one follows from its own identity; its application's tells where it lies, and is
     // looked at with one system call less, since every record that is built passes here.

@@ -8,6 +8,7 @@
 
 #include "platform/file/File.h"
 #include "platform/logging/Log.h"
+#include "platform/mounts/Mounts.h"
 #include "platform/paths/Paths.h"
 #include "platform/text/Format.h"
 
@@ -140,18 +141,24 @@ void Registrar::publish(std::shared_ptr<const Snapshot> snapshot) {
     snapshot_.swap(snapshot);  // the old one goes behind the lock
 }
 
-// Who is sandboxed could make a bundle anywhere that claims to be another's, but nobody would find it there.
-bool Registrar::registerPlugin(const std::string& path, const Registrant& registrant) {
+// Who is sandboxed could make a bundle anywhere that claims to be another's, but nobody would find it there. A file
+// system that may never answer would sooner or later be asked by the registry itself.
+bool Registrar::registerPlugin(const std::string& path, const Registrant& registrant,
+                               std::shared_ptr<const BundleFiles> files) {
+    if (mounts::mayNeverAnswer(path)) {
+        logging::notice(text::format("{} lies on a file system that may never answer", path));
+        return false;
+    }
     if (!liesWhereInstalled(path) && registrant.isSandboxed()) {
         logging::notice(text::format("{} lies in no application, and who asks to register it is sandboxed", path));
         return false;
     }
-    return queue_->sync([&] { return registerCanonical(path); });
+    return queue_->sync([&] { return registerCanonical(path, std::move(files)); });
 }
 
 // Registrations go to the disk by themselves and first: when that fails nothing has happened yet, and nobody has been
 // told anything.
-bool Registrar::registerCanonical(const std::string& path) {
+bool Registrar::registerCanonical(const std::string& path, std::shared_ptr<const BundleFiles> files) {
     const Topic topic{Topic::Kind::registered, path};
     const auto found = [&] {
         const auto finding = findings_.find(topic);
@@ -161,6 +168,7 @@ bool Registrar::registerCanonical(const std::string& path) {
     const bool isNew = registrations_.insert(path).second;
     {
         const Scanner::Pass pass{scanner_, snapshot()};
+        scanner_.take(std::move(files));
         lookAtRegistered(path);
     }
     const Finding now = found();
@@ -353,12 +361,14 @@ void Registrar::lookAt(const Topic& topic) {
 
 void Registrar::lookAtEntry(const Root& root, const std::string& name) {
     const Topic topic{Topic::Kind::entry, root.path + "/" + name};
+    if (passesBy(topic)) return;
     Watcher::Look look{watcher_.get(), topic};
     record(topic, scanner_.entry(root, name, look));
 }
 
 void Registrar::lookAtRegistered(const std::string& path) {
     const Topic topic{Topic::Kind::registered, path};
+    if (passesBy(topic)) return;
     Watcher::Look look{watcher_.get(), topic};
     record(topic, scanner_.registered(path, look));
 }
@@ -377,6 +387,19 @@ void Registrar::record(const Topic& topic, Finding finding) {
         finding.look = look_;
         findings_.insert_or_assign(topic, std::move(finding));
     }
+}
+
+// Whether it is not to be looked at, since what is mounted there now may never answer: it stays as it was known.
+bool Registrar::passesBy(const Topic& topic) {
+    if (!mounts::mayNeverAnswer(topic.path)) return false;
+    retryLater();
+    Finding finding;
+    addWhatIsKnown(topic, finding);
+    if (finding.empty()) return true;
+    // Whether it is still being installed is not looked for either: nobody doubts what was last seen.
+    finding.look = look_;
+    findings_.insert_or_assign(topic, std::move(finding));
+    return true;
 }
 
 // Known from an earlier look, or since before the start from the store.

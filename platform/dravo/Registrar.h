@@ -46,7 +46,8 @@ public:
     std::shared_ptr<const Snapshot> snapshot() const;
     Announcements& announcements() { return *announcements_; }
 
-    bool registerPlugin(const std::string& path, const Registrant& registrant);
+    bool registerPlugin(const std::string& path, const Registrant& registrant,
+                        std::shared_ptr<const BundleFiles> files);
     bool unregisterPlugin(const std::string& path);
     void clearSchemaCaches() { surroundings_->schemas.clear(); }
 
@@ -75,6 +76,7 @@ private:
     void lookAtEntry(const Root& root, const std::string& name);
     void lookAtRegistered(const std::string& path);
     void record(const Topic& topic, Finding finding);
+    bool passesBy(const Topic& topic);
     void addWhatIsKnown(const Topic& topic, Finding& finding);
     void retryLater();
     void lookAtSdks();
@@ -87,7 +89,7 @@ private:
     [[nodiscard]] std::optional<value::Error> save(const Difference& changes, const Snapshot& after,
                                                    const Registrations& changed);
     [[nodiscard]] std::optional<value::Error> replaceStore(const std::string& why);
-    bool registerCanonical(const std::string& path);
+    bool registerCanonical(const std::string& path, std::shared_ptr<const BundleFiles> files);
     bool unregisterCanonical(const std::string& path);
     void publish(std::shared_ptr<const Snapshot> snapshot);
 

@@ -115,6 +115,7 @@ Scanner::Pass::Pass(Scanner& scanner, std::shared_ptr<const Snapshot> known) : s
 
 Scanner::Pass::~Pass() {
     scanner_.known_ = nullptr;
+    scanner_.given_ = nullptr;
     scanner_.seen_.clear();
     scanner_.rootPath_.clear();
     scanner_.root_.reset();
@@ -212,7 +213,7 @@ Scanner::Directory Scanner::open(int parent, const std::string& name, const std:
 }
 
 Scanner::Directory Scanner::followLink(const std::string& path, const Bounds& bounds) {
-    const auto target = file::canonicalPath(path);
+    const auto target = file::canonicalPathWithin(bounds.within, path);
     if (!target || !isBeneath(*target, bounds.within)) {
         complain(path, "a link that leads nowhere, or out of where it lies");
         return {};
@@ -389,7 +390,8 @@ BundleFacts Scanner::read(int directory, const std::string& path, const BundleSt
     facts.identity = identity;
     facts.row = known ? known->row : ++lastRow_;
     facts.stamps = {trusted(stamps.directory), trusted(stamps.info), trusted(stamps.entitlements)};
-    if (const auto info = readInfoFile(directory)) {
+    const bool isGiven = given_ && given_->path == path && given_->stamps == stamps;
+    if (const auto info = isGiven ? given_->info : readInfoFile(directory)) {
         facts.stamps.info = info->isSettled ? info->stamp : untrusted(info->stamp);
         describe(*info, facts);
     } else {
@@ -397,7 +399,7 @@ BundleFacts Scanner::read(int directory, const std::string& path, const BundleSt
         facts.refusal = info.error().localizedDescription();
     }
     if (stamps.entitlements != file::Stamp{}) {
-        if (auto entitlements = entitlements::ofBundle(directory, path)) {
+        if (auto entitlements = isGiven ? given_->entitlements : entitlements::ofBundle(directory, path)) {
             facts.entitlements = std::move(*entitlements);
         } else {
             static_cast<void>(passesBy(path, entitlements.error()));

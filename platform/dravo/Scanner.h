@@ -10,6 +10,7 @@
 #include <unordered_map>
 #include <vector>
 
+#include "platform/dravo/BundleFiles.h"
 #include "platform/dravo/Records.h"
 #include "platform/dravo/Snapshot.h"
 #include "platform/dravo/Watcher.h"
@@ -68,6 +69,9 @@ public:
     // lacking, a disk cannot be read): what it does not tell of may well be there.
     bool uncertain() const { return uncertain_; }
 
+    // What was read of a bundle beforehand, for this pass.
+    void take(std::shared_ptr<const BundleFiles> files) { given_ = std::move(files); }
+
     std::vector<std::string> entries(const Root& root);
     Finding entry(const Root& root, const std::string& name, Watcher::Look& look);
     Finding registered(const std::string& path, Watcher::Look& look);
@@ -114,6 +118,7 @@ private:
     std::int64_t lastRow_;
     bool uncertain_ = false;
     std::shared_ptr<const Snapshot> known_;
+    std::shared_ptr<const BundleFiles> given_;
     std::string rootPath_;  // the root that is open for this pass
     file::UniqueFd root_;
     std::unordered_map<std::string, std::shared_ptr<const ApplicationRecord>> seen_;  // in this pass, by path

@@ -1,6 +1,7 @@
 #include "platform/dravo/Workspace.h"
 
 #include <mutex>
+#include <utility>
 
 namespace dravo {
 
@@ -35,8 +36,9 @@ public:
         return registrar_->snapshot()->plugInsWithin(application.bundlePath());
     }
 
-    bool registerPlugin(const std::string& path, const Registrant& registrant) override {
-        return registrar_->registerPlugin(path, registrant);
+    bool registerPlugin(const std::string& path, const Registrant& registrant,
+                        std::shared_ptr<const BundleFiles> files) override {
+        return registrar_->registerPlugin(path, registrant, std::move(files));
     }
     bool unregisterPlugin(const std::string& path) override { return registrar_->unregisterPlugin(path); }
     void clearSchemaCaches() override { registrar_->clearSchemaCaches(); }

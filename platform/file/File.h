@@ -95,7 +95,12 @@ void removeLeftovers(const std::string& path);
 // once resolved, or leads through one of /proc's links into another process; errno then tells why.
 std::optional<std::string> canonicalPath(const std::string& path);
 
-// The same where the kernel has all of it at hand, so that nothing blocks; else nothing, and errno is EAGAIN.
+// The same of a path in the directory (both canonical but for the path's own links), as long as nothing on the way lies
+// on another mount than the directory does: what others have mounted is not asked. EXDEV when it does.
+std::optional<std::string> canonicalPathWithin(const std::string& directory, const std::string& path);
+
+// The same where the kernel has all of it at hand and no link is on the way, so that it neither blocks nor takes time;
+// else nothing, and errno mostly is EAGAIN.
 std::optional<std::string> canonicalPathAtHand(const std::string& path);
 
 // Makes the directory and those above it, each new one with the mode (less the umask); an existing directory is fine.

@@ -21,7 +21,7 @@ namespace file {
 namespace {
 
 constexpr std::size_t kLongest = 1023;
-constexpr std::uint64_t kAtHand = 0x20;  // RESOLVE_CACHED, which older headers lack
+constexpr std::uint64_t kAtHand = 0x20 | RESOLVE_NO_SYMLINKS;  // RESOLVE_CACHED, which older headers lack
 
 std::optional<std::string> failed(int errorNumber) {
     errno = errorNumber;
@@ -55,11 +55,11 @@ std::optional<std::string> pathOf(int fd, Asking asking) {
 }
 
 // Magic links lead into other processes' trees, where a path says nothing.
-UniqueFd openToResolve(const std::string& path, std::uint64_t resolve) {
+UniqueFd openToResolve(const std::string& path, std::uint64_t resolve, int directory = AT_FDCWD) {
     open_how how{};
     how.flags = O_PATH | O_CLOEXEC;
     how.resolve = RESOLVE_NO_MAGICLINKS | resolve;
-    return UniqueFd{static_cast<int>(::syscall(SYS_openat2, AT_FDCWD, path.c_str(), &how, sizeof how))};
+    return UniqueFd{static_cast<int>(::syscall(SYS_openat2, directory, path.c_str(), &how, sizeof how))};
 }
 
 bool isLackingCall(int errorNumber) {  // filters of older containers answer EPERM for calls that they do not know
@@ -102,8 +102,33 @@ std::optional<std::string> canonicalPathAtHand(const std::string& path) {
     if (!isPath(path)) return {};
     const UniqueFd opened = openToResolve(path, kAtHand);
     if (opened) return pathOf(opened.get(), Asking::never);
-    if (isLackingCall(errno) || errno == EINVAL) errno = EAGAIN;  // the kernel knows no such way of opening
+    // A link is on the way, or the kernel knows no such way of opening.
+    if (errno == ELOOP || errno == EINVAL || isLackingCall(errno)) errno = EAGAIN;
     return {};
+}
+
+std::optional<std::string> canonicalPathWithin(const std::string& directory, const std::string& path) {
+    const auto isBeneath = [&](const std::string& lower) {
+        return lower.size() > directory.size() && lower.starts_with(directory) && lower[directory.size()] == '/';
+    };
+    if (!isPath(path)) return {};
+    if (!isBeneath(path)) return failed(EXDEV);
+    const UniqueFd base{::open(directory.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC)};
+    if (!base) return {};
+    const auto open = [&](const std::string& lower) {
+        return openToResolve(lower.substr(directory.size() + 1), RESOLVE_NO_XDEV, base.get());
+    };
+    UniqueFd opened = open(path);
+    if (!opened && errno == EXDEV) {
+        // An absolute link begins at the root, which may be another mount. It is told by its text.
+        std::array<char, kLongest + 1> text;  // NOLINT(*-member-init): the kernel fills what is read
+        const ssize_t length = ::readlink(path.c_str(), text.data(), text.size());
+        const std::string target{text.data(), static_cast<std::size_t>(std::max<ssize_t>(length, 0))};
+        if (!isBeneath(target)) return failed(EXDEV);
+        opened = open(target);
+    }
+    if (opened) return pathOf(opened.get(), Asking::mayBlock);
+    return isLackingCall(errno) ? resolveByComponents(path) : std::nullopt;
 }
 
 std::optional<value::Error> makeDirectories(const std::string& path, mode_t mode) {

@@ -6,6 +6,7 @@
 #include "platform/sandbox/Sandbox.h"
 #include "platform/text/Format.h"
 #include "vtd/Probes.h"
+#include "vtd/RequestPaths.h"
 #include "vtd/Transaction.h"
 #include "vtd/VTDMoxClient.h"
 #include "vtd/VTDServer.h"
@@ -16,14 +17,16 @@ void Transaction::addPlugIns() {
         return !peer || sandbox::isSandboxed(*peer->identity());
     }};
     std::unordered_set<std::string> added;
+    std::size_t element = 0;
     processPaths([&](const std::string& path, bool resolved) {
+        const auto& files = (*paths_)[element++].files;
         if (!resolved) {
             fail(VTErrorPath, text::format("invalid plugin path: {}", path));
             return false;
         }
         if (!added.insert(path).second) return true;
         probes::pluginAdd(path);
-        if (!server()->addPlugIn(path, registrant)) return true;
+        if (!server()->addPlugIn(path, registrant, files)) return true;
         server()->log("failed to register plug-in at {}", path);
         fail(VTErrorRegistry, text::format("unable to register plug-in at {}", path));
         return false;
