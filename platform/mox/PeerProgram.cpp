@@ -16,6 +16,7 @@ namespace mox {
 namespace {
 
 constexpr std::size_t kLongestPath = 2047;
+constexpr std::size_t kSmall = std::size_t{16} << 10;
 
 std::optional<std::string> readLink(const std::string& path) {
     std::array<char, kLongestPath + 1> text;
@@ -101,12 +102,14 @@ void PeerPrograms::finish(const Key& key, std::unique_ptr<PeerProgram> program) 
                  }};
     }
     std::vector<Found> waiting;
+    std::shared_ptr<const PeerProgram> former = known && sizeOf(*known) <= kSmall ? known : nullptr;
     {
         const std::lock_guard lock{mutex_};
         const auto at = entries_.find(key);
         waiting.swap(at->second.waiting);
         at->second.known = known;
         if (!known) entries_.erase(at);
+        if (former) recent_.at(nextRecent_++ % kRecent).swap(former);  // which goes outside the lock
     }
     for (const Found& found : waiting) found(known);
 }

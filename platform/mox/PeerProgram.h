@@ -1,5 +1,7 @@
 #pragma once
 
+#include <array>
+#include <cstddef>
 #include <functional>
 #include <map>
 #include <memory>
@@ -63,8 +65,13 @@ private:
     void finish(const Key& key, std::unique_ptr<PeerProgram> program);
     void forget(const Key& key);
 
-    std::mutex mutex_;
-    std::map<Key, Entry> entries_;  // guarded by the mutex
+    // The last small ones are kept beyond their connections: a process that connects time and again is not read anew.
+    static constexpr std::size_t kRecent = 32;
+
+    std::mutex mutex_;  // guards what follows
+    std::map<Key, Entry> entries_;
+    std::array<std::shared_ptr<const PeerProgram>, kRecent> recent_;
+    std::size_t nextRecent_ = 0;
 };
 
 }  // namespace mox
