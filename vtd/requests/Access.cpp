@@ -27,9 +27,7 @@ void Transaction::accessPlugIns() {
     if (!all) return;
     const auto uuids = mox_dictionary_get_array(request(), VTKey::uuids);
     std::size_t bytes = 0;
-    uuids->forEachElement([&](mox::View element) {
-        bytes += mox::encodedSize(tokenOf.at(*element.uuid()));
-    });
+    uuids->forEachElement([&](mox::View element) { bytes += mox::encodedSize(tokenOf.at(*element.uuid())); });
     if (!reply().reserve(bytes)) return fail(VTErrorRequest, "invalid request (too many replies are not read)");
     value::Array::Storage tokens;
     tokens.reserve(uuids->count());

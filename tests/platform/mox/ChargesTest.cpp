@@ -67,12 +67,16 @@ TEST(Charges, EndTheGreatestConnectionOfTheGreatestProcessAtTheTotal) {
 }
 
 TEST(Charges, AreReservedWithinEveryBoundAndWhoHoldsMostHasLetGoByThen) {
-    const Opener connect =
-        underBounds({.process = {.backlog = 60, .connections = 9}, .total = {.backlog = 100, .connections = 9}});
+    const Opener connect = underBounds({.connection = {.backlog = 10},
+                                        .process = {.backlog = 60, .connections = 9},
+                                        .total = {.backlog = 100, .connections = 9}});
     const auto other = connect(kFirst), own = connect(kSecond);
+    {
+        Charge alone{own->account, {}};
+        EXPECT_TRUE(alone.reserve({.backlog = 90})) << "nothing else waits";
+    }
     const Charge unread{other->account, {.backlog = 60}};
     Charge reply{own->account, {}};
-    EXPECT_FALSE(reply.reserve({.backlog = 61}));
     EXPECT_TRUE(reply.reserve({.backlog = 40}));
     EXPECT_FALSE(other->ended);
     EXPECT_TRUE(reply.reserve({.backlog = 20}));
