@@ -135,7 +135,8 @@ class Innocent:
 
     def finish(self, patience):
         """The longest wait in seconds; infinite when it was not served any more."""
-        os.write(self.stop, b'.')
+        with contextlib.suppress(BrokenPipeError):  # it was turned away, and has said so
+            os.write(self.stop, b'.')
         deadline, longest = time.monotonic() + patience, 0.0
         while time.monotonic() < deadline:
             if not worlds.select.select([self.reader], [], [], deadline - time.monotonic())[0]:
@@ -560,6 +561,8 @@ def lowered(limit):
 
 
 def shown(seconds, patience):
+    if seconds > 1e6:
+        return 'turned away'
     return f'> {patience:.0f} s' if seconds >= patience else f'{seconds * 1000:.0f} ms'
 
 

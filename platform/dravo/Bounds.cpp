@@ -2,6 +2,7 @@
 
 #include "platform/bundle/Bundle.h"
 #include "platform/dravo/InfoFile.h"
+#include "platform/mox/Encoder.h"
 #include "platform/text/Format.h"
 
 namespace dravo {
@@ -78,6 +79,9 @@ std::optional<std::string> excessOf(const value::Dictionary& info) {
 }
 
 std::optional<std::string> excessOfEntitlements(const value::Dictionary& entitlements) {
+    if (const std::size_t bytes = mox::encodedSize(entitlements); bytes > kEntitlementsLimit) {
+        return text::format("{} bytes of entitlements, more than {}", bytes, kEntitlementsLimit);
+    }
     return excessOfLists({}, entitlements);
 }
 

@@ -19,7 +19,8 @@ inline constexpr std::size_t kComparedTextLimit = 1024;       // bytes of a text
 // more than kComparedTextLimit bytes, by itself or in a list, or a dictionary of more than bundle::kListLimit entries.
 std::optional<std::string> excessOf(const value::Dictionary& info);
 
-// Of entitlements, whose texts are bounded by who uses them: the lists.
+// Of a plug-in's entitlements, which are kept in memory: all of them together, and the lists.
+inline constexpr std::size_t kEntitlementsLimit = 16U << 10U;  // bytes, encoded
 std::optional<std::string> excessOfEntitlements(const value::Dictionary& entitlements);
 
 }  // namespace dravo
