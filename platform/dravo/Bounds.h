@@ -10,9 +10,9 @@
 // becomes a candidate: the bundle is as good as a broken one, and its refusal names the key and the number.
 namespace dravo {
 
-inline constexpr std::size_t kMultipleLimit = 1024;           // plug-ins in one bundle
-inline constexpr std::size_t kDescriptionsLimit = 4U << 20U;  // bytes of Info.plist, encoded, times those plug-ins
-inline constexpr std::size_t kComparedTextLimit = 1024;       // bytes of a text that rules may meet
+inline constexpr std::size_t kMultipleLimit = 1024;            // plug-ins in one bundle
+inline constexpr std::size_t kDescriptionsLimit = 4U << 20U;   // bytes of Info.plist, encoded, times those plug-ins
+inline constexpr std::size_t kComparedTextLimit = 64U << 10U;  // bytes of a text that rules may meet
 
 // The first claim of an Info.plist that is beyond a bound, in words: a list anywhere in it of more than
 // bundle::kListLimit elements; and of what rules compare (the top level, and the attributes of a plug-in) a text of

@@ -172,7 +172,7 @@ class DiscoveryTest(WorldTest):
             'new': ({'HubProtocolVersion': []}, {}, {'hubProtocolVersion': 2}),
             'several': ({'Multiple': {'x': {'KXExtensionProtocol': 'P'}}}, {},
                         {'identifier': 'x', 'original-identifier': 'several'}),
-            'long': ({}, {'QFBundleShortVersionString': '9' * 1024}, {'systemResident': True}),
+            'long': ({}, {'QFBundleShortVersionString': '9' * 4000}, {'systemResident': True}),
             'data': ({'KXExtensionProtocol': '#Data'}, {}, {'annotations': {}}),
             'unusable': ({'KXExtensionProtocol': 5}, {}, 'unusable: missing "KXExtensionProtocol" key in'),
             'container': ({}, {}, 'this plug-in has no sandbox data container'),

@@ -169,8 +169,8 @@ TEST(Scan, WhatClaimsTooMuchIsRefusedByKeyAndNumberOnceUntilItChanges) {
     } rows[] = {
         {"list", attributes(list(512)), attributes(list(513)), "\"k\" has 513 elements, more than 512"},
         {"shared", {{"Shared", list(512)}}, {{"Shared", list(600)}}, "\"Shared\" has 600 elements, more than 512"},
-        {"text", attributes(std::string(1024, 'x')), attributes(Array{std::string(1025, 'x')}),
-         "\"k\" has 1025 bytes, more than 1024"},
+        {"text", attributes(std::string(65'536, 'x')), attributes(Array{std::string(65'537, 'x')}),
+         "\"k\" has 65537 bytes, more than 65536"},
         {"rule", attributes(rule(512)), attributes(rule(513)), "\"k\" has 513 entries, more than 512"},
         {"several",
          {{"Multiple", rule(1024)}},
