@@ -46,6 +46,11 @@ ExitStatus print(const mox::Object& reply, const std::string& serviceName) {
     return code && code->unsignedInteger().value_or(0) != 0 ? ExitStatus::errorReply : ExitStatus::success;
 }
 
+// For whoever waits for an answer to each line: what stands for the reply of one that has none.
+void printInstead(const char* outcome, const std::string& why) {
+    std::cout << json::text({{"outcome", outcome}, {"error", why}}) << std::endl;
+}
+
 value::Result<mox::Dictionary> messageFromText(const std::string& text, const std::string& name) {
     const auto parsed = json::parse(text);
     if (!parsed) return parsed.error();
@@ -79,7 +84,9 @@ ExitStatus runCallLines(const std::string& serviceName, std::istream& lines) {
         const auto message = messageFromText(line, "");
         const std::lock_guard lock{progress->mutex};
         if (!message) {
-            terminal::complain("line " + std::to_string(number) + ": " + message.error().localizedDescription());
+            const std::string why = message.error().localizedDescription();
+            terminal::complain("line " + std::to_string(number) + ": " + why);
+            printInstead("not sent", why);
             worsen(progress->status, ExitStatus::usage);
             continue;
         }
@@ -87,6 +94,8 @@ ExitStatus runCallLines(const std::string& serviceName, std::istream& lines) {
         client.send(*message, [progress, serviceName](const mox::Object& reply) {
             const std::lock_guard replyLock{progress->mutex};
             worsen(progress->status, print(reply, serviceName));
+            // The daemon may have done it all the same. The next line connects again.
+            if (reply.isError()) printInstead("unknown", mox::errorDescription(reply));
             --progress->waiting;
             queue::wake();
         });

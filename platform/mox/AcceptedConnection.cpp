@@ -74,12 +74,12 @@ bool Reply::reserve(std::size_t bytes) {
     return true;
 }
 
-bool Reply::reserveDescriptor() {
-    if (ticket() == nullptr) return true;
-    // Those who were ended for it have closed theirs by the second time, or are about to.
-    Ledger& ledger = *ticket()->charge.account()->ledger();
-    if (!ledger.hasDescriptors(1) && !ledger.hasDescriptors(1)) return false;
-    return charge({.backlog = OutputQueue::kDescriptorWeight, .descriptors = 1});
+Room Reply::reserveDescriptor() {
+    if (ticket() == nullptr) return Room::now;
+    const std::shared_ptr<Account>& account = ticket()->charge.account();
+    const Room room = account->ledger()->makeRoom(1, account.get());
+    if (room != Room::now) return room;
+    return charge({.backlog = OutputQueue::kDescriptorWeight, .descriptors = 1}) ? Room::now : Room::no;
 }
 
 AcceptedConnection::AcceptedConnection(file::UniqueFd socket, PeerIdentity peer, std::shared_ptr<Account> account,

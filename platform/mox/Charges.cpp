@@ -22,6 +22,20 @@ std::size_t descriptorsOf(const Holdings& held) {
     return held.descriptors;
 }
 
+// What a process has that has one connection and nothing else: none of bytes and requests.
+std::size_t singleOf(std::size_t (*measure)(const Holdings&)) {
+    return measure({.connections = 1, .descriptors = kConnectionDescriptors});
+}
+
+// A peer that is at it answers the hello in far less, whatever else the machine does.
+constexpr std::chrono::milliseconds kGreeting{250};
+// How long a newcomer waits for those that are being served, where nobody has more than he will.
+constexpr std::chrono::milliseconds kServing{250};
+// Whoever was told to end has gone by then, or is kept by something that does not come to an end.
+constexpr std::chrono::milliseconds kLeaving{100};
+// Who waits asks again far sooner.
+constexpr std::chrono::milliseconds kAsking{50};
+
 bool exceeds(const Holdings& held, const Holdings& bound) {
     return held.backlog > bound.backlog || held.requests >= bound.requests;
 }
@@ -74,6 +88,7 @@ Account::Account(std::shared_ptr<Ledger> ledger) : ledger_{std::move(ledger)} {}
 
 Account::~Account() {
     close();
+    if (closing_ != 0) ledger_->forget(*this);
 }
 
 void Account::setHolder(std::weak_ptr<Holder> holder) {
@@ -124,6 +139,7 @@ std::shared_ptr<Account> Ledger::open(Process& process, const Holdings& held) {
     account->process_ = &process;
     account->held_ = held;
     account->serial_ = ++opened_;
+    account->opened_ = Clock::now();
     process.accounts.push_back(account.get());
     process.held += held;
     total_ += held;
@@ -151,20 +167,27 @@ std::shared_ptr<Account> Ledger::openShared(ProcessKey key) {
     return found == processes_.end() ? std::make_shared<Account>(shared_from_this()) : open(found->second, {});
 }
 
-bool Ledger::hasDescriptors(std::size_t count) {
-    const std::ptrdiff_t missing = static_cast<std::ptrdiff_t>(count) - freeDescriptors();
-    if (missing <= 0) return true;
+Room Ledger::makeRoom(std::size_t descriptors, const Account* asking) {
+    if (freeDescriptors() >= static_cast<std::ptrdiff_t>(descriptors)) return Room::now;
     Notices notices;
+    Room room = Room::soon;
     {
         const std::lock_guard lock{mutex_};
-        while (closing_ < static_cast<std::size_t>(missing)) {
+        // Counted again: what others have ended meanwhile must not be ended twice.
+        const std::ptrdiff_t missing = static_cast<std::ptrdiff_t>(descriptors) - freeDescriptors();
+        if (missing <= 0) return Room::now;
+        const auto now = Clock::now();
+        while (leaving(now) < static_cast<std::size_t>(missing)) {
             Account* const account = greatest(descriptorsOf, nullptr);
-            if (account == nullptr) break;
+            if (account == nullptr || !mayMakeRoom(*account, asking, descriptors, now)) {
+                if (asking != nullptr) room = Room::no;
+                break;
+            }
             end(*account, notices);
         }
     }
     notices.deliverAndWait();
-    return false;
+    return room;
 }
 
 bool Ledger::reserve(Account& account, const Holdings& more) {
@@ -224,7 +247,6 @@ void Ledger::close(Account& account) {
     Notices notices;
     {
         const std::lock_guard lock{mutex_};
-        closing_ -= std::exchange(account.closing_, 0);
         if (account.process_ != nullptr) remove(account, notices);
     }
     notices.deliver();
@@ -279,18 +301,64 @@ void Ledger::shed(Measure measure, std::size_t bound, const Account* newcomer, N
 void Ledger::end(Account& account, Notices& notices) {
     notices.excessive.push_back(account.holder_);
     account.closing_ = account.held_.descriptors;
+    account.closingRound_ = closingRound_;
     closing_ += account.closing_;
+    closingChanged_ = Clock::now();
     remove(account, notices);
 }
 
-// The greatest connection of the process that holds most; among equals one without a request, and then the oldest. Of
-// connections and descriptors, strangers' go first.
+// Whether the greatest connection is to be ended for one more descriptor.
+bool Ledger::mayMakeRoom(const Account& account, const Account* asking, std::size_t descriptors,
+                         Clock::time_point now) {
+    const std::size_t most = account.process_->held.descriptors;
+    if (asking != nullptr)
+        return asking->process_ != nullptr && most > asking->process_->held.descriptors + descriptors;
+    if (most > singleOf(descriptorsOf) || !isServed(account, now)) return true;
+    if (now - std::exchange(wantedLast_, now) >= kAsking) wanted_ = now;
+    if (now - wanted_ < kServing) return false;
+    wanted_ = now;
+    return true;
+}
+
+// Or is about to be: who has just come is.
+bool Ledger::isServed(const Account& account, Clock::time_point now) {
+    if (!account.greeted_) return now - account.opened_ < kGreeting;
+    return account.held_.requests != 0 || account.held_.backlog != 0;
+}
+
+// How many descriptors there will be without ending anybody else. What stays open for longer no longer counts: a
+// newcomer would wait for it as long.
+std::size_t Ledger::leaving(Clock::time_point now) {
+    if (closing_ != 0 && now - closingChanged_ >= kLeaving) {
+        closing_ = 0;
+        ++closingRound_;
+    }
+    return closing_;
+}
+
+// Only now has all that was charged to the account gone, and with it what the process had open for it.
+void Ledger::forget(Account& account) {
+    const std::lock_guard lock{mutex_};
+    if (account.closingRound_ != closingRound_) return;
+    closing_ -= account.closing_;
+    closingChanged_ = Clock::now();
+}
+
+// The greatest connection of the process that holds most; among equals one that is not being served, and then the
+// oldest. Of connections and descriptors, whoever has more than one connection comes before all others; among such, and
+// among the others, a stranger's goes first that has had time to answer the hello, and of the greatest process any.
 Account* Ledger::greatest(Measure measure, const Account* newcomer) {
-    const bool strangersFirst = measure == connectionsOf || measure == descriptorsOf;
+    const std::size_t single = singleOf(measure);
+    const auto now = Clock::now();
     const auto rank = [&](const Process& process, const Account& account) {
-        const Holdings& held = account.held_;
-        return std::tuple{strangersFirst && !account.greeted_, measure(process.held), measure(held),
-                          held.requests == 0 && held.backlog == 0, ~account.serial_};
+        const bool isStranger = single != 0 && !account.greeted_;
+        return std::tuple{single != 0 && measure(process.held) > single,
+                          isStranger && now - account.opened_ >= kGreeting,
+                          measure(process.held),
+                          isStranger && measure(process.held) > single,
+                          measure(account.held_),
+                          !isServed(account, now),
+                          ~account.serial_};
     };
     Account* found = nullptr;
     decltype(rank(std::declval<Process&>(), std::declval<Account&>())) highest;

@@ -20,11 +20,11 @@
 // of frames that came in part wait for the peer, and what the service keeps for it (`kept`) stays until it takes it
 // back: neither pauses anything, since that would keep the peer from ending it, but both count in the total. Where the
 // total is reached the process that holds most loses its greatest connection; who came last is not to blame. Of too
-// many connections, those go first that have not answered the hello, then of the process that has most the one that has
-// been there longest without a request.
+// many connections the process that has most loses one: first one that has not answered the hello, else the one that
+// has been there longest without a request. Nobody loses his only connection while somebody has more than that.
 //
 // Descriptors are the whole process's, and files need them, too: what peers may have of them is what is really free
-// when somebody asks, less a reserve that is never theirs.
+// when somebody asks, less a reserve that is never theirs. Who asks for one more and has most already gets none.
 namespace mox {
 
 struct Holdings {
@@ -69,6 +69,13 @@ struct ProcessKey {
     }
 };
 
+// Whether there are descriptors.
+enum class Room {
+    now,
+    soon,  // ask again in a moment
+    no,    // who asks has most of them
+};
+
 class Account;
 
 // The accounts of a process's services. Any thread.
@@ -85,9 +92,10 @@ public:
     // An account for what the connections of a process share. It has no holder, and goes with the last of them.
     std::shared_ptr<Account> openShared(ProcessKey process);
 
-    // Whether there are so many descriptors for peers now. If not, those who hold most are ended, so that there will be
-    // as soon as they have gone: ask again then. Not with a lock held that a holder may want.
-    bool hasDescriptors(std::size_t count);
+    // Whether there are so many descriptors for peers now. If not, those who hold most are ended, as long as that is
+    // not who asks (null: a newcomer), so that there will be as soon as they have gone. Where nobody has more than one
+    // connection, one that is being served is left alone for a moment. Not with a lock held that a holder may want.
+    Room makeRoom(std::size_t descriptors, const Account* asking);
 
     const Bounds& bounds() const { return bounds_; }
 
@@ -103,13 +111,16 @@ private:
     };
     struct Notices;  // what holders are told once the lock is given back
     using Measure = std::size_t (*)(const Holdings&);
+    using Clock = std::chrono::steady_clock;
 
     std::shared_ptr<Account> open(Process& process, const Holdings& held);
     bool change(Account& account, const Holdings& less, const Holdings& more);  // whether the account is past a bound
     bool reserve(Account& account, const Holdings& more);
     bool mayRead(Account& account);
     void close(Account& account);
+    void forget(Account& account);
 
+    static bool isServed(const Account& account, Clock::time_point now);
     bool isOver(const Account& account) const;
     bool isExcessive() const;
     void end(Account& account, Notices& notices);
@@ -118,12 +129,18 @@ private:
     void shed(Measure measure, std::size_t bound, const Account* newcomer, Notices& notices);
     void shedExcess(const Account* newcomer, Notices& notices);
     Account* greatest(Measure measure, const Account* newcomer);
+    bool mayMakeRoom(const Account& account, const Account* asking, std::size_t descriptors, Clock::time_point now);
+    std::size_t leaving(Clock::time_point now);
 
     const Bounds bounds_;
     std::mutex mutex_;  // guards what follows
     Holdings total_;
-    std::size_t closing_ = 0;   // descriptors of those who were told to end and have not yet
-    std::uint64_t opened_ = 0;  // accounts so far
+    std::size_t closing_ = 0;           // descriptors of those who were told to end and are still there
+    Clock::time_point closingChanged_;  // when
+    std::uint64_t closingRound_ = 0;    // of counting them
+    Clock::time_point wanted_;          // since when a newcomer has waited for somebody to be idle
+    Clock::time_point wantedLast_;      // when he last asked
+    std::uint64_t opened_ = 0;          // accounts so far
     std::map<ProcessKey, Process> processes_;
 };
 
@@ -158,7 +175,9 @@ private:
     std::weak_ptr<Holder> holder_;
     Holdings held_;
     std::uint64_t serial_ = 0;  // the order of coming
-    std::size_t closing_ = 0;   // descriptors, once told to end
+    Ledger::Clock::time_point opened_;
+    std::size_t closing_ = 0;  // descriptors, once told to end
+    std::uint64_t closingRound_ = 0;
     bool paused_ = false;
     bool greeted_ = false;
 };

@@ -47,8 +47,9 @@ public:
     // it is sent. Not with a lock held.
     [[nodiscard]] bool reserve(std::size_t bytes);
 
-    // The same for a descriptor that is about to be opened: it makes room for it, at the cost of who holds most.
-    [[nodiscard]] bool reserveDescriptor();
+    // The same for a descriptor that is about to be opened: charges it where there is room. Where there is not, makes
+    // some at the cost of who holds most, and where that is this peer itself there is none: the answer is an error.
+    [[nodiscard]] Room reserveDescriptor();
 
     // A descriptor of a regular file that goes with the reply. Where the kernel passes no more of them, because too
     // many are on their way to peers that do not take them, the reply goes without.

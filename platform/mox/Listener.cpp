@@ -98,7 +98,7 @@ private:
         const bool isPlenty = freeDescriptors() >= std::ptrdiff_t{kAcceptsInATurn * kConnectionDescriptors};
         for (int count = 0; count < kAcceptsInATurn; ++count) {
             if (!isPlenty && !isReadable(socket_->get())) return;  // nobody makes room for nobody
-            if (!isPlenty && !ledger_->hasDescriptors(kConnectionDescriptors)) return pause();
+            if (!isPlenty && ledger_->makeRoom(kConnectionDescriptors, nullptr) != Room::now) return pause();
             file::UniqueFd socket{::accept4(socket_->get(), nullptr, nullptr, SOCK_NONBLOCK | SOCK_CLOEXEC)};
             if (socket) {
                 admit(std::move(socket));

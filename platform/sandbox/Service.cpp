@@ -48,11 +48,12 @@ void setError(mox::Reply& reply, const value::Error& error) {
 // While others, who have most, are ended for it.
 bool awaitDescriptor(mox::Reply& reply) {
     constexpr int kTries = 50;
-    for (int tries = 0; !reply.reserveDescriptor(); ++tries) {
-        if (tries == kTries) return false;
+    mox::Room room = reply.reserveDescriptor();
+    for (int tries = 0; room == mox::Room::soon && tries < kTries; ++tries) {
         std::this_thread::sleep_for(std::chrono::milliseconds{1});
+        room = reply.reserveDescriptor();
     }
-    return true;
+    return room == mox::Room::now;
 }
 
 // What one peer has consumed, and who it is. Belongs to the connection's queue.

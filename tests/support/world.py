@@ -39,7 +39,15 @@ class Client:
     def ask(self, request, **keys):
         self.process.stdin.write(json.dumps({'request': request, **keys}).encode() + b'\n')
         self.process.stdin.flush()
-        return json.loads(self.process.stdout.readline())
+        line = bytearray()
+        deadline = time.monotonic() + 20
+        while not line.endswith(b'\n'):  # nothing comes behind it before it is asked for
+            about = select.select([self.process.stdout], [], [], max(0, deadline - time.monotonic()))[0]
+            assert about, f'no answer to "{request}"'
+            more = os.read(self.process.stdout.fileno(), 1 << 20)
+            assert more, 'the client has ended'
+            line += more
+        return json.loads(line)
 
     def found(self, rules={}, flags=0):
         """Forms by their identifiers."""

@@ -281,6 +281,15 @@ class VtctlTest(WorldTest):
                           ['access', 'quick'], ['unhold', '00000000-0000-4000-8000-000000000000']):
             self.check(arguments, 7, '', 'is the daemon running')
 
+    def test_each_line_has_an_answer_whatever_becomes_of_the_connection(self):
+        client = self.world.client()
+        self.assertIn('matches', client.ask('match'))
+        self.world.kill_daemon()
+        for request, outcome in ('match', 'unknown'), (None, 'not sent'), ('match', 'unknown'):
+            self.assertEqual(client.ask(request)['outcome'], outcome)
+        self.world.start()
+        self.assertIn('matches', client.ask('match'))
+
 
 if __name__ == '__main__':
     main()

@@ -1,4 +1,9 @@
+#include <sys/resource.h>
+
+#include <deque>
+
 #include "platform/mox/Charges.h"
+#include "platform/mox/Descriptors.h"
 #include "tests/support/Words.h"
 
 namespace mox {
@@ -15,14 +20,14 @@ struct Connection : Holder {
     bool hasLetGo = false;
 };
 
-// Opens connections, whose peers have greeted, with one ledger, for the process given.
+// Opens connections, whose peers have greeted unless told otherwise, with one ledger, for the process given.
 struct Opener {
-    std::shared_ptr<Connection> operator()(ProcessKey process) const {
+    std::shared_ptr<Connection> operator()(ProcessKey process, bool greeted = true) const {
         auto connection = std::make_shared<Connection>();
         connection->account = ledger->open(process);
         if (!connection->account) return connection;
         connection->account->setHolder(connection);
-        connection->account->setGreeted();
+        if (greeted) connection->account->setGreeted();
         return connection;
     }
     std::shared_ptr<Ledger> ledger;
@@ -92,6 +97,56 @@ TEST(Charges, RefuseOnlyTheProcessThatHasAllItsConnections) {
     EXPECT_TRUE(connect(kSecond)->account);
     b->account->close();
     EXPECT_TRUE(connect(kFirst)->account);
+}
+
+// Where descriptors run out, so that one connection's are missing, who comes next gets them from whom.
+TEST(Charges, MakeRoomAtTheCostOfWhoHoldsMostAndNeverOfWhoIsServedAlone) {
+    constexpr ProcessKey kThird{11, 1};
+    enum Who { first, second, third, nobody };
+    struct Peer {
+        ProcessKey process;
+        Holdings held;
+        bool greeted = true;
+    };
+    struct Case {
+        std::string_view what;
+        std::vector<Peer> peers;
+        int asking;  // nobody: a newcomer
+        int ended;
+        Room room = Room::soon;
+    };
+    const Holdings busy{.requests = 1}, file{.backlog = 1, .descriptors = 1};
+    const Case cases[] = {
+        {"the oldest idle one", {{kFirst, busy}, {kSecond, {}}, {kThird, {}}}, nobody, second},
+        {"a second connection", {{kFirst, {}}, {kSecond, busy}, {kSecond, busy}}, nobody, second},
+        {"a second one before a new stranger", {{kFirst, {}, false}, {kSecond, {}}, {kSecond, {}}}, nobody, second},
+        {"files not read", {{kFirst, {}}, {kSecond, busy}, {kThird, file}}, nobody, third},
+        {"nobody who is served", {{kFirst, busy}, {kSecond, {}, false}, {kThird, busy}}, nobody, nobody},
+        {"not who asks for less", {{kFirst, {}}, {kSecond, {}}, {kSecond, {}}}, first, second},
+        {"nobody but who asks", {{kFirst, {}}, {kSecond, {}}, {kThird, file}}, third, nobody, Room::no},
+    };
+    rlimit before{};
+    ::getrlimit(RLIMIT_NOFILE, &before);
+    for (const Case& each : cases) {
+        SCOPED_TRACE(each.what);
+        const Opener connect = underBounds({});
+        std::vector<std::shared_ptr<Connection>> peers;
+        std::deque<Charge> charges;
+        for (const Peer& peer : each.peers) {
+            peers.push_back(connect(peer.process, peer.greeted));
+            charges.emplace_back(peers.back()->account, peer.held);
+        }
+        const Account* const asking = each.asking == nobody ? nullptr : peers[each.asking]->account.get();
+        rlimit low{128, before.rlim_max};
+        ::setrlimit(RLIMIT_NOFILE, &low);
+        low.rlim_cur -= static_cast<rlim_t>(freeDescriptors());  // 16 are kept back of either
+        ::setrlimit(RLIMIT_NOFILE, &low);
+        const Room room = connect.ledger->makeRoom(1, asking), again = connect.ledger->makeRoom(1, asking);
+        ::setrlimit(RLIMIT_NOFILE, &before);
+        EXPECT_EQ(room, each.room);
+        EXPECT_EQ(again, each.room);
+        for (int who = first; who < nobody; ++who) EXPECT_EQ(peers[who]->hasLetGo, who == each.ended) << who;
+    }
 }
 
 }  // namespace
