@@ -27,8 +27,8 @@ std::size_t singleOf(std::size_t (*measure)(const Holdings&)) {
     return measure({.connections = 1, .descriptors = kConnectionDescriptors});
 }
 
-// A peer that is at it answers the hello in far less, whatever else the machine does.
-constexpr std::chrono::milliseconds kGreeting{250};
+// A peer that is at it answers the hello in far less; where many are not, a newcomer waits as long.
+constexpr std::chrono::milliseconds kGreeting{100};
 // How long a newcomer waits for those that are being served, where nobody has more than he will.
 constexpr std::chrono::milliseconds kServing{250};
 // Whoever was told to end has gone by then, or is kept by something that does not come to an end.
