@@ -73,7 +73,7 @@ void RequestPaths::collect() {
 bool RequestPaths::resolveAtHand() {
     if (purpose_ == Purpose::add || paths_.count() > kMostAtHand || paths_.size() > kLongestAtHand) return false;
     collect();
-    const bool all = std::all_of(distinct_.begin(), distinct_.end(), [this](Path& path) {
+    const bool all = std::all_of(distinct_.begin(), distinct_.end(), [](Path& path) {
         path.canonical = file::canonicalPathAtHand(std::string{path.sent});
         return path.canonical.has_value();
     });

@@ -1,5 +1,4 @@
 #include <cstddef>
-#include <numeric>
 #include <utility>
 #include <vector>
 
@@ -90,11 +89,10 @@ void Transaction::matchPlugIns() {
         server()->log("{} matches left out of a reply: it would be larger than {} bytes", discovery.leftOut(),
                       kMostEncodedBytes);
     }
+    if (!reply().reserve(discovery.encodedBytes())) {
+        return fail(VTErrorRequest, "invalid request (too many replies are not read)");
+    }
     const std::vector<VTForm> matches = std::move(discovery).finish();
-    const std::size_t bytes =
-        std::accumulate(matches.begin(), matches.end(), std::size_t{0},
-                        [](std::size_t sum, const VTForm& form) { return sum + form.encodedSizeHint(); });
-    if (!reply().reserve(bytes)) return fail(VTErrorRequest, "invalid request (too many replies are not read)");
     if (auto encoded = VTDaemonClient::convertToMox(matches, static_cast<std::int64_t>(version()))) {
         reply().setEncoded(VTKey::matches, *std::move(encoded));
     }
