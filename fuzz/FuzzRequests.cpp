@@ -28,8 +28,12 @@ namespace {
 // Of processor time for one request; that of a discovery over 260 plug-ins is 3.
 constexpr double kMostMilliseconds = 100;
 
-// Of memory: for each byte of the request, for any, and for each byte of the reply, which is there once.
-constexpr std::size_t kMemoryForByte = 16, kMemoryForAny = std::size_t{64} << 10, kMemoryForReplyByte = 1;
+// Of memory: for each byte of the request, for any, and for the reply, whose bytes are there once, beside the list of
+// the plug-ins in it: some 300 bytes for each, whose form has thousands.
+constexpr std::size_t kMemoryForByte = 16, kMemoryForAny = std::size_t{64} << 10;
+constexpr std::size_t memoryForReply(std::size_t bytes) {
+    return bytes + bytes / 4;
+}
 
 constexpr int kPatience = 8'000;  // milliseconds without an answer, while the daemon works no more
 constexpr std::size_t kMostRequests = 6;
@@ -81,7 +85,7 @@ private:
             const double spent = cost.milliseconds();
             if (spent > kMostMilliseconds) find("milliseconds", spent, kMostMilliseconds, body.size());
         }
-        const std::size_t most = kMemoryForByte * body.size() + kMemoryForAny + kMemoryForReplyByte * size;
+        const std::size_t most = kMemoryForByte * body.size() + kMemoryForAny + memoryForReply(size);
         return cost.peakBytes() - static_cast<std::ptrdiff_t>(most);
     }
 
