@@ -21,7 +21,6 @@ inline constexpr std::uint64_t kLimit = 50'000 * kUnitsAMicrosecond;
 inline constexpr std::uint64_t kShare = 20 * kUnitsAMicrosecond;
 
 // Prices of what many places do.
-inline constexpr std::uint64_t kSystemCall = 1 * kUnitsAMicrosecond;
 inline constexpr std::uint64_t kFileOpened = 5 * kUnitsAMicrosecond;
 inline constexpr std::uint64_t ofBytes(std::size_t count) {  // read, compared or copied
     return count / 64;

@@ -27,9 +27,9 @@ private:
     Item* next_ = nullptr;
 };
 
-// A closure as an item, in one allocation that it frees itself.
-template <typename F>
-class Closure final : public Item {
+// A closure as an item, or as what a queue derives from one, in one allocation that it frees itself.
+template <typename F, typename Base = Item>
+class Closure final : public Base {
 public:
     explicit Closure(F work) : work_{std::move(work)} {}
 

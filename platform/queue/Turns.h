@@ -32,19 +32,6 @@ class Turns final : public Item, public std::enable_shared_from_this<Turns> {
         bool isReady = true;  // under mutex_
     };
 
-    template <typename F>
-    class Closure final : public Work {
-    public:
-        explicit Closure(F work) : work_{std::move(work)} {}
-        void run() noexcept override {
-            const std::unique_ptr<Closure> self{this};
-            work_();
-        }
-
-    private:
-        F work_;
-    };
-
 public:
     explicit Turns(const SerialQueue& queue);
     ~Turns() override;
@@ -59,7 +46,7 @@ public:
         // Runs the closure in the queue, when it is this lane's turn.
         template <typename F>
         void async(F&& work) {
-            submit(std::make_unique<Closure<std::decay_t<F>>>(std::forward<F>(work)));
+            submit(std::make_unique<Closure<std::decay_t<F>, Work>>(std::forward<F>(work)));
         }
 
         // The same, but not before ready() is called with what this answers. What comes into the lane later waits
@@ -67,7 +54,7 @@ public:
         using Ticket = std::uint64_t;
         template <typename F>
         [[nodiscard]] Ticket asyncWhenReady(F&& work) {
-            return submitUnready(std::make_unique<Closure<std::decay_t<F>>>(std::forward<F>(work)));
+            return submitUnready(std::make_unique<Closure<std::decay_t<F>, Work>>(std::forward<F>(work)));
         }
         void ready(Ticket ticket);  // once; does nothing for what was dropped
 

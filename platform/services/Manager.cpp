@@ -87,11 +87,6 @@ std::shared_ptr<Manager> Manager::open(std::string directory) {
 
 Manager::Manager(std::string directory) : directory_{std::move(directory)} {}
 
-int Manager::add(pid_t host, const PlugIn& plugIn, const std::string& executable, const mox::Dictionary& overlay) {
-    const std::string directory = executable.substr(0, executable.rfind('/'));
-    return add(host, plugIn, executable, *bundle::Bundle::open(directory, bundle::PathKind::directory), overlay);
-}
-
 int Manager::add(pid_t host, const PlugIn& plugIn, const std::string& executable, const bundle::Bundle& bundle,
                  const mox::Dictionary& overlay) {
     auto registration = describe(executable, bundle);

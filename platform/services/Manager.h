@@ -60,13 +60,10 @@ public:
         value::Uuid uuid;
     };
 
-    // Registers the executable, which must be the one that its bundle names, for the host process; the bundle is opened
-    // at its path, unless the caller has it open. 0 when the file is in place, else an error number: ESRCH for a
-    // process that has ended, ENOEXEC for another executable, EDQUOT and EFBIG for too much, EINVAL for an overlay that
-    // no property list can hold, and whatever the file system said. After an error an earlier registration of the
-    // plug-in stands as it was.
-    [[nodiscard]] int add(pid_t host, const PlugIn& plugIn, const std::string& executable,
-                          const mox::Dictionary& overlay);
+    // Registers the executable, which must be the one that its opened bundle names, for the host process. 0 when the
+    // file is in place, else an error number: ESRCH for a process that has ended, ENOEXEC for another executable,
+    // EDQUOT and EFBIG for too much, EINVAL for an overlay that no property list can hold, and whatever the file system
+    // said. After an error an earlier registration of the plug-in stands as it was.
     [[nodiscard]] int add(pid_t host, const PlugIn& plugIn, const std::string& executable, const bundle::Bundle& bundle,
                           const mox::Dictionary& overlay);
 

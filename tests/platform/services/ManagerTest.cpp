@@ -32,7 +32,12 @@ protected:
     int add(pid_t process, const std::string& executable, const std::string& mark = {}) const {
         mox::Dictionary overlay;
         overlay.set("mark", mark);
-        return manager->add(process, {"one", kOne}, executable, overlay);
+        return addAs({"one", kOne}, process, executable, overlay);
+    }
+    int addAs(const Manager::PlugIn& plugIn, pid_t process, const std::string& executable,
+              const mox::Dictionary& overlay) const {
+        const auto bundle = bundle::Bundle::open(fs::path{executable}.parent_path(), bundle::PathKind::directory);
+        return manager->add(process, plugIn, executable, *bundle, overlay);
     }
 
     int remove(const Manager::Service& service) const {
@@ -117,7 +122,7 @@ TEST_F(ManagerTest, RegistersAPlugInOnceForAHostAndTellsCopiesAndPlugInsOfOneBun
     EXPECT_THAT(files(), ElementsAre(host.name + "/p@2.plist"));
     for (int times = 0; times < 2; ++times) {
         mox::Dictionary overlay;
-        ASSERT_EQ(manager->add(host.pid(), {"two", value::Uuid{}}, root / "system/p/run", overlay), 0);
+        ASSERT_EQ(addAs({"two", value::Uuid{}}, host.pid(), root / "system/p/run", overlay), 0);
     }
     EXPECT_THAT(files(), ElementsAre(host.name + "/p@2.plist", host.name + "/p@2@2.plist"));
     EXPECT_EQ(remove({"p", "2", root / "system/p"}), 0);
