@@ -443,7 +443,7 @@ for limit, processes, connections in ((64, 1, 60), (85, 1, 60), (256, 1, 240), (
 
 @Row('open: replies with descriptors that are never read, 1,024 descriptors', limit=1_024, connects=True, install=lambda world: plug_ins(world, 1))
 def _(world):
-    token = world.connect().call({'request': 'access', 'version': 3, 'uuids': []}) and play_access(world)
+    token = issued_token(world)
     path = token.split(';')[2].encode() + b'/Info.plist'
 
     def use(peer):
@@ -457,7 +457,7 @@ def _(world):
     idle(world, 4, 20, 'halvern.velto.vtd.sandbox', use)
 
 
-def play_access(world):
+def issued_token(world):
     message = request('access', uuids=array([uuid(known(world)[0])]))
     peer = world.connect()
     peer.send(3, 1, message)
