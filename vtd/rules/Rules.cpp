@@ -60,9 +60,9 @@ void forEachElement(mox::View array, const Visit& visit) {
 
 Attribute attributeNamed(std::string_view name) {
     if (name.starts_with(kEntitlementPrefix)) return Attribute::entitlement;
-    if (name == "KXExtensionIdentifier") return Attribute::identifier;
+    if (name == kIdentifierAttribute) return Attribute::identifier;
     if (name == "halvern.uuid") return Attribute::uuid;
-    if (name == "KXUserElection") return Attribute::election;
+    if (name == kElectionAttribute) return Attribute::election;
     if (name == "KXExtensionContainingApp") return Attribute::containingApplication;
     return Attribute::other;
 }

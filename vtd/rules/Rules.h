@@ -16,6 +16,12 @@
 
 namespace rules {
 
+// What rules call the values of a plug-in that do not stand in its Info.plist under that very name, and the names by
+// which the registry's indices can narrow a discovery.
+inline constexpr char kIdentifierAttribute[] = "KXExtensionIdentifier";
+inline constexpr char kPointAttribute[] = "KXExtensionPointName";
+inline constexpr char kElectionAttribute[] = "KXUserElection";
+
 // Which value of a plug-in a rule is about.
 enum class Attribute : std::uint8_t { entitlement, identifier, uuid, election, containingApplication, other };
 
