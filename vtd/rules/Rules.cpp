@@ -94,7 +94,7 @@ template <typename Source>
 void Rules::add(std::string_view name, const Source& pattern) {
     static_cast<void>(effort::take(kUnitsToRead + effort::ofBytes(name.size())));
     Rule rule{name, attributeNamed(name), Demand::nothing, false, {}, {}, {}, {}};
-    price_ += rule.attribute == Attribute::election ? 1 + kUnitsAnElection : 1;
+    price_ += rule.attribute == Attribute::election ? kUnitsARule + kUnitsAnElection : kUnitsARule;
     if (const auto number = numberOf(pattern)) {
         const bool isTrue = *number == value::Value{true}, isFalse = *number == value::Value{false};
         rule.demand = isTrue ? Demand::truth : isFalse ? Demand::falsity : Demand::nothing;

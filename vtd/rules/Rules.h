@@ -22,6 +22,9 @@ inline constexpr char kIdentifierAttribute[] = "KXExtensionIdentifier";
 inline constexpr char kPointAttribute[] = "KXExtensionPointName";
 inline constexpr char kElectionAttribute[] = "KXUserElection";
 
+// What it costs, in units of effort, to find the value of a plug-in that a rule is about.
+inline constexpr std::uint64_t kUnitsARule = 6;
+
 // Which value of a plug-in a rule is about.
 enum class Attribute : std::uint8_t { entitlement, identifier, uuid, election, containingApplication, other };
 
