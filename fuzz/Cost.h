@@ -10,7 +10,11 @@ class Cost {
 public:
     Cost();  // counts from now on
 
-    // Of processor time, as a build without sanitizers would need (see the factor in the source).
+    // Finds out, from work of known effort, how many times longer this build takes on this machine than the release
+    // build where a unit of effort is what it is meant to be. Before the first use; answers the factor.
+    static double calibrate();
+
+    // Of processor time, as that build would need.
     double milliseconds() const;
 
     // The most memory that was allocated at a time, beyond what there was at the beginning. Counted with the address

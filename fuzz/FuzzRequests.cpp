@@ -11,6 +11,7 @@
 #include "bench/RawConnection.h"
 #include "fuzz/Cost.h"
 #include "fuzz/Fuzz.h"
+#include "fuzz/Host.h"
 #include "fuzz/HostileWorld.h"
 #include "fuzz/RequestGenerator.h"
 #include "platform/mox/View.h"
@@ -28,12 +29,15 @@ namespace {
 // Of processor time for one request; that of a discovery over 260 plug-ins is 3.
 constexpr double kMostMilliseconds = 100;
 
-// Of memory: for each byte of the request, for any, and for the reply, whose bytes are there once, beside the list of
-// the plug-ins in it: some 300 bytes for each, whose form has thousands.
-constexpr std::size_t kMemoryForByte = 16, kMemoryForAny = std::size_t{64} << 10;
-constexpr std::size_t memoryForReply(std::size_t bytes) {
-    return bytes + bytes / 4;
-}
+// Of memory: for each byte of the request, for any, for each byte of the reply, and for each plug-in that it may be
+// about, which is on a list of candidates and has a form, whether a reply comes of it or not (the format of old clients
+// has none).
+constexpr std::size_t kMemoryForByte = 16, kMemoryForAny = std::size_t{64} << 10, kMemoryForPlugIn = 600;
+
+// What the registry takes to learn that bundles have come or gone: it reads what they say, and knows what is installed
+// by a table that is made anew while the old one is there. That grows with what is on the disk and not with the
+// request, so it is found out beforehand.
+std::ptrdiff_t registryTakes = 0;
 
 constexpr int kPatience = 8'000;  // milliseconds without an answer, while the daemon works no more
 constexpr std::size_t kMostRequests = 6;
@@ -49,11 +53,15 @@ public:
 
     // Memory that a request takes for the first time may be what the daemon keeps of its plug-ins from then on: it
     // counts when it is taken again.
-    void ask(const std::vector<std::byte>& body) {
-        if (play(body) <= 0) return;
-        const std::ptrdiff_t beyond = play(body);
+    void ask(const std::vector<std::byte>& body, bool registers) {
+        const std::ptrdiff_t most = registers ? registryTakes : 0;
+        if (play(body) <= most) return;
+        const std::ptrdiff_t beyond = play(body) - most;
         if (beyond > 0) find("bytes of memory too many:", static_cast<double>(beyond), 0, body.size());
     }
+
+    // The request's memory beyond what one may have of which nothing else is known.
+    std::ptrdiff_t measure(const std::vector<std::byte>& body) { return play(body); }
 
     // The token of the reply, when it has one.
     std::optional<value::Uuid> token() const {
@@ -85,14 +93,15 @@ private:
             const double spent = cost.milliseconds();
             if (spent > kMostMilliseconds) find("milliseconds", spent, kMostMilliseconds, body.size());
         }
-        const std::size_t most = kMemoryForByte * body.size() + kMemoryForAny + memoryForReply(size);
+        const std::size_t most = kMemoryForByte * body.size() + kMemoryForAny + size +
+                                 kMemoryForPlugIn * fuzz::HostileWorld::get().plugIns.size();
         return cost.peakBytes() - static_cast<std::ptrdiff_t>(most);
     }
 
     std::size_t send(const std::vector<std::byte>& frame, std::size_t from) const {
         const ssize_t sent =
             ::send(connection_.fd(), frame.data() + from, frame.size() - from, MSG_NOSIGNAL | MSG_DONTWAIT);
-        fuzz::require(sent > 0 || errno == EAGAIN);
+        if (sent <= 0 && errno != EAGAIN) find("was turned away, error", errno, 0, frame.size());
         return sent > 0 ? static_cast<std::size_t>(sent) : 0;
     }
 
@@ -100,7 +109,8 @@ private:
         constexpr std::size_t kKept = 4'096;
         static std::vector<std::byte> bytes(std::size_t{1} << 20);
         const ssize_t got = ::recv(connection_.fd(), bytes.data(), bytes.size(), MSG_DONTWAIT);
-        fuzz::require(got > 0 || (got < 0 && errno == EAGAIN));  // the daemon answers whatever is sound
+        // The daemon answers whatever is sound.
+        if (got == 0 || (got < 0 && errno != EAGAIN)) find("was not answered, error", got == 0 ? 0 : errno, 0, 0);
         if (got < 0) return 0;
         const std::size_t keep = std::min(static_cast<std::size_t>(got), kKept - std::min(kKept, reply_.size()));
         reply_.insert(reply_.end(), bytes.begin(), bytes.begin() + static_cast<std::ptrdiff_t>(keep));
@@ -115,21 +125,44 @@ private:
     std::size_t replySize_ = SIZE_MAX;
 };
 
-// What a client that added the bundles may take back: the world is as it was.
-std::vector<std::byte> removalOf(const std::vector<std::string>& paths) {
+std::vector<std::byte> requestFor(const char* name, const std::vector<std::string>& paths) {
     value::Array::Storage list;
     for (const std::string& path : paths) list.emplace_back(path);
     mox::Encoder encoder;
-    encoder.value(value::Dictionary{
-        {VTKey::request, VTRequest::remove}, {VTKey::version, 3U}, {VTKey::paths, value::Array{std::move(list)}}});
+    encoder.value(
+        value::Dictionary{{VTKey::request, name}, {VTKey::version, 3U}, {VTKey::paths, value::Array{std::move(list)}}});
     return encoder.take();
+}
+
+void measureRegistry() {
+    const fuzz::HostileWorld& world = fuzz::HostileWorld::get();
+    constexpr int kRounds = 3;
+    Client client{world.socketPath()};
+    world.settle();  // twice, for the first look at what is installed is in two parts
+    for (int round = 0; round < kRounds; ++round) {
+        const auto adding = client.measure(requestFor(VTRequest::add, world.addable));
+        const auto removing = client.measure(requestFor(VTRequest::remove, world.addable));
+        registryTakes = std::max({registryTakes, adding, removing});
+    }
+    registryTakes += registryTakes / 4;  // in another order, and beside the notices of before
 }
 
 }  // namespace
 
 // Before the first input, whose time is limited.
 extern "C" int LLVMFuzzerInitialize(int*, char***) {
-    fuzz::HostileWorld::get();
+    fuzz::becomeHost();
+    const double slowdown = fuzz::Cost::calibrate();
+    fuzz::HostileWorld::make(fuzz::HostileWorld::Size::FUZZ_WORLD);
+    // Stays, so that what the daemon knows of this program does: reading it is not what is tried.
+    static const bench::RawConnection* const other = [] {
+        auto* const connection = new bench::RawConnection{fuzz::HostileWorld::get().socketPath()};
+        connection->shakeHands();
+        return connection;
+    }();
+    measureRegistry();
+    std::fprintf(stderr, "%zu plug-ins; this build takes %.1f times as long; the registry takes %td KiB; client %d\n",
+                 fuzz::HostileWorld::get().plugIns.size(), slowdown, registryTakes >> 10, other->fd());
     return 0;
 }
 
@@ -141,11 +174,12 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
         Client client{world.socketPath()};
         value::Uuid token;
         for (std::size_t request = 0; request < kMostRequests && !steering.isAtEnd(); ++request) {
-            client.ask(generator.next(token));
+            const std::vector<std::byte> body = generator.next(token);
+            client.ask(body, generator.registers());
             if (const auto held = client.token()) token = *held;
         }
-        if (generator.mayHaveAdded()) {
-            for (const std::string& path : world.addable) client.ask(removalOf({path}));
+        if (generator.mayHaveAdded()) {  // the world is as it was
+            for (const std::string& path : world.addable) client.ask(requestFor(VTRequest::remove, {path}), true);
         }
     }
     if (generator.mayHaveChangedState()) world.restore();

@@ -4,6 +4,8 @@
 #include <stdexcept>
 #include <thread>
 
+#include "platform/bundle/Bundle.h"
+#include "platform/dravo/Bounds.h"
 #include "platform/logging/Log.h"
 #include "tests/vtd/World.h"
 #include "vtd/VTDAnnotationStore.h"
@@ -19,6 +21,7 @@ using value::Dictionary;
 using value::Value;
 
 constexpr char kService[] = "fuzz";
+constexpr std::size_t kMostInList = bundle::kListLimit;
 
 // In memory where that can be had: what the disk takes for a save is another question than what the daemon does.
 void keepFilesInMemory() {
@@ -42,9 +45,16 @@ Dictionary attributes(const std::string& point, std::size_t count) {
 
 }  // namespace
 
+namespace {
+const HostileWorld* theWorld = nullptr;  // never destroyed: the daemon's threads go on
+}
+
+void HostileWorld::make(Size size) {
+    theWorld = new HostileWorld{size};
+}
+
 const HostileWorld& HostileWorld::get() {
-    static const HostileWorld* const world = new HostileWorld;  // never destroyed: the daemon's threads go on
-    return *world;
+    return *theWorld;
 }
 
 std::string HostileWorld::socketPath() const {
@@ -79,35 +89,66 @@ std::string HostileWorld::makeLinks() const {
     return root / "user/links/link0";
 }
 
-HostileWorld::HostileWorld() {
-    keepFilesInMemory();
-    logging::setSink([](logging::Level, std::string_view) {});
+// What the registry takes just so: one value more, one byte more, one element more, and it would be refused.
+void HostileWorld::installWithinBounds() const {
+    const std::string system = "system/PlugIns/within-";
+    const Dictionary plain = attributes("one", 3);
+    Dictionary::Builder lists, values, several;
+    for (int list = 0; list < 17; ++list) lists.set("List" + std::to_string(list), texts("type", kMostInList));
+    for (const auto& entry : plain) lists.set(entry.key, entry.value), values.set(entry.key, entry.value);
+    install(system + "bytes", {{"KXExtensionAttributes", std::move(lists).build()}});
+    Array::Storage flags(kMostInList, Value{true});
+    for (int list = 0; list < 37; ++list) values.set("Flags" + std::to_string(list), Array{flags});
+    install(system + "values", {{"KXExtensionAttributes", std::move(values).build()}});
+    install(system + "names",
+            {{"KXExtensionAttributes", plain.changing("KXExtensionPointName", texts("p", kMostInList))},
+             {"Shared", texts("resource", kMostInList)}});
+    Dictionary::Builder rule;
+    for (std::size_t i = 0; i < kMostInList; ++i) rule.set("org.example.type" + std::to_string(i), 10);
+    install(system + "rule", {{"KXExtensionAttributes", plain.changing("Rule", std::move(rule).build())}});
+    std::string longest;
+    while (longest.size() < dravo::kComparedTextLimit) longest += "1.";
+    install(system + "text", {{"KXExtensionAttributes", plain.changing("Long", longest)}});
+    install(system + "entitled", {{"KXExtensionAttributes", plain}},
+            {{"halvern.developer.replace-plugin", texts("org.example.replaced", kMostInList)},
+             {"halvern.developer.auto-elect-plugin", true}});
+    for (int i = 0; i < 180; ++i) {
+        several.set("within" + std::to_string(i),
+                    Dictionary{{"KXExtensionProtocol", "P"},
+                               {"KXExtensionAttributes", Dictionary{{"KXExtensionPointName", "one"}}}});
+    }
+    install(system + "several", {{"Multiple", std::move(several).build()}});
+}
+
+void HostileWorld::installMany() {
+    const int ofEach = isCrowded ? 4 : 1, longList = isCrowded ? 500 : 100;
     const std::string system = "system/PlugIns/", application = "user/Applications/A.app";
-    for (int i = 0; i < 30; ++i) {
+    for (int i = 0; i < (isCrowded ? 30 : 4); ++i) {
         install(system + "plain" + std::to_string(i),
                 {{"KXExtensionAttributes", attributes(i % 3 == 0 ? "one" : "other", 20)}});
     }
-    for (int i = 0; i < 10; ++i) {
+    for (int i = 0; i < (isCrowded ? 10 : 2); ++i) {
         install(system + "elected" + std::to_string(i), {{"KXExtensionAttributes", attributes("one", 3)}},
                 {{"halvern.developer.auto-elect-plugin", true}});
     }
-    for (int i = 0; i < 4; ++i) {
+    for (int i = 0; i < ofEach; ++i) {
         const std::string number = std::to_string(i);
-        install(system + "lists" + number, {{"KXExtensionAttributes", attributes("one", 500)}});
+        install(system + "lists" + number, {{"KXExtensionAttributes", attributes("one", longList)}});
         install(system + "points" + number,
-                {{"KXExtensionAttributes",
-                  attributes("one", 3).changing("KXExtensionPointName", texts("p", i == 0 ? 500 : 64))}});
+                {{"KXExtensionAttributes", attributes("one", 3).changing("KXExtensionPointName", texts("p", 64))}});
         install(system + "refused" + number, {{"KXExtensionAttributes", std::string(200'000, '<')}});
         install(system + "keyed" + number, {{"KXExtensionAttributes", attributes("one", 3)}},
-                {{"halvern.developer.replace-plugin", number + std::string(i == 0 ? 1'000'000 : 1'000, 'k')},
+                {{"halvern.developer.replace-plugin", number + std::string(1'000, 'k')},
                  {"halvern.developer.auto-elect-plugin", true}});
         addable.push_back(World::get().root() / ("user/added/added" + number));
         install("user/added/added" + number, {{"KXExtensionAttributes", attributes("one", 200)}});
     }
-    install(system + "sharing", {{"KXExtensionAttributes", attributes("one", 3)}, {"Shared", texts("resource", 200)}});
+    install(system + "keyed", {{"KXExtensionAttributes", attributes("one", 3)}},
+            {{"halvern.developer.replace-plugin", std::string(1'000'000, 'k')}});
+    install(system + "sharing", {{"KXExtensionAttributes", attributes("one", 3)}, {"Shared", texts("resource", 20)}});
     for (const std::string stem : {"few", "some", "many"}) {
         Dictionary::Builder several;
-        for (int i = 0; i < 60; ++i) {
+        for (int i = 0; i < (isCrowded ? 60 : 3); ++i) {
             several.set(stem + std::to_string(i),
                         Dictionary{{"KXExtensionProtocol", "P"},
                                    {"KXExtensionAttributes", Dictionary{{"KXExtensionPointName", "one"},
@@ -119,14 +160,21 @@ HostileWorld::HostileWorld() {
     install(application, {});
     install(application + "/PlugIns/inside", {{"KXExtensionAttributes", attributes("one", 3)}});
     World::get().root().write("system/PlugIns/torn/Info.plist", "<plist><dict>");
+    if (isCrowded) installWithinBounds();
+}
 
+HostileWorld::HostileWorld(Size size) : isCrowded{size == Size::crowded} {
+    keepFilesInMemory();
+    logging::setSink([](logging::Level, std::string_view) {});
+    installMany();
     server_ = World::get().serve(kService);
     server_->setCacheLimit(1'000);
     for (const auto& plugIn : server_->findPlugIns({}).value_or(VTDatabase::PlugIns{})) {
         plugIns.push_back(plugIn->uuid());
         if (paths.size() < 20) paths.push_back(plugIn->path());
     }
-    if (plugIns.size() < 200) throw std::runtime_error{"the world has lost its plug-ins"};
+    const std::size_t expected = isCrowded ? 420 : 20;  // fewer: they are refused, and nothing is tried
+    if (plugIns.size() < expected) throw std::runtime_error{std::to_string(plugIns.size()) + " plug-ins are too few"};
     server_->saveAnnotations();
     annotations_ = server_->annotations()->annotations();
     for (const char* path : {"user/Applications/A.app", "user/none", "system/PlugIns/refused0"}) {
@@ -140,6 +188,7 @@ HostileWorld::HostileWorld() {
 
 void HostileWorld::settle() const {
     server_->mainQueue()->sync([] {});
+    server_->workspace()->unregisterPlugin("none");  // comes behind what the registry is at
 }
 
 void HostileWorld::restore() const {

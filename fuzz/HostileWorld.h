@@ -10,11 +10,17 @@ namespace fuzz {
 
 // A daemon in this process, on a root of its own, where bundles of every bad intention are installed beside honest
 // ones: many plug-ins of one bundle, long lists, many shared resources, keys of a megabyte, descriptions that are
-// refused, plug-ins that are elected automatically, paths through many links. There is one, which lasts as long as the
-// process.
+// refused or just within every bound, plug-ins that are elected automatically, paths through many links. There is one,
+// which lasts as long as the process.
 class HostileWorld {
 public:
+    // Few of each kind, and of what a request brings, so that an input takes milliseconds; or hundreds, for requests as
+    // long as they may be.
+    enum class Size { small, crowded };
+    static void make(Size size);
     static const HostileWorld& get();
+
+    const bool isCrowded;
 
     std::string socketPath() const;
 
@@ -30,7 +36,9 @@ public:
     void restore() const;
 
 private:
-    HostileWorld();
+    explicit HostileWorld(Size size);
+    void installWithinBounds() const;
+    void installMany();
     void install(const std::string& bundle, const value::Dictionary& extension,
                  const value::Dictionary& entitlements = {}) const;
     std::string makeLinks() const;

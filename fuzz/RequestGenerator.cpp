@@ -47,6 +47,7 @@ std::vector<std::byte> RequestGenerator::next(const value::Uuid& token) {
     const std::size_t number = steering_.below(std::size(kKinds));
     const Kind& kind = kKinds[number];
     changesState_ = changesState_ || (number >= 3 && number <= 7);
+    registers_ = kind.name == std::string_view{VTRequest::add} || kind.name == std::string_view{VTRequest::remove};
     adds_ = adds_ || kind.name == std::string_view{VTRequest::add};
     key(VTKey::request);
     encoder_.string(kind.name);
@@ -55,6 +56,12 @@ std::vector<std::byte> RequestGenerator::next(const value::Uuid& token) {
     kind.make(*this, token);
     encoder_.end(request_);
     return encoder_.take();
+}
+
+// Up to so much, or where an input is to be quick a part of that.
+std::size_t RequestGenerator::amount(std::size_t most) {
+    constexpr std::size_t kOneIn = 16;
+    return steering_.amount(world_.isCrowded ? most : most / kOneIn);
 }
 
 void RequestGenerator::flags(std::size_t count) {
@@ -80,10 +87,11 @@ void RequestGenerator::dictionary(std::size_t count, std::string_view stem, Entr
     encoder_.end(container);
 }
 
+// Of elements that take so many bytes each, where that is known and much.
 template <typename Element>
-void RequestGenerator::array(std::size_t count, Element&& element) {
+void RequestGenerator::array(std::size_t count, Element&& element, std::size_t bytes) {
     auto container = encoder_.beginArray();
-    for (std::size_t i = 0; i < count && !isFull(); ++i) {
+    for (std::size_t i = 0; i < count && !isFull() && encoder_.size() + bytes <= kMostBytes; ++i) {
         mox::Encoder::element(container);
         ++values_;
         element(i);
@@ -104,8 +112,8 @@ void RequestGenerator::rules() {
             }
             return encoder_.end(container);
         }
-        case 1: return dictionary(steering_.amount(99'000), "", [this] { encoder_.value(false); });
-        case 2: return dictionary(steering_.amount(90'000), "", [this] { pattern(0); });
+        case 1: return dictionary(amount(99'000), "", [this] { encoder_.value(false); });
+        case 2: return dictionary(amount(90'000), "", [this] { pattern(0); });
         default: return anything(0);
     }
 }
@@ -113,7 +121,7 @@ void RequestGenerator::rules() {
 std::string RequestGenerator::filling() {
     static constexpr std::string_view kPieces[] = {"1", ".", "1.", "a", "\x01", "\x7F", "\xC3\xA9", "<", "&", "%"};
     const std::string_view piece = steering_.pick(kPieces);
-    const std::size_t bytes = std::min(steering_.amount(900'000), kMostBytes - std::min(kMostBytes, encoder_.size()));
+    const std::size_t bytes = std::min(amount(900'000), kMostBytes - std::min(kMostBytes, encoder_.size()));
     std::string text;
     while (text.size() + piece.size() <= bytes) text += piece;
     return text;
@@ -136,10 +144,11 @@ void RequestGenerator::pattern(std::size_t depth) {
         case 2: return encoder_.value(static_cast<std::int64_t>(steering_.below(256)) - 128);
         case 3: {  // one text again and again
             const std::string one = text();
-            return array(steering_.amount(90'000), [&](std::size_t) { encoder_.string(one); });
+            return array(
+                amount(90'000), [&](std::size_t) { encoder_.string(one); }, one.size());
         }
-        case 4: return array(steering_.amount(30), [&](std::size_t) { pattern(depth + 1); });
-        default: return dictionary(steering_.amount(90'000), "org.example.", [this] { encoder_.value(1); });
+        case 4: return array(amount(30), [&](std::size_t) { pattern(depth + 1); });
+        default: return dictionary(amount(90'000), "org.example.", [this] { encoder_.value(1); });
     }
 }
 
@@ -154,7 +163,7 @@ void RequestGenerator::anything(std::size_t depth) {
 
 void RequestGenerator::uuids() {
     key(VTKey::uuids);
-    const std::size_t count = steering_.amount(61'000), style = steering_.below(4), first = steering_.below(256);
+    const std::size_t count = amount(61'000), style = steering_.below(4), first = steering_.below(256);
     const auto& known = world_.plugIns;
     array(count, [&](std::size_t i) {
         switch (style) {
@@ -169,16 +178,17 @@ void RequestGenerator::uuids() {
 void RequestGenerator::tokens(const value::Uuid& token) {
     key(VTKey::uuids);
     const bool right = steering_.below(2) == 0;
-    array(steering_.amount(61'000), [&](std::size_t) { encoder_.value(right ? token : world_.plugIns.front()); });
+    array(amount(61'000), [&](std::size_t) { encoder_.value(right ? token : world_.plugIns.front()); });
 }
 
 void RequestGenerator::paths(const std::vector<std::string>& known) {
     key(VTKey::paths);
     const auto& list = steering_.below(2) == 0 ? known : world_.paths;
-    const std::size_t count = steering_.amount(47'000), first = steering_.below(list.size()),
-                      style = steering_.below(4);
+    const std::size_t count = amount(47'000), first = steering_.below(list.size()), style = steering_.below(4);
     const std::string behind = style == 2 ? "/./././" : style == 3 ? "/" + filling() : "";
-    array(count, [&](std::size_t i) { encoder_.string(list[(first + (style == 0 ? 0 : i)) % list.size()] + behind); });
+    array(
+        count, [&](std::size_t i) { encoder_.string(list[(first + (style == 0 ? 0 : i)) % list.size()] + behind); },
+        behind.size());
 }
 
 void RequestGenerator::annotations() {
@@ -190,9 +200,9 @@ void RequestGenerator::annotations() {
     }
     const std::size_t extension = steering_.below(4);
     if (extension > 0) encoder_.key(container, "extension");
-    if (extension == 1) dictionary(steering_.amount(90'000), "", [this] { encoder_.value(true); });
+    if (extension == 1) dictionary(amount(90'000), "", [this] { encoder_.value(true); });
     if (extension == 2) dictionary(1, "", [this] { encoder_.string(filling()); });
-    if (extension == 3) dictionary(steering_.amount(30), "", [this] { anything(0); });
+    if (extension == 3) dictionary(amount(30), "", [this] { anything(0); });
     encoder_.end(container);
 }
 

@@ -19,13 +19,17 @@ public:
     // One encoded dictionary. `token` is the hold that the client took last, or none.
     std::vector<std::byte> next(const value::Uuid& token);
 
-    // Whether the last one was of such a kind that it may have left something behind.
+    // Whether the last one adds or removes bundles.
+    bool registers() const { return registers_; }
+
+    // Whether one was of such a kind that it may have left something behind.
     bool mayHaveChangedState() const { return changesState_; }
     bool mayHaveAdded() const { return adds_; }
 
 private:
     using Container = mox::Encoder::Container;
 
+    std::size_t amount(std::size_t most);
     void flags(std::size_t count);
     void rules();
     void uuids();
@@ -39,7 +43,7 @@ private:
     template <typename Entry>
     void dictionary(std::size_t count, std::string_view stem, Entry&& entry);
     template <typename Element>
-    void array(std::size_t count, Element&& element);
+    void array(std::size_t count, Element&& element, std::size_t bytes = 0);
     void key(std::string_view name) { encoder_.key(request_, name); }
     bool isFull() const;
 
@@ -50,6 +54,7 @@ private:
     std::size_t values_ = 0;
     bool changesState_ = false;
     bool adds_ = false;
+    bool registers_ = false;
 };
 
 }  // namespace fuzz

@@ -1,0 +1,1 @@
+vtd_fuzz_requests(fuzz_requests_crowded crowded)
