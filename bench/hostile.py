@@ -343,6 +343,27 @@ def _(world):
     play(world, request('add', paths=[world / 'elsewhere/One.app/PlugIns/one.plugin'] * 10_000))
 
 
+def one_beside(world):
+    plug_ins(world, 10_000)
+    one_elsewhere(world)
+
+
+@Row('add, remove: one plug-in 100 times, beside 10,000', install=one_beside)
+def _(world):
+    play(world, *[request(name, paths=[world / 'elsewhere/One.app/PlugIns/one.plugin']) for name in ('add', 'remove') * 100])
+
+
+def hundred_beside(world):
+    plug_ins(world, 10_000)
+    for number in range(100):
+        world.install(f'elsewhere/One.app/PlugIns/one{number}.plugin', {'KXExtensionPointIdentifier': 'p'})
+
+
+@Row('add: 100 plug-ins in one request, beside 10,000', install=hundred_beside)
+def _(world):
+    play(world, request('add', paths=[world / f'elsewhere/One.app/PlugIns/one{number}.plugin' for number in range(100)]))
+
+
 @Row('annotate: one plug-in 60,000 times', install=lambda world: plug_ins(world, 1))
 def _(world):
     play(world, request('annotate', annotations={'election': 1}, uuids=array([uuid(known(world)[0])] * 60_000)))
@@ -521,7 +542,8 @@ def measure(row, vtd, patience):
         (row.install or (lambda world: None))(world)
         with lowered(row.limit):
             world.start(*row.start)
-        # What the daemon does behind its first answers is not the attacker's.
+        # What the daemon does behind its first answers is not the attacker's: a "remove" comes behind that.
+        world.connect().call({'request': 'remove', 'version': 3, 'paths': [world / 'nothing']})
         time.sleep(0.5)
         watcher = Watcher(world.daemon.pid)
         watcher.start()

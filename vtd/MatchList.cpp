@@ -24,7 +24,7 @@ bool MatchList::admits(const VTForm& candidate) {
     for (Position at = copies->second.first; at != kNone; at = nextCopy_[at]) {
         if (removed_[at]) continue;
         const VTForm& listed = forms_[at];
-        if (!effort::take(1 + effort::ofBytes(std::min(candidate.version().size(), listed.version().size()))))
+        if (!effort::take(1 + effort::ofCharacters(std::min(candidate.version().size(), listed.version().size()))))
             return false;
         const std::weak_ordering order = compareVersionString(candidate.version(), listed.version());
         if (everyVersion && order != std::weak_ordering::equivalent) continue;

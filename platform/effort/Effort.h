@@ -26,6 +26,10 @@ inline constexpr std::uint64_t ofBytes(std::size_t count) {  // read, compared o
     return count / 64;
 }
 
+inline constexpr std::uint64_t ofCharacters(std::size_t count) {  // looked at one by one
+    return count / 8;
+}
+
 // One account. Belongs to one thread at a time; may be handed on to another.
 class Account {
 public:

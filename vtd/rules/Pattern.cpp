@@ -63,7 +63,7 @@ std::uint64_t Pattern::price() const {
 }
 
 bool Pattern::accepts(std::string_view value) const {
-    if (!effort::take(price() + effort::ofBytes(std::min<std::size_t>(value.size(), size_)))) return false;
+    if (!effort::take(price() + effort::ofCharacters(std::min<std::size_t>(value.size(), size_)))) return false;
     const auto order = [&] { return text::compareNumerically(value, operand()); };
     switch (operator_) {
         case Operator::conforms: return types::conforms(value, operand());
