@@ -39,6 +39,13 @@ constexpr std::size_t kMemoryForByte = 16, kMemoryForAny = std::size_t{64} << 10
 // request, so it is found out beforehand.
 std::ptrdiff_t registryTakes = 0;
 
+// What the annotation store takes to write a record anew, one at a time: its text, of 64 KiB at the most, in a buffer
+// that doubles as it grows. However little a request changes, the record may be as large as an earlier one made it.
+constexpr std::ptrdiff_t kRecordTakes = std::ptrdiff_t{192} << 10;
+
+// What it takes to read one bundle's Info.plist, of 256 KiB and 20,000 values at the most, before it is enabled.
+constexpr std::ptrdiff_t kDescriptionTakes = std::ptrdiff_t{1} << 20;
+
 constexpr int kPatience = 8'000;  // milliseconds without an answer, while the daemon works no more
 constexpr std::size_t kMostRequests = 6;
 
@@ -53,8 +60,8 @@ public:
 
     // Memory that a request takes for the first time may be what the daemon keeps of its plug-ins from then on: it
     // counts when it is taken again.
-    void ask(const std::vector<std::byte>& body, bool registers) {
-        const std::ptrdiff_t most = registers ? registryTakes : 0;
+    // What the daemon's own stores may take besides is `most`.
+    void ask(const std::vector<std::byte>& body, std::ptrdiff_t most) {
         if (play(body) <= most) return;
         const std::ptrdiff_t beyond = play(body) - most;
         if (beyond > 0) find("bytes of memory too many:", static_cast<double>(beyond), 0, body.size());
@@ -175,11 +182,15 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
         value::Uuid token;
         for (std::size_t request = 0; request < kMostRequests && !steering.isAtEnd(); ++request) {
             const std::vector<std::byte> body = generator.next(token);
-            client.ask(body, generator.registers());
+            client.ask(body, generator.registers()   ? registryTakes
+                             : generator.annotates() ? kRecordTakes
+                             : generator.enables()   ? kDescriptionTakes
+                                                     : 0);
             if (const auto held = client.token()) token = *held;
         }
         if (generator.mayHaveAdded()) {  // the world is as it was
-            for (const std::string& path : world.addable) client.ask(requestFor(VTRequest::remove, {path}), true);
+            for (const std::string& path : world.addable)
+                client.ask(requestFor(VTRequest::remove, {path}), registryTakes);
         }
     }
     if (generator.mayHaveChangedState()) world.restore();

@@ -50,8 +50,8 @@ void becomeHost() {
     Array::Storage patterns;
     for (std::size_t i = 1; i < kPatterns; ++i) patterns.emplace_back("org.example.other" + std::to_string(i));
     patterns.emplace_back("<>none");
-    write(bundle / entitlements::kFile,
-          {{"halvern.developer.velto.allowedplugins", Dictionary{{"KXExtensionIdentifier", Array{std::move(patterns)}}}}});
+    write(bundle / entitlements::kFile, {{"halvern.developer.velto.allowedplugins",
+                                          Dictionary{{"KXExtensionIdentifier", Array{std::move(patterns)}}}}});
 }
 
 }  // namespace fuzz

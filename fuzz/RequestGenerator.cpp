@@ -48,6 +48,8 @@ std::vector<std::byte> RequestGenerator::next(const value::Uuid& token) {
     const Kind& kind = kKinds[number];
     changesState_ = changesState_ || (number >= 3 && number <= 7);
     registers_ = kind.name == std::string_view{VTRequest::add} || kind.name == std::string_view{VTRequest::remove};
+    annotates_ = kind.name == std::string_view{VTRequest::annotate};
+    enables_ = kind.name == std::string_view{VTRequest::ready};
     adds_ = adds_ || kind.name == std::string_view{VTRequest::add};
     key(VTKey::request);
     encoder_.string(kind.name);

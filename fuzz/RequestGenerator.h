@@ -19,8 +19,10 @@ public:
     // One encoded dictionary. `token` is the hold that the client took last, or none.
     std::vector<std::byte> next(const value::Uuid& token);
 
-    // Whether the last one adds or removes bundles.
+    // Whether the last one adds or removes bundles, annotates plug-ins, or enables them.
     bool registers() const { return registers_; }
+    bool annotates() const { return annotates_; }
+    bool enables() const { return enables_; }
 
     // Whether one was of such a kind that it may have left something behind.
     bool mayHaveChangedState() const { return changesState_; }
@@ -55,6 +57,8 @@ private:
     bool changesState_ = false;
     bool adds_ = false;
     bool registers_ = false;
+    bool annotates_ = false;
+    bool enables_ = false;
 };
 
 }  // namespace fuzz

@@ -73,9 +73,11 @@ void Transaction::matchPlugIns() {
         };
     }
 
-    Discovery discovery{std::move(query),
-                        [this](const VTDPlugIn& plugIn, VTForm& form) { addAnnotationForPlugIn(plugIn, form); },
-                        account()};
+    // An old client gets no matches: what nobody is sent is not gathered.
+    const auto annotate = [this](const VTDPlugIn& plugIn, VTForm& form) {
+        if (version() == VTProtocolVersion) addAnnotationForPlugIn(plugIn, form);
+    };
+    Discovery discovery{std::move(query), annotate, account()};
     if (!discovery.isAffordable(candidates.size())) {
         failForEffort();
         return;
