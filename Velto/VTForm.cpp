@@ -18,22 +18,6 @@ std::size_t additionIndex(std::string_view key) {
     return static_cast<std::size_t>(std::find(kAdditionKeys.begin(), kAdditionKeys.end(), key) - kAdditionKeys.begin());
 }
 
-// At least what the value needs on the wire, and not much more.
-std::size_t sizeHint(const value::Value& value) {
-    constexpr std::size_t kEach = 17;  // a tag with a UUID
-    std::size_t size = kEach;
-    if (const std::string* text = value.string()) {
-        size += text->size();
-    } else if (const value::Dictionary* dictionary = value.dictionary()) {
-        for (const auto& [key, entry] : *dictionary) size += kEach + key.size() + sizeHint(entry);
-    } else if (const value::Array* array = value.array()) {
-        for (const value::Value& element : *array) size += sizeHint(element);
-    } else if (const auto* data = value.data()) {
-        size += data->size();
-    }
-    return size;
-}
-
 std::string textIn(const value::Dictionary& form, std::string_view key) {
     const std::string* text = form.string(key);
     return text != nullptr ? *text : std::string{};
@@ -134,6 +118,6 @@ void VTForm::encode(mox::Encoder& encoder) const {
 std::size_t VTForm::encodedSizeHint() const {
     constexpr std::size_t kKeys = 64;
     std::size_t size = base_->entries_.size() + kKeys;
-    for (const auto& addition : additions_) size += addition ? sizeHint(*addition) : 0;
+    for (const auto& addition : additions_) size += addition ? mox::encodedSize(*addition) : 0;
     return size;
 }

@@ -123,7 +123,11 @@ std::size_t encodedSize(const value::Value& value) {
                 size += kLengthSize + entry.key.size() + encodedSize(entry.value);
             return size;
         }
-        default: return kTagSize + sizeof(value::Uuid);  // numbers need less, and errors are never sent
+        case value::Kind::signedInteger:
+        case value::Kind::unsignedInteger:
+        case value::Kind::real:
+        case value::Kind::date: return kTagSize + sizeof(std::uint64_t);
+        default: return kTagSize + sizeof(value::Uuid);  // errors are never sent
     }
 }
 
