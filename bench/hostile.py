@@ -296,6 +296,23 @@ def _(world):
         play(world, request('match', rules={}))
 
 
+def seven_within(world):
+    """As many plug-ins as a bundle's description may be multiplied by, and lists as long as they may be."""
+    plug_ins(world, 1)
+    names = [f'org.example.point.{number}' for number in range(512)]
+    for number in range(7):
+        world.install(f'elsewhere/Big{number}.app/PlugIns/big.plugin', KXExtensionPointName=names, KXExtension={'Multiple': {
+            f'org.example.big{number}.{one}': {'KXExtensionPointIdentifier': 'p', 'KXExtensionProtocol': 'P'} for one in range(100)}})
+
+
+@Row('match: seven added bundles of 100 plug-ins with 512 point names, just within the bounds', install=seven_within)
+def _(world):
+    add_all(world, 'elsewhere')
+    for _ in range(3):
+        play(world, request('match', rules={'KXExtensionPointName': 'org.example.point'}))
+        play(world, request('match', rules={}))
+
+
 def extension_of(size, character='x'):
     return encode({'kept': character * size})
 
@@ -325,6 +342,12 @@ def elected_automatically(count, key=None):
 
 @Row('match: 265 plug-ins elected under keys of 1 MB', install=elected_automatically(
     265, lambda number: f'{number}' + 'k' * 1_000_000))
+def _(world):
+    play(world, request('match', rules={}))
+
+
+@Row('match: 150 plug-ins elected under keys just within the bounds', install=elected_automatically(
+    150, lambda number: f'{number}' + 'k' * 1_000))
 def _(world):
     play(world, request('match', rules={}))
 
@@ -389,14 +412,16 @@ def _(world):
     time.sleep(2)
 
 
-def host_with_large_info(world):
-    world.install('user/Applications/Host.app', Filler=[f'value {number}' for number in range(25_000)])
+def host_with_large_info(world, filler=25_000):
+    world.install('user/Applications/Host.app', Filler=[f'value {number}' for number in range(filler)])
     program = world / 'user/Applications/Host.app/run'
     os.unlink(program)
     with open(os.path.realpath(sys.executable), 'rb') as source:
         os.chmod(world.write('user/Applications/Host.app/run', source.read()), 0o755)
 
 
+@Row('connect: 400 idle connections of a host with an Info.plist just within the bounds',
+     install=lambda world: host_with_large_info(world, 7_000))
 @Row('connect: 400 idle connections of a host with an Info.plist of 1 MB', install=host_with_large_info)
 def _(world):
     script = '\n'.join([
@@ -408,6 +433,14 @@ def _(world):
     process = world.begin(world / 'user/Applications/Host.app/run', '-c', script, stdin=worlds.subprocess.DEVNULL)
     if process.stdout.readline() != b'done\n':
         raise RuntimeError(process.stderr.read().decode())
+
+
+WITHIN = {'KXExtensionAttributes': {f'List{one}': [f'value {number}' for number in range(512)] for one in range(12)}}
+
+
+@Row('match: 150 bundles with lists just within the bounds', install=lambda world: plug_ins(world, 150, WITHIN))
+def _(world):
+    play(world, request('match', rules={}), request('match', rules={}))
 
 
 LISTS = {'KXExtensionAttributes': {f'List{one}': [f'value {number}' for number in range(500)] for one in range(20)}}
@@ -485,6 +518,9 @@ def issued_token(world):
     return decode(peer.receive()[2])[0]['extensions'][0]
 
 
+@Row('connect: two processes that connect and close without pause, 64 descriptors', limit=64, connects=True)
+@Row('connect: two processes that connect and close without pause, 256 descriptors', limit=256, connects=True)
+@Row('connect: two processes that connect and close without pause, 1,024 descriptors', limit=1_024, connects=True)
 @Row('connect: two processes that connect and close without pause', connects=True)
 def _(world):
     def storm():
@@ -508,6 +544,19 @@ def refused(world):
 
 
 @Row('match: 30 refused bundles of 1 MB, ten times', install=refused)
+def _(world):
+    play(world, *[request('match', rules={})] * 10)
+
+
+def refused_within(world):
+    plug_ins(world, 1)
+    for number in range(30):
+        world.install(f'user/Applications/Bad{number}.app')
+        world.install(f'user/Applications/Bad{number}.app/PlugIns/bad.appex', {'KXExtensionPointIdentifier': 'nowhere'},
+                      Filler='x' * 250_000)
+
+
+@Row('match: 30 refused bundles just within the bounds, ten times', install=refused_within)
 def _(world):
     play(world, *[request('match', rules={})] * 10)
 
