@@ -73,6 +73,9 @@ public:
     // cannot be read.
     virtual void resolveSDK();
 
+    // Tells which SDK resolveSDK() has found (sdk::Part); 0 before it, and when there is none.
+    std::uint64_t sdkDigest() const { return sdkDigest_.load(); }
+
     static constexpr char kSdkDirectoryVariable[] = "VTTEST_SDK";  // of the environment
 
     // The file of that name in the directory that VTTEST_SDK names, asked for on each call, else the registry's entry.
@@ -199,6 +202,7 @@ private:
     VTAtomic<std::optional<value::Uuid>> uuid_;
     VTAtomic<std::optional<value::Data>> cdhash_;
     VTAtomic<std::string> requirement_;
+    std::atomic<std::uint64_t> sdkDigest_{0};
     VTAtomic<std::optional<value::Error>> sdkFault_;  // why the extension point's SDK could not be read
 
     // What the last export encoded, good for as long as nothing changed that it was made from.

@@ -88,11 +88,12 @@ std::shared_ptr<VTDPlugIn> VTDPlugIn::initWithDVData(const std::shared_ptr<const
         return nullptr;
     }
     plugIn->setDvproxy(proxy);
-    plugIn->setIsAsRegistered(info.isAsKnown);
     plugIn->setOriginalIdentifier(proxy->originalIdentifier());
     plugIn->setLastModified(wholeSeconds(proxy->registrationDate()));
     plugIn->setOnSystemVolume(proxy->onSystemPartition());
     plugIn->resolveSDK();
+    plugIn->setIsAsRegistered(info.isAsKnown && plugIn->sdkDigest() == proxy->fingerprint().sdk);
+    if (!plugIn->isAsRegistered()) refusal = Refusal::passing;
     plugIn->setHubProtocolVersion(protocolVersion(plugIn->topDictionary(), plugIn->bundleInfoDictionary()));
     if (const auto container = proxy->containingBundle()) plugIn->setContainingUrl(container->bundlePath);
     if (const auto error = plugIn->diagnose()) {

@@ -55,8 +55,8 @@ public:
     // The dictionary without the build tools' keys ("DT..."); empty for none.
     static value::Dictionary prunedInfoDictionaryFor(const std::optional<value::Dictionary>& info);
 
-    // Whether it was made of what the registry knows. Else Info.plist was changing just then: the record serves whoever
-    // asked, but nobody would announce when it no longer says what the disk does.
+    // Whether it was made of what the registry knows. Else Info.plist or the SDK was changing just then: the record
+    // serves whoever asked, but nobody would announce when it no longer says what the disk does.
     bool isAsRegistered() const { return isAsRegistered_.load(); }
     void setIsAsRegistered(bool value) { isAsRegistered_.store(value); }
 

@@ -46,6 +46,15 @@ struct DVBundleReading {
                              // long as the record
 };
 
+// All that a plug-in's record is made of. What was derived from one record holds for every other whose fingerprint is
+// the same: digests that do not depend on the process, nor on when the files were written.
+struct DVFingerprint {
+    std::uint64_t info = 0;  // of Info.plist's bytes
+    std::uint64_t entitlements = 0;
+    std::uint64_t sdk = 0;  // of what its extension point registers: sdk::Part's
+    friend bool operator==(const DVFingerprint&, const DVFingerprint&) = default;
+};
+
 // An installed plug-in: one record for each identifier of a bundle. Its original identifier is the bundle's, else its
 // own. Immutable; dictionaries that the registry keeps may be read again from disk when they were dropped.
 class DVVeltoProxy {
@@ -71,6 +80,7 @@ public:
     virtual std::optional<std::string> localizedName() const = 0;
     virtual std::optional<std::string> localizedShortName() const = 0;
     virtual value::Dictionary entitlements() const = 0;
+    virtual DVFingerprint fingerprint() const = 0;  // as the registry knows them, not as they are on the disk by now
     virtual std::optional<std::string> dataContainerPath() const = 0;  // nothing while it cannot be made
 };
 

@@ -1,22 +1,11 @@
 #include "platform/dravo/InfoFile.h"
 
-#include <string_view>
-
 #include "platform/bundle/Bundle.h"
+#include "platform/digest/Fnv1a.h"
 #include "platform/file/File.h"
 #include "platform/plist/Plist.h"
 
 namespace dravo {
-
-namespace {
-
-std::uint64_t digestOf(std::string_view bytes) {  // FNV-1a
-    std::uint64_t digest = 0xcbf29ce484222325;
-    for (const char byte : bytes) digest = (digest ^ static_cast<unsigned char>(byte)) * 0x100000001b3;
-    return digest;
-}
-
-}  // namespace
 
 value::Result<InfoFile> readInfoFile(int bundleDirectory) {
     const auto contents = file::readRegularBeneath(bundleDirectory, bundle::kInfoFile, bundle::kInfoLimit);
@@ -25,7 +14,7 @@ value::Result<InfoFile> readInfoFile(int bundleDirectory) {
     if (!root) return root.error();
     const value::Dictionary* const dictionary = (*root).dictionary();
     if (!dictionary) return value::Error{"dravo", 0, std::string{bundle::kInfoFile} + " is no dictionary"};
-    return InfoFile{*dictionary, digestOf(contents->bytes), contents->stamp, contents->settled};
+    return InfoFile{*dictionary, digest::fnv1a(contents->bytes), contents->stamp, contents->settled};
 }
 
 }  // namespace dravo

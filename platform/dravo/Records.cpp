@@ -5,10 +5,12 @@
 
 #include <cerrno>
 
+#include "platform/digest/Fnv1a.h"
 #include "platform/dravo/DataContainers.h"
 #include "platform/dravo/InfoFile.h"
 #include "platform/file/Beneath.h"
 #include "platform/mounts/Mounts.h"
+#include "platform/mox/Encoder.h"
 
 namespace dravo {
 
@@ -126,6 +128,14 @@ value::Dictionary PlugInRecord::entitlements() const {
     return bundle_.facts().entitlements;
 }
 
+DVFingerprint PlugInRecord::fingerprint() const {
+    mox::Encoder entitlements;
+    entitlements.value(bundle_.facts().entitlements);
+    const auto bytes = entitlements.bytes();
+    return {bundle_.facts().digest, digest::fnv1a({reinterpret_cast<const char*>(bytes.data()), bytes.size()}),
+            facts_.sdk};
+}
+
 std::optional<std::string> PlugInRecord::dataContainerPath() const {
     const auto index = static_cast<std::size_t>(this - bundle_.plugIns().data());
     const std::string& containers = bundle_.surroundings().containersPath;
@@ -161,6 +171,13 @@ value::Result<file::UniqueFd> BundleRecord::open() const {
                                  facts_.identity, kDirectory);
 }
 
+std::shared_ptr<const BundleRecord> BundleRecord::withPlugIns(std::vector<PlugInFacts> plugIns) const {
+    BundleFacts facts = facts_;
+    facts.plugIns = std::move(plugIns);
+    return std::make_shared<const BundleRecord>(BundlePlace{path(), onSystemVolume_, application_}, std::move(facts),
+                                                surroundings_);
+}
+
 std::shared_ptr<const DVVeltoProxy> proxy(const std::shared_ptr<const BundleRecord>& bundle, std::size_t index) {
     return {bundle, &bundle->plugIns()[index]};
 }
@@ -178,8 +195,7 @@ bool sameContent(const BundleRecord& a, const BundleRecord& b) {
     if (ownerOfA != ownerOfB && (!ownerOfA || !ownerOfB || !sameContent(*ownerOfA, *ownerOfB))) return false;
     const BundleFacts& x = a.facts();
     const BundleFacts& y = b.facts();
-    return a.path() == b.path() && x.digest == y.digest && x.entitlements == y.entitlements && x.refusal == y.refusal &&
-           x.plugIns == y.plugIns;
+    return a.path() == b.path() && x.digest == y.digest && x.entitlements == y.entitlements && x.refusal == y.refusal;
 }
 
 bool sameDirectory(const BundleRecord& a, const BundleRecord& b) {

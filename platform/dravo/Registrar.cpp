@@ -10,6 +10,7 @@
 #include "platform/logging/Log.h"
 #include "platform/mounts/Mounts.h"
 #include "platform/paths/Paths.h"
+#include "platform/sdk/SdkRegistry.h"
 #include "platform/text/Format.h"
 
 namespace dravo {
@@ -24,7 +25,7 @@ constexpr int kPollShare = 50;  // at most one part in so many of the time goes 
 
 // What the store remembers, as a snapshot to compare the disk with.
 std::shared_ptr<const Snapshot> remembered(Store::Contents&& contents,
-                                           const std::shared_ptr<Surroundings>& surroundings, SdkPointNames& sdkNames) {
+                                           const std::shared_ptr<Surroundings>& surroundings, SdkParts& sdks) {
     std::unordered_map<std::string, std::shared_ptr<const ApplicationRecord>> applications;
     Snapshot::Applications allApplications;
     for (auto& [path, facts] : contents.applications) {
@@ -41,9 +42,10 @@ std::shared_ptr<const Snapshot> remembered(Store::Contents&& contents,
             const auto found = applications.find(path.substr(0, end + 4));
             if (found != applications.end()) place.application = found->second;
         }
+        sdks.note(facts.plugIns);
         bundles.push_back(std::make_shared<const BundleRecord>(std::move(place), std::move(facts), surroundings));
     }
-    return std::make_shared<const Snapshot>(std::move(allApplications), std::move(bundles), sdkNames);
+    return std::make_shared<const Snapshot>(std::move(allApplications), std::move(bundles), sdks);
 }
 
 bool isBeneath(const std::string& path, const std::string& directory) {
@@ -109,9 +111,9 @@ Registrar::Registrar(const Noticing& noticing, lock::LockFile lock, std::string 
       isNew_{opened.contents.isNew},
       registrations_{opened.contents.registrations.begin(), opened.contents.registrations.end()},
       containers_{containers},
-      scanner_{surroundings_, opened.contents.lastRow},
+      scanner_{surroundings_, sdks_, opened.contents.lastRow},
       settling_{queue_},
-      snapshot_{remembered(std::move(opened.contents), surroundings_, sdkNames_)} {}
+      snapshot_{remembered(std::move(opened.contents), surroundings_, sdks_)} {}
 
 void Registrar::stop() {
     const auto end = [&] {
@@ -425,12 +427,19 @@ void Registrar::addWhatIsKnown(const Topic& topic, Finding& finding) {
     addFrom(before->bundles(), finding.bundles);
 }
 
+// What a record was made of belongs to it: when an SDK is another, so are the records of its plug-ins.
 void Registrar::lookAtSdks() {
-    for (const std::string& directory : SdkPointNames::directories()) {
+    for (const std::string& directory : sdk::directories()) {
         const Topic topic{Topic::Kind::sdk, directory};
         Watcher::Look{watcher_.get(), topic}.towards(directory);
     }
-    sdksChanged_ = sdkNames_.refresh() || sdksChanged_;
+    sdks_.refresh();
+    for (auto& [topic, finding] : findings_) {
+        for (auto& bundle : finding.bundles) {
+            std::vector<PlugInFacts> plugIns = bundle->facts().plugIns;
+            if (sdks_.note(plugIns)) bundle = bundle->withPlugIns(std::move(plugIns));
+        }
+    }
 }
 
 void Registrar::forget(const Topic& topic) {
@@ -446,13 +455,13 @@ void Registrar::apply(Announce announce, Replacements replacements) {
         applications.insert(applications.end(), finding.applications.begin(), finding.applications.end());
         bundles.insert(bundles.end(), finding.bundles.begin(), finding.bundles.end());
     }
-    auto after = std::make_shared<const Snapshot>(std::move(applications), std::move(bundles), sdkNames_);
+    auto after = std::make_shared<const Snapshot>(std::move(applications), std::move(bundles), sdks_);
     Difference changes = difference(*before, *after, replacements);
-    if (changes.empty() && !sdksChanged_) return;
+    if (sdks_.isStale()) retryLater();
+    if (changes.empty()) return;
     if (after->hasTooManyPoints() && !before->hasTooManyPoints()) {
         logging::warning(text::format("{} names of extension points; not all are indexed", kRegistryPointsLimit));
     }
-    sdksChanged_ = false;
     if (announce == Announce::changes) announcements_->willUninstall(std::move(changes.plugInsGone));
     static_cast<void>(save(changes, *after, {}));  // what fails is logged, and done later
     if (watchingBegan_) furnish(changes.bundlesNew);

@@ -108,8 +108,7 @@ private:
     bool unsaved_ = false;          // a save failed: the next one writes everything
     std::set<std::string> registrations_;
     DataContainers containers_;
-    SdkPointNames sdkNames_;
-    bool sdksChanged_ = false;
+    SdkParts sdks_;
     Scanner scanner_;
     std::vector<Root> roots_;
     std::map<Topic, Finding> findings_;  // entries before registered paths, so that theirs count first

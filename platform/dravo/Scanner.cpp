@@ -425,6 +425,7 @@ BundleFacts Scanner::read(int directory, const std::string& path, const BundleSt
 }
 
 std::shared_ptr<const BundleRecord> Scanner::record(BundlePlace place, BundleFacts facts) {
+    sdks_.note(facts.plugIns);
     return std::make_shared<const BundleRecord>(std::move(place), std::move(facts), surroundings_);
 }
 

@@ -90,9 +90,18 @@ void addPlugIns(const std::shared_ptr<const BundleRecord>& bundle, PluginList& l
     for (std::size_t index = 0; index < bundle->plugIns().size(); ++index) list.push_back(proxy(bundle, index));
 }
 
+// Those of which the facts differ in the other record of the same bundle; of the same content, it has as many.
+void addChanged(const std::shared_ptr<const BundleRecord>& bundle, const BundleRecord& other, PluginList& list) {
+    const auto& others = other.plugIns();
+    for (std::size_t index = 0; index < bundle->plugIns().size(); ++index) {
+        const bool isSame = index < others.size() && bundle->plugIns()[index].facts() == others[index].facts();
+        if (!isSame) list.push_back(proxy(bundle, index));
+    }
+}
+
 }  // namespace
 
-Snapshot::Snapshot(Applications applications, Bundles bundles, SdkPointNames& sdkNames)
+Snapshot::Snapshot(Applications applications, Bundles bundles, SdkParts& sdks)
     : applications_{std::move(applications)},
       bundles_{std::move(bundles)},
       applicationPaths_{arrange(applications_)},
@@ -105,13 +114,13 @@ Snapshot::Snapshot(Applications applications, Bundles bundles, SdkPointNames& sd
         const PlugInFacts& facts = record(number).facts();
         uuids_.add(std::hash<value::Uuid>{}(facts.uuid), number);
         identifiers_.add(text::numericHash(facts.identifier), number);
-        indexPoints(number, facts, sdkNames);
+        indexPoints(number, facts, sdks);
     }
     uuids_.seal();
     identifiers_.seal();
 }
 
-void Snapshot::indexPoints(std::uint32_t number, const PlugInFacts& facts, SdkPointNames& sdkNames) {
+void Snapshot::indexPoints(std::uint32_t number, const PlugInFacts& facts, SdkParts& sdks) {
     bool isAny = facts.anyPoint;
     const auto add = [&](const std::string& name) {
         std::string key = text::numericKey(name);
@@ -124,7 +133,7 @@ void Snapshot::indexPoints(std::uint32_t number, const PlugInFacts& facts, SdkPo
     };
     if (facts.extensionPoint) {
         add(*facts.extensionPoint);
-        for (const std::string& name : sdkNames.of(*facts.extensionPoint)) add(name);
+        for (const std::string& name : sdks.of(*facts.extensionPoint).names) add(name);
     }
     for (const std::string& name : facts.pointNames) add(name);
     if (isAny) anyPoint_.push_back(number);
@@ -248,11 +257,19 @@ Difference difference(const Snapshot& before, const Snapshot& after, Replacement
     compare(before.bundles(), after.bundles(), changes.bundlesGone, changes.bundlesNew);
     for (const auto& bundle : changes.bundlesGone) {
         const auto now = after.bundle(bundle->path());
-        if (!now || !same(*bundle, *now)) addPlugIns(bundle, changes.plugInsGone);
+        if (now && same(*bundle, *now)) {
+            addChanged(bundle, *now, changes.plugInsGone);
+        } else {
+            addPlugIns(bundle, changes.plugInsGone);
+        }
     }
     for (const auto& bundle : changes.bundlesNew) {
         const auto old = before.bundle(bundle->path());
-        if (!old || !same(*old, *bundle)) addPlugIns(bundle, changes.plugInsNew);
+        if (old && same(*old, *bundle)) {
+            addChanged(bundle, *old, changes.plugInsNew);
+        } else {
+            addPlugIns(bundle, changes.plugInsNew);
+        }
     }
     return changes;
 }

@@ -31,6 +31,7 @@ struct PlugIn : dravo::DVVeltoProxy {
     Text localizedName() const override { return {}; }
     Text localizedShortName() const override { return {}; }
     value::Dictionary entitlements() const override { return held; }
+    dravo::DVFingerprint fingerprint() const override { return {}; }
     Text dataContainerPath() const override { return "/data"; }
 
     std::string identifier;
