@@ -1,7 +1,6 @@
 #include "platform/dravo/ExtensionPoints.h"
 
 #include <algorithm>
-#include <utility>
 
 #include "platform/dravo/InfoFile.h"
 #include "platform/sdk/SdkRegistry.h"
@@ -74,13 +73,17 @@ SdkParts::Part SdkParts::read(const std::string& extensionPoint) {
     return {part.digest, names.take()};
 }
 
-bool SdkParts::note(std::vector<PlugInFacts>& plugIns) {
-    bool changed = false;
-    for (PlugInFacts& plugIn : plugIns) {
-        const std::uint64_t digest = plugIn.extensionPoint ? of(*plugIn.extensionPoint).digest : 0;
-        changed = std::exchange(plugIn.sdk, digest) != digest || changed;
-    }
-    return changed;
+std::uint64_t SdkParts::digestFor(const PlugInFacts& plugIn) {
+    return plugIn.extensionPoint ? of(*plugIn.extensionPoint).digest : 0;
+}
+
+void SdkParts::note(std::vector<PlugInFacts>& plugIns) {
+    for (PlugInFacts& plugIn : plugIns) plugIn.sdk = digestFor(plugIn);
+}
+
+bool SdkParts::areNotedIn(const std::vector<PlugInFacts>& plugIns) {
+    return std::all_of(plugIns.begin(), plugIns.end(),
+                       [this](const PlugInFacts& plugIn) { return plugIn.sdk == digestFor(plugIn); });
 }
 
 void SdkParts::refresh() {

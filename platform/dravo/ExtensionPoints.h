@@ -49,8 +49,8 @@ public:
     };
     const Part& of(const std::string& extensionPoint);
 
-    // Notes in each plug-in what its SDK is; whether that is another than was noted.
-    bool note(std::vector<PlugInFacts>& plugIns);
+    void note(std::vector<PlugInFacts>& plugIns);              // in each what its SDK is
+    bool areNotedIn(const std::vector<PlugInFacts>& plugIns);  // as they are now
 
     void refresh();  // reads those known again
 
@@ -59,6 +59,7 @@ public:
 
 private:
     Part read(const std::string& extensionPoint);
+    std::uint64_t digestFor(const PlugInFacts& plugIn);
 
     std::unordered_map<std::string, Part> parts_;
     bool isStale_ = false;

@@ -3,6 +3,7 @@
 #include <fcntl.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 
 #include "platform/digest/Fnv1a.h"
@@ -22,6 +23,12 @@ constexpr int kDirectory = O_PATH | O_DIRECTORY | O_CLOEXEC;
 std::optional<value::Error> refusalToAsk(const std::string& path) {
     if (!mounts::mayNeverAnswer(path)) return {};
     return value::posixError(ESTALE, path);
+}
+
+bool samePlugIn(const PlugInFacts& a, const PlugInFacts& b) {
+    return a.uuid == b.uuid && a.identifier == b.identifier && a.registered == b.registered &&
+           a.extensionPoint == b.extensionPoint && a.pointNames == b.pointNames && a.anyPoint == b.anyPoint &&
+           (!a.sdk || !b.sdk || a.sdk == b.sdk);
 }
 
 }  // namespace
@@ -133,7 +140,7 @@ DVFingerprint PlugInRecord::fingerprint() const {
     entitlements.value(bundle_.facts().entitlements);
     const auto bytes = entitlements.bytes();
     return {bundle_.facts().digest, digest::fnv1a({reinterpret_cast<const char*>(bytes.data()), bytes.size()}),
-            facts_.sdk};
+            facts_.sdk.value_or(0)};
 }
 
 std::optional<std::string> PlugInRecord::dataContainerPath() const {
@@ -171,13 +178,6 @@ value::Result<file::UniqueFd> BundleRecord::open() const {
                                  facts_.identity, kDirectory);
 }
 
-std::shared_ptr<const BundleRecord> BundleRecord::withPlugIns(std::vector<PlugInFacts> plugIns) const {
-    BundleFacts facts = facts_;
-    facts.plugIns = std::move(plugIns);
-    return std::make_shared<const BundleRecord>(BundlePlace{path(), onSystemVolume_, application_}, std::move(facts),
-                                                surroundings_);
-}
-
 std::shared_ptr<const DVVeltoProxy> proxy(const std::shared_ptr<const BundleRecord>& bundle, std::size_t index) {
     return {bundle, &bundle->plugIns()[index]};
 }
@@ -195,7 +195,8 @@ bool sameContent(const BundleRecord& a, const BundleRecord& b) {
     if (ownerOfA != ownerOfB && (!ownerOfA || !ownerOfB || !sameContent(*ownerOfA, *ownerOfB))) return false;
     const BundleFacts& x = a.facts();
     const BundleFacts& y = b.facts();
-    return a.path() == b.path() && x.digest == y.digest && x.entitlements == y.entitlements && x.refusal == y.refusal;
+    return a.path() == b.path() && x.digest == y.digest && x.entitlements == y.entitlements && x.refusal == y.refusal &&
+           std::equal(x.plugIns.begin(), x.plugIns.end(), y.plugIns.begin(), y.plugIns.end(), samePlugIn);
 }
 
 bool sameDirectory(const BundleRecord& a, const BundleRecord& b) {

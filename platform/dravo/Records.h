@@ -110,9 +110,7 @@ public:
     value::Result<file::UniqueFd> open() const;  // see DVVeltoProxy::openBundle()
     Surroundings& surroundings() const { return *surroundings_; }
     const std::vector<PlugInRecord>& plugIns() const { return plugIns_; }  // by identifier
-
-    // Another record of the same bundle, with other facts of its plug-ins.
-    std::shared_ptr<const BundleRecord> withPlugIns(std::vector<PlugInFacts> plugIns) const;
+    BundlePlace place() const { return {path(), onSystemVolume_, application_}; }
 
     // Whether the plug-in at that place has its data container, as far as anybody has seen.
     bool hasContainer(std::size_t index) const { return hasContainer_[index].load(std::memory_order_relaxed); }
@@ -131,8 +129,8 @@ private:
 // A plug-in's record as it is handed out: keeps its bundle's record alive.
 std::shared_ptr<const DVVeltoProxy> proxy(const std::shared_ptr<const BundleRecord>& bundle, std::size_t index);
 
-// Whether two readings of a bundle would look the same to everybody but the registry; stamps do not count, nor do the
-// facts of plug-ins (PlugInFacts has an operator for that).
+// Whether two readings of a bundle would look the same to everybody but the registry; stamps do not count, and an
+// SDK that is not known counts as the same.
 bool sameContent(const ApplicationRecord& a, const ApplicationRecord& b);
 bool sameContent(const BundleRecord& a, const BundleRecord& b);
 

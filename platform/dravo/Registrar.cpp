@@ -42,7 +42,6 @@ std::shared_ptr<const Snapshot> remembered(Store::Contents&& contents,
             const auto found = applications.find(path.substr(0, end + 4));
             if (found != applications.end()) place.application = found->second;
         }
-        sdks.note(facts.plugIns);
         bundles.push_back(std::make_shared<const BundleRecord>(std::move(place), std::move(facts), surroundings));
     }
     return std::make_shared<const Snapshot>(std::move(allApplications), std::move(bundles), sdks);
@@ -436,8 +435,10 @@ void Registrar::lookAtSdks() {
     sdks_.refresh();
     for (auto& [topic, finding] : findings_) {
         for (auto& bundle : finding.bundles) {
-            std::vector<PlugInFacts> plugIns = bundle->facts().plugIns;
-            if (sdks_.note(plugIns)) bundle = bundle->withPlugIns(std::move(plugIns));
+            if (sdks_.areNotedIn(bundle->facts().plugIns)) continue;
+            BundleFacts facts = bundle->facts();
+            sdks_.note(facts.plugIns);
+            bundle = std::make_shared<const BundleRecord>(bundle->place(), std::move(facts), surroundings_);
         }
     }
 }

@@ -90,15 +90,6 @@ void addPlugIns(const std::shared_ptr<const BundleRecord>& bundle, PluginList& l
     for (std::size_t index = 0; index < bundle->plugIns().size(); ++index) list.push_back(proxy(bundle, index));
 }
 
-// Those of which the facts differ in the other record of the same bundle; of the same content, it has as many.
-void addChanged(const std::shared_ptr<const BundleRecord>& bundle, const BundleRecord& other, PluginList& list) {
-    const auto& others = other.plugIns();
-    for (std::size_t index = 0; index < bundle->plugIns().size(); ++index) {
-        const bool isSame = index < others.size() && bundle->plugIns()[index].facts() == others[index].facts();
-        if (!isSame) list.push_back(proxy(bundle, index));
-    }
-}
-
 }  // namespace
 
 Snapshot::Snapshot(Applications applications, Bundles bundles, SdkParts& sdks)
@@ -257,19 +248,11 @@ Difference difference(const Snapshot& before, const Snapshot& after, Replacement
     compare(before.bundles(), after.bundles(), changes.bundlesGone, changes.bundlesNew);
     for (const auto& bundle : changes.bundlesGone) {
         const auto now = after.bundle(bundle->path());
-        if (now && same(*bundle, *now)) {
-            addChanged(bundle, *now, changes.plugInsGone);
-        } else {
-            addPlugIns(bundle, changes.plugInsGone);
-        }
+        if (!now || !same(*bundle, *now)) addPlugIns(bundle, changes.plugInsGone);
     }
     for (const auto& bundle : changes.bundlesNew) {
         const auto old = before.bundle(bundle->path());
-        if (old && same(*old, *bundle)) {
-            addChanged(bundle, *old, changes.plugInsNew);
-        } else {
-            addPlugIns(bundle, changes.plugInsNew);
-        }
+        if (!old || !same(*old, *bundle)) addPlugIns(bundle, changes.plugInsNew);
     }
     return changes;
 }

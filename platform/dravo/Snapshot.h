@@ -74,7 +74,7 @@ private:
 struct Difference {
     Snapshot::Applications applicationsGone, applicationsNew;  // one that changed is in both
     Snapshot::Bundles bundlesGone, bundlesNew;
-    PluginList plugInsGone, plugInsNew;  // whose bundle or SDK differs: what observers are told
+    PluginList plugInsGone, plugInsNew;  // of the bundles whose content or SDK differs: what observers are told
     bool empty() const {
         return applicationsGone.empty() && applicationsNew.empty() && bundlesGone.empty() && bundlesNew.empty();
     }

@@ -105,38 +105,39 @@ void putSdk(const Installation& w, const std::string& path, const std::string& c
 }
 
 const SdkChange kSdkChanges[] = {
-    {"one comes with the directory", "-a -m1 +a +m1",
+    {"one comes with the directory", "-a -m1 -m2 +a +m1 +m2",
      [](const Installation& w) { putSdk(w, "system/SDKs/p.plist", "1"); }},
-    {"written in place", "-a -m1 +a +m1",
+    {"written in place", "-a -m1 -m2 +a +m1 +m2",
      [](const Installation& w) {
          w.root.writeList("system/SDKs/p.plist", Dictionary{{"k", "2"}});
      }},
-    {"exchanged by renaming", "-a -m1 +a +m1", [](const Installation& w) { putSdk(w, "system/SDKs/p.plist", "3"); }},
+    {"exchanged by renaming", "-a -m1 -m2 +a +m1 +m2",
+     [](const Installation& w) { putSdk(w, "system/SDKs/p.plist", "3"); }},
     {"exchanged for the same, another's comes", "-b +b",
      [](const Installation& w) {
          putSdk(w, "system/SDKs/p.plist", "3");
          putSdk(w, "system/SDKs/q.plist", "1");
      }},
-    {"no longer to be read", "-a -m1 +a +m1",
+    {"no longer to be read", "-a -m1 -m2 +a +m1 +m2",
      [](const Installation& w) {
          w.remove("system/SDKs/p.plist");
          fs::create_symlink("nowhere", w.root / "system/SDKs/p.plist");
      }},
-    {"to be read again", "-a -m1 +a +m1", [](const Installation& w) { putSdk(w, "system/SDKs/p.plist", "3"); }},
-    {"another goes first", "-a -m1 +a +m1", [](const Installation& w) { putSdk(w, "test/p", "4"); }},
+    {"to be read again", "-a -m1 -m2 +a +m1 +m2", [](const Installation& w) { putSdk(w, "system/SDKs/p.plist", "3"); }},
+    {"another goes first", "-a -m1 -m2 +a +m1 +m2", [](const Installation& w) { putSdk(w, "test/p", "4"); }},
     {"what comes second changes nothing", "-b +b",
      [](const Installation& w) {
          putSdk(w, "system/SDKs/p.plist", "5");
          w.remove("system/SDKs/q.plist");
      }},
-    {"the first goes", "-a -m1 +a +m1", [](const Installation& w) { w.remove("test"); }},
-    {"the directory is exchanged", "-a -m1 +a +m1",
+    {"the first goes", "-a -m1 -m2 +a +m1 +m2", [](const Installation& w) { w.remove("test"); }},
+    {"the directory is exchanged", "-a -m1 -m2 +a +m1 +m2",
      [](const Installation& w) {
          putSdk(w, "SDKs/p.plist", "6");
          w.move("system/SDKs", "SDKs.old");
          w.move("SDKs", "system/SDKs");
      }},
-    {"the directory goes", "-a -m1 +a +m1", [](const Installation& w) { w.remove("system/SDKs"); }},
+    {"the directory goes", "-a -m1 -m2 +a +m1 +m2", [](const Installation& w) { w.remove("system/SDKs"); }},
 };
 
 TEST(Changes, AnSdkBelongsToTheRecordsOfItsPlugIns) {
@@ -150,7 +151,7 @@ TEST(Changes, AnSdkBelongsToTheRecordsOfItsPlugIns) {
                                               {"m2", Dictionary{{"KXExtensionPointIdentifier", "r"}}}}}});
         world.start({watched, std::chrono::milliseconds{20}});
         const auto uuid = world.at("system/PlugIns/a")->pluginUUID();
-        const auto witness = world.witness();
+        auto witness = world.witness();
         for (const SdkChange& change : kSdkChanges) {
             SCOPED_TRACE(std::string{change.name} + (watched ? " watched" : " polled"));
             const auto before = world.at("system/PlugIns/a")->fingerprint();
@@ -160,6 +161,11 @@ TEST(Changes, AnSdkBelongsToTheRecordsOfItsPlugIns) {
             EXPECT_EQ(world.at("system/PlugIns/a")->fingerprint() == before, "-b +b"s == change.announced);
             EXPECT_EQ(world.at("system/PlugIns/a")->pluginUUID(), uuid);
         }
+        world.stop();
+        putSdk(world, "system/SDKs/q.plist", "7");
+        world.start();
+        witness = world.witness();
+        EXPECT_EQ(witness->told("-b +b"), "-b +b") << "while nobody was looking";
         ::unsetenv("VTTEST_SDK");
     }
 }
