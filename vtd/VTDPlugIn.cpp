@@ -152,7 +152,7 @@ std::string VTDPlugIn::annotationKey() const {
 
 std::optional<value::Error> VTDPlugIn::diagnose() const {
     if (auto error = VTPlugInCore::diagnose()) return error;
-    if (!isData() && !dvproxy()->dataContainerPath()) {
+    if (!isData() && !dvproxy()->hasDataContainer()) {
         return VTError(VTErrorConfiguration, "this plug-in has no sandbox data container");
     }
     return {};

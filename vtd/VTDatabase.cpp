@@ -1,6 +1,8 @@
 #include "vtd/VTDatabase.h"
 
 #include <algorithm>
+#include <cerrno>
+#include <iterator>
 #include <limits>
 #include <utility>
 
@@ -109,6 +111,29 @@ std::optional<VTDatabase::PlugIns> VTDatabase::plugInsWithinApplication(const st
     return plugIns;
 }
 
+bool VTDatabase::isDeparting(const std::shared_ptr<const dravo::DVVeltoProxy>& proxy) const {
+    const auto announced = departing_.find(proxy->pluginUUID());
+    return announced != departing_.end() && announced->second.lock() == proxy;
+}
+
+bool VTDatabase::isCurrent(const VTDPlugIn& plugIn) const {
+    constexpr int kGone[] = {ENOENT, ENOTDIR, ELOOP, ESTALE};
+    const auto proxy = plugIn.dvproxy();
+    const bool isKnown = _sync()->sync([&] {
+        const auto known = workspace()->plugin(plugIn.uuid());
+        // The registry may have looked again without having found anything new.
+        return known && !isDeparting(known) && known->fingerprint() == proxy->fingerprint();
+    });
+    const auto directory = isKnown ? proxy->openBundle() : value::posixError(ENOENT, plugIn.path());
+    const bool isGone = !directory && directory.error().domain == "posix" &&
+                        std::count(std::begin(kGone), std::end(kGone), directory.error().code) > 0;
+    if (isGone) {
+        logging::notice(text::format("plug-in {} at {} is going, or another lies in its place: {}", plugIn.identifier(),
+                                     plugIn.path(), directory.error().localizedDescription()));
+    }
+    return !isGone;
+}
+
 void VTDatabase::noteCostlyPlugIn(const VTDPlugIn& plugIn) {
     if (!_sync()->sync([&] { return notes_.noteCosts(plugIn.dvproxy()); })) return;
     logging::notice(
@@ -139,10 +164,7 @@ std::shared_ptr<VTDPlugIn> VTDatabase::createPlugInForProxy(const std::shared_pt
     }
     plugIn->setAnnotationSource(weak_from_this());
     if (plugIn->hasEntitlement(kAutoElectEntitlement)) autoElect(*plugIn);
-    std::erase_if(departing_, [](const auto& announced) { return announced.expired(); });
-    const bool departing = std::any_of(departing_.begin(), departing_.end(),
-                                       [&](const auto& announced) { return announced.lock() == proxy; });
-    if (departing || !plugIn->isAsRegistered()) return plugIn;
+    if (isDeparting(proxy) || !plugIn->isAsRegistered()) return plugIn;
     purgeCachesToLimit(static_cast<std::int32_t>(cacheLimit()));
     cache_[plugIn->uuid()] = plugIn;
     return plugIn;
@@ -218,11 +240,11 @@ void VTDatabase::pluginsDidInstall(const dravo::PluginList& plugIns) {
 
 void VTDatabase::pluginsWillUninstall(const dravo::PluginList& plugIns) {
     _sync()->sync([&] {
-        std::erase_if(departing_, [](const auto& announced) { return announced.expired(); });
+        std::erase_if(departing_, [](const auto& announced) { return announced.second.expired(); });
         for (const auto& plugIn : plugIns) {
             logRegistryNotice("UNINSTALLED", *plugIn);
             cache_.erase(plugIn->pluginUUID());
-            departing_.emplace_back(plugIn);
+            departing_.insert_or_assign(plugIn->pluginUUID(), plugIn);
         }
     });
     if (const auto delegate = this->delegate()) delegate->removedPlugIns(plugIns);

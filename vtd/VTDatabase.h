@@ -66,6 +66,11 @@ public:
     // when the registry has no list.
     std::optional<PlugIns> findPlugIns(const rules::Rules& rules);
 
+    // Whether the record is of what is installed now: its directory is still that directory, and the registry has
+    // neither announced that the plug-in goes nor made another record since. For whoever acts on a record; what cannot
+    // be looked at counts as there.
+    bool isCurrent(const VTDPlugIn& plugIn) const;
+
     // A discovery left the plug-in out for what it costs: said once for the registry's record.
     void noteCostlyPlugIn(const VTDPlugIn& plugIn);
 
@@ -136,6 +141,7 @@ protected:
 
 private:
     void checkOnSync(const char* operation) const;
+    bool isDeparting(const std::shared_ptr<const dravo::DVVeltoProxy>& proxy) const;  // on _sync
     std::shared_ptr<VTDPlugIn> plugInForProxy(const std::shared_ptr<const dravo::DVVeltoProxy>& proxy,
                                               BundleInfo& bundleInfo);
 
@@ -151,5 +157,5 @@ private:
     bool leavesElectionsOut_ = false;  // the last automatic election was refused
     // Announced as going but still known to the registry: a record built of one now is not kept, since nobody would
     // announce again that it is stale.
-    std::vector<std::weak_ptr<const dravo::DVVeltoProxy>> departing_;
+    std::unordered_map<value::Uuid, std::weak_ptr<const dravo::DVVeltoProxy>> departing_;
 };

@@ -81,7 +81,11 @@ public:
     virtual std::optional<std::string> localizedShortName() const = 0;
     virtual value::Dictionary entitlements() const = 0;
     virtual DVFingerprint fingerprint() const = 0;  // as the registry knows them, not as they are on the disk by now
-    virtual std::optional<std::string> dataContainerPath() const = 0;  // nothing while it cannot be made
+
+    // The data container is looked at, and made when it is missing: nothing while that cannot be done. Whether there
+    // was one when anybody last looked is known without a look once it was there.
+    virtual std::optional<std::string> dataContainerPath() const = 0;
+    virtual bool hasDataContainer() const = 0;
 };
 
 using PluginList = std::vector<std::shared_ptr<const DVVeltoProxy>>;

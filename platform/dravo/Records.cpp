@@ -144,13 +144,18 @@ DVFingerprint PlugInRecord::fingerprint() const {
 }
 
 std::optional<std::string> PlugInRecord::dataContainerPath() const {
-    const auto index = static_cast<std::size_t>(this - bundle_.plugIns().data());
     const std::string& containers = bundle_.surroundings().containersPath;
-    if (!bundle_.hasContainer(index)) {
-        if (makeDataContainer(containers, facts_.identifier) != 0) return {};
-        bundle_.setHasContainer(index);
-    }
-    return dravo::dataContainerPath(containers, facts_.identifier);
+    const bool isThere = makeDataContainer(containers, facts_.identifier) == 0;
+    bundle_.setHasContainer(index(), isThere);
+    return isThere ? std::optional{dravo::dataContainerPath(containers, facts_.identifier)} : std::nullopt;
+}
+
+bool PlugInRecord::hasDataContainer() const {
+    return bundle_.hasContainer(index()) || dataContainerPath().has_value();
+}
+
+std::size_t PlugInRecord::index() const {
+    return static_cast<std::size_t>(this - bundle_.plugIns().data());
 }
 
 BundleRecord::BundleRecord(BundlePlace place, BundleFacts facts, std::shared_ptr<Surroundings> surroundings)

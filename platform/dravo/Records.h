@@ -82,8 +82,11 @@ public:
     value::Dictionary entitlements() const override;
     DVFingerprint fingerprint() const override;
     std::optional<std::string> dataContainerPath() const override;
+    bool hasDataContainer() const override;
 
 private:
+    std::size_t index() const;
+
     const BundleRecord& bundle_;
     const PlugInFacts& facts_;
 };
@@ -114,7 +117,9 @@ public:
 
     // Whether the plug-in at that place has its data container, as far as anybody has seen.
     bool hasContainer(std::size_t index) const { return hasContainer_[index].load(std::memory_order_relaxed); }
-    void setHasContainer(std::size_t index) const { hasContainer_[index].store(true, std::memory_order_relaxed); }
+    void setHasContainer(std::size_t index, bool is = true) const {
+        hasContainer_[index].store(is, std::memory_order_relaxed);
+    }
 
 private:
     const std::optional<std::string> path_;

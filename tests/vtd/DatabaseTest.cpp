@@ -14,12 +14,14 @@ TEST(Database, KeepsNoRecordOfAPlugInWhoseEndHasBeenAnnounced) {
     const auto proxy = registry->installedPlugins()->at(0);
     const auto kept = database->plugInForProxy(proxy);
     EXPECT_EQ(database->plugInForProxy(proxy), kept);
+    EXPECT_TRUE(database->isCurrent(*kept));
     database->pluginsWillUninstall({proxy});
     // Still known to the registry for a moment: usable, but nobody would tell again that a kept record is stale.
     const auto departing = database->plugInForProxy(proxy);
     ASSERT_NE(departing, nullptr);
     EXPECT_NE(departing, kept);
     EXPECT_NE(database->plugInForProxy(proxy), departing);
+    EXPECT_FALSE(database->isCurrent(*departing)) << "nothing is registered that nobody would withdraw";
 }
 
 }  // namespace

@@ -33,6 +33,7 @@ struct PlugIn : dravo::DVVeltoProxy {
     value::Dictionary entitlements() const override { return held; }
     dravo::DVFingerprint fingerprint() const override { return {}; }
     Text dataContainerPath() const override { return "/data"; }
+    bool hasDataContainer() const override { return true; }
 
     std::string identifier;
     Text path;

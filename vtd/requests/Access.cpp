@@ -18,6 +18,7 @@ void Transaction::accessPlugIns() {
         auto token = VTIssueReadExtension(plugIn->url(), ".", [&] { return plugIn->dvproxy()->openBundle(); });
         if (!token) {
             const int reason = errno;
+            if (!mustBeCurrent(*plugIn)) return false;
             fail(VTErrorRequest, text::format("cannot create extension to {}: {}", plugIn->path(), reason));
             return false;
         }
