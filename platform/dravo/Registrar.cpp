@@ -83,7 +83,7 @@ std::vector<std::string> entriesKnown(const Snapshot& snapshot, const std::strin
 
 value::Result<std::shared_ptr<Registrar>> Registrar::open(const Noticing& noticing) {
     const std::string& state = paths::directories().state;
-    if (auto error = file::makeDirectories(state, 0700)) return *error;
+    if (auto error = file::makeDirectories(state, 0700, file::Durability::synced)) return *error;
     auto lock = lock::LockFile::take(state + "/Registry.lock");
     if (!lock) return lock.error();
     const std::string storePath = state + "/Registry.db";

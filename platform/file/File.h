@@ -104,7 +104,14 @@ std::optional<std::string> canonicalPathWithin(const std::string& directory, con
 std::optional<std::string> canonicalPathAtHand(const std::string& path);
 
 // Makes the directory and those above it, each new one with the mode (less the umask); an existing directory is fine.
-[[nodiscard]] std::optional<value::Error> makeDirectories(const std::string& path, mode_t mode);
+// Synced: it outlasts a loss of power, as far as the directories above it can be synced.
+enum class Durability : std::uint8_t { buffered, synced };
+[[nodiscard]] std::optional<value::Error> makeDirectories(const std::string& path, mode_t mode,
+                                                          Durability durability = Durability::buffered);
+
+// Who besides this user could put other files in the place of those in the directory: a text for people. Nothing when
+// nobody can but the administrator, or there is no such directory.
+std::optional<std::string> exposureOf(const std::string& directory);
 
 // A file name made of a text from outside (an identifier, a version): separators, "@", "%", control characters, leading
 // dots and bytes that are no UTF-8 are percent-encoded, what would grow beyond the longest is cut and ends in "%~" and
