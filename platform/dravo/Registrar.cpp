@@ -220,7 +220,20 @@ std::optional<value::Error> Registrar::firstLook() {
 void Registrar::watch() {
     if (stopped_) return;
     watchingBegan_ = true;
-    if (noticing_.watch) {
+    askForWatches();
+    lookAtEverything();
+    lookAtSdks();
+    apply(Announce::changes);
+    containers_.list();
+    furnishFrom(0, snapshot());
+    pollIfBlind();
+}
+
+// The watches themselves are asked for by looking at everything.
+void Registrar::askForWatches() {
+    if (watcher_) {
+        watcher_->forgetExhaustion();
+    } else if (noticing_.watch) {
         watcher_ = Watcher::create(
             queue_, [this](const Topic& topic, std::string_view name) { changed(topic, name); },
             [this] {
@@ -228,12 +241,6 @@ void Registrar::watch() {
                 lookSoon();
             });
     }
-    lookAtEverything();
-    lookAtSdks();
-    apply(Announce::changes);
-    containers_.list();
-    furnishFrom(0, snapshot());
-    pollIfBlind();
 }
 
 void Registrar::pollIfBlind() {
@@ -247,8 +254,14 @@ void Registrar::pollIfBlind() {
 void Registrar::poll() {
     if (stopped_) return;
     const auto start = std::chrono::steady_clock::now();
+    askForWatches();
     markEverythingDirty();
     lookAgain();
+    if (watcher_ && !watcher_->exhausted()) {
+        logging::notice("installed plug-ins are watched again");
+        pollTimer_.reset();
+        return;
+    }
     const auto spent = std::chrono::duration_cast<std::chrono::milliseconds>(std::chrono::steady_clock::now() - start);
     pollTimer_ = queue::after(std::max(noticing_.pollPeriod, spent * kPollShare), queue_, [weak = weak_from_this()] {
         if (const auto self = weak.lock()) self->poll();

@@ -64,6 +64,7 @@ private:
 
     [[nodiscard]] std::optional<value::Error> firstLook();
     void watch();
+    void askForWatches();
     void poll();
     void pollIfBlind();
     void changed(const Topic& topic, std::string_view name);

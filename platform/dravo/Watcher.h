@@ -43,8 +43,10 @@ public:
                                            Overflow overflow);
     ~Watcher();
 
-    // Whether a watch was refused for want of room, so that changes may go unnoticed.
+    // Whether a watch was refused for want of room, so that changes may go unnoticed. Until it is forgotten: who looks
+    // at everything from then on asks for all watches again.
     bool exhausted() const { return exhausted_; }
+    void forgetExhaustion() { exhausted_ = false; }
 
 private:
     struct Held {                          // by a topic
