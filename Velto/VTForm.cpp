@@ -1,10 +1,10 @@
 #include "Velto/VTForm.h"
 
 #include <algorithm>
-#include <limits>
 #include <utility>
 
 #include "Velto/VTAssertion.h"
+#include "Velto/VTValueHelpers.h"
 
 namespace {
 
@@ -34,11 +34,6 @@ std::size_t sizeHint(const value::Value& value) {
     return size;
 }
 
-std::string textIn(const value::Dictionary& form, std::string_view key) {
-    const std::string* text = form.string(key);
-    return text != nullptr ? *text : std::string{};
-}
-
 }  // namespace
 
 // --- Base
@@ -48,11 +43,7 @@ VTForm::Base::Base(const value::Dictionary& form)
       version_{textIn(form, VTFormKey::version)},
       uuid_{textIn(form, VTFormKey::uuid)} {
     if (const value::Value* resident = form.find(VTFormKey::systemResident)) systemResident_ = resident->booleanValue();
-    if (const value::Value* modified = form.find(VTFormKey::lastModified)) {
-        lastModified_ = static_cast<std::int32_t>(std::clamp<std::int64_t>(modified->integerValue().value_or(0),
-                                                                           std::numeric_limits<std::int32_t>::min(),
-                                                                           std::numeric_limits<std::int32_t>::max()));
-    }
+    lastModified_ = numberIn<std::int32_t>(form, VTFormKey::lastModified).value_or(lastModified_);
 
     mox::Encoder encoder;
     mox::Encoder::Container entries{};  // never completed: a form's header counts its additions too

@@ -21,21 +21,11 @@ const value::Dictionary& noEntries() {
     return empty;
 }
 
-std::string textIn(const value::Dictionary& dictionary, std::string_view key) {
-    const std::string* text = dictionary.string(key);
-    return text != nullptr ? *text : std::string{};
-}
-
-bool isEmptyIn(const value::Dictionary& dictionary, std::string_view key) {
-    const std::string* text = dictionary.string(key);
-    return text == nullptr || text->empty();
-}
-
 }  // namespace
 
 std::shared_ptr<VTPlugInCore> VTPlugInCore::initWithName(const std::optional<std::string>& identifier,
                                                          const std::optional<std::string>& url,
-                                                         const std::optional<value::Dictionary>& bundleInfo,
+                                                         const std::optional<value::Value>& bundleInfo,
                                                          const std::optional<value::Dictionary>& info,
                                                          const std::optional<value::Uuid>& uuid) {
     auto plugIn = std::make_shared<VTPlugInCore>();
@@ -61,7 +51,7 @@ value::Uuid VTPlugInCore::uuid() const {
 // --- Setup
 
 bool VTPlugInCore::setupWithName(const std::optional<std::string>& identifier, const std::optional<std::string>& url,
-                                 const std::optional<value::Dictionary>& bundleInfo,
+                                 const std::optional<value::Value>& bundleInfo,
                                  const std::optional<value::Dictionary>& /*info*/,
                                  const std::optional<value::Uuid>& uuid) {
     if (!url) return false;
@@ -75,7 +65,8 @@ bool VTPlugInCore::setupWithName(const std::optional<std::string>& identifier, c
     }
     setIdentifier(*identifier);
     setUrl(*url);
-    if (!setDictionaries(normalizeInfoDictionary(*bundleInfo))) {
+    const value::Dictionary* const whole = bundleInfo->dictionary();
+    if (!setDictionaries(whole != nullptr ? normalizeInfoDictionary(*whole) : *bundleInfo)) {
         logging::notice(
             text::format("malformed plug-in dictionary in plug-in {} at {}: {}", *identifier, *url, *bundleInfo));
         return false;
@@ -222,7 +213,7 @@ std::optional<value::Error> VTPlugInCore::diagnose() const {
     if (identifier().empty()) {
         return VTError(kCode, "missing identifier (no KXExtensionIdentifier, nor even QFBundleIdentifier)");
     }
-    if (isEmptyIn(own, VTInfoKey::protocol)) return missing(VTInfoKey::protocol);
+    if (textIn(own, VTInfoKey::protocol).empty()) return missing(VTInfoKey::protocol);
     if (attributes().empty()) return missing(VTInfoKey::attributes);
     if (isAppExtension()) {
         const std::string* principalClass = own.string(VTInfoKey::principalClass);

@@ -38,7 +38,7 @@ public:
 
     static std::shared_ptr<VTPlugInCore> initWithName(const std::optional<std::string>& identifier,
                                                       const std::optional<std::string>& url,
-                                                      const std::optional<value::Dictionary>& bundleInfo,
+                                                      const std::optional<value::Value>& bundleInfo,
                                                       const std::optional<value::Dictionary>& info,
                                                       const std::optional<value::Uuid>& uuid);
     static std::shared_ptr<VTPlugInCore> initWithForm(const value::Dictionary& form);
@@ -53,7 +53,7 @@ public:
     // bundle's own. Without a UUID the record gets a fresh random one.
     [[nodiscard]] virtual bool setupWithName(const std::optional<std::string>& identifier,
                                              const std::optional<std::string>& url,
-                                             const std::optional<value::Dictionary>& bundleInfo,
+                                             const std::optional<value::Value>& bundleInfo,
                                              const std::optional<value::Dictionary>& info,
                                              const std::optional<value::Uuid>& uuid);
     [[nodiscard]] virtual bool setupWithForm(const value::Dictionary& form);

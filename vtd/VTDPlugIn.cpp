@@ -11,6 +11,7 @@
 #include "Velto/VTInfoKeys.h"
 #include "Velto/VTIssueReadExtension.h"
 #include "Velto/VTProtocol.h"
+#include "Velto/VTValueHelpers.h"
 #include "platform/logging/Log.h"
 #include "platform/plist/Plist.h"
 #include "platform/text/Format.h"
@@ -32,9 +33,7 @@ std::int32_t wholeSeconds(value::Date date) {
 }
 
 std::uint32_t protocolVersion(const value::Dictionary& top, const value::Dictionary& bundleInfo) {
-    const value::Value* declared = top.find(VTInfoKey::hubProtocolVersion);
-    const auto number = declared != nullptr ? declared->integerValue() : std::nullopt;
-    if (number) return static_cast<std::uint32_t>(*number);
+    if (const auto declared = numberIn<std::uint32_t>(top, VTInfoKey::hubProtocolVersion)) return *declared;
     return bundleInfo.contains(VTInfoKey::oldStyle) ? kOldStyleProtocol : kCurrentProtocol;
 }
 

@@ -62,8 +62,8 @@ public:
 
     // The candidates of a discovery request: each plug-in once, in the registry's order. A pre-selection by those rules
     // that name identifiers, extension points and elections literally; leaves out what the rules accept only where the
-    // election filter is narrower than they are (it compares the low byte, as text). Nothing
-    // when the registry has no list.
+    // election filter is narrower than they are (it compares the low byte, as text). Nothing when the registry has no
+    // list.
     std::optional<PlugIns> findPlugIns(const rules::Rules& rules);
 
     // Whether the record is of what is installed now: its directory is still that directory, and the registry has

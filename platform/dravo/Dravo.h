@@ -145,8 +145,8 @@ public:
     virtual std::shared_ptr<const DVVeltoProxy> plugin(const value::Uuid& uuid) const = 0;  // null: none
 
     // Paths here and below are canonical (file::canonicalPath): they are compared, and not resolved again.
-    virtual std::shared_ptr<const DVVeltoProxy> pluginAtPath(
-        const std::string& path) const = 0;  // the first of its bundle
+    // A plug-in is the first of its bundle.
+    virtual std::shared_ptr<const DVVeltoProxy> pluginAtPath(const std::string& path) const = 0;
     virtual std::shared_ptr<const DVApplicationProxy> applicationAtPath(const std::string& path) const = 0;
     virtual PluginList pluginsOf(const DVApplicationProxy& application) const = 0;
 

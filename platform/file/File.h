@@ -42,7 +42,8 @@ std::optional<Stamp> stampOf(const std::string& path);  // follows links; nothin
 bool settled(const Stamp& stamp);
 
 // Whether an error number says nothing of the file itself (no descriptor or memory to be had, a disk's or a server's
-// trouble), and may pass: what was known of the file before is then the best guess.
+// trouble, a lease that its holder is to give up first), and may pass: what was known of the file before is then the
+// best guess.
 bool mayPass(int errorNumber);
 
 struct Contents {

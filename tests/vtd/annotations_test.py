@@ -30,6 +30,7 @@ class AnnotationsTest(WorldTest):
         for name, content, line, loads in [
             ('missing', None, '', True),
             ('sound', sound, '', True),
+            ('version as text', {**sound, 'version': '16'}, '', True),
             ('older', {**sound, 'version': 15}, 'error:found database version 15 needed version 16 (resetting)', False),
             ('unversioned', {'data': stored}, 'error:found database version 0 needed version 16 (resetting)', False),
             ('a list', [], 'found database version 0 needed version 16', False),

@@ -73,6 +73,7 @@ class LaunchTest(WorldTest):
                              {'VTTEST_SDK': '/sdk', 'HOME': data, 'QFFIXED_USER_HOME': data, 'TMPDIR': data + '/tmp',
                               **changed})
         self.assertEqual(self.overlay('own')['MoxService']['RunLoopType'], 'main')
+        self.assertEqual(len(self.world.take_lines('of plug-in own(1) that are no texts: NO_TEXT')), 1)
 
     def test_a_data_container_is_looked_for_each_time(self):
         self.install('one')
