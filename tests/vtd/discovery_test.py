@@ -79,17 +79,18 @@ class DiscoveryTest(WorldTest):
         self.start()
         sdk = 'system/SDKs/s.plist'
         self.assertEqual(self.seen({}), {'a'})
-        for content, by_s, by_p in [
-            ({'KXExtension': {'KXExtensionAttributes': {'KXExtensionPointName': 'p'}}}, False, True),
-            ({'KXExtensionPointName': 's'}, True, False),
-            (b'no list', False, False),  # what it demands is not known
-            ({'KXExtensionPointName': 's'}, True, False),
-            ({'KXExtensionPointName': 's', 'KXExtension': {'KXExtensionHostEntitlement': 'h'}}, False, False),
-            ({'KXExtensionPointName': 's'}, True, False),
+        rules = [{}, {'KXExtensionPointName': 's'}, {'KXExtensionPointName': 'p'}]
+        for content, *found in [
+            ({'KXExtension': {'KXExtensionAttributes': {'KXExtensionPointName': 'p'}}}, True, False, True),
+            ({'KXExtensionPointName': 's'}, True, True, False),
+            (b'no list', False, False, False),  # what it demands is not known
+            ({'KXExtensionPointName': 's'}, True, True, False),
+            ({'KXExtensionPointName': 's', 'KXExtension': {'KXExtensionHostEntitlement': 'h'}}, False, False, False),
+            ({'KXExtensionPointName': 's'}, True, True, False),
         ]:
             self.world.write(sdk, content)
-            expected = [{'a'} if found else set() for found in (by_s, by_p)]
-            self.eventually(lambda: [self.seen({'KXExtensionPointName': name}) for name in 'sp'] == expected, content)
+            expected = [{'a'} if is_found else set() for is_found in found]
+            self.eventually(lambda: [self.seen(each) for each in rules] == expected, content)
 
     def test_elections_are_rules_by_their_number_and_beside_literals_by_their_low_byte(self):
         self.plug_in('one')
