@@ -100,8 +100,9 @@ void VTPlugInCore::canonicalize() {
     }
     own.set(VTInfoKey::format, plugIn.contains(VTInfoKey::embeddedCode) ? "hybrid" : "standard");
     if (!own.contains(VTInfoKey::version)) {
-        const std::string* ofBundle = whole.string(VTInfoKey::shortVersionString);
-        own.set(VTInfoKey::version, ofBundle != nullptr ? *ofBundle : kFirstVersion);
+        const value::Value* ofBundle = whole.find(VTInfoKey::shortVersionString);
+        const bool isVersion = ofBundle != nullptr && (ofBundle->string() != nullptr || ofBundle->isNumber());
+        own.set(VTInfoKey::version, isVersion ? *ofBundle : kFirstVersion);
     }
     plugIn.set(VTInfoKey::attributes, std::move(own).build());
 

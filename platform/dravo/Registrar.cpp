@@ -334,7 +334,6 @@ void Registrar::lookAtEverything() {
         for (const std::string& name : names) lookAtEntry(root, name);
     }
     for (const std::string& path : registrations_) lookAtRegistered(path);
-    if (!retryTimer_) retryDelay_ = kFirstRetry;
     std::vector<Topic> gone;
     for (const auto& [topic, finding] : findings_) {
         if (finding.look != look_) gone.push_back(topic);
@@ -472,6 +471,7 @@ void Registrar::apply(Announce announce, Replacements replacements) {
     auto after = std::make_shared<const Snapshot>(std::move(applications), std::move(bundles), sdks_);
     Difference changes = difference(*before, *after, replacements);
     if (sdks_.isStale()) retryLater();
+    if (!retryTimer_) retryDelay_ = kFirstRetry;
     if (changes.empty()) return;
     if (after->hasTooManyPoints() && !before->hasTooManyPoints()) {
         logging::warning(text::format("{} names of extension points; not all are indexed", kRegistryPointsLimit));
