@@ -1,3 +1,9 @@
+#include <fcntl.h>
+
+#include <cerrno>
+#include <csignal>
+
+#include "platform/file/UniqueFd.h"
 #include "platform/sdk/SdkRegistry.h"
 #include "tests/support/Words.h"
 
@@ -36,6 +42,15 @@ TEST_F(SdkRegistry, FollowsAFileAndComplainsOnceForEachMalformedChange) {
         put("system/SDKs/p.plist", content);
         EXPECT_EQ(textOf("p"), content);
     }
+    {  // which its holder is to give up before anybody can read
+        put("system/SDKs/p.plist", "3");
+        ::signal(SIGIO, SIG_IGN);
+        const file::UniqueFd held{::open((root / "system/SDKs/p.plist").c_str(), O_RDWR | O_CLOEXEC)};
+        ASSERT_EQ(::fcntl(held.get(), F_SETLEASE, F_WRLCK), 0) << strerrorname_np(errno);
+        EXPECT_EQ(textOf("p"), "2");
+        EXPECT_TRUE(part("p").isStale);
+    }
+    EXPECT_EQ(textOf("p"), "3");
     for (const char* bad : {"no list", "<plist version=\"1.0\"><array/></plist>"}) {
         root.write("system/SDKs/p.plist", bad);
         for (int i = 0; i < 3; ++i) EXPECT_EQ(textOf("p"), "unreadable");
