@@ -4,6 +4,8 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <filesystem>
+#include <system_error>
 #include <utility>
 
 #include "platform/file/File.h"
@@ -17,10 +19,13 @@ namespace dravo {
 
 namespace {
 
+namespace fs = std::filesystem;
+
 constexpr std::size_t kDirtyLimit = 10'000;  // topics; past that one look at everything is cheaper
 constexpr std::chrono::seconds kLongestRetry{60};
 constexpr std::chrono::seconds kSaveAgain{10};
 constexpr std::size_t kFurnishedInATurn = 32;
+constexpr std::size_t kSdkLinksLimit = 1000;
 constexpr int kPollShare = 50;  // at most one part in so many of the time goes into polling
 
 // What the store remembers, as a snapshot to compare the disk with.
@@ -311,6 +316,8 @@ void Registrar::lookAgain() {
     } else {
         const Scanner::Pass pass{scanner_, snapshot()};
         for (const Topic& topic : dirty) lookAt(topic);
+        const auto isSdk = [](const Topic& topic) { return topic.kind == Topic::Kind::sdk; };
+        if (std::any_of(dirty.begin(), dirty.end(), isSdk)) lookAtSdks();
     }
     apply(Announce::changes);
     pollIfBlind();
@@ -368,7 +375,7 @@ void Registrar::lookAt(const Topic& topic) {
         case Topic::Kind::registered:
             if (registrations_.contains(topic.path)) lookAtRegistered(topic.path);
             break;
-        case Topic::Kind::sdk: lookAtSdks(); break;
+        case Topic::Kind::sdk: break;  // all of them once
     }
 }
 
@@ -440,10 +447,7 @@ void Registrar::addWhatIsKnown(const Topic& topic, Finding& finding) {
 
 // What a record was made of belongs to it: when an SDK is another, so are the records of its plug-ins.
 void Registrar::lookAtSdks() {
-    for (const std::string& directory : sdk::directories()) {
-        const Topic topic{Topic::Kind::sdk, directory};
-        Watcher::Look{watcher_.get(), topic}.towards(directory);
-    }
+    watchSdks();
     sdks_.refresh();
     for (auto& [topic, finding] : findings_) {
         for (auto& bundle : finding.bundles) {
@@ -452,6 +456,32 @@ void Registrar::lookAtSdks() {
             sdks_.note(facts.plugIns);
             bundle = std::make_shared<const BundleRecord>(bundle->place(), std::move(facts), surroundings_);
         }
+    }
+}
+
+// The directories, and where a link leads out of them, the file at its end. Of a directory that is itself a link, the
+// link besides.
+void Registrar::watchSdks() {
+    std::set<Topic> links;
+    const auto watchEntry = [&](std::string name, const std::string& path) {
+        const auto topic = links.insert({Topic::Kind::sdk, std::move(name)}).first;
+        Watcher::Look{watcher_.get(), *topic}.entry(path);
+    };
+    for (const std::string& directory : sdk::directories()) {
+        const Topic topic{Topic::Kind::sdk, directory};
+        Watcher::Look{watcher_.get(), topic}.towards(directory);
+        std::error_code error;
+        if (fs::is_symlink(directory, error)) watchEntry(directory + "/.", directory);
+        for (fs::directory_iterator at{directory, error}, end; !error && at != end && links.size() < kSdkLinksLimit;
+             at.increment(error)) {
+            const std::string link = at->path().string();
+            std::error_code unknown;
+            const auto target = at->is_symlink(unknown) ? file::finalPath(link) : value::posixError(EINVAL, link);
+            if (target) watchEntry(link, *target);
+        }
+    }
+    for (const Topic& gone : std::exchange(sdkLinks_, links)) {
+        if (!links.contains(gone)) forget(gone);
     }
 }
 

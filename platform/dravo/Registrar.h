@@ -81,6 +81,7 @@ private:
     void addWhatIsKnown(const Topic& topic, Finding& finding);
     void retryLater();
     void lookAtSdks();
+    void watchSdks();
     void forget(const Topic& topic);
 
     void apply(Announce announce, Replacements replacements = Replacements::count);
@@ -110,6 +111,7 @@ private:
     std::set<std::string> registrations_;
     DataContainers containers_;
     SdkParts sdks_;
+    std::set<Topic> sdkLinks_;  // what is watched for a link among the SDKs
     Scanner scanner_;
     std::vector<Root> roots_;
     std::map<Topic, Finding> findings_;  // entries before registered paths, so that theirs count first

@@ -75,6 +75,9 @@ public:
         // towards it counts. With those above it.
         void towards(const std::string& path);
 
+        // The entry of that name in its directory, and whatever it is written with. With those above it.
+        void entry(const std::string& path);
+
     private:
         Watcher* const watcher_;
         const Topic& topic_;

@@ -137,6 +137,28 @@ const SdkChange kSdkChanges[] = {
          w.move("system/SDKs", "SDKs.old");
          w.move("SDKs", "system/SDKs");
      }},
+    {"what a link leads to comes in its place", "-a -m1 -m2 +a +m1 +m2",
+     [](const Installation& w) {
+         putSdk(w, "elsewhere/p", "7");
+         fs::create_symlink("../../elsewhere/p", w.root / "link");
+         w.move("link", "system/SDKs/p.plist");
+     }},
+    {"that is written in place", "-a -m1 -m2 +a +m1 +m2",
+     [](const Installation& w) {
+         w.root.writeList("elsewhere/p", Dictionary{{"k", "8"}});
+     }},
+    {"the directory is a link to another, by now", "-a -m1 -m2 +a +m1 +m2",
+     [](const Installation& w) {
+         putSdk(w, "one/p.plist", "9");
+         w.remove("system/SDKs");
+         fs::create_directory_symlink("../one", w.root / "system/SDKs");
+     }},
+    {"that leads elsewhere", "-a -m1 -m2 +a +m1 +m2",
+     [](const Installation& w) {
+         putSdk(w, "two/p.plist", "10");
+         fs::create_directory_symlink("../two", w.root / "link");
+         w.move("link", "system/SDKs");
+     }},
     {"the directory goes", "-a -m1 -m2 +a +m1 +m2", [](const Installation& w) { w.remove("system/SDKs"); }},
 };
 
