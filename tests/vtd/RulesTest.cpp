@@ -66,7 +66,8 @@ struct Known {
 
 Known knownOf(model::Chance& chance) {
     constexpr const char* kPaths[] = {"/a.app/PlugIns/p", "/client.app/PlugIns/p", "/client.app/PlugInsToo/p"};
-    constexpr const char *kIdentifiers[] = {"a.1", "a.01", "b"}, *kVersions[] = {"1", "1.0", "01", "2"};
+    constexpr const char* kIdentifiers[] = {"a.1", "a.01", "b"};
+    constexpr const char* kVersions[] = {"1", "1.0", "01", "1.10", "1.9", "", "2b"};
     constexpr const char* kDemands[] = {"", "", "held", "not held"};
     const auto proxy = std::make_shared<fake::PlugIn>(chance.pick(kIdentifiers), chance.pick(kPaths));
     Known known{nullptr,
@@ -74,18 +75,19 @@ Known knownOf(model::Chance& chance) {
                  proxy->identifier,
                  chance.pick(kVersions),
                  chance.once(2),
-                 static_cast<int>(chance.below(2)),
+                 static_cast<int>(chance.below(3)) - 1,
                  {}},
                 chance.attributes(),
                 !chance.once(4),
                 chance.once(4),
                 chance.once(6),
                 chance.pick(kDemands)};
-    for (std::size_t claims = chance.below(8) / 6; claims > 0; --claims) {
+    for (std::size_t claims = std::max<std::size_t>(chance.below(8), 5); claims > 5; --claims) {
         known.copy.replaces.emplace_back(chance.pick(kIdentifiers));
     }
-    const Array replaces{Array::Storage{known.copy.replaces.begin(), known.copy.replaces.end()}};
-    if (!known.copy.replaces.empty()) proxy->held = {{"halvern.developer.replace-plugin", replaces}};
+    const Texts& replaced = known.copy.replaces;
+    const Value several = Array{Array::Storage{replaced.begin(), replaced.end()}};
+    proxy->held = {{"halvern.developer.replace-plugin", replaced.size() == 1 ? Value{replaced[0]} : several}};
     Dictionary description{
         {"KXExtensionAttributes", known.attributes.changing("KXExtensionVersion", known.copy.version)},
         {"Dedicated", known.isDedicated}};
