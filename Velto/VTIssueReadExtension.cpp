@@ -4,7 +4,7 @@ std::optional<std::string> VTIssueReadExtension(const std::string& url) {
     return sandbox::issueFileExtension(sandbox::kReadOnlyFileClass, url);
 }
 
-std::optional<std::string> VTIssueReadExtension(const std::string& directory, const std::string& name,
-                                                const sandbox::OpenDirectory& open) {
-    return sandbox::issueFileExtensionBeneath(sandbox::kReadOnlyFileClass, directory, name, open);
+std::optional<std::string> VTIssueReadExtension(const file::UniqueFd& directory, const std::string& path,
+                                                const std::string& name) {
+    return sandbox::issueFileExtensionBeneath(sandbox::kReadOnlyFileClass, directory, path, name);
 }

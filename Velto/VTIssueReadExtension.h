@@ -10,7 +10,7 @@
 // key; not in the library that hosts link.
 std::optional<std::string> VTIssueReadExtension(const std::string& url);
 
-// The same for a name beneath a directory ("." is the directory itself) that `open` opens as the caller knows it, at
-// its canonical path: a token never leads out of that very directory, whatever lies at the path by now.
-std::optional<std::string> VTIssueReadExtension(const std::string& directory, const std::string& name,
-                                                const sandbox::OpenDirectory& open);
+// The same for a name beneath a directory ("." is the directory itself) that is open here and lies at the canonical
+// path: a token never leads out of that very directory, whatever lies at the path by now.
+std::optional<std::string> VTIssueReadExtension(const file::UniqueFd& directory, const std::string& path,
+                                                const std::string& name);

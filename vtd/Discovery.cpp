@@ -1,5 +1,6 @@
 #include "vtd/Discovery.h"
 
+#include <algorithm>
 #include <utility>
 
 #include "Velto/VTProtocol.h"
@@ -8,6 +9,15 @@
 #include "vtd/Exclusions.h"
 #include "vtd/VTDPlugIn.h"
 
+namespace {
+
+// For the tokens of what candidates share with their hosts, which the client's rules do not ask for: so much for all of
+// them together, in equal parts, and as much for each as honest ones need.
+constexpr std::uint64_t kTokensInAll = effort::kLimit / 4;
+constexpr std::uint64_t kTokensAtLeast = 2 * effort::kShare;
+
+}  // namespace
+
 // A candidate on its way through the gates.
 struct Discovery::Visit {
     const VTDPlugIn& candidate;
@@ -15,7 +25,9 @@ struct Discovery::Visit {
     MatchList& matches;
     rules::Complaints& complaints;
     std::size_t& leftOut;
+    const std::uint64_t shareForTokens;
     std::optional<VTForm> form;  // once the candidate has been exported
+    bool sharesTooMuch = false;
 
     bool asksFor(std::uint64_t flag) const { return (query.flags & flag) != 0; }
 };
@@ -95,6 +107,8 @@ struct Discovery::Gates {
             ++visit.leftOut;
             return kFull;
         }
+        // Judged before the next gate, which makes older copies go.
+        visit.sharesTooMuch = visit.candidate.priceOfTokens() > visit.shareForTokens;
         if (visit.form) return {};
         return Reason{"has no form", error ? error->localizedDescription() : std::string{}};
     }
@@ -128,23 +142,31 @@ bool Discovery::isAffordable(std::size_t candidates) {
     account_.grantShares(candidates);
     // What the user excludes is no choice of the client's, and is on the house.
     if (query_.exclusions) account_.grantShares(candidates * query_.exclusions->price() / effort::kShare);
-    return candidates == 0 || priceOfRules_ <= left / candidates;
+    if (candidates == 0) return true;
+    shareForTokens_ = std::max(kTokensInAll / candidates, kTokensAtLeast);
+    return priceOfRules_ <= left / candidates;
 }
 
 std::optional<Discovery::Refusal> Discovery::visit(const VTDPlugIn& candidate) {
     const std::uint64_t exclusions = query_.exclusions ? query_.exclusions->price() : 0;
+    const auto tooMuch = [] { return Refusal{kEffortGate, "needs more effort than one may", {}}; };
     effort::Account own{account_, effort::kShare + priceOfRules_ + exclusions};
     const effort::Charging charging{own};
-    Visit visit{candidate, query_, matches_, complaints_, leftOut_, {}};
+    Visit visit{candidate, query_, matches_, complaints_, leftOut_, shareForTokens_, {}};
     for (const Gate& gate : Gates::kInOrder) {
         if (gate.scope == Gate::Scope::unlessAll && visit.asksFor(VTDiscoverAll)) continue;
         auto reason = gate.examine(visit);
         // What was decided with nothing left to spend was not decided.
-        if (own.isSpent()) return Refusal{kEffortGate, "needs more effort than one may", {}};
+        if (own.isSpent() || visit.sharesTooMuch) return tooMuch();
         if (reason) return Refusal{gate.name, reason->text, std::move(reason->detail)};
     }
     annotate_(candidate, *visit.form);
-    candidate.augmentForm(*visit.form);
+    // What it may have for that comes from no account.
+    effort::Account tokens{shareForTokens_};
+    {
+        const effort::Charging toTokens{tokens};
+        candidate.augmentForm(*visit.form);
+    }
     const auto replacePlugIn = candidate.valueForEntitlement(kReplacePlugInEntitlement);
     matches_.append(*std::move(visit.form), replacePlugIn ? &*replacePlugIn : nullptr);
     return {};

@@ -89,6 +89,7 @@ private:
     const Annotate annotate_;
     const std::uint64_t priceOfRules_;
     effort::Account& account_;
+    std::uint64_t shareForTokens_ = std::numeric_limits<std::uint64_t>::max();  // of each candidate
     MatchList matches_;
     std::size_t leftOut_ = 0;
     rules::Complaints complaints_;

@@ -80,7 +80,7 @@ void Transaction::dispatch() {
     }
 }
 
-bool Transaction::marshalPaths(const PathHandler& handler) {
+bool Transaction::marshalPaths(const PathHandler& handler, const Settlement& settle) {
     const auto malformed = [this] {
         fail(VTErrorRequest, "invalid request format");
         return false;
@@ -93,20 +93,21 @@ bool Transaction::marshalPaths(const PathHandler& handler) {
     if (!mayGoOn()) return false;
 
     std::size_t element = 0;
-    return paths->forEachElement([&](mox::View sent) {
+    const bool all = paths->forEachElement([&](mox::View sent) {
         const std::optional<std::string_view> path = sent.string();
-        if (!path) return malformed();
+        if (!path) return settle() && malformed();
         if (!path->starts_with('/')) {
-            fail(VTErrorPath, text::format("absolute path required: {}", *path));
+            if (settle()) fail(VTErrorPath, text::format("absolute path required: {}", *path));
             return false;
         }
         const auto& canonical = (*paths_)[element++].canonical;
         return handler(canonical ? *canonical : std::string{*path}, canonical.has_value());
     });
+    return all && settle();
 }
 
-bool Transaction::processPaths(const PathHandler& handler) {
-    if (!marshalPaths(handler)) return false;
+bool Transaction::processPaths(const PathHandler& handler, const Settlement& settle) {
+    if (!marshalPaths(handler, settle)) return false;
     done();
     return true;
 }

@@ -49,12 +49,17 @@ public:
 
     void dispatch();
 
-    // Hands each of the request's "paths" to the handler, in order, up to the first that is malformed (the request has
-    // then failed) or that the handler refuses. Answers whether all went through.
-    bool marshalPaths(const PathHandler& handler);
+    // What is done with all the paths that went before, when there are no more of them or the next is malformed.
+    // Answers whether that went well; else it has already replied.
+    using Settlement = std::function<bool()>;
 
-    // The same, and done() when all went through.
-    bool processPaths(const PathHandler& handler);
+    // Hands each of the request's "paths" to the handler, in order, up to the first that is malformed (the request has
+    // then failed) or that the handler refuses. Answers whether all went through and were settled.
+    bool marshalPaths(
+        const PathHandler& handler, const Settlement& settle = [] { return true; });
+
+    // The same, and done() when all went well.
+    bool processPaths(const PathHandler& handler, const Settlement& settle);
 
     // Hands the plug-in of each of the request's "uuids" to the handler, in order and each UUID once, up to the first
     // element that names none (the request has then failed) or that the handler refuses. Answers whether all went

@@ -2,10 +2,7 @@
 
 #include <utility>
 
-#include "Velto/VTProtocol.h"
-#include "platform/logging/Log.h"
-#include "platform/notify/Notify.h"
-#include "platform/text/Format.h"
+#include "vtd/ChangeNotice.h"
 #include "vtd/VTDAnnotationStore.h"
 #include "vtd/VTDPlugIn.h"
 #include "vtd/VTDatabase.h"
@@ -35,10 +32,5 @@ void VTDAnnotationRound::withdraw() {
 void VTDAnnotationRound::end() {
     database_.saveAnnotations();
     before_.clear();
-    const std::uint64_t posts = std::exchange(changes_, 0);
-    if (posts == 0) return;
-    if (const auto error = notify::post(VTAnnotationChangeNotification, posts)) {
-        logging::error(
-            text::format("unable to post {}: {}", VTAnnotationChangeNotification, error->localizedDescription()));
-    }
+    if (changes_ > 0) postAnnotationChange(std::exchange(changes_, 0));
 }

@@ -1,5 +1,7 @@
 #include "vtd/VTDMoxClient.h"
 
+#include <map>
+#include <mutex>
 #include <utility>
 #include <variant>
 
@@ -40,6 +42,7 @@ VTDMoxClient::VTDMoxClient(const std::shared_ptr<mox::Connection>& connection, s
       pid_{connection->pid()},
       server_{std::move(server)},
       bundle_{bundleOf(*connection->identity())},
+      program_{connection->identity()->program},
       task_{connection->identity()},
       lane_{server_->turns(), owner()} {}
 
@@ -77,15 +80,37 @@ bool VTDMoxClient::hasEntitlement(std::string_view key) const {
     return value && *value != value::Value{false};
 }
 
+// What restricts a host may be five thousand patterns, and a host may connect four hundred times.
+class VTDMoxClient::Restrictions {
+public:
+    static Restrictions& shared() {
+        static Restrictions& restrictions = *new Restrictions;  // queues may still ask while the process ends
+        return restrictions;
+    }
+
+    std::shared_ptr<const Restriction> of(const std::shared_ptr<const mox::PeerProgram>& program,
+                                          const value::Dictionary* allowed) {
+        const std::lock_guard lock{mutex_};
+        std::erase_if(byProgram_, [](const auto& known) { return known.first.expired(); });
+        std::weak_ptr<const Restriction>& known = byProgram_[program];
+        if (auto restriction = known.lock()) return restriction;
+        auto read = std::make_shared<Restriction>();
+        if (allowed != nullptr) read->allowed.emplace(*allowed);
+        known = read;
+        return read;
+    }
+
+private:
+    std::mutex mutex_;
+    std::map<std::weak_ptr<const mox::PeerProgram>, std::weak_ptr<const Restriction>, std::owner_less<>> byProgram_;
+};
+
 const VTDMoxClient::Restriction* VTDMoxClient::restriction() const {
     std::call_once(restrictionRead_, [this] {
         const auto entitlement = entitlementValueForKey(kAllowedPlugInsEntitlement);
-        if (!entitlement) return;
-        const value::Dictionary* const dictionary = entitlement->dictionary();
-        restriction_.emplace();
-        if (dictionary != nullptr) restriction_->allowed.emplace(*dictionary);
+        if (entitlement) restriction_ = Restrictions::shared().of(program_, entitlement->dictionary());
     });
-    return restriction_ ? &*restriction_ : nullptr;
+    return restriction_.get();
 }
 
 std::string VTDMoxClient::description() const {

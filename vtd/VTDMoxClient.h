@@ -46,7 +46,8 @@ public:
     // Whether there is a value and it is neither false nor a number that is 0.
     bool hasEntitlement(std::string_view key) const;
 
-    // What the peer's own entitlement restricts it to: rules, or what is none. Null: nothing. Read at the first call.
+    // What the peer's own entitlement restricts it to: rules, or what is none. Null: nothing. Read at the first call,
+    // and shared by the clients of one process.
     struct Restriction {
         std::optional<rules::Rules> allowed;
     };
@@ -66,6 +67,8 @@ public:
     void setGaveUpHolds() { gaveUpHolds_ = true; }
 
 private:
+    class Restrictions;
+
     VTDMoxClient(const std::shared_ptr<mox::Connection>& connection, std::shared_ptr<VTDServer> server);
 
     void handleEvent(const mox::Event& event);
@@ -78,11 +81,12 @@ private:
     const pid_t pid_;
     const std::shared_ptr<VTDServer> server_;
     const std::shared_ptr<VTBundle> bundle_;
+    const std::shared_ptr<const mox::PeerProgram> program_;
     const entitlements::SecurityTask task_;
     queue::Turns::Lane lane_;  // its requests' way to the service queue
 
     mutable std::once_flag restrictionRead_;
-    mutable std::optional<Restriction> restriction_;  // set once, then only read
+    mutable std::shared_ptr<const Restriction> restriction_;  // set once, then only read
 
     VTAtomic<bool> acceptWork_{true};
     unsigned unexpectedMessages_ = 0;  // that were logged; touched where the connection delivers

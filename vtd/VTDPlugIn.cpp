@@ -12,6 +12,7 @@
 #include "Velto/VTIssueReadExtension.h"
 #include "Velto/VTProtocol.h"
 #include "Velto/VTValueHelpers.h"
+#include "platform/effort/Effort.h"
 #include "platform/logging/Log.h"
 #include "platform/plist/Plist.h"
 #include "platform/text/Format.h"
@@ -19,6 +20,8 @@
 #include "vtd/BundleInfo.h"
 
 namespace {
+
+constexpr std::size_t kRefusedNamesLogged = 16;  // of one plug-in in one discovery
 
 // Generations of the plug-in protocol where a bundle names none.
 constexpr std::uint32_t kOldStyleProtocol = 1;
@@ -176,21 +179,34 @@ value::Dictionary VTDPlugIn::issueResourceExtensions(const value::Value& shared)
     }
 
     const std::string root = url();
-    const auto open = [this] { return dvproxy()->openBundle(); };
+    const auto bundle = dvproxy()->openBundle();
     value::Dictionary::Builder extensions;
     extensions.reserve(names.size());
+    std::size_t refused = 0;
     for (const value::Value& element : names) {
         const std::string* name = element.string();
         if (name == nullptr) continue;
-        if (const auto token = VTIssueReadExtension(root, *name, open)) {
+        errno = bundle ? 0 : static_cast<int>(bundle.error().code);
+        if (const auto token = bundle ? VTIssueReadExtension(*bundle, root, *name) : std::nullopt) {
             extensions.set(*name, *token);
-        } else {
+        } else if (++refused <= kRefusedNamesLogged) {
             const std::string target = *name == "." ? root : root + '/' + *name;
             logging::notice(text::format("failed to make extension for {} in plug-in at {}: {}", target, root,
                                          std::strerror(errno)));
         }
     }
+    if (refused > kRefusedNamesLogged) {
+        logging::notice(
+            text::format("failed to make {} more extensions in plug-in at {}", refused - kRefusedNamesLogged, root));
+    }
     value::Dictionary issued = std::move(extensions).build();
     if (onlyBundle) bundleExtension_.store(issued);
     return issued;
+}
+
+std::uint64_t VTDPlugIn::priceOfTokens() const {
+    const value::Value* const shared = plugInDictionary().find(VTInfoKey::shared);
+    if (shared == nullptr) return 0;
+    if (shared->string() != nullptr) return sandbox::kUnitsAToken;
+    return shared->array() != nullptr ? shared->array()->size() * sandbox::kUnitsAToken : 0;
 }

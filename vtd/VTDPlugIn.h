@@ -79,6 +79,9 @@ public:
     // goes when another directory takes the bundle's place.
     value::Dictionary issueResourceExtensions(const value::Value& shared) const;
 
+    // What augmentForm() costs, in units of effort: it follows from what the bundle says, and not from who asks.
+    std::uint64_t priceOfTokens() const;
+
     // --- Entitlements, as the registry reports them at each call
 
     value::Dictionary entitlements() const { return dvproxy()->entitlements(); }

@@ -37,7 +37,7 @@ bool VTDPlugIn::match(const std::optional<value::Dictionary>& rules) const {
 
 const rules::Rules::Rule* VTDPlugIn::unmatchedRule(const rules::Rules& rules, rules::Complaints& complaints) const {
     for (const rules::Rules::Rule& rule : rules.rules()) {
-        if (!effort::take(1) || !isMet(rules, rule, complaints)) return &rule;
+        if (!effort::take(rules::kUnitsARule) || !isMet(rules, rule, complaints)) return &rule;
     }
     return nullptr;
 }

@@ -2,22 +2,13 @@
 #include <utility>
 #include <vector>
 
-#include "Velto/VTProtocol.h"
-#include "platform/notify/Notify.h"
+#include "vtd/ChangeNotice.h"
 #include "vtd/VTDMoxClient.h"
 #include "vtd/VTDPlugIn.h"
 #include "vtd/VTDPlugInHold.h"
 #include "vtd/VTDServer.h"
 
 namespace {
-
-// One post for each hold that came or went, all of them for the price of one.
-void postChange(std::size_t times) {
-    if (const auto error = notify::post(VTAnnotationChangeNotification, times)) {
-        logging::error(
-            text::format("unable to post {}: {}", VTAnnotationChangeNotification, error->localizedDescription()));
-    }
-}
 
 constexpr std::size_t kReleasedAtOnce = 64;  // of a dead client's holds
 
@@ -46,7 +37,7 @@ bool VTDServer::addHold(const std::shared_ptr<VTDPlugInHold>& hold) {
         holdCount_.store(holds_.size());
         return true;
     });
-    if (added) postChange(1);
+    if (added) postAnnotationChange(1);
     return added;
 }
 
@@ -66,7 +57,7 @@ void VTDServer::unholdTokens(std::span<const value::Uuid> tokens) {
             holds.push_back(std::move(hold));
         }
         holdCount_.store(holds_.size());
-        if (!holds.empty()) postChange(holds.size());
+        if (!holds.empty()) postAnnotationChange(holds.size());
         return holds;
     });
 }
@@ -89,7 +80,7 @@ void VTDServer::releasePart(std::shared_ptr<Release> release) {
     for (const auto& hold : holds) {
         log("releasing plug-in hold {} for dead client pid {}", hold->uuid().string(), release->pid);
     }
-    syncQueue_->sync([&] { postChange(holds.size()); });
+    syncQueue_->sync([&] { postAnnotationChange(holds.size()); });
     if (release->holds->size() == 0) return release->done();
     releaseQueue_->async([self = shared_from_this(), this, release = std::move(release)] { releasePart(release); });
 }

@@ -191,15 +191,17 @@ void VTDatabase::setCache(Cache cache) {
 
 // --- Registration
 
-std::optional<value::Error> VTDatabase::addPlugIn(const std::string& path, const dravo::Registrant& registrant,
-                                                  std::shared_ptr<const dravo::BundleFiles> files) {
-    if (workspace()->registerPlugin(path, registrant, std::move(files))) return {};
-    return VTError(VTErrorRegistry, "Dravo failed to register the plug-in");
+std::optional<VTDatabase::Failure> VTDatabase::addPlugIn(std::span<const dravo::Registration> bundles,
+                                                         const dravo::Registrant& registrant) {
+    const std::size_t done = workspace()->registerPlugins(bundles, registrant);
+    if (done == bundles.size()) return {};
+    return Failure{done, VTError(VTErrorRegistry, "Dravo failed to register the plug-in")};
 }
 
-std::optional<value::Error> VTDatabase::removePlugIn(const std::string& path) {
-    if (workspace()->unregisterPlugin(path)) return {};
-    return VTError(VTErrorRegistry, "Dravo failed to deregister the plug-in");
+std::optional<VTDatabase::Failure> VTDatabase::removePlugIn(std::span<const dravo::Removal> bundles) {
+    const std::size_t done = workspace()->unregisterPlugins(bundles);
+    if (done == bundles.size()) return {};
+    return Failure{done, VTError(VTErrorRegistry, "Dravo failed to deregister the plug-in")};
 }
 
 // --- Annotations

@@ -1,8 +1,10 @@
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 #include <memory>
 #include <optional>
+#include <span>
 #include <string>
 #include <unordered_map>
 #include <vector>
@@ -79,10 +81,15 @@ public:
 
     // --- Registration
 
-    // Of canonical paths; what was read of the bundle beforehand comes along, if anything was.
-    [[nodiscard]] std::optional<value::Error> addPlugIn(const std::string& path, const dravo::Registrant& registrant,
-                                                        std::shared_ptr<const dravo::BundleFiles> files = nullptr);
-    [[nodiscard]] std::optional<value::Error> removePlugIn(const std::string& path);
+    // In the list's order up to the first that fails: which one, and why. Those before it are registered, or removed,
+    // and a list of any length is saved and announced as one change.
+    struct Failure {
+        std::size_t place;
+        value::Error error;
+    };
+    [[nodiscard]] std::optional<Failure> addPlugIn(std::span<const dravo::Registration> bundles,
+                                                   const dravo::Registrant& registrant);
+    [[nodiscard]] std::optional<Failure> removePlugIn(std::span<const dravo::Removal> bundles);
 
     // --- Annotations
 

@@ -62,10 +62,10 @@ private:
 }  // namespace
 
 std::optional<VTDatabase::PlugIns> VTDatabase::findPlugIns(const rules::Rules& rules) {
-    const auto electionTexts = rules.plainTexts("KXUserElection");
+    const auto electionTexts = rules.plainTexts(rules::kElectionAttribute);
     const auto elections = electionTexts ? std::optional{bytesIn(*electionTexts)} : std::nullopt;
-    const auto identifiers = rules.plainTexts("KXExtensionIdentifier");
-    const auto extensionPoints = rules.plainTexts("KXExtensionPointName");
+    const auto identifiers = rules.plainTexts(rules::kIdentifierAttribute);
+    const auto extensionPoints = rules.plainTexts(rules::kPointAttribute);
 
     const auto registry = workspace();
     // Outside the queue, which is safe: the store replaces its table whole, and this reads one whole table or the next.

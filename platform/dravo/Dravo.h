@@ -1,9 +1,12 @@
 #pragma once
 
+#include <cstddef>
 #include <functional>
 #include <memory>
 #include <optional>
+#include <span>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "platform/file/UniqueFd.h"
@@ -113,6 +116,18 @@ private:
     mutable std::optional<bool> known_;
 };
 
+// A bundle that is to be registered, by its canonical path.
+struct Registration {
+    std::string path;
+    std::shared_ptr<const BundleFiles> files = nullptr;  // what was read of it beforehand, if anything was
+};
+
+// One that is to be so no longer, by the path or else by another under which it may be known.
+struct Removal {
+    std::string path;
+    std::optional<std::string> otherwise = {};
+};
+
 // The registry workspace. Any thread; queries answer from memory.
 class DVApplicationWorkspace {
 public:
@@ -150,15 +165,22 @@ public:
     virtual std::shared_ptr<const DVApplicationProxy> applicationAtPath(const std::string& path) const = 0;
     virtual PluginList pluginsOf(const DVApplicationProxy& application) const = 0;
 
-    // Registration of a bundle by path, kept over restarts; false when there is no plug-in there, or nothing to remove,
+    // Registration of bundles by path, kept over restarts; false when there is no plug-in there, or nothing to remove,
     // or it could not be saved (nothing has changed then). What lies in no application of the volumes, and not where
     // the system volume has its plug-ins, is taken only from who is not sandboxed, and so could put it there; the
-    // nearest directory above it that is called an application then counts as one. Both return when it is on disk and
-    // has been announced, so an observer must not call them.
-    // What was read of the bundle beforehand comes along, if anything was (BundleFiles.h).
-    virtual bool registerPlugin(const std::string& path, const Registrant& registrant,
-                                std::shared_ptr<const BundleFiles> files = nullptr) = 0;
-    virtual bool unregisterPlugin(const std::string& path) = 0;
+    // nearest directory above it that is called an application then counts as one. All return when it is on disk and
+    // has been announced, so an observer must not call them. Those that take a list go through it in its order up to
+    // the first that fails, save and announce those before it together, and answer how many these are.
+    virtual std::size_t registerPlugins(std::span<const Registration> bundles, const Registrant& registrant) = 0;
+    bool registerPlugin(std::string path, const Registrant& registrant) {
+        const Registration one{std::move(path)};
+        return registerPlugins({&one, 1}, registrant) == 1;
+    }
+    virtual std::size_t unregisterPlugins(std::span<const Removal> bundles) = 0;
+    bool unregisterPlugin(std::string path) {
+        const Removal one{std::move(path)};
+        return unregisterPlugins({&one, 1}) == 1;
+    }
 
     virtual void clearSchemaCaches() = 0;  // drops the dictionaries that the registry keeps
 };

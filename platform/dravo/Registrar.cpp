@@ -8,6 +8,7 @@
 #include <system_error>
 #include <utility>
 
+#include "platform/effort/Effort.h"
 #include "platform/file/File.h"
 #include "platform/logging/Log.h"
 #include "platform/mounts/Mounts.h"
@@ -26,7 +27,8 @@ constexpr std::chrono::seconds kLongestRetry{60};
 constexpr std::chrono::seconds kSaveAgain{10};
 constexpr std::size_t kFurnishedInATurn = 32;
 constexpr std::size_t kSdkLinksLimit = 1000;
-constexpr int kPollShare = 50;  // at most one part in so many of the time goes into polling
+constexpr std::uint64_t kUnitsAPlugIn = 50;  // in a table that is made anew
+constexpr int kPollShare = 50;               // at most one part in so many of the time goes into polling
 
 // What the store remembers, as a snapshot to compare the disk with.
 std::shared_ptr<const Snapshot> remembered(Store::Contents&& contents,
@@ -149,65 +151,101 @@ void Registrar::publish(std::shared_ptr<const Snapshot> snapshot) {
 
 // Who is sandboxed could make a bundle anywhere that claims to be another's, but nobody would find it there. A file
 // system that may never answer would sooner or later be asked by the registry itself.
-bool Registrar::registerPlugin(const std::string& path, const Registrant& registrant,
-                               std::shared_ptr<const BundleFiles> files) {
-    if (mounts::mayNeverAnswer(path)) {
-        logging::notice(text::format("{} lies on a file system that may never answer", path));
+std::size_t Registrar::registerPlugins(std::span<const Registration> bundles, const Registrant& registrant) {
+    const auto isRefused = [&registrant](const Registration& bundle) {
+        if (mounts::mayNeverAnswer(bundle.path)) {
+            logging::notice(text::format("{} lies on a file system that may never answer", bundle.path));
+            return true;
+        }
+        if (!liesWhereInstalled(bundle.path) && registrant.isSandboxed()) {
+            logging::notice(
+                text::format("{} lies in no application, and who asks to register it is sandboxed", bundle.path));
+            return true;
+        }
         return false;
-    }
-    if (!liesWhereInstalled(path) && registrant.isSandboxed()) {
-        logging::notice(text::format("{} lies in no application, and who asks to register it is sandboxed", path));
-        return false;
-    }
-    return queue_->sync([&] { return registerCanonical(path, std::move(files)); });
+    };
+    const auto end = std::find_if(bundles.begin(), bundles.end(), isRefused);
+    const auto taken = bundles.first(static_cast<std::size_t>(end - bundles.begin()));
+    return taken.empty() ? 0 : queue_->sync([&] { return registerCanonical(taken); });
 }
 
 // Registrations go to the disk by themselves and first: when that fails nothing has happened yet, and nobody has been
-// told anything.
-bool Registrar::registerCanonical(const std::string& path, std::shared_ptr<const BundleFiles> files) {
-    const Topic topic{Topic::Kind::registered, path};
-    const auto found = [&] {
-        const auto finding = findings_.find(topic);
-        return finding != findings_.end() ? finding->second : Finding{};
+// told anything. To save and to apply cost time for all that is installed, so both are done once for all of a list, and
+// not at all for what brings nothing new, known or refused.
+std::size_t Registrar::registerCanonical(std::span<const Registration> bundles) {
+    std::vector<std::string> fresh;
+    std::size_t before = 0;  // the first that is new
+    bool isChanged = false;
+    std::size_t done = 0;
+    for (const Registration& bundle : bundles) {
+        const Topic topic{Topic::Kind::registered, bundle.path};
+        const auto found = [&] {
+            const auto finding = findings_.find(topic);
+            return finding != findings_.end() ? finding->second : Finding{};
+        };
+        const Finding known = found();
+        const bool isNew = registrations_.insert(bundle.path).second;
+        {
+            const Scanner::Pass pass{scanner_, snapshot()};
+            scanner_.take(bundle.files);
+            lookAtRegistered(bundle.path);
+        }
+        const Finding now = found();
+        // A folder that merely lies in PlugIns/ may do without a description; who registers one by name means a
+        // plug-in.
+        const bool isPlugIn = !now.bundles.empty() && !now.bundles.front()->plugIns().empty() &&
+                              now.bundles.front()->plugIns().front().pluginDictionary().has_value();
+        if (isNew && !isPlugIn) {
+            registrations_.erase(bundle.path);
+            forget(topic);
+        } else if (isNew) {
+            if (fresh.empty()) before = done;
+            fresh.push_back(bundle.path);
+        } else if (now.applications != known.applications || now.bundles != known.bundles) {
+            isChanged = true;
+        }
+        if (!isPlugIn) break;
+        ++done;
+    }
+    if (!fresh.empty() && save({}, *snapshot(), {.gone = {}, .fresh = fresh})) {
+        for (const std::string& path : fresh) {
+            registrations_.erase(path);
+            forget({Topic::Kind::registered, path});
+        }
+        fresh.clear();
+        done = before;
+    }
+    if (isChanged || !fresh.empty()) apply(Announce::changes);
+    return done;
+}
+
+std::size_t Registrar::unregisterPlugins(std::span<const Removal> bundles) {
+    return queue_->sync([&] { return unregisterCanonical(bundles); });
+}
+
+std::size_t Registrar::unregisterCanonical(std::span<const Removal> bundles) {
+    const auto known = [this](std::string path) {
+        while (path.ends_with('/') || path.ends_with("/.")) path.pop_back();
+        return registrations_.find(path);
     };
-    const Finding before = found();
-    const bool isNew = registrations_.insert(path).second;
-    {
-        const Scanner::Pass pass{scanner_, snapshot()};
-        scanner_.take(std::move(files));
-        lookAtRegistered(path);
+    std::vector<std::string> gone;
+    std::size_t done = 0;
+    for (const Removal& bundle : bundles) {
+        auto at = known(bundle.path);
+        if (at == registrations_.end() && bundle.otherwise) at = known(*bundle.otherwise);
+        if (at == registrations_.end()) break;
+        gone.push_back(*at);
+        registrations_.erase(at);
+        ++done;
     }
-    const Finding now = found();
-    // A folder that merely lies in PlugIns/ may do without a description; who registers one by name means a plug-in.
-    const bool isPlugIn = !now.bundles.empty() && !now.bundles.front()->plugIns().empty() &&
-                          now.bundles.front()->plugIns().front().pluginDictionary().has_value();
-    const bool isKept = !isNew || (isPlugIn && !save({}, *snapshot(), {.gone = {}, .fresh = {path}}));
-    if (!isKept) {
-        registrations_.erase(path);
-        forget(topic);
+    if (gone.empty()) return 0;
+    if (save({}, *snapshot(), {.gone = gone, .fresh = {}})) {
+        registrations_.insert(gone.begin(), gone.end());
+        return 0;
     }
-    // To apply costs time for all that is installed, and one request may name a path that brings nothing new, known or
-    // refused, tens of thousands of times.
-    const bool isAsBefore = isNew ? !isKept : now.applications == before.applications && now.bundles == before.bundles;
-    if (!isAsBefore) apply(Announce::changes);
-    return isPlugIn && isKept;
-}
-
-bool Registrar::unregisterPlugin(const std::string& path) {
-    std::string known = path;
-    while (known.ends_with('/') || known.ends_with("/.")) known.pop_back();
-    return queue_->sync([&] { return unregisterCanonical(known); });
-}
-
-bool Registrar::unregisterCanonical(const std::string& path) {
-    if (registrations_.erase(path) == 0) return false;
-    if (save({}, *snapshot(), {.gone = {path}, .fresh = {}})) {
-        registrations_.insert(path);
-        return false;
-    }
-    forget({Topic::Kind::registered, path});
+    for (const std::string& path : gone) forget({Topic::Kind::registered, path});
     apply(Announce::changes);
-    return true;
+    return done;
 }
 
 // Without descriptors nothing can be looked at, nor anybody be served: better not to start.
@@ -492,6 +530,7 @@ void Registrar::forget(const Topic& topic) {
 
 void Registrar::apply(Announce announce, Replacements replacements) {
     const auto before = snapshot();
+    static_cast<void>(effort::take(before->plugIns().size() * kUnitsAPlugIn));
     Snapshot::Applications applications;
     Snapshot::Bundles bundles;
     for (const auto& [topic, finding] : findings_) {

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <chrono>
+#include <cstddef>
 #include <map>
 #include <memory>
 #include <mutex>
@@ -46,9 +47,9 @@ public:
     std::shared_ptr<const Snapshot> snapshot() const;
     Announcements& announcements() { return *announcements_; }
 
-    bool registerPlugin(const std::string& path, const Registrant& registrant,
-                        std::shared_ptr<const BundleFiles> files);
-    bool unregisterPlugin(const std::string& path);
+    // See DVApplicationWorkspace.
+    std::size_t registerPlugins(std::span<const Registration> bundles, const Registrant& registrant);
+    std::size_t unregisterPlugins(std::span<const Removal> bundles);
     void clearSchemaCaches() { surroundings_->schemas.clear(); }
 
 private:
@@ -91,8 +92,8 @@ private:
     [[nodiscard]] std::optional<value::Error> save(const Difference& changes, const Snapshot& after,
                                                    const Registrations& changed);
     [[nodiscard]] std::optional<value::Error> replaceStore(const std::string& why);
-    bool registerCanonical(const std::string& path, std::shared_ptr<const BundleFiles> files);
-    bool unregisterCanonical(const std::string& path);
+    std::size_t registerCanonical(std::span<const Registration> bundles);
+    std::size_t unregisterCanonical(std::span<const Removal> bundles);
     void publish(std::shared_ptr<const Snapshot> snapshot);
 
     const Noticing noticing_;

@@ -36,11 +36,12 @@ public:
         return registrar_->snapshot()->plugInsWithin(application.bundlePath());
     }
 
-    bool registerPlugin(const std::string& path, const Registrant& registrant,
-                        std::shared_ptr<const BundleFiles> files) override {
-        return registrar_->registerPlugin(path, registrant, std::move(files));
+    std::size_t registerPlugins(std::span<const Registration> bundles, const Registrant& registrant) override {
+        return registrar_->registerPlugins(bundles, registrant);
     }
-    bool unregisterPlugin(const std::string& path) override { return registrar_->unregisterPlugin(path); }
+    std::size_t unregisterPlugins(std::span<const Removal> bundles) override {
+        return registrar_->unregisterPlugins(bundles);
+    }
     void clearSchemaCaches() override { registrar_->clearSchemaCaches(); }
 
 private:

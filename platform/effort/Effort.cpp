@@ -13,7 +13,7 @@ bool Account::take(std::uint64_t units) {
     const std::uint64_t taken = std::min(units, left_);
     left_ -= taken;
     spent_ += taken;
-    if (outer_ != nullptr) static_cast<void>(outer_->take(units));
+    if (outer_ != nullptr) static_cast<void>(outer_->take(taken));
     return left_ != 0;
 }
 

@@ -31,9 +31,9 @@ class Account {
 public:
     explicit Account(std::uint64_t limit = kLimit) : left_{limit} {}
 
-    // An account within another one: what is taken from it is taken from both, and it may be spent without the other
-    // being so. For one of many things that are worked on in a row, so that each pays for itself. The outer one must
-    // outlive it.
+    // An account within another one: what it has is taken from both, and it may be spent without the other being so.
+    // What goes on to be taken from it then is nobody's. For one of many things that are worked on in a row, so that
+    // each pays for itself. The outer one must outlive it.
     Account(Account& outer, std::uint64_t limit) : outer_{&outer}, left_{limit} {}
 
     Account(const Account&) = delete;

@@ -100,8 +100,13 @@ std::optional<std::string> canonicalPath(const std::string& path);
 // on another mount than the directory does: what others have mounted is not asked. EXDEV when it does.
 std::optional<std::string> canonicalPathWithin(const std::string& directory, const std::string& path);
 
-// The same where the kernel has all of it at hand and no link is on the way, so that it neither blocks nor takes time;
-// else nothing, and errno mostly is EAGAIN.
+// What a name leads to from an open directory, on the way of that function and under its conditions (O_PATH); without a
+// descriptor, errno tells why. And where what is open lies by now, canonical.
+UniqueFd openWithin(int directory, const std::string& directoryPath, const std::string& name);
+std::optional<std::string> pathOf(const UniqueFd& opened);
+
+// The same as canonicalPath() where the kernel has all of it at hand and no link is on the way, so that it neither
+// blocks nor takes time; else nothing, and errno mostly is EAGAIN.
 std::optional<std::string> canonicalPathAtHand(const std::string& path);
 
 // Makes the directory and those above it, each new one with the mode (less the umask); an existing directory is fine.

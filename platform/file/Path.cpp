@@ -78,6 +78,10 @@ std::optional<std::string> resolveByComponents(const std::string& path) {
     return result;
 }
 
+bool isBeneath(const std::string& directory, const std::string& path) {
+    return path.size() > directory.size() && path.starts_with(directory) && path[directory.size()] == '/';
+}
+
 // Whether the kernel would take it.
 bool isPath(const std::string& path) {
     if (path.find('\0') != std::string::npos)
@@ -116,27 +120,34 @@ std::optional<std::string> canonicalPathAtHand(const std::string& path) {
 }
 
 std::optional<std::string> canonicalPathWithin(const std::string& directory, const std::string& path) {
-    const auto isBeneath = [&](const std::string& lower) {
-        return lower.size() > directory.size() && lower.starts_with(directory) && lower[directory.size()] == '/';
-    };
     if (!isPath(path)) return {};
-    if (!isBeneath(path)) return failed(EXDEV);
+    if (!isBeneath(directory, path)) return failed(EXDEV);
     const UniqueFd base{::open(directory.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC)};
     if (!base) return {};
-    const auto open = [&](const std::string& lower) {
-        return openToResolve(lower.substr(directory.size() + 1), RESOLVE_NO_XDEV, base.get());
-    };
-    UniqueFd opened = open(path);
+    const UniqueFd opened = openWithin(base.get(), directory, path.substr(directory.size() + 1));
+    return opened ? pathOf(opened.get(), Asking::mayBlock) : std::nullopt;
+}
+
+UniqueFd openWithin(int directory, const std::string& directoryPath, const std::string& name) {
+    if (!isPath(name)) return {};
+    UniqueFd opened = openToResolve(name, RESOLVE_NO_XDEV, directory);
     if (!opened && errno == EXDEV) {
         // An absolute link begins at the root, which may be another mount. It is told by its text.
         std::array<char, kLongest + 1> text;  // NOLINT(*-member-init): the kernel fills what is read
-        const ssize_t length = ::readlink(path.c_str(), text.data(), text.size());
+        const ssize_t length = ::readlinkat(directory, name.c_str(), text.data(), text.size());
         const std::string target{text.data(), static_cast<std::size_t>(std::max<ssize_t>(length, 0))};
-        if (!isBeneath(target)) return failed(EXDEV);
-        opened = open(target);
+        if (!isBeneath(directoryPath, target)) {
+            errno = EXDEV;
+            return {};
+        }
+        opened = openToResolve(target.substr(directoryPath.size() + 1), RESOLVE_NO_XDEV, directory);
     }
-    if (opened) return pathOf(opened.get(), Asking::mayBlock);
-    return isLackingCall(errno) ? resolveByComponents(path) : std::nullopt;
+    if (!opened && isLackingCall(errno)) opened = UniqueFd{::openat(directory, name.c_str(), O_PATH | O_CLOEXEC)};
+    return opened;
+}
+
+std::optional<std::string> pathOf(const UniqueFd& opened) {
+    return pathOf(opened.get(), Asking::mayBlock);
 }
 
 std::optional<value::Error> makeDirectories(const std::string& path, mode_t mode, Durability durability) {

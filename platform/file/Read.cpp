@@ -19,7 +19,7 @@ constexpr int kOpenFlags = O_RDONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC;
 
 constexpr std::int64_t kSecond = 1'000'000'000;
 constexpr std::int64_t kTwoTicks = 20'000'000;  // of the slowest usual clock, 100 a second
-constexpr std::size_t kChunk = std::size_t{64} << 10;
+constexpr std::size_t kChunk = std::size_t{4} << 10;
 
 std::int64_t nanoseconds(const timespec& time) {
     return std::int64_t{time.tv_sec} * kSecond + time.tv_nsec;
@@ -55,6 +55,7 @@ int readToEnd(int fd, std::size_t said, std::size_t limit, std::string& bytes) {
         have += static_cast<std::size_t>(got);
         if (have > limit) return EFBIG;
         if (got == 0 || (firstCall && have == said)) break;
+        // At least doubled: what the kernel makes up on the fly is a few pages, and says 0.
         if (have == bytes.size()) bytes.resize(std::min(have + std::max(have, kChunk), limit + 1));
     }
     bytes.resize(have);

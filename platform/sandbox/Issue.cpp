@@ -2,10 +2,12 @@
 #include <sys/stat.h>
 
 #include <cerrno>
+#include <cstdint>
 #include <mutex>
 #include <unordered_map>
 #include <utility>
 
+#include "platform/effort/Effort.h"
 #include "platform/file/Beneath.h"
 #include "platform/file/File.h"
 #include "platform/file/Identity.h"
@@ -80,9 +82,9 @@ std::nullopt_t refuse(int number) {
 
 // What a kept token stands for: what lies at the path, or beneath the directory.
 struct Kept {
-    const std::string& path;
-    file::Stamp stamp;
-    std::string_view within;
+    const std::string path;
+    const file::Stamp stamp;
+    const std::string_view within;
 };
 
 // For what is open here and lies at the canonical path.
@@ -98,9 +100,9 @@ std::optional<std::string> issue(const file::UniqueFd& opened, const std::string
     return token;
 }
 
-// What a path leads to, as a name beneath the directory that it begins with; nothing when it leads out of it.
-std::optional<std::string> nameBeneath(const std::string& directory, const std::string& path) {
-    const auto canonical = file::canonicalPath(path);
+// Where what was opened lies, as a name beneath the directory at the path; nothing when that is not beneath it.
+std::optional<std::string> nameBeneath(const std::string& directory, const file::UniqueFd& opened) {
+    const auto canonical = file::pathOf(opened);
     if (!canonical) return {};
     if (*canonical == directory) return ".";
     const std::string prefix = directory == "/" ? directory : directory + "/";
@@ -126,25 +128,26 @@ std::optional<std::string> issueFileExtension(std::string_view extensionClass, c
     return issue(*opened, *canonical, {path, *stamp, {}});
 }
 
-// The path is looked at twice, but only for what cannot harm: whether anything has changed, and which name it is that a
-// link stands for. What is issued for is opened beneath the very directory, without following a link.
-std::optional<std::string> issueFileExtensionBeneath(std::string_view extensionClass, const std::string& directory,
-                                                     const std::string& name, const OpenDirectory& open) {
+// What a link leads to is opened a second time beneath the directory, without following one: the first look decides
+// only whether anything has changed, and by which name it is to be opened.
+std::optional<std::string> issueFileExtensionBeneath(std::string_view extensionClass, const file::UniqueFd& directory,
+                                                     const std::string& path, const std::string& name) {
+    static_cast<void>(effort::take(kUnitsAToken));
     if (extensionClass != kReadOnlyFileClass || name.find('\0') != std::string::npos) return refuse(EINVAL);
-    const std::string path = name == "." ? directory : directory + '/' + name;
-    const auto stamp = file::stampOf(path);
-    if (!stamp) return {};
-    if (auto token = cache().find(path, *stamp, directory)) return token;
+    const bool isDirectory = name == ".";
+    const file::UniqueFd found = isDirectory ? file::UniqueFd{} : file::openWithin(directory.get(), path, name);
+    if (!isDirectory && !found) return {};
+    struct stat status {};
+    if (::fstat((isDirectory ? directory : found).get(), &status) != 0) return {};
+    const Kept kept{isDirectory ? path : path + '/' + name, file::stampOf(status), path};
+    if (auto token = cache().find(kept.path, kept.stamp, kept.within)) return token;
 
-    const auto plain = name == "." ? std::optional{name} : nameBeneath(directory, path);
+    const auto plain = isDirectory ? std::optional{name} : nameBeneath(path, found);
     if (!plain) return {};
-    const auto root = open();
-    if (!root) return refuse(errorNumber(root.error()));
-    const Kept kept{path, *stamp, directory};
-    if (*plain == ".") return issue(*root, directory, kept);
-    const auto opened = file::openBeneath(root->get(), *plain, O_PATH | O_NOFOLLOW | O_CLOEXEC);
+    if (*plain == ".") return issue(directory, path, kept);
+    const auto opened = file::openBeneath(directory.get(), *plain, O_PATH | O_NOFOLLOW | O_CLOEXEC);
     if (!opened) return refuse(errorNumber(opened.error()));
-    return issue(*opened, directory + '/' + *plain, kept);
+    return issue(*opened, path + '/' + *plain, kept);
 }
 
 }  // namespace sandbox

@@ -4,12 +4,12 @@
 
 #include <chrono>
 #include <cstdint>
-#include <functional>
 #include <memory>
 #include <optional>
 #include <string>
 #include <string_view>
 
+#include "platform/effort/Effort.h"
 #include "platform/file/UniqueFd.h"
 #include "platform/mox/PeerIdentity.h"
 #include "platform/value/Error.h"
@@ -20,19 +20,21 @@ namespace sandbox {
 
 inline constexpr char kReadOnlyFileClass[] = "halvern.file-read";
 
+// What a token beneath a directory costs, in units of effort, when it was issued before for the same unchanged file.
+inline constexpr std::uint64_t kUnitsAToken = 2 * effort::kUnitsAMicrosecond;
+
 // Issues a token for the canonical form of the path, of a directory or a regular file: class, path and file identity
 // under a MAC whose key never leaves this process and is new at each start. Nothing on refusal, with errno set: ENOENT,
 // ENAMETOOLONG (over 1023 bytes once resolved), EACCES (neither directory nor regular file), EINVAL (another class, a
 // NUL byte) or what the kernel said. Issuing for the same unchanged file again costs one stat. Any thread.
 std::optional<std::string> issueFileExtension(std::string_view extensionClass, const std::string& path);
 
-// The same for a name beneath the directory at a canonical path ("." is the directory itself), which `open` opens as
-// whoever asks knows it: however the path leads, the token is for that very directory or for what is reached from it.
-// Links in it are followed as long as they stay in it; a name that leads out of it is refused with EXDEV, and a
-// directory that `open` refuses with that error's number. Not asked again while what lies at the path is unchanged.
-using OpenDirectory = std::function<value::Result<file::UniqueFd>()>;
-std::optional<std::string> issueFileExtensionBeneath(std::string_view extensionClass, const std::string& directory,
-                                                     const std::string& name, const OpenDirectory& open);
+// The same for a name beneath a directory ("." is the directory itself) that is open here and lies at the canonical
+// path: however the path leads by now, the token is for that very directory or for what is reached from it. Links in it
+// are followed as long as they stay in it and on its mount; a name that leads out of it is refused with EXDEV. Each
+// call is charged.
+std::optional<std::string> issueFileExtensionBeneath(std::string_view extensionClass, const file::UniqueFd& directory,
+                                                     const std::string& path, const std::string& name);
 
 // Whether the peer's process runs inside a sandbox: another user namespace than ours, more seccomp filters than we
 // have, or another root that carries a container's marker file (/run/.containerenv, /.dockerenv,

@@ -14,8 +14,10 @@
 void Transaction::accessPlugIns() {
     std::unordered_map<value::Uuid, value::Value> tokenOf;  // one for each plug-in, however often it is named
     const bool all = processUuidList([&](const std::shared_ptr<VTDPlugIn>& plugIn) {
-        errno = 0;
-        auto token = VTIssueReadExtension(plugIn->url(), ".", [&] { return plugIn->dvproxy()->openBundle(); });
+        static_cast<void>(account().take(effort::kFileOpened));
+        const auto bundle = plugIn->dvproxy()->openBundle();
+        errno = bundle ? 0 : static_cast<int>(bundle.error().code);
+        auto token = bundle ? VTIssueReadExtension(*bundle, plugIn->url(), ".") : std::nullopt;
         if (!token) {
             const int reason = errno;
             if (!mustBeCurrent(*plugIn)) return false;
@@ -25,7 +27,7 @@ void Transaction::accessPlugIns() {
         tokenOf.emplace(plugIn->uuid(), *std::move(token));
         return true;
     });
-    if (!all) return;
+    if (!all || !mayGoOn()) return;
     const auto uuids = mox_dictionary_get_array(request(), VTKey::uuids);
     std::size_t bytes = 0;
     uuids->forEachElement([&](mox::View element) { bytes += mox::encodedSize(tokenOf.at(*element.uuid())); });

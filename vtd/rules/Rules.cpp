@@ -60,9 +60,9 @@ void forEachElement(mox::View array, const Visit& visit) {
 
 Attribute attributeNamed(std::string_view name) {
     if (name.starts_with(kEntitlementPrefix)) return Attribute::entitlement;
-    if (name == "KXExtensionIdentifier") return Attribute::identifier;
+    if (name == kIdentifierAttribute) return Attribute::identifier;
     if (name == "halvern.uuid") return Attribute::uuid;
-    if (name == "KXUserElection") return Attribute::election;
+    if (name == kElectionAttribute) return Attribute::election;
     if (name == "KXExtensionContainingApp") return Attribute::containingApplication;
     return Attribute::other;
 }
@@ -94,7 +94,7 @@ template <typename Source>
 void Rules::add(std::string_view name, const Source& pattern) {
     static_cast<void>(effort::take(kUnitsToRead + effort::ofBytes(name.size())));
     Rule rule{name, attributeNamed(name), Demand::nothing, false, {}, {}, {}, {}};
-    price_ += rule.attribute == Attribute::election ? 1 + kUnitsAnElection : 1;
+    price_ += rule.attribute == Attribute::election ? kUnitsARule + kUnitsAnElection : kUnitsARule;
     if (const auto number = numberOf(pattern)) {
         const bool isTrue = *number == value::Value{true}, isFalse = *number == value::Value{false};
         rule.demand = isTrue ? Demand::truth : isFalse ? Demand::falsity : Demand::nothing;

@@ -16,6 +16,15 @@
 
 namespace rules {
 
+// What rules call the values of a plug-in that do not stand in its Info.plist under that very name, and the names by
+// which the registry's indices can narrow a discovery.
+inline constexpr char kIdentifierAttribute[] = "KXExtensionIdentifier";
+inline constexpr char kPointAttribute[] = "KXExtensionPointName";
+inline constexpr char kElectionAttribute[] = "KXUserElection";
+
+// What it costs, in units of effort, to find the value of a plug-in that a rule is about.
+inline constexpr std::uint64_t kUnitsARule = 6;
+
 // Which value of a plug-in a rule is about.
 enum class Attribute : std::uint8_t { entitlement, identifier, uuid, election, containingApplication, other };
 
