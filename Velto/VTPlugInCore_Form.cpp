@@ -34,6 +34,11 @@ void setUnlessEmpty(value::Dictionary::Builder& form, std::string_view key, std:
 }  // namespace
 
 std::optional<VTForm> VTPlugInCore::exportForm(std::optional<value::Error>* /*error*/) const {
+    // As long as nothing was set, the image is the form.
+    if (own_.load(std::memory_order_acquire) == 0) {
+        return VTForm{image_->base(), annotations().value_or(value::Dictionary{})};
+    }
+
     // The count is read first: a change during the export then leaves a kept form that is good for nothing.
     const std::uint64_t changes = changes_.load(std::memory_order_acquire);
     std::string name = localizedName();

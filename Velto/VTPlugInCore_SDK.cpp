@@ -46,10 +46,11 @@ void VTPlugInCore::resolveSDK() {
             return;
         }
         const sdk::Part sdk = lookUp(*name);
-        sdkDigest_.store(sdk.digest);
+        changeable().sdkDigest.store(sdk.digest);
         if (sdk.fault) {
-            sdkFault_.store(VTErrorWithFormat(VTErrorConfiguration, "the SDK of its extension point cannot be used: {}",
-                                              sdk.fault->localizedDescription()));
+            changeable().sdkFault.store(VTErrorWithFormat(VTErrorConfiguration,
+                                                          "the SDK of its extension point cannot be used: {}",
+                                                          sdk.fault->localizedDescription()));
             return;
         }
         if (sdk.dictionary && !setDictionaries(mergeDictionary(*sdk.dictionary, bundleInfoDictionary()))) return;

@@ -106,6 +106,21 @@ std::shared_ptr<VTDPlugIn> VTDPlugIn::initWithDVData(const std::shared_ptr<const
     return plugIn;
 }
 
+std::shared_ptr<VTDPlugIn> VTDPlugIn::initWithImage(const std::shared_ptr<const dravo::DVVeltoProxy>& proxy) {
+    auto kept = proxy->image(VTRecordImage::check);
+    if (!kept) return nullptr;
+    auto plugIn = std::make_shared<VTDPlugIn>();
+    plugIn->setupWithImage(VTRecordImage{kept->bytes, std::move(kept->owner)}, proxy->pluginUUID());
+    plugIn->setDvproxy(proxy);
+    plugIn->setIsAsRegistered(true);
+    return plugIn->isData() || proxy->hasDataContainer() ? plugIn : nullptr;
+}
+
+void VTDPlugIn::keepImage() const {
+    if (!isAsRegistered()) return;
+    if (const auto image = VTRecordImage::compile(*this)) dvproxy()->keepImage(*image);
+}
+
 value::Dictionary VTDPlugIn::prunedInfoDictionaryFor(const std::optional<value::Dictionary>& info) {
     if (!info) return {};
     value::Dictionary::Builder pruned;
@@ -136,8 +151,8 @@ std::string VTDPlugIn::localizedContainingName() const {
 // --- Entitlements
 
 std::optional<value::Value> VTDPlugIn::valueForEntitlement(std::string_view name) const {
-    const value::Dictionary held = entitlements();
-    const value::Value* found = held.find(name);
+    const auto proxy = dvproxy();
+    const value::Value* found = proxy->entitlements().find(name);
     return found != nullptr ? std::optional{*found} : std::nullopt;
 }
 
@@ -163,8 +178,8 @@ std::optional<value::Error> VTDPlugIn::diagnose() const {
 // --- Shared resources
 
 void VTDPlugIn::augmentForm(VTForm& form) const {
-    const value::Value* shared = plugInDictionary().find(VTInfoKey::shared);
-    const bool namesResources = shared != nullptr && (shared->string() != nullptr || shared->array() != nullptr);
+    const auto shared = plugInValue(VTInfoKey::shared);
+    const bool namesResources = shared && (shared->string() != nullptr || shared->array() != nullptr);
     if (namesResources) form.set(VTFormKey::extensions, issueResourceExtensions(*shared));
 }
 
@@ -179,15 +194,22 @@ value::Dictionary VTDPlugIn::issueResourceExtensions(const value::Value& shared)
     }
 
     const std::string root = url();
-    const auto bundle = dvproxy()->openBundle();
+    const auto proxy = dvproxy();
+    const file::Identity identity = proxy->bundleIdentity();
+    std::optional<value::Result<file::UniqueFd>> bundle;  // opened when somebody asks for what is in it
+    const auto issue = [&](const std::string& name) -> std::optional<std::string> {
+        if (name == "." && identity.isKnown()) return VTIssueReadExtension(root, identity);
+        if (!bundle) bundle = proxy->openBundle();
+        errno = *bundle ? 0 : static_cast<int>(bundle->error().code);
+        return *bundle ? VTIssueReadExtension(**bundle, root, name) : std::nullopt;
+    };
     value::Dictionary::Builder extensions;
     extensions.reserve(names.size());
     std::size_t refused = 0;
     for (const value::Value& element : names) {
         const std::string* name = element.string();
         if (name == nullptr) continue;
-        errno = bundle ? 0 : static_cast<int>(bundle.error().code);
-        if (const auto token = bundle ? VTIssueReadExtension(*bundle, root, *name) : std::nullopt) {
+        if (const auto token = issue(*name)) {
             extensions.set(*name, *token);
         } else if (++refused <= kRefusedNamesLogged) {
             const std::string target = *name == "." ? root : root + '/' + *name;
@@ -205,8 +227,8 @@ value::Dictionary VTDPlugIn::issueResourceExtensions(const value::Value& shared)
 }
 
 std::uint64_t VTDPlugIn::priceOfTokens() const {
-    const value::Value* const shared = plugInDictionary().find(VTInfoKey::shared);
-    if (shared == nullptr) return 0;
+    const auto shared = plugInValue(VTInfoKey::shared);
+    if (!shared) return 0;
     if (shared->string() != nullptr) return sandbox::kUnitsAToken;
     return shared->array() != nullptr ? shared->array()->size() * sandbox::kUnitsAToken : 0;
 }

@@ -11,6 +11,7 @@
 
 #include "Velto/VTAtomic.h"
 #include "platform/dravo/Dravo.h"
+#include "platform/logging/Log.h"
 #include "platform/queue/SerialQueue.h"
 #include "platform/value/Value.h"
 #include "vtd/RecordNotes.h"
@@ -151,6 +152,11 @@ private:
     bool isDeparting(const std::shared_ptr<const dravo::DVVeltoProxy>& proxy) const;  // on _sync
     std::shared_ptr<VTDPlugIn> plugInForProxy(const std::shared_ptr<const dravo::DVVeltoProxy>& proxy,
                                               BundleInfo& bundleInfo);
+    std::shared_ptr<VTDPlugIn> buildPlugIn(const std::shared_ptr<const dravo::DVVeltoProxy>& proxy,
+                                           BundleInfo& bundleInfo, logging::Transcript::Writing writing);
+
+    // Makes the images that are missing, from the place in the list on.
+    void makeImages(std::shared_ptr<const dravo::PluginList> plugIns, std::size_t begin);
 
     VTAtomic<std::weak_ptr<VTDatabaseDelegate>> delegate_;
     VTAtomic<std::uint32_t> cacheLimit_{0};

@@ -90,6 +90,10 @@ value::Result<DVBundleReading> PlugInRecord::readInfo() const {
     return DVBundleReading{info->dictionary, sameFile && info->digest == known.digest};
 }
 
+file::Identity PlugInRecord::bundleIdentity() const {
+    return bundle_.facts().identity;
+}
+
 const std::string& PlugInRecord::originalIdentifier() const {
     const std::string& original = bundle_.facts().identifier;
     return original.empty() ? facts_.identifier : original;
@@ -131,7 +135,7 @@ std::optional<std::string> PlugInRecord::localizedShortName() const {
     return bundle_.facts().shortName;
 }
 
-value::Dictionary PlugInRecord::entitlements() const {
+const value::Dictionary& PlugInRecord::entitlements() const {
     return bundle_.facts().entitlements;
 }
 
@@ -158,13 +162,53 @@ std::size_t PlugInRecord::index() const {
     return static_cast<std::size_t>(this - bundle_.plugIns().data());
 }
 
+Images::Key PlugInRecord::imageKey() const {
+    std::string madeOf;
+    const auto add = [&](std::string_view text) {
+        const std::uint64_t size = text.size();
+        madeOf.append(reinterpret_cast<const char*>(&size), sizeof size).append(text);
+    };
+    const auto addNumber = [&](const auto& number) { add({reinterpret_cast<const char*>(&number), sizeof number}); };
+    const auto addIfAny = [&](const std::optional<std::string>& text) {
+        addNumber(text.has_value());
+        if (text) add(*text);
+    };
+    const BundleFacts& bundle = bundle_.facts();
+    add(bundle_.path());
+    addNumber(bundle_.onSystemVolume());
+    addNumber(bundle.digest);
+    add(bundle.identifier);
+    addIfAny(bundle.displayName);
+    addIfAny(bundle.shortName);
+    add(facts_.identifier);
+    addNumber(facts_.registered);
+    addNumber(facts_.sdk.value_or(0));
+    if (const auto& application = bundle_.application()) {
+        add(application->bundlePath());
+        addIfAny(application->localizedName());
+    }
+    return {facts_.uuid, digest::fingerprint(std::as_bytes(std::span{madeOf}))};
+}
+
+std::optional<DVImage> PlugInRecord::image(DVImage::IsSound isSound) const {
+    Images& images = bundle_.surroundings().images;
+    Images::Place& place = bundle_.imagePlace(index());
+    if (auto known = images.at(place)) return known;
+    return images.find(imageKey(), place, isSound);
+}
+
+void PlugInRecord::keepImage(std::span<const std::byte> bytes) const {
+    bundle_.surroundings().images.keep(imageKey(), bytes, bundle_.imagePlace(index()));
+}
+
 BundleRecord::BundleRecord(BundlePlace place, BundleFacts facts, std::shared_ptr<Surroundings> surroundings)
     : path_{std::move(place.path)},
       onSystemVolume_{place.onSystemVolume},
       application_{std::move(place.application)},
       facts_{std::move(facts)},
       surroundings_{std::move(surroundings)},
-      hasContainer_{std::make_unique<std::atomic<bool>[]>(facts_.plugIns.size())} {
+      hasContainer_{std::make_unique<std::atomic<bool>[]>(facts_.plugIns.size())},
+      imagePlaces_{std::make_unique<Images::Place[]>(facts_.plugIns.size())} {
     plugIns_.reserve(facts_.plugIns.size());
     for (const PlugInFacts& plugIn : facts_.plugIns) plugIns_.emplace_back(*this, plugIn);
 }

@@ -8,6 +8,7 @@
 
 #include "platform/dravo/Dravo.h"
 #include "platform/dravo/Facts.h"
+#include "platform/dravo/Images.h"
 #include "platform/dravo/SchemaCache.h"
 
 // The registry's records, shared between the snapshots and whoever asked for them. Immutable but for what is known of
@@ -16,10 +17,12 @@ namespace dravo {
 
 // What the records of one workspace share.
 struct Surroundings {
-    explicit Surroundings(std::string containers) : containersPath{std::move(containers)} {}
+    Surroundings(std::string containers, std::string imageFile)
+        : containersPath{std::move(containers)}, images{std::move(imageFile)} {}
 
     const std::string containersPath;
     SchemaCache schemas;
+    Images images;
 };
 
 class ApplicationRecord final : public DVApplicationProxy {
@@ -68,6 +71,7 @@ public:
     const std::optional<std::string>& bundlePath() const override;
     value::Result<file::UniqueFd> openBundle() const override;
     value::Result<DVBundleReading> readInfo() const override;
+    file::Identity bundleIdentity() const override;
     const value::Uuid& pluginUUID() const override { return facts_.uuid; }
     const std::string& pluginIdentifier() const override { return facts_.identifier; }
     const std::string& originalIdentifier() const override;
@@ -79,13 +83,16 @@ public:
     std::optional<DVBundleProxy> containingBundle() const override;
     std::optional<std::string> localizedName() const override;
     std::optional<std::string> localizedShortName() const override;
-    value::Dictionary entitlements() const override;
+    const value::Dictionary& entitlements() const override;
     DVFingerprint fingerprint() const override;
     std::optional<std::string> dataContainerPath() const override;
     bool hasDataContainer() const override;
+    std::optional<DVImage> image(DVImage::IsSound isSound) const override;
+    void keepImage(std::span<const std::byte> bytes) const override;
 
 private:
-    std::size_t index() const;
+    std::size_t index() const;  // in its bundle
+    Images::Key imageKey() const;
 
     const BundleRecord& bundle_;
     const PlugInFacts& facts_;
@@ -121,6 +128,9 @@ public:
         hasContainer_[index].store(is, std::memory_order_relaxed);
     }
 
+    // Where the image of the plug-in at that place is.
+    Images::Place& imagePlace(std::size_t index) const { return imagePlaces_[index]; }
+
 private:
     const std::optional<std::string> path_;
     const bool onSystemVolume_;
@@ -129,6 +139,7 @@ private:
     const std::shared_ptr<Surroundings> surroundings_;
     std::vector<PlugInRecord> plugIns_;
     const std::unique_ptr<std::atomic<bool>[]> hasContainer_;
+    const std::unique_ptr<Images::Place[]> imagePlaces_;
 };
 
 // A plug-in's record as it is handed out: keeps its bundle's record alive.

@@ -22,6 +22,8 @@ namespace {
 
 namespace fs = std::filesystem;
 
+constexpr char kStoreName[] = "/Registry.db";
+constexpr char kContainersName[] = "/containers";
 constexpr std::size_t kDirtyLimit = 10'000;  // topics; past that one look at everything is cheaper
 constexpr std::chrono::seconds kLongestRetry{60};
 constexpr std::chrono::seconds kSaveAgain{10};
@@ -93,11 +95,9 @@ value::Result<std::shared_ptr<Registrar>> Registrar::open(const Noticing& notici
     if (auto error = file::makeDirectories(state, 0700, file::Durability::synced)) return *error;
     auto lock = lock::LockFile::take(state + "/Registry.lock");
     if (!lock) return lock.error();
-    const std::string storePath = state + "/Registry.db";
-    auto opened = Store::open(storePath);
+    auto opened = Store::open(state + kStoreName);
     if (!opened) return opened.error();
-    const std::shared_ptr<Registrar> registrar{
-        new Registrar{noticing, std::move(*lock), storePath, std::move(*opened), state + "/containers"}};
+    const std::shared_ptr<Registrar> registrar{new Registrar{noticing, std::move(*lock), std::move(*opened), state}};
     if (auto error = registrar->queue_->sync([&] { return registrar->firstLook(); })) return *error;
     registrar->queue_->async([weak = registrar->weak_from_this()] {
         if (const auto self = weak.lock()) self->watch();
@@ -105,18 +105,17 @@ value::Result<std::shared_ptr<Registrar>> Registrar::open(const Noticing& notici
     return registrar;
 }
 
-Registrar::Registrar(const Noticing& noticing, lock::LockFile lock, std::string storePath, Store::Opened opened,
-                     const std::string& containers)
+Registrar::Registrar(const Noticing& noticing, lock::LockFile lock, Store::Opened opened, const std::string& state)
     : noticing_{noticing},
-      storePath_{std::move(storePath)},
+      storePath_{state + kStoreName},
       queue_{std::make_shared<queue::SerialQueue>("dravo")},
       announcements_{std::make_shared<Announcements>(queue_)},
-      surroundings_{std::make_shared<Surroundings>(containers)},
+      surroundings_{std::make_shared<Surroundings>(state + kContainersName, state + "/Registry.images")},
       lock_{std::move(lock)},
       store_{std::move(opened.store)},
       isNew_{opened.contents.isNew},
       registrations_{opened.contents.registrations.begin(), opened.contents.registrations.end()},
-      containers_{containers},
+      containers_{state + kContainersName},
       scanner_{surroundings_, sdks_, opened.contents.lastRow},
       settling_{queue_},
       snapshot_{remembered(std::move(opened.contents), surroundings_, sdks_)} {}
@@ -267,6 +266,9 @@ void Registrar::watch() {
     lookAtEverything();
     lookAtSdks();
     apply(Announce::changes);
+    const auto known = snapshot();
+    surroundings_->images.forgetOthers([&](const value::Uuid& uuid) { return known->plugIn(uuid) != nullptr; });
+    surroundings_->images.compact();
     containers_.list();
     furnishFrom(0, snapshot());
     pollIfBlind();
@@ -548,8 +550,19 @@ void Registrar::apply(Announce announce, Replacements replacements) {
     if (announce == Announce::changes) announcements_->willUninstall(std::move(changes.plugInsGone));
     static_cast<void>(save(changes, *after, {}));  // what fails is logged, and done later
     if (watchingBegan_) furnish(changes.bundlesNew);
+    forgetImages(changes, *after);
     publish(std::move(after));
     if (announce == Announce::changes) announcements_->didInstall(std::move(changes.plugInsNew));
+}
+
+// One that has changed keeps the image of before until it has another.
+void Registrar::forgetImages(const Difference& changes, const Snapshot& after) {
+    for (const auto& bundle : changes.bundlesGone) {
+        for (const PlugInRecord& plugIn : bundle->plugIns()) {
+            if (!after.plugIn(plugIn.pluginUUID())) surroundings_->images.forget(plugIn.pluginUUID());
+        }
+    }
+    surroundings_->images.compact();
 }
 
 // A container that cannot be made, or is not made yet, is tried again when somebody asks for it.

@@ -60,8 +60,7 @@ private:
         std::vector<std::string> gone, fresh;
     };
 
-    Registrar(const Noticing& noticing, lock::LockFile lock, std::string storePath, Store::Opened opened,
-              const std::string& containers);
+    Registrar(const Noticing& noticing, lock::LockFile lock, Store::Opened opened, const std::string& state);
 
     [[nodiscard]] std::optional<value::Error> firstLook();
     void watch();
@@ -88,6 +87,7 @@ private:
     void apply(Announce announce, Replacements replacements = Replacements::count);
     void furnish(std::span<const std::shared_ptr<const BundleRecord>> bundles);
     void furnishFrom(std::size_t begin, const std::shared_ptr<const Snapshot>& snapshot);
+    void forgetImages(const Difference& changes, const Snapshot& after);
     void saveLater();
     [[nodiscard]] std::optional<value::Error> save(const Difference& changes, const Snapshot& after,
                                                    const Registrations& changed);

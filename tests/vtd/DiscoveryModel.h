@@ -85,7 +85,8 @@ inline Texts asTexts(const std::vector<VTForm>& forms) {
     for (const VTForm& form : forms) {
         const Dictionary entries = form.dictionary();
         const auto text = [&](const char* key) { return entries.contains(key) ? *entries.string(key) : ""; };
-        matches.push_back(form.uuid() + "<" + text(VTFormKey::overrider) + ">" + text(VTFormKey::overriding));
+        matches.push_back(std::string{form.uuid()} + "<" + text(VTFormKey::overrider) + ">" +
+                          text(VTFormKey::overriding));
     }
     return matches;
 }

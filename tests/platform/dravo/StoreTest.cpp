@@ -82,7 +82,7 @@ TEST(Store, OfAnEarlierVersionIsUpgradedWithAllThatItHolds) {
 TEST(Store, IsWholeWheneverItsWriterIsKilled) {
     const support::TemporaryDirectory directory;
     const std::string path = directory / "Registry.db";
-    const auto surroundings = std::make_shared<Surroundings>("");
+    const auto surroundings = std::make_shared<Surroundings>("", directory / "images");
     // Each generation replaces all bundles by ones whose digest is the generation, and adds a registration.
     const auto write = [&](Store& store, std::uint64_t generation) {
         Store::Changes changes;
