@@ -13,7 +13,8 @@
 // properties are empty when there is no bundle at the path; no initialiser fails.
 //
 // A "URL", here and in all of Velto, is an absolute file-system path: nothing in this system lies anywhere but in the
-// file system. Properties keep their names (`url`, `containingUrl`) and hold paths.
+// file system. Properties keep their names (`url`, `containingUrl`) and hold paths; a line of the log that names a URL
+// names the path.
 //
 // Threading: every member may be called from any thread.
 class VTBundle {

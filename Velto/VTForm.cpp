@@ -1,10 +1,10 @@
 #include "Velto/VTForm.h"
 
 #include <algorithm>
-#include <limits>
 #include <utility>
 
 #include "Velto/VTAssertion.h"
+#include "Velto/VTValueHelpers.h"
 
 namespace {
 
@@ -13,36 +13,32 @@ constexpr std::array<std::string_view, 4> kAdditionKeys = {VTFormKey::annotation
                                                            VTFormKey::overrider, VTFormKey::overriding};
 
 constexpr std::size_t kNoAddition = kAdditionKeys.size();
+constexpr std::string_view kAfterAllAdditions = kAdditionKeys.back();
 
 std::size_t additionIndex(std::string_view key) {
     return static_cast<std::size_t>(std::find(kAdditionKeys.begin(), kAdditionKeys.end(), key) - kAdditionKeys.begin());
 }
 
-std::string textIn(const value::Dictionary& form, std::string_view key) {
-    const std::string* text = form.string(key);
-    return text != nullptr ? *text : std::string{};
+// Where the text lies in the bytes; nothing of another kind.
+VTForm::Base::Layout::Text textAt(mox::Bytes encoded, mox::View value) {
+    const auto text = value.string();
+    if (!text) return {};
+    const auto* const at = reinterpret_cast<const std::byte*>(text->data());
+    return {static_cast<std::uint32_t>(at - encoded.data()), static_cast<std::uint32_t>(text->size())};
 }
 
 }  // namespace
 
 // --- Base
 
-VTForm::Base::Base(const value::Dictionary& form)
-    : identifier_{textIn(form, VTFormKey::identifier)},
-      version_{textIn(form, VTFormKey::version)},
-      uuid_{textIn(form, VTFormKey::uuid)} {
-    if (const value::Value* resident = form.find(VTFormKey::systemResident)) systemResident_ = resident->booleanValue();
-    if (const value::Value* modified = form.find(VTFormKey::lastModified)) {
-        lastModified_ = static_cast<std::int32_t>(std::clamp<std::int64_t>(modified->integerValue().value_or(0),
-                                                                           std::numeric_limits<std::int32_t>::min(),
-                                                                           std::numeric_limits<std::int32_t>::max()));
-    }
-
+VTForm::Base::Base(const value::Dictionary& form) {
     mox::Encoder encoder;
-    mox::Encoder::Container entries{};  // never completed: a form's header counts its additions too
+    mox::Encoder::Container entries = encoder.beginDictionary();
     std::size_t gap = 0;
     const auto passGapsBefore = [&](std::string_view key) {
-        for (; gap < kAdditions && kAdditionKeys[gap] <= key; ++gap) gaps_[gap] = {encoder.size(), entries.count};
+        for (; gap < kAdditions && kAdditionKeys[gap] <= key; ++gap) {
+            layout_.gaps[gap] = {static_cast<std::uint32_t>(encoder.size()), static_cast<std::uint32_t>(entries.count)};
+        }
     };
     for (const value::Dictionary::Entry& entry : form) {
         passGapsBefore(entry.key);
@@ -50,9 +46,22 @@ VTForm::Base::Base(const value::Dictionary& form)
         encoder.key(entries, entry.key);
         encoder.value(entry.value);
     }
-    for (; gap < kAdditions; ++gap) gaps_[gap] = {encoder.size(), entries.count};
-    count_ = entries.count;
-    entries_.assign(encoder.bytes().begin(), encoder.bytes().end());  // a copy that is exactly as large as needed
+    passGapsBefore(kAfterAllAdditions);
+    encoder.end(entries);
+
+    const auto kept = std::make_shared<const std::vector<std::byte>>(encoder.bytes().begin(), encoder.bytes().end());
+    encoded_ = *kept;  // a copy that is exactly as large as needed
+    owner_ = kept;
+
+    view().forEachEntry([&](std::string_view key, mox::View value) {
+        if (key == VTFormKey::identifier) layout_.identifier = textAt(encoded_, value);
+        if (key == VTFormKey::version) layout_.version = textAt(encoded_, value);
+        if (key == VTFormKey::uuid) layout_.uuid = textAt(encoded_, value);
+    });
+    if (const value::Value* resident = form.find(VTFormKey::systemResident)) {
+        layout_.systemResident = resident->booleanValue() ? 1 : 0;
+    }
+    layout_.lastModified = numberIn<std::int32_t>(form, VTFormKey::lastModified).value_or(layout_.lastModified);
 }
 
 // --- Form
@@ -73,20 +82,20 @@ void VTForm::set(std::string_view key, value::Value value) {
     additions_[index] = std::move(value);
 }
 
-const std::string& VTForm::identifier() const {
-    return base_->identifier_;
+std::string_view VTForm::identifier() const {
+    return base_->text(base_->layout_.identifier);
 }
-const std::string& VTForm::version() const {
-    return base_->version_;
+std::string_view VTForm::version() const {
+    return base_->text(base_->layout_.version);
 }
-const std::string& VTForm::uuid() const {
-    return base_->uuid_;
+std::string_view VTForm::uuid() const {
+    return base_->text(base_->layout_.uuid);
 }
 bool VTForm::systemResident() const {
-    return base_->systemResident_;
+    return base_->layout_.systemResident != 0;
 }
 std::int32_t VTForm::lastModified() const {
-    return base_->lastModified_;
+    return base_->layout_.lastModified;
 }
 
 value::Dictionary VTForm::dictionary() const {
@@ -97,27 +106,29 @@ value::Dictionary VTForm::dictionary() const {
 }
 
 void VTForm::encode(mox::Encoder& encoder) const {
-    const mox::Bytes entries{base_->entries_};
+    const mox::Bytes base = base_->encoded();
     mox::Encoder::Container form = encoder.beginDictionary();
-    Base::Gap written;
-    const auto writeUpTo = [&](const Base::Gap& gap) {
-        encoder.spliceEntries(form, entries.subspan(written.offset, gap.offset - written.offset),
-                              gap.count - written.count);
-        written = gap;
+    std::size_t written = mox::encoding::kContainerHeader;
+    std::size_t counted = 0;
+    const auto writeUpTo = [&](std::size_t offset, std::size_t count) {
+        encoder.spliceEntries(form, base.subspan(written, offset - written), count - counted);
+        written = offset;
+        counted = count;
     };
     for (std::size_t i = 0; i < kAdditions; ++i) {
         if (!additions_[i]) continue;
-        writeUpTo(base_->gaps_[i]);
+        const Base::Layout::Gap& gap = base_->layout().gaps[i];
+        writeUpTo(gap.offset, gap.count);
         encoder.key(form, kAdditionKeys[i]);
         encoder.value(*additions_[i]);
     }
-    writeUpTo({entries.size(), base_->count_});
+    writeUpTo(base.size(), base_->view().count());
     encoder.end(form);
 }
 
 std::size_t VTForm::encodedSizeHint() const {
     constexpr std::size_t kKeys = 64;
-    std::size_t size = base_->entries_.size() + kKeys;
+    std::size_t size = base_->encoded().size() + kKeys;
     for (const auto& addition : additions_) size += addition ? mox::encodedSize(*addition) : 0;
     return size;
 }

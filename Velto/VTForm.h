@@ -53,6 +53,7 @@ inline constexpr char requirement[] = "requirement";  // string: the code-signin
 class VTForm {
 public:
     class Base;
+    static constexpr std::size_t kAdditions = 4;
 
     // The entries of the dictionary; of what discovery reads, a value of another kind reads as empty, false or 0.
     explicit VTForm(const value::Dictionary& form);
@@ -63,10 +64,10 @@ public:
     // Sets one of the four entries that are not the base's; another key is a programming error.
     void set(std::string_view key, value::Value value);
 
-    // What discovery reads.
-    const std::string& identifier() const;
-    const std::string& version() const;
-    const std::string& uuid() const;  // as text
+    // What discovery reads. The texts are the base's.
+    std::string_view identifier() const;
+    std::string_view version() const;
+    std::string_view uuid() const;  // as text
     bool systemResident() const;
     std::int32_t lastModified() const;
 
@@ -80,36 +81,57 @@ public:
     const std::shared_ptr<const Base>& base() const { return base_; }
 
 private:
-    static constexpr std::size_t kAdditions = 4;
-
     std::shared_ptr<const Base> base_;
     std::array<std::optional<value::Value>, kAdditions> additions_;  // in the order of their keys
 };
 
-// What a record's export never changes until the record does. Immutable; any thread.
+// What a record's export never changes until the record does: an encoded dictionary of every entry but the four that
+// forms add. Immutable; any thread.
 class VTForm::Base {
 public:
-    // Encodes every entry but the four that forms add.
+    // Where in the encoded dictionary lies what is asked of it. Plain numbers, which can be kept beside the bytes.
+    struct Layout {
+        // Where, in ascending order of the keys, an addition of that key goes.
+        struct Gap {
+            std::uint32_t offset = 0;  // of the bytes before it
+            std::uint32_t count = 0;   // of the entries before it
+        };
+        struct Text {
+            std::uint32_t offset = 0;
+            std::uint32_t size = 0;
+        };
+
+        std::array<Gap, kAdditions> gaps;
+        Text identifier;
+        Text version;
+        Text uuid;
+        std::int32_t lastModified = 0;
+        std::uint32_t systemResident = 0;
+    };
+
     explicit Base(const value::Dictionary& form);
 
-    std::size_t encodedSize() const { return entries_.size(); }
+    // Of what another base has encoded. The bytes must have been checked, the layout must be of them, and the owner
+    // keeps them.
+    Base(const Layout& layout, mox::Bytes encoded, std::shared_ptr<const void> owner)
+        : owner_{std::move(owner)}, encoded_{encoded}, layout_{layout} {}
+
+    Base(const Base&) = delete;
+    Base& operator=(const Base&) = delete;
+
+    const Layout& layout() const { return layout_; }
+    mox::Bytes encoded() const { return encoded_; }
+    mox::View view() const { return mox::View{encoded_.data()}; }
+    const std::shared_ptr<const void>& owner() const { return owner_; }
 
 private:
     friend class VTForm;
 
-    // Where, in ascending order of the keys, an addition of that key goes.
-    struct Gap {
-        std::size_t offset = 0;  // of the bytes before it
-        std::size_t count = 0;   // of the entries before it
-    };
+    std::string_view text(Layout::Text text) const {
+        return {reinterpret_cast<const char*>(encoded_.data()) + text.offset, text.size};
+    }
 
-    std::vector<std::byte> entries_;  // keys and values as they lie in an encoded dictionary
-    std::size_t count_ = 0;
-    std::array<Gap, kAdditions> gaps_;
-
-    std::string identifier_;
-    std::string version_;
-    std::string uuid_;
-    bool systemResident_ = false;
-    std::int32_t lastModified_ = 0;
+    std::shared_ptr<const void> owner_;
+    mox::Bytes encoded_;
+    Layout layout_;
 };

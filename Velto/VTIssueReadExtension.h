@@ -14,3 +14,7 @@ std::optional<std::string> VTIssueReadExtension(const std::string& url);
 // path: a token never leads out of that very directory, whatever lies at the path by now.
 std::optional<std::string> VTIssueReadExtension(const file::UniqueFd& directory, const std::string& path,
                                                 const std::string& name);
+
+// The same for what lies at the canonical path and has this identity, as the caller knows it. Nothing is looked at: the
+// token is refused when it is consumed if another file is there by then.
+std::optional<std::string> VTIssueReadExtension(const std::string& url, const file::Identity& identity);

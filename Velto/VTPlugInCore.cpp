@@ -21,21 +21,36 @@ const value::Dictionary& noEntries() {
     return empty;
 }
 
-std::string textIn(const value::Dictionary& dictionary, std::string_view key) {
-    const std::string* text = dictionary.string(key);
-    return text != nullptr ? *text : std::string{};
-}
-
-bool isEmptyIn(const value::Dictionary& dictionary, std::string_view key) {
-    const std::string* text = dictionary.string(key);
-    return text == nullptr || text->empty();
-}
-
 }  // namespace
+
+struct VTPlugInCore::Decoded {
+    value::Dictionary bundleInfo;
+    value::Dictionary top;
+    value::Dictionary plugIn;
+};
+
+VTPlugInCore::~VTPlugInCore() {
+    delete decoded_.load(std::memory_order_acquire);
+    delete stored_.load(std::memory_order_acquire);
+}
+
+const VTPlugInCore::Stored& VTPlugInCore::stored() const {
+    static const Stored nothing;
+    const Stored* const known = stored_.load(std::memory_order_acquire);
+    return known != nullptr ? *known : nothing;
+}
+
+VTPlugInCore::Stored& VTPlugInCore::changeable() {
+    if (Stored* const known = stored_.load(std::memory_order_acquire)) return *known;
+    auto made = std::make_unique<Stored>();
+    Stored* first = nullptr;
+    if (!stored_.compare_exchange_strong(first, made.get(), std::memory_order_acq_rel)) return *first;
+    return *made.release();
+}
 
 std::shared_ptr<VTPlugInCore> VTPlugInCore::initWithName(const std::optional<std::string>& identifier,
                                                          const std::optional<std::string>& url,
-                                                         const std::optional<value::Dictionary>& bundleInfo,
+                                                         const std::optional<value::Value>& bundleInfo,
                                                          const std::optional<value::Dictionary>& info,
                                                          const std::optional<value::Uuid>& uuid) {
     auto plugIn = std::make_shared<VTPlugInCore>();
@@ -45,7 +60,7 @@ std::shared_ptr<VTPlugInCore> VTPlugInCore::initWithName(const std::optional<std
 // --- Identity
 
 bool VTPlugInCore::operator==(const VTPlugInCore& other) const {
-    return uuid() == other.uuid_.load();
+    return uuid() == (other.isOwn(kUuid) ? other.stored().uuid.load() : other.viewUuid_);
 }
 
 std::size_t VTPlugInCore::hash() const {
@@ -53,7 +68,8 @@ std::size_t VTPlugInCore::hash() const {
 }
 
 value::Uuid VTPlugInCore::uuid() const {
-    const std::optional<value::Uuid> known = uuid_.load();
+    if (!isOwn(kUuid)) return viewUuid_;
+    const std::optional<value::Uuid> known = stored().uuid.load();
     if (!known) VTAssertionFailure("self.uuid", kUnit);
     return *known;
 }
@@ -61,7 +77,7 @@ value::Uuid VTPlugInCore::uuid() const {
 // --- Setup
 
 bool VTPlugInCore::setupWithName(const std::optional<std::string>& identifier, const std::optional<std::string>& url,
-                                 const std::optional<value::Dictionary>& bundleInfo,
+                                 const std::optional<value::Value>& bundleInfo,
                                  const std::optional<value::Dictionary>& /*info*/,
                                  const std::optional<value::Uuid>& uuid) {
     if (!url) return false;
@@ -75,13 +91,20 @@ bool VTPlugInCore::setupWithName(const std::optional<std::string>& identifier, c
     }
     setIdentifier(*identifier);
     setUrl(*url);
-    if (!setDictionaries(normalizeInfoDictionary(*bundleInfo))) {
+    const value::Dictionary* const whole = bundleInfo->dictionary();
+    if (!setDictionaries(whole != nullptr ? normalizeInfoDictionary(*whole) : *bundleInfo)) {
         logging::notice(
             text::format("malformed plug-in dictionary in plug-in {} at {}: {}", *identifier, *url, *bundleInfo));
         return false;
     }
     setUuid(uuid ? *uuid : value::Uuid::random());
     return true;
+}
+
+void VTPlugInCore::setupWithImage(VTRecordImage image, const value::Uuid& uuid) {
+    image_ = std::move(image);
+    viewUuid_ = uuid;
+    own_.store(0, std::memory_order_release);
 }
 
 value::Dictionary VTPlugInCore::normalizeInfoDictionary(const value::Dictionary& bundleInfo) const {
@@ -91,44 +114,81 @@ value::Dictionary VTPlugInCore::normalizeInfoDictionary(const value::Dictionary&
 bool VTPlugInCore::setDictionaries(const value::Value& bundleInfo) {
     const value::Dictionary* whole = bundleInfo.dictionary();
     if (whole == nullptr) return false;
-    setBundleInfoDictionary(*whole);
+    setBundleInfoDictionary(*whole);  // and with it all three are the record's own
 
     const value::Dictionary* top = whole->dictionary(VTInfoKey::extension);
-    topDictionary_ = top != nullptr ? std::optional{*top} : std::nullopt;
-    plugInDictionary_.reset();
+    Stored& own = changeable();
+    own.topDictionary = top != nullptr ? std::optional{*top} : std::nullopt;
+    own.plugInDictionary.reset();
     noteChange();
     if (top == nullptr) return false;
 
-    plugInDictionary_ = *top;
+    own.plugInDictionary = *top;
     if (isMultiplexed()) {
         const value::Dictionary* multiple = top->dictionary(VTInfoKey::multiple);
-        const value::Dictionary* own = multiple != nullptr ? multiple->dictionary(identifier()) : nullptr;
-        plugInDictionary_ = own != nullptr ? std::optional{*own} : std::nullopt;
+        const value::Dictionary* entry = multiple != nullptr ? multiple->dictionary(identifier()) : nullptr;
+        own.plugInDictionary = entry != nullptr ? std::optional{*entry} : std::nullopt;
     }
-    return plugInDictionary_.has_value();
+    return own.plugInDictionary.has_value();
 }
 
 // --- The two views and the dictionary around them
 
+const VTPlugInCore::Decoded& VTPlugInCore::decoded() const {
+    if (const Decoded* known = decoded_.load(std::memory_order_acquire)) return *known;
+    auto made = std::make_unique<Decoded>();
+    made->bundleInfo = *image_->bundleInfo().toValue().dictionary();
+    if (const value::Dictionary* top = made->bundleInfo.dictionary(VTInfoKey::extension)) made->top = *top;
+    made->plugIn = *image_->plugIn().toValue().dictionary();
+    const Decoded* first = nullptr;
+    if (!decoded_.compare_exchange_strong(first, made.get(), std::memory_order_acq_rel)) return *first;
+    return *made.release();
+}
+
+void VTPlugInCore::takeDictionariesOver() {
+    if (isOwn(kDictionaries)) return;
+    const Decoded& known = decoded();
+    Stored& own = changeable();
+    own.bundleInfoDictionary.store(known.bundleInfo);
+    own.topDictionary = known.top;
+    own.plugInDictionary = known.plugIn;
+    own_.fetch_or(kDictionaries, std::memory_order_acq_rel);
+}
+
+value::Dictionary VTPlugInCore::bundleInfoDictionary() const {
+    return isOwn(kDictionaries) ? stored().bundleInfoDictionary.load() : decoded().bundleInfo;
+}
+
+void VTPlugInCore::setBundleInfoDictionary(value::Dictionary value) {
+    takeDictionariesOver();
+    change(kDictionaries, &Stored::bundleInfoDictionary, std::move(value));
+}
+
 const value::Dictionary& VTPlugInCore::topDictionary() const {
-    return topDictionary_ ? *topDictionary_ : noEntries();
+    if (!isOwn(kDictionaries)) return decoded().top;
+    return stored().topDictionary ? *stored().topDictionary : noEntries();
 }
 
 // By value, as below: the argument may be one of the very views that change here.
 void VTPlugInCore::setTopDictionary(value::Dictionary dictionary) {
-    if (topDictionary_ && !topDictionary_->isSameObject(dictionary)) {
+    takeDictionariesOver();
+    Stored& own = changeable();
+    if (own.topDictionary && !own.topDictionary->isSameObject(dictionary)) {
         setBundleInfoDictionary(dictionaryChanging(bundleInfoDictionary(), VTInfoKey::extension, dictionary));
     }
-    topDictionary_ = std::move(dictionary);
+    own.topDictionary = std::move(dictionary);
     noteChange();
 }
 
 const value::Dictionary& VTPlugInCore::plugInDictionary() const {
-    return plugInDictionary_ ? *plugInDictionary_ : noEntries();
+    if (!isOwn(kDictionaries)) return decoded().plugIn;
+    return stored().plugInDictionary ? *stored().plugInDictionary : noEntries();
 }
 
 void VTPlugInCore::setPlugInDictionary(value::Dictionary dictionary) {
-    if (plugInDictionary_ && !plugInDictionary_->isSameObject(dictionary)) {
+    takeDictionariesOver();
+    Stored& own = changeable();
+    if (own.plugInDictionary && !own.plugInDictionary->isSameObject(dictionary)) {
         if (isMultiplexed()) {
             const value::Dictionary* all = topDictionary().dictionary(VTInfoKey::multiple);
             const value::Dictionary changed =
@@ -138,8 +198,14 @@ void VTPlugInCore::setPlugInDictionary(value::Dictionary dictionary) {
             setTopDictionary(dictionary);
         }
     }
-    plugInDictionary_ = std::move(dictionary);
+    own.plugInDictionary = std::move(dictionary);
     noteChange();
+}
+
+std::optional<std::string> VTPlugInCore::containingUrl() const {
+    if (isOwn(kContainingUrl)) return stored().containingUrl.load();
+    const std::string_view path = image_->containingPath();
+    return path.empty() ? std::nullopt : std::optional{std::string{path}};
 }
 
 // --- Derived properties
@@ -189,13 +255,22 @@ bool VTPlugInCore::isHybrid() const {
 }
 
 bool VTPlugInCore::isDedicated() const {
-    const value::Value* dedicated = plugInDictionary().find(VTInfoKey::dedicated);
-    return dedicated != nullptr && dedicated->booleanValue();
+    const auto dedicated = plugInValue(VTInfoKey::dedicated);
+    return dedicated && dedicated->booleanValue();
 }
 
 bool VTPlugInCore::isData() const {
-    const std::string* protocol = plugInDictionary().string(VTInfoKey::protocol);
-    return protocol != nullptr && *protocol == kDataProtocol;
+    const auto protocol = plugInValue(VTInfoKey::protocol);
+    return protocol && protocol->string() != nullptr && *protocol->string() == kDataProtocol;
+}
+
+std::optional<value::Value> VTPlugInCore::plugInValue(std::string_view key) const {
+    if (!isOwn(kDictionaries)) {
+        const auto found = image_->inPlugIn(key);
+        return found ? std::optional{found->toValue()} : std::nullopt;
+    }
+    const value::Value* const found = plugInDictionary().find(key);
+    return found != nullptr ? std::optional{*found} : std::nullopt;
 }
 
 value::Date VTPlugInCore::timestamp() const {
@@ -218,11 +293,11 @@ std::optional<value::Error> VTPlugInCore::diagnose() const {
     };
     const value::Dictionary& own = plugInDictionary();
 
-    if (const auto fault = sdkFault_.load()) return fault;
+    if (const auto fault = stored().sdkFault.load()) return fault;
     if (identifier().empty()) {
         return VTError(kCode, "missing identifier (no KXExtensionIdentifier, nor even QFBundleIdentifier)");
     }
-    if (isEmptyIn(own, VTInfoKey::protocol)) return missing(VTInfoKey::protocol);
+    if (textIn(own, VTInfoKey::protocol).empty()) return missing(VTInfoKey::protocol);
     if (attributes().empty()) return missing(VTInfoKey::attributes);
     if (isAppExtension()) {
         const std::string* principalClass = own.string(VTInfoKey::principalClass);

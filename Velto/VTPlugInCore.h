@@ -12,6 +12,7 @@
 #include "Velto/VTAtomic.h"
 #include "Velto/VTForm.h"
 #include "Velto/VTInfoKeys.h"
+#include "Velto/VTRecordImage.h"
 #include "platform/value/Value.h"
 
 // The record of one plug-in, shared by the daemon (which derives VTDPlugIn from it) and by hosts (which rebuild it from
@@ -32,13 +33,13 @@
 class VTPlugInCore {
 public:
     VTPlugInCore() = default;  // empty: for a setup to follow
-    virtual ~VTPlugInCore() = default;
+    virtual ~VTPlugInCore();
     VTPlugInCore(const VTPlugInCore&) = delete;
     VTPlugInCore& operator=(const VTPlugInCore&) = delete;
 
     static std::shared_ptr<VTPlugInCore> initWithName(const std::optional<std::string>& identifier,
                                                       const std::optional<std::string>& url,
-                                                      const std::optional<value::Dictionary>& bundleInfo,
+                                                      const std::optional<value::Value>& bundleInfo,
                                                       const std::optional<value::Dictionary>& info,
                                                       const std::optional<value::Uuid>& uuid);
     static std::shared_ptr<VTPlugInCore> initWithForm(const value::Dictionary& form);
@@ -53,10 +54,14 @@ public:
     // bundle's own. Without a UUID the record gets a fresh random one.
     [[nodiscard]] virtual bool setupWithName(const std::optional<std::string>& identifier,
                                              const std::optional<std::string>& url,
-                                             const std::optional<value::Dictionary>& bundleInfo,
+                                             const std::optional<value::Value>& bundleInfo,
                                              const std::optional<value::Dictionary>& info,
                                              const std::optional<value::Uuid>& uuid);
     [[nodiscard]] virtual bool setupWithForm(const value::Dictionary& form);
+
+    // What was worked out before (VTRecordImage.h): the record is a view of it until something is set. Dictionaries are
+    // decoded when somebody asks for one whole.
+    void setupWithImage(VTRecordImage image, const value::Uuid& uuid);
 
     // Derives the three dictionaries; false when one of them is not there, or no dictionary.
     virtual bool setDictionaries(const value::Value& bundleInfo);
@@ -72,6 +77,9 @@ public:
     // the extension point demands of its plug-ins must not be lost by dropping the SDK. So does one that is there and
     // cannot be read.
     virtual void resolveSDK();
+
+    // Tells which SDK resolveSDK() has found (sdk::Part); 0 before it, and when there is none.
+    std::uint64_t sdkDigest() const { return stored().sdkDigest.load(); }
 
     static constexpr char kSdkDirectoryVariable[] = "VTTEST_SDK";  // of the environment
 
@@ -116,40 +124,66 @@ public:
 
     // --- Stored properties
 
-    bool onSystemVolume() const { return onSystemVolume_.load(); }
-    void setOnSystemVolume(bool value) { change(onSystemVolume_, value); }
+    bool onSystemVolume() const {
+        return isOwn(kOnSystemVolume) ? stored().onSystemVolume.load() : image_->onSystemVolume();
+    }
+    void setOnSystemVolume(bool value) { change(kOnSystemVolume, &Stored::onSystemVolume, value); }
     const value::Dictionary& topDictionary() const;  // empty when not set
     virtual void setTopDictionary(value::Dictionary dictionary);
     const value::Dictionary& plugInDictionary() const;  // empty when not set
     virtual void setPlugInDictionary(value::Dictionary dictionary);
-    std::string identifier() const { return identifier_.load(); }
-    void setIdentifier(std::string value) { change(identifier_, std::move(value)); }
-    std::string originalIdentifier() const { return originalIdentifier_.load(); }
-    void setOriginalIdentifier(std::string value) { change(originalIdentifier_, std::move(value)); }
-    std::string url() const { return url_.load(); }
-    void setUrl(std::string value) { change(url_, std::move(value)); }
-    std::optional<std::string> containingUrl() const { return containingUrl_.load(); }
-    void setContainingUrl(std::optional<std::string> value) { change(containingUrl_, std::move(value)); }
-    value::Dictionary bundleInfoDictionary() const { return bundleInfoDictionary_.load(); }
-    void setBundleInfoDictionary(value::Dictionary value) { change(bundleInfoDictionary_, std::move(value)); }
-    std::uint32_t hubProtocolVersion() const { return hubProtocolVersion_.load(); }
-    void setHubProtocolVersion(std::uint32_t value) { change(hubProtocolVersion_, value); }
-    virtual std::string localizedName() const { return localizedName_.load(); }
-    virtual void setLocalizedName(std::string value) { localizedName_.store(std::move(value)); }
-    virtual std::string localizedShortName() const { return localizedShortName_.load(); }
-    virtual void setLocalizedShortName(std::string value) { localizedShortName_.store(std::move(value)); }
-    virtual std::string localizedContainingName() const { return localizedContainingName_.load(); }
-    virtual void setLocalizedContainingName(std::string value) { localizedContainingName_.store(std::move(value)); }
-    std::optional<value::Dictionary> annotations() const { return annotations_.load(); }
-    void setAnnotations(std::optional<value::Dictionary> value) { annotations_.store(std::move(value)); }
-    std::int32_t lastModified() const { return lastModified_.load(); }
-    void setLastModified(std::int32_t value) { change(lastModified_, value); }
+    std::string identifier() const {
+        return isOwn(kIdentifier) ? stored().identifier.load() : std::string{image_->identifier()};
+    }
+    void setIdentifier(std::string value) { change(kIdentifier, &Stored::identifier, std::move(value)); }
+    std::string originalIdentifier() const {
+        return isOwn(kOriginalIdentifier) ? stored().originalIdentifier.load()
+                                          : std::string{image_->originalIdentifier()};
+    }
+    void setOriginalIdentifier(std::string value) {
+        change(kOriginalIdentifier, &Stored::originalIdentifier, std::move(value));
+    }
+    std::string url() const { return isOwn(kUrl) ? stored().url.load() : std::string{image_->path()}; }
+    void setUrl(std::string value) { change(kUrl, &Stored::url, std::move(value)); }
+    std::optional<std::string> containingUrl() const;
+    void setContainingUrl(std::optional<std::string> value) {
+        change(kContainingUrl, &Stored::containingUrl, std::move(value));
+    }
+    value::Dictionary bundleInfoDictionary() const;
+    void setBundleInfoDictionary(value::Dictionary value);
+    std::uint32_t hubProtocolVersion() const {
+        return isOwn(kHubProtocolVersion) ? stored().hubProtocolVersion.load() : image_->hubProtocolVersion();
+    }
+    void setHubProtocolVersion(std::uint32_t value) { change(kHubProtocolVersion, &Stored::hubProtocolVersion, value); }
+    virtual std::string localizedName() const {
+        return isOwn(kName) ? stored().localizedName.load() : std::string{image_->localizedName()};
+    }
+    virtual void setLocalizedName(std::string value) { change(kName, &Stored::localizedName, std::move(value)); }
+    virtual std::string localizedShortName() const {
+        return isOwn(kShortName) ? stored().localizedShortName.load() : std::string{image_->localizedShortName()};
+    }
+    virtual void setLocalizedShortName(std::string value) {
+        change(kShortName, &Stored::localizedShortName, std::move(value));
+    }
+    virtual std::string localizedContainingName() const {
+        return isOwn(kContainingName) ? stored().localizedContainingName.load()
+                                      : std::string{image_->localizedContainingName()};
+    }
+    virtual void setLocalizedContainingName(std::string value) {
+        change(kContainingName, &Stored::localizedContainingName, std::move(value));
+    }
+    std::optional<value::Dictionary> annotations() const { return stored().annotations.load(); }
+    void setAnnotations(std::optional<value::Dictionary> value) { changeable().annotations.store(std::move(value)); }
+    std::int32_t lastModified() const {
+        return isOwn(kLastModified) ? stored().lastModified.load() : image_->lastModified();
+    }
+    void setLastModified(std::int32_t value) { change(kLastModified, &Stored::lastModified, value); }
     value::Uuid uuid() const;  // a programming error before the setup
-    void setUuid(value::Uuid value) { change(uuid_, std::optional{value}); }
-    std::optional<value::Data> cdhash() const { return cdhash_.load(); }
-    void setCdhash(std::optional<value::Data> value) { cdhash_.store(std::move(value)); }
-    std::string requirement() const { return requirement_.load(); }
-    void setRequirement(std::string value) { requirement_.store(std::move(value)); }
+    void setUuid(value::Uuid value) { change(kUuid, &Stored::uuid, std::optional{value}); }
+    std::optional<value::Data> cdhash() const { return stored().cdhash.load(); }
+    void setCdhash(std::optional<value::Data> value) { changeable().cdhash.store(std::move(value)); }
+    std::string requirement() const { return stored().requirement.load(); }
+    void setRequirement(std::string value) { changeable().requirement.store(std::move(value)); }
 
     // --- Derived properties, worked out on every call
 
@@ -169,37 +203,96 @@ public:
     value::Date timestamp() const;
     bool oldStyle() const;  // a record without either style of description is a programming error
 
+    // What the plug-in dictionary has under the key.
+    std::optional<value::Value> plugInValue(std::string_view key) const;
+
+    // What the attributes, else the bundle's info dictionary, have under the key: calls `use` with a mox::View of it
+    // where it lies, or with a pointer to a value::Value that is null when there is none. Answers what that answers.
+    template <typename Use>
+    auto withAttribute(std::string_view key, Use&& use) const {
+        if (!isOwn(kDictionaries)) {
+            auto found = image_->inAttributes(key);
+            if (!found) found = image_->inBundleInfo(key);
+            return found ? use(*found) : use(static_cast<const value::Value*>(nullptr));
+        }
+        const value::Dictionary own = attributes();
+        if (const value::Value* found = own.find(key)) return use(found);
+        const value::Dictionary info = bundleInfoDictionary();
+        return use(info.find(key));
+    }
+
+protected:
+    // For subclasses that answer the display names themselves: one was set that the image does not know.
+    void noteOwnNames() { own_.fetch_or(kName | kShortName | kContainingName, std::memory_order_acq_rel); }
+
 private:
     struct ExportedForm;
+
+    // What was set. A view has none of it, which keeps it small: discovery makes one for each candidate.
+    struct Stored {
+        // In the dictionaries' own order: not atomic, see above.
+        std::optional<value::Dictionary> topDictionary;
+        std::optional<value::Dictionary> plugInDictionary;
+
+        VTAtomic<bool> onSystemVolume;
+        VTAtomic<std::string> identifier;
+        VTAtomic<std::string> originalIdentifier;
+        VTAtomic<std::string> url;
+        VTAtomic<std::optional<std::string>> containingUrl;
+        VTAtomic<value::Dictionary> bundleInfoDictionary;
+        VTAtomic<std::uint32_t> hubProtocolVersion;
+        VTAtomic<std::string> localizedName;
+        VTAtomic<std::string> localizedShortName;
+        VTAtomic<std::string> localizedContainingName;
+        VTAtomic<std::optional<value::Dictionary>> annotations;
+        VTAtomic<std::int32_t> lastModified;
+        VTAtomic<std::optional<value::Uuid>> uuid;
+        VTAtomic<std::optional<value::Data>> cdhash;
+        VTAtomic<std::string> requirement;
+        std::atomic<std::uint64_t> sdkDigest{0};
+        VTAtomic<std::optional<value::Error>> sdkFault;  // why the extension point's SDK could not be read
+    };
+
+    // What was set since the record was set up from an image, and is no longer read there; without an image,
+    // everything.
+    enum Own : std::uint32_t {
+        kOnSystemVolume = 1 << 0,
+        kIdentifier = 1 << 1,
+        kOriginalIdentifier = 1 << 2,
+        kUrl = 1 << 3,
+        kContainingUrl = 1 << 4,
+        kDictionaries = 1 << 5,
+        kHubProtocolVersion = 1 << 6,
+        kLastModified = 1 << 7,
+        kUuid = 1 << 8,
+        kName = 1 << 9,
+        kShortName = 1 << 10,
+        kContainingName = 1 << 11,
+        kEverything = ~0U,
+    };
+    const Stored& stored() const;
+    Stored& changeable();
+    bool isOwn(Own what) const { return (own_.load(std::memory_order_acquire) & what) != 0; }
+
+    // The dictionaries of an image, decoded when they are first asked for.
+    struct Decoded;
+    const Decoded& decoded() const;
+    void takeDictionariesOver();
 
     void noteChange() { changes_.fetch_add(1, std::memory_order_acq_rel); }
 
     template <typename T>
-    void change(VTAtomic<T>& property, T value) {
-        property.store(std::move(value));
+    void change(Own what, VTAtomic<T> Stored::*property, T value) {
+        (changeable().*property).store(std::move(value));
+        own_.fetch_or(what, std::memory_order_acq_rel);
         noteChange();
     }
 
-    // In the dictionaries' own order: not atomic, see above.
-    std::optional<value::Dictionary> topDictionary_;
-    std::optional<value::Dictionary> plugInDictionary_;
-
-    VTAtomic<bool> onSystemVolume_;
-    VTAtomic<std::string> identifier_;
-    VTAtomic<std::string> originalIdentifier_;
-    VTAtomic<std::string> url_;
-    VTAtomic<std::optional<std::string>> containingUrl_;
-    VTAtomic<value::Dictionary> bundleInfoDictionary_;
-    VTAtomic<std::uint32_t> hubProtocolVersion_;
-    VTAtomic<std::string> localizedName_;
-    VTAtomic<std::string> localizedShortName_;
-    VTAtomic<std::string> localizedContainingName_;
-    VTAtomic<std::optional<value::Dictionary>> annotations_;
-    VTAtomic<std::int32_t> lastModified_;
-    VTAtomic<std::optional<value::Uuid>> uuid_;
-    VTAtomic<std::optional<value::Data>> cdhash_;
-    VTAtomic<std::string> requirement_;
-    VTAtomic<std::optional<value::Error>> sdkFault_;  // why the extension point's SDK could not be read
+    std::optional<VTRecordImage> image_;
+    value::Uuid viewUuid_;  // of a view
+    std::atomic<std::uint32_t> own_{kEverything};
+    mutable std::atomic<const Decoded*> decoded_{nullptr};
+    std::atomic<Stored*> stored_{nullptr};
 
     // What the last export encoded, good for as long as nothing changed that it was made from.
     std::atomic<std::uint64_t> changes_{0};

@@ -1,7 +1,5 @@
 // How a record becomes a form, and a form a record.
 
-#include <algorithm>
-#include <limits>
 #include <utility>
 
 #include "Velto/VTPlugInCore.h"
@@ -19,7 +17,7 @@ struct VTPlugInCore::ExportedForm {
 
 namespace {
 
-std::optional<std::string> textIn(const value::Dictionary& form, std::string_view key) {
+std::optional<std::string> textOrNone(const value::Dictionary& form, std::string_view key) {
     const std::string* text = form.string(key);
     return text != nullptr ? std::optional{*text} : std::nullopt;
 }
@@ -29,15 +27,6 @@ std::optional<value::Dictionary> dictionaryIn(const value::Dictionary& form, std
     return dictionary != nullptr ? std::optional{*dictionary} : std::nullopt;
 }
 
-// The number under the key, or the nearest that the type holds; 0 for what is no number.
-template <typename Integer>
-Integer numberIn(const value::Dictionary& form, std::string_view key) {
-    const value::Value* number = form.find(key);
-    const std::int64_t wide = number != nullptr ? number->integerValue().value_or(0) : 0;
-    return static_cast<Integer>(
-        std::clamp<std::int64_t>(wide, std::numeric_limits<Integer>::min(), std::numeric_limits<Integer>::max()));
-}
-
 void setUnlessEmpty(value::Dictionary::Builder& form, std::string_view key, std::string text) {
     if (!text.empty()) form.set(key, std::move(text));
 }
@@ -45,6 +34,11 @@ void setUnlessEmpty(value::Dictionary::Builder& form, std::string_view key, std:
 }  // namespace
 
 std::optional<VTForm> VTPlugInCore::exportForm(std::optional<value::Error>* /*error*/) const {
+    // As long as nothing was set, the image is the form.
+    if (own_.load(std::memory_order_acquire) == 0) {
+        return VTForm{image_->base(), annotations().value_or(value::Dictionary{})};
+    }
+
     // The count is read first: a change during the export then leaves a kept form that is good for nothing.
     const std::uint64_t changes = changes_.load(std::memory_order_acquire);
     std::string name = localizedName();
@@ -86,26 +80,27 @@ std::shared_ptr<VTPlugInCore> VTPlugInCore::initWithForm(const value::Dictionary
 }
 
 bool VTPlugInCore::setupWithForm(const value::Dictionary& form) {
-    const std::optional<std::string> id = textIn(form, VTFormKey::uuid);
-    if (!setupWithName(textIn(form, VTFormKey::identifier), textIn(form, VTFormKey::path),
-                       dictionaryIn(form, VTFormKey::bundleInfo), dictionaryIn(form, VTFormKey::info),
-                       id ? value::Uuid::parse(*id) : std::nullopt)) {
+    const std::optional<std::string> id = textOrNone(form, VTFormKey::uuid);
+    const value::Value* const bundleInfo = form.find(VTFormKey::bundleInfo);
+    if (!setupWithName(textOrNone(form, VTFormKey::identifier), textOrNone(form, VTFormKey::path),
+                       bundleInfo != nullptr ? std::optional{*bundleInfo} : std::nullopt,
+                       dictionaryIn(form, VTFormKey::info), id ? value::Uuid::parse(*id) : std::nullopt)) {
         return false;
     }
     const bool saysVersion = form.contains(VTFormKey::hubProtocolVersion);
-    setHubProtocolVersion(saysVersion ? numberIn<std::uint32_t>(form, VTFormKey::hubProtocolVersion) : 1);
-    setOriginalIdentifier(textIn(form, VTFormKey::originalIdentifier).value_or(""));
+    setHubProtocolVersion(saysVersion ? numberIn<std::uint32_t>(form, VTFormKey::hubProtocolVersion).value_or(0) : 1);
+    setOriginalIdentifier(textIn(form, VTFormKey::originalIdentifier));
     const value::Value* hash = form.find(VTFormKey::hash);
     setCdhash(hash != nullptr && hash->data() != nullptr ? std::optional{*hash->data()} : std::nullopt);
-    setRequirement(textIn(form, VTFormKey::requirement).value_or(""));
-    setLastModified(numberIn<std::int32_t>(form, VTFormKey::lastModified));
-    setContainingUrl(textIn(form, VTFormKey::containingPath));
+    setRequirement(textIn(form, VTFormKey::requirement));
+    setLastModified(numberIn<std::int32_t>(form, VTFormKey::lastModified).value_or(0));
+    setContainingUrl(textOrNone(form, VTFormKey::containingPath));
     const value::Value* resident = form.find(VTFormKey::systemResident);
     setOnSystemVolume(resident != nullptr && resident->booleanValue());
     setAnnotations(dictionaryIn(form, VTFormKey::annotations));
-    setLocalizedName(textIn(form, VTFormKey::localizedName).value_or(""));
-    setLocalizedShortName(textIn(form, VTFormKey::localizedShortName).value_or(""));
-    setLocalizedContainingName(textIn(form, VTFormKey::localizedContainingName).value_or(""));
+    setLocalizedName(textIn(form, VTFormKey::localizedName));
+    setLocalizedShortName(textIn(form, VTFormKey::localizedShortName));
+    setLocalizedContainingName(textIn(form, VTFormKey::localizedContainingName));
     return true;
 }
 

@@ -30,14 +30,10 @@ void addPaths(const value::Value& shared, value::Array::Storage& paths, std::uno
     for (const value::Value& path : *shared.array()) add(path);
 }
 
-// Nothing where no SDK is registered, which is logged; an error where there is one that cannot be read.
-value::Result<std::optional<value::Dictionary>> lookUp(const std::string& name) {
-    if (const auto directory = sdk::testDirectory()) {
-        if (auto entry = sdk::entryIn(*directory, name)) return entry;
-    }
-    auto entry = sdk::entry(name);
-    if (entry && !*entry) logging::notice(text::format("plug-in sdk \"{}\" not registered", name));
-    return entry;
+sdk::Part lookUp(const std::string& name) {
+    sdk::Part part = sdk::part(name);
+    if (!part.dictionary && !part.fault) logging::notice(text::format("plug-in sdk \"{}\" not registered", name));
+    return part;
 }
 
 }  // namespace
@@ -49,20 +45,21 @@ void VTPlugInCore::resolveSDK() {
             logging::notice(text::format("invalid SDK key:{}", *spec));
             return;
         }
-        const auto sdk = lookUp(*name);
-        if (!sdk) {
-            sdkFault_.store(VTErrorWithFormat(VTErrorConfiguration, "the SDK of its extension point cannot be used: {}",
-                                              sdk.error().localizedDescription()));
+        const sdk::Part sdk = lookUp(*name);
+        changeable().sdkDigest.store(sdk.digest);
+        if (sdk.fault) {
+            changeable().sdkFault.store(VTErrorWithFormat(VTErrorConfiguration,
+                                                          "the SDK of its extension point cannot be used: {}",
+                                                          sdk.fault->localizedDescription()));
             return;
         }
-        if (*sdk && !setDictionaries(mergeDictionary(**sdk, bundleInfoDictionary()))) return;
+        if (sdk.dictionary && !setDictionaries(mergeDictionary(*sdk.dictionary, bundleInfoDictionary()))) return;
     }
     canonicalize();
 }
 
 std::optional<value::Dictionary> VTPlugInCore::readSDKDictionary(const std::string& name) {
-    auto entry = lookUp(name);
-    return entry ? *std::move(entry) : std::nullopt;
+    return lookUp(name).dictionary;
 }
 
 value::Dictionary VTPlugInCore::mergeDictionary(const value::Dictionary& sdk, const value::Dictionary& target) const {
@@ -104,8 +101,9 @@ void VTPlugInCore::canonicalize() {
     }
     own.set(VTInfoKey::format, plugIn.contains(VTInfoKey::embeddedCode) ? "hybrid" : "standard");
     if (!own.contains(VTInfoKey::version)) {
-        const std::string* ofBundle = whole.string(VTInfoKey::shortVersionString);
-        own.set(VTInfoKey::version, ofBundle != nullptr ? *ofBundle : kFirstVersion);
+        const value::Value* ofBundle = whole.find(VTInfoKey::shortVersionString);
+        const bool isVersion = ofBundle != nullptr && (ofBundle->string() != nullptr || ofBundle->isNumber());
+        own.set(VTInfoKey::version, isVersion ? *ofBundle : kFirstVersion);
     }
     plugIn.set(VTInfoKey::attributes, std::move(own).build());
 

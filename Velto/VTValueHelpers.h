@@ -1,6 +1,10 @@
 #pragma once
 
+#include <algorithm>
+#include <cstdint>
+#include <limits>
 #include <optional>
+#include <string>
 #include <string_view>
 #include <utility>
 
@@ -11,6 +15,22 @@
 inline value::Dictionary dictionaryChanging(const value::Dictionary& dictionary, std::string_view key,
                                             std::optional<value::Value> value) {
     return dictionary.changing(key, std::move(value));
+}
+
+// The text under the key; empty where there is none, or another kind.
+inline std::string textIn(const value::Dictionary& dictionary, std::string_view key) {
+    const std::string* text = dictionary.string(key);
+    return text != nullptr ? *text : std::string{};
+}
+
+// The number under the key, or the nearest that the type holds; nothing where what is there says no number.
+template <typename Integer>
+std::optional<Integer> numberIn(const value::Dictionary& dictionary, std::string_view key) {
+    const value::Value* found = dictionary.find(key);
+    const auto wide = found != nullptr ? found->integerValue() : std::nullopt;
+    if (!wide) return {};
+    return static_cast<Integer>(
+        std::clamp<std::int64_t>(*wide, std::numeric_limits<Integer>::min(), std::numeric_limits<Integer>::max()));
 }
 
 // What the function makes of each element, in order; elements that it answers with nothing are left out.

@@ -41,14 +41,14 @@ ExitStatus print(const mox::Object& reply, const std::string& serviceName) {
         terminal::complain(mox::errorDescription(reply) + " (service " + serviceName + ")");
         return ExitStatus::unreachable;
     }
-    std::cout << json::text(json::fromView(reply.view())) << std::endl;
+    std::cout << json::text(reply.view()) << std::endl;
     const auto code = reply.view().find(VTKey::errorCode);
     return code && code->unsignedInteger().value_or(0) != 0 ? ExitStatus::errorReply : ExitStatus::success;
 }
 
 // For whoever waits for an answer to each line: what stands for the reply of one that has none.
 void printInstead(const char* outcome, const std::string& why) {
-    std::cout << json::text({{"outcome", outcome}, {"error", why}}) << std::endl;
+    std::cout << json::text(json::Json{{"outcome", outcome}, {"error", why}}) << std::endl;
 }
 
 value::Result<mox::Dictionary> messageFromText(const std::string& text, const std::string& name) {

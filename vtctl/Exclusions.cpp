@@ -32,7 +32,7 @@ value::Result<value::Array> listIn(const Stored& stored) {
 std::string described(const value::Value& exclusion) {
     const value::Dictionary* rules = exclusion.dictionary();
     if (rules == nullptr)
-        return json::text(json::fromView(mox::Object{exclusion}.view())) +
+        return json::text(mox::Object{exclusion}.view()) +
                " (no dictionary of rules: while it is there, nothing is excluded)";
     return rules->empty() ? "(no rules: every plug-in)" : rules::inWords(*rules);
 }
@@ -75,7 +75,8 @@ ExitStatus runExclusions(bool asJson) {
     const auto list = stored ? listIn(*stored) : value::Result<value::Array>{stored.error()};
     if (!list) return failed(list.error());
     if (asJson) {
-        std::cout << json::indentedText(json::fromView(mox::Object{value::Value{*list}}.view())) << "\n";
+        json::printIndented(mox::Object{value::Value{*list}}.view(), std::cout);
+        std::cout << "\n";
         return ExitStatus::success;
     }
     if (list->empty()) std::cerr << "no exclusions\n";

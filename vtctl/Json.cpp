@@ -1,74 +1,20 @@
 #include "vtctl/Json.h"
 
 #include <algorithm>
-#include <array>
-#include <cmath>
 #include <cstdint>
 #include <cstdio>
 #include <ctime>
 #include <optional>
 
 #include "platform/logging/Escape.h"
+#include "vtctl/Base64.h"
 
 namespace json {
 
 namespace {
 
-constexpr std::string_view kAlphabet = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/";
-
 value::Error malformed(const std::string& what) {
     return {"vtctl", 0, what};
-}
-
-std::string toBase64(mox::Bytes bytes) {
-    std::string text;
-    for (std::size_t i = 0; i < bytes.size(); i += 3) {
-        const std::size_t here = std::min<std::size_t>(3, bytes.size() - i);
-        unsigned group = 0;
-        for (std::size_t k = 0; k < 3; ++k) {
-            group = group << 8 | (k < here ? std::to_integer<unsigned>(bytes[i + k]) : 0U);
-        }
-        for (std::size_t k = 0; k < 4; ++k) text += k <= here ? kAlphabet[group >> (18 - 6 * k) & 63] : '=';
-    }
-    return text;
-}
-
-std::optional<value::Data> fromBase64(std::string_view text) {
-    if (text.size() % 4 != 0) return {};
-    while (!text.empty() && text.back() == '=') text.remove_suffix(1);
-    if (text.size() % 4 == 1) return {};
-    value::Data data;
-    unsigned group = 0;
-    int bits = 0;
-    for (const char c : text) {
-        const std::size_t digit = kAlphabet.find(c);
-        if (digit == std::string_view::npos) return {};
-        group = group << 6 | static_cast<unsigned>(digit);
-        bits += 6;
-        if (bits >= 8) {
-            bits -= 8;
-            data.push_back(static_cast<std::byte>(group >> bits & 0xFF));
-        }
-    }
-    return data;
-}
-
-std::string toRfc3339(value::Date date) {
-    const double whole = std::floor(date.seconds);
-    // Beyond these years there is no four-digit year to write.
-    if (!(whole >= -62167219200.0 && whole <= 253402300799.0)) return std::to_string(date.seconds);
-    const auto seconds = static_cast<std::time_t>(whole);
-    std::tm parts{};
-    gmtime_r(&seconds, &parts);
-    std::array<char, 64> text;
-    const auto milliseconds = static_cast<int>((date.seconds - whole) * 1000);
-    if (milliseconds == 0) {
-        std::strftime(text.data(), text.size(), "%Y-%m-%dT%H:%M:%SZ", &parts);
-        return text.data();
-    }
-    std::strftime(text.data(), text.size(), "%Y-%m-%dT%H:%M:%S", &parts);
-    const std::string fraction = std::to_string(1000 + milliseconds).substr(1);
-    return std::string{text.data()} + "." + fraction + "Z";
 }
 
 std::optional<value::Date> fromRfc3339(const std::string& text) {
@@ -178,33 +124,6 @@ value::Result<value::Value> toValue(const Json& json) {
         }
         default: return malformed("null stands for no value");
     }
-}
-
-Json fromView(mox::View view) {
-    switch (view.kind()) {
-        case mox::Kind::boolean: return *view.boolean();
-        case mox::Kind::signedInteger: return *view.signedInteger();
-        case mox::Kind::unsignedInteger: return *view.unsignedInteger();
-        case mox::Kind::real: return {{"$real", *view.real()}};
-        case mox::Kind::string: return *view.string();
-        case mox::Kind::data: return {{"$data", toBase64(*view.data())}};
-        case mox::Kind::date: return {{"$date", toRfc3339(*view.date())}};
-        case mox::Kind::uuid: return {{"$uuid", view.uuid()->string()}};
-        case mox::Kind::error: return view.error()->localizedDescription();
-        case mox::Kind::message: return fromView(*view.message());
-        case mox::Kind::array: {
-            Json array = Json::array();
-            view.forEachElement([&](mox::View element) { array.push_back(fromView(element)); });
-            return array;
-        }
-        case mox::Kind::dictionary: {
-            Json object = Json::object();
-            view.forEachEntry(
-                [&](std::string_view key, mox::View entry) { object[std::string{key}] = fromView(entry); });
-            return object;
-        }
-    }
-    return {};
 }
 
 std::string text(const Json& json) {

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <iosfwd>
 #include <string>
 
 #include <nlohmann/json.hpp>
@@ -19,10 +20,12 @@ value::Result<Json> parse(const std::string& text);
 // What a JSON value stands for in a request. A null, and a "$" object whose content is malformed, is an error.
 value::Result<value::Value> toValue(const Json& json);
 
-Json fromView(mox::View view);
-
 // One line, or indented over several. What is not to be shown on a terminal as it is, is escaped by JSON's own rules.
 std::string text(const Json& json);
 std::string indentedText(const Json& json);
+
+// The same of a value of a message (JsonText.cpp), whose text may be large: the second writes while it reads.
+std::string text(mox::View view);
+void printIndented(mox::View view, std::ostream& out);
 
 }  // namespace json

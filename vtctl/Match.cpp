@@ -95,7 +95,8 @@ ExitStatus runMatch(const MatchOptions& options) {
         return ExitStatus::errorReply;
     }
     if (options.asJson) {
-        std::cout << json::indentedText(json::fromView(*forms)) << "\n";
+        json::printIndented(*forms, std::cout);
+        std::cout << "\n";
         return ExitStatus::success;
     }
     std::vector<std::vector<std::string>> rows{{"IDENTIFIER", "VERSION", "NAME", "APPLICATION", "UUID"}};

@@ -23,7 +23,7 @@ std::string wordOf(const std::string& key, const value::Value& pattern) {
     if (const std::string* string = pattern.string()) {
         text = *string == "true" || *string == "false" ? '=' + *string : *string;
     } else {
-        text = json::text(json::fromView(mox::Object{pattern}.view()));
+        text = json::text(mox::Object{pattern}.view());
     }
     return terminal::quoted(key + '=' + text);
 }

@@ -72,7 +72,7 @@ void MatchList::link() {
     if (overriders_.empty()) return;
     for (Position at = 0; at < forms_.size(); ++at) {
         if (removed_[at]) continue;
-        const auto found = overriders_.find(forms_[at].identifier());
+        const auto found = overriders_.find(std::string{forms_[at].identifier()});
         if (found == overriders_.end()) continue;
         VTForm& overrider = forms_[found->second];
         forms_[at].set(VTFormKey::overrider, overrider.uuid());

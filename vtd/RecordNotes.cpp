@@ -2,17 +2,29 @@
 
 #include <utility>
 
-const logging::Transcript::Lines* RecordNotes::refusal(const Record& record) const {
+const RecordNotes::Note* RecordNotes::find(const Record& record) const {
     const auto found = notes_.find(record.get());
     // Another record may have come to lie where one has gone.
-    const bool isOfThis = found != notes_.end() && found->second.record.lock() == record;
-    return isOfThis && found->second.isRefused ? &found->second.why : nullptr;
+    return found != notes_.end() && found->second.record.lock() == record ? &found->second : nullptr;
 }
 
-void RecordNotes::noteRefusal(const Record& record, logging::Transcript::Lines why) {
+const logging::Transcript::Lines* RecordNotes::refusal(const Record& record) const {
+    const Note* const note = find(record);
+    return note != nullptr && note->isRefused ? &note->why : nullptr;
+}
+
+void RecordNotes::noteRefusal(const Record& record, logging::Transcript::Lines why, Said said) {
     Note& note = noteOf(record);
     note.isRefused = true;
+    note.isSaid = said == Said::yes;
     note.why = std::move(why);
+}
+
+bool RecordNotes::sayRefusal(const Record& record) {
+    if (refusal(record) == nullptr) return false;
+    Note& note = noteOf(record);
+    if (!std::exchange(note.isSaid, true)) logging::repeat(note.why);
+    return true;
 }
 
 bool RecordNotes::noteCosts(const Record& record) {

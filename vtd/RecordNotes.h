@@ -16,9 +16,14 @@ class RecordNotes {
 public:
     using Record = std::shared_ptr<const dravo::DVVeltoProxy>;
 
-    // The lines that were written when the record was refused; null when it was not.
+    // What the log is to say of the record's refusal; null when it was not refused.
     const logging::Transcript::Lines* refusal(const Record& record) const;
-    void noteRefusal(const Record& record, logging::Transcript::Lines why);
+
+    enum class Said : bool { no, yes };
+    void noteRefusal(const Record& record, logging::Transcript::Lines why, Said said);
+
+    // Says why the record was refused, unless that was said before. Whether it was refused.
+    bool sayRefusal(const Record& record);
 
     // Whether that a discovery left the plug-in out for its costs is said the first time.
     bool noteCosts(const Record& record);
@@ -27,10 +32,12 @@ private:
     struct Note {
         std::weak_ptr<const dravo::DVVeltoProxy> record;
         bool isRefused = false;
+        bool isSaid = false;
         logging::Transcript::Lines why = {};
         bool isCostly = false;
     };
 
+    const Note* find(const Record& record) const;
     Note& noteOf(const Record& record);
 
     std::unordered_map<const dravo::DVVeltoProxy*, Note> notes_;

@@ -14,6 +14,12 @@
 #include "vtd/VTDMoxClient.h"
 #include "vtd/VTDServer.h"
 
+namespace {
+
+constexpr char kNoSuchPlugIn[] = "no such plugin (uuid not found)";
+
+}  // namespace
+
 struct Transaction::Handler {
     std::string_view name;
     void (Transaction::*run)();
@@ -128,9 +134,15 @@ bool Transaction::processUuidList(const PlugInHandler& handler) {
         const std::unique_ptr<const value::Uuid> uuid{new (std::nothrow) value::Uuid{*sent}};
         if (!uuid) return malformed("invalid request (uuid allocation failure)");
         const auto plugIn = server()->findPlugIn(*uuid);
-        if (!plugIn) return malformed("no such plugin (uuid not found)");
+        if (!plugIn) return malformed(kNoSuchPlugIn);
         return handler(plugIn);
     });
+}
+
+bool Transaction::mustBeCurrent(const VTDPlugIn& plugIn) {
+    if (server()->isCurrent(plugIn)) return true;
+    fail(VTErrorRequest, kNoSuchPlugIn);
+    return false;
 }
 
 bool Transaction::mayGoOn() {

@@ -66,6 +66,10 @@ public:
     // through; it never calls done(). What reading them costs is judged before the first is handed on.
     bool processUuidList(const PlugInHandler& handler);
 
+    // Whether what is installed is still what the record is of; else the request has failed as if nobody knew its UUID.
+    // To be asked before a record is acted on: what goes from the disk is noticed only moments later.
+    bool mustBeCurrent(const VTDPlugIn& plugIn);
+
     // Whether there is effort left; else the request has failed.
     bool mayGoOn();
 

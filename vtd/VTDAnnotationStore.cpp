@@ -77,9 +77,13 @@ value::Dictionary merged(const std::optional<value::Dictionary>& record, const v
     return std::move(names).build();
 }
 
-// What is there and is no file: a device, a pipe, a directory. Whoever names such a thing is told at once.
+// What is there and is no file (a device, a pipe, a directory), or no name for one. Whoever names such a thing is told
+// at once.
 std::optional<value::Error> refuseUnlessFile(const std::string& path) {
     struct stat status {};
+    if (const auto target = file::finalPath(path); !target && target.error().code == EISDIR) {
+        return VTErrorWithFormat(VTErrorConfiguration, "annotations cannot be kept in \"{}\": it names no file", path);
+    }
     const bool isFile = ::stat(path.c_str(), &status) != 0 || S_ISREG(status.st_mode);
     if (isFile) return {};
     return VTErrorWithFormat(VTErrorConfiguration, "annotations cannot be kept in {}: it is no regular file", path);
@@ -136,7 +140,7 @@ std::string VTDAnnotationStore::defaultDatabaseURL() {
         logging::internalInconsistency(text::format("unable to locate user directory: errno {}", ENAMETOOLONG), kUnit);
     }
     const std::string directory = state + "/halvern.velto/";
-    if (const auto error = file::makeDirectories(directory, 0700)) {
+    if (const auto error = file::makeDirectories(directory, 0700, file::Durability::synced)) {
         logging::internalInconsistency(text::format("unable to create plugin annotations directory:{} error:{}",
                                                     directory, error->localizedDescription()),
                                        kUnit);
@@ -208,11 +212,12 @@ std::optional<value::Error> VTDAnnotationStore::saveDb() {
     if (auto error = writeFile()) return error;
     isChanged_ = false;
     unsaved_.clear();
-    for (const auto& [annotationKey, record] : table_) {
-        if (record.leftOut) return record.leftOut;
-    }
     saved_ = file::stampOf(annotationsURL_);
-    return {};
+    std::optional<value::Error> leftOut;
+    for (auto& [annotationKey, record] : table_) {
+        if (!std::exchange(record.isTold, true) && record.leftOut) leftOut = record.leftOut;
+    }
+    return leftOut;
 }
 
 std::optional<value::Error> VTDAnnotationStore::writeFile() const {
@@ -341,7 +346,8 @@ std::optional<value::Error> VTDAnnotationStore::merge(const Annotation& annotati
         return VTErrorWithFormat(VTErrorRequest, "annotations exceed {} bytes as stored", kLargestTable);
     }
     // By the text: 1 and true are equal numbers, but not the same choice for who reads the file.
-    const bool isSame = before != nullptr && !before->leftOut && !record.leftOut && *before->lines == *record.lines;
+    const bool isSame = before != nullptr && before->leftOut == record.leftOut && *before->lines == *record.lines;
+    record.isTold = isSame && before->isTold;
     isChanged_ = isChanged_ || !isSame;
     replace(annotationKey, std::move(record));
     return {};

@@ -53,7 +53,8 @@ public:
     // The table becomes the file's. On failure the table stays as it is.
     [[nodiscard]] std::optional<value::Error> loadDb();
 
-    // Replaces the file by the table, atomically and durably.
+    // Replaces the file by the table, atomically and durably. What no property list can hold is left out, and is an
+    // error of the first save that leaves it out.
     [[nodiscard]] std::optional<value::Error> saveDb();
 
     std::optional<value::Dictionary> annotationForIdentifier(const std::string& annotationKey) const;
@@ -87,6 +88,7 @@ private:
         std::string keyLine;                       // empty: of a key that no list can hold
         std::shared_ptr<const std::string> lines;  // of what a list can hold, shared by records of equal content
         std::optional<value::Error> leftOut;       // what of it no list can hold
+        bool isTold = false;                       // a save has said so
 
         std::size_t size() const { return keyLine.size() + lines->size(); }
     };

@@ -11,6 +11,7 @@
 #include "Velto/VTInfoKeys.h"
 #include "Velto/VTIssueReadExtension.h"
 #include "Velto/VTProtocol.h"
+#include "Velto/VTValueHelpers.h"
 #include "platform/effort/Effort.h"
 #include "platform/logging/Log.h"
 #include "platform/plist/Plist.h"
@@ -35,9 +36,7 @@ std::int32_t wholeSeconds(value::Date date) {
 }
 
 std::uint32_t protocolVersion(const value::Dictionary& top, const value::Dictionary& bundleInfo) {
-    const value::Value* declared = top.find(VTInfoKey::hubProtocolVersion);
-    const auto number = declared != nullptr ? declared->integerValue() : std::nullopt;
-    if (number) return static_cast<std::uint32_t>(*number);
+    if (const auto declared = numberIn<std::uint32_t>(top, VTInfoKey::hubProtocolVersion)) return *declared;
     return bundleInfo.contains(VTInfoKey::oldStyle) ? kOldStyleProtocol : kCurrentProtocol;
 }
 
@@ -91,11 +90,12 @@ std::shared_ptr<VTDPlugIn> VTDPlugIn::initWithDVData(const std::shared_ptr<const
         return nullptr;
     }
     plugIn->setDvproxy(proxy);
-    plugIn->setIsAsRegistered(info.isAsKnown);
     plugIn->setOriginalIdentifier(proxy->originalIdentifier());
     plugIn->setLastModified(wholeSeconds(proxy->registrationDate()));
     plugIn->setOnSystemVolume(proxy->onSystemPartition());
     plugIn->resolveSDK();
+    plugIn->setIsAsRegistered(info.isAsKnown && plugIn->sdkDigest() == proxy->fingerprint().sdk);
+    if (!plugIn->isAsRegistered()) refusal = Refusal::passing;
     plugIn->setHubProtocolVersion(protocolVersion(plugIn->topDictionary(), plugIn->bundleInfoDictionary()));
     if (const auto container = proxy->containingBundle()) plugIn->setContainingUrl(container->bundlePath);
     if (const auto error = plugIn->diagnose()) {
@@ -104,6 +104,21 @@ std::shared_ptr<VTDPlugIn> VTDPlugIn::initWithDVData(const std::shared_ptr<const
         return nullptr;
     }
     return plugIn;
+}
+
+std::shared_ptr<VTDPlugIn> VTDPlugIn::initWithImage(const std::shared_ptr<const dravo::DVVeltoProxy>& proxy) {
+    auto kept = proxy->image(VTRecordImage::check);
+    if (!kept) return nullptr;
+    auto plugIn = std::make_shared<VTDPlugIn>();
+    plugIn->setupWithImage(VTRecordImage{kept->bytes, std::move(kept->owner)}, proxy->pluginUUID());
+    plugIn->setDvproxy(proxy);
+    plugIn->setIsAsRegistered(true);
+    return plugIn->isData() || proxy->hasDataContainer() ? plugIn : nullptr;
+}
+
+void VTDPlugIn::keepImage() const {
+    if (!isAsRegistered()) return;
+    if (const auto image = VTRecordImage::compile(*this)) dvproxy()->keepImage(*image);
 }
 
 value::Dictionary VTDPlugIn::prunedInfoDictionaryFor(const std::optional<value::Dictionary>& info) {
@@ -136,8 +151,8 @@ std::string VTDPlugIn::localizedContainingName() const {
 // --- Entitlements
 
 std::optional<value::Value> VTDPlugIn::valueForEntitlement(std::string_view name) const {
-    const value::Dictionary held = entitlements();
-    const value::Value* found = held.find(name);
+    const auto proxy = dvproxy();
+    const value::Value* found = proxy->entitlements().find(name);
     return found != nullptr ? std::optional{*found} : std::nullopt;
 }
 
@@ -154,7 +169,7 @@ std::string VTDPlugIn::annotationKey() const {
 
 std::optional<value::Error> VTDPlugIn::diagnose() const {
     if (auto error = VTPlugInCore::diagnose()) return error;
-    if (!isData() && !dvproxy()->dataContainerPath()) {
+    if (!isData() && !dvproxy()->hasDataContainer()) {
         return VTError(VTErrorConfiguration, "this plug-in has no sandbox data container");
     }
     return {};
@@ -163,8 +178,8 @@ std::optional<value::Error> VTDPlugIn::diagnose() const {
 // --- Shared resources
 
 void VTDPlugIn::augmentForm(VTForm& form) const {
-    const value::Value* shared = plugInDictionary().find(VTInfoKey::shared);
-    const bool namesResources = shared != nullptr && (shared->string() != nullptr || shared->array() != nullptr);
+    const auto shared = plugInValue(VTInfoKey::shared);
+    const bool namesResources = shared && (shared->string() != nullptr || shared->array() != nullptr);
     if (namesResources) form.set(VTFormKey::extensions, issueResourceExtensions(*shared));
 }
 
@@ -179,15 +194,22 @@ value::Dictionary VTDPlugIn::issueResourceExtensions(const value::Value& shared)
     }
 
     const std::string root = url();
-    const auto bundle = dvproxy()->openBundle();
+    const auto proxy = dvproxy();
+    const file::Identity identity = proxy->bundleIdentity();
+    std::optional<value::Result<file::UniqueFd>> bundle;  // opened when somebody asks for what is in it
+    const auto issue = [&](const std::string& name) -> std::optional<std::string> {
+        if (name == "." && identity.isKnown()) return VTIssueReadExtension(root, identity);
+        if (!bundle) bundle = proxy->openBundle();
+        errno = *bundle ? 0 : static_cast<int>(bundle->error().code);
+        return *bundle ? VTIssueReadExtension(**bundle, root, name) : std::nullopt;
+    };
     value::Dictionary::Builder extensions;
     extensions.reserve(names.size());
     std::size_t refused = 0;
     for (const value::Value& element : names) {
         const std::string* name = element.string();
         if (name == nullptr) continue;
-        errno = bundle ? 0 : static_cast<int>(bundle.error().code);
-        if (const auto token = bundle ? VTIssueReadExtension(*bundle, root, *name) : std::nullopt) {
+        if (const auto token = issue(*name)) {
             extensions.set(*name, *token);
         } else if (++refused <= kRefusedNamesLogged) {
             const std::string target = *name == "." ? root : root + '/' + *name;
@@ -205,8 +227,8 @@ value::Dictionary VTDPlugIn::issueResourceExtensions(const value::Value& shared)
 }
 
 std::uint64_t VTDPlugIn::priceOfTokens() const {
-    const value::Value* const shared = plugInDictionary().find(VTInfoKey::shared);
-    if (shared == nullptr) return 0;
+    const auto shared = plugInValue(VTInfoKey::shared);
+    if (!shared) return 0;
     if (shared->string() != nullptr) return sandbox::kUnitsAToken;
     return shared->array() != nullptr ? shared->array()->size() * sandbox::kUnitsAToken : 0;
 }

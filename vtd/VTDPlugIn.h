@@ -52,22 +52,38 @@ public:
     static std::shared_ptr<VTDPlugIn> initWithDVData(const std::shared_ptr<const dravo::DVVeltoProxy>& proxy,
                                                      BundleInfo& bundleInfo, Refusal& refusal);
 
+    // The same from the image that was kept of it (DVVeltoProxy::image); null when there is none, or its plug-in wants
+    // a look at the disk. No file of the bundle is read.
+    static std::shared_ptr<VTDPlugIn> initWithImage(const std::shared_ptr<const dravo::DVVeltoProxy>& proxy);
+
+    // Keeps an image of the record with the registry's, for whoever comes next.
+    void keepImage() const;
+
     // The dictionary without the build tools' keys ("DT..."); empty for none.
     static value::Dictionary prunedInfoDictionaryFor(const std::optional<value::Dictionary>& info);
 
-    // Whether it was made of what the registry knows. Else Info.plist was changing just then: the record serves whoever
-    // asked, but nobody would announce when it no longer says what the disk does.
+    // Whether it was made of what the registry knows. Else Info.plist or the SDK was changing just then: the record
+    // serves whoever asked, but nobody would announce when it no longer says what the disk does.
     bool isAsRegistered() const { return isAsRegistered_.load(); }
     void setIsAsRegistered(bool value) { isAsRegistered_.store(value); }
 
     // --- Display names: the registry's, asked until it knows one. Empty while it does not.
 
     std::string localizedName() const override;
-    void setLocalizedName(std::string value) override { localizedName_.store(std::move(value)); }
+    void setLocalizedName(std::string value) override {
+        localizedName_.store(std::move(value));
+        noteOwnNames();
+    }
     std::string localizedShortName() const override;
-    void setLocalizedShortName(std::string value) override { localizedShortName_.store(std::move(value)); }
+    void setLocalizedShortName(std::string value) override {
+        localizedShortName_.store(std::move(value));
+        noteOwnNames();
+    }
     std::string localizedContainingName() const override;
-    void setLocalizedContainingName(std::string value) override { localizedContainingName_.store(std::move(value)); }
+    void setLocalizedContainingName(std::string value) override {
+        localizedContainingName_.store(std::move(value));
+        noteOwnNames();
+    }
 
     // --- Shared resources
 

@@ -34,8 +34,8 @@ std::optional<std::string> VTDPlugIn::allowForClient(const VTDMoxClient& client,
             return "the host's plug-in entitlement does not allow this plug-in";
         }
     }
-    const value::Value* demanded = plugInDictionary().find(VTInfoKey::hostEntitlement);
-    if (demanded != nullptr && !holds(client, *demanded)) {
+    const auto demanded = plugInValue(VTInfoKey::hostEntitlement);
+    if (demanded && !holds(client, *demanded)) {
         return text::format("the host does not have the \"{}\" entitlement", value::description(*demanded));
     }
     if (ageRestricted(maximumRating)) return "the containing Application is age restricted";

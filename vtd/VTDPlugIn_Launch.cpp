@@ -58,8 +58,9 @@ const char* sandboxProfile(const VTDPlugIn& plugIn) {
 }
 
 // What the plug-in asks for itself goes over the daemon's entries. An environment holds texts: anything else in it is
-// passed over.
-value::Dictionary environment(const std::optional<std::string>& dataContainer, const value::Dictionary* own) {
+// passed over, and said.
+value::Dictionary environment(const VTDPlugIn& plugIn, const std::optional<std::string>& dataContainer,
+                              const value::Dictionary* own) {
     value::Dictionary::Builder made;
     if (dataContainer) {
         made.set(kHome, *dataContainer);
@@ -69,8 +70,17 @@ value::Dictionary environment(const std::optional<std::string>& dataContainer, c
     constexpr auto& kSdk = VTPlugInCore::kSdkDirectoryVariable;
     if (const char* sdk = std::getenv(kSdk)) made.set(kSdk, sdk);
     if (own == nullptr) return std::move(made).build();
+    std::string others;
     for (const value::Dictionary::Entry& entry : *own) {
-        if (entry.value.string() != nullptr) made.set(entry.key, entry.value);
+        if (entry.value.string() != nullptr) {
+            made.set(entry.key, entry.value);
+        } else {
+            others += (others.empty() ? "" : ", ") + entry.key;
+        }
+    }
+    if (!others.empty()) {
+        logging::notice(text::format("ignoring environment variables of plug-in {}({}) that are no texts: {}",
+                                     plugIn.identifier(), plugIn.version(), others));
     }
     return std::move(made).build();
 }
@@ -102,8 +112,9 @@ std::optional<value::Error> VTDPlugIn::enableForPid(pid_t pid) const {
     const value::Dictionary info = bundleInfoDictionary();
     const value::Dictionary* const ownService = info.dictionary(VTInfoKey::moxService);
     value::Dictionary::Builder service{ownService != nullptr ? *ownService : value::Dictionary{}};
-    service.set(kEnvironmentKey,
-                environment(dataContainer, ownService != nullptr ? ownService->dictionary(kEnvironmentKey) : nullptr));
+    service.set(
+        kEnvironmentKey,
+        environment(*this, dataContainer, ownService != nullptr ? ownService->dictionary(kEnvironmentKey) : nullptr));
     service.set(kProfileKey, profile);
     service.set(kOmitParametersKey, true);
     logging::notice(text::format("assigning plug-in {}({}) to {} sandbox", name, version(), profile));

@@ -69,10 +69,7 @@ bool VTDPlugIn::isMet(const rules::Rules& rules, const rules::Rules::Rule& rule,
         }
         case rules::Attribute::other: break;
     }
-    const value::Dictionary own = attributes();
-    if (const value::Value* found = own.find(rule.name)) return rules::isMet(rules, rule, found, complaints);
-    const value::Dictionary info = bundleInfoDictionary();
-    return rules::isMet(rules, rule, info.find(rule.name), complaints);
+    return withAttribute(rule.name, [&](auto found) { return rules::isMet(rules, rule, found, complaints); });
 }
 
 bool VTDPlugIn::matchValuePatterns(std::string_view value, const value::Value& patterns) const {

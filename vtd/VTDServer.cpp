@@ -1,5 +1,8 @@
 #include "vtd/VTDServer.h"
 
+#include <algorithm>
+
+#include "platform/file/File.h"
 #include "platform/paths/Paths.h"
 #include "platform/queue/Reactor.h"
 #include "platform/readiness/Readiness.h"
@@ -13,6 +16,13 @@ namespace {
 VTAtomic<std::weak_ptr<VTDServer>>& sharedServer() {
     static VTAtomic<std::weak_ptr<VTDServer>> server;
     return server;
+}
+
+// Of the runtime directory nobody else is let in; these may be shared on purpose, so that it is only said.
+void warnOfExposed(const std::string& directory) {
+    if (const auto exposure = file::exposureOf(directory)) {
+        logging::warning(text::format("{}: who can write there can change what is kept there", *exposure));
+    }
 }
 
 }  // namespace
@@ -32,6 +42,14 @@ std::shared_ptr<VTDServer> VTDServer::initForService(const std::string& service,
     if (!annotations) {
         logging::error(annotations.error().localizedDescription());
         return nullptr;
+    }
+    warnOfExposed(paths::directories().state);
+    warnOfExposed(paths::directories().config);
+    if (const auto file = file::finalPath((*annotations)->annotationsURL())) {
+        const std::size_t slash = file->rfind('/');
+        const std::string directory =
+            slash == std::string::npos ? "." : file->substr(0, std::max<std::size_t>(slash, 1));
+        if (directory != paths::directories().state) warnOfExposed(directory);
     }
     std::shared_ptr<VTDServer> server{new VTDServer{*std::move(annotations), *std::move(workspace), service}};
     // In this order: an earlier run's registrations are known, and the delegate is there, before the registry tells of

@@ -1,6 +1,8 @@
 #include "vtd/VTDatabase.h"
 
 #include <algorithm>
+#include <cerrno>
+#include <iterator>
 #include <limits>
 #include <utility>
 
@@ -46,6 +48,9 @@ VTDatabase::~VTDatabase() = default;
 
 void VTDatabase::observeWorkspace() {
     workspace()->addObserver(shared_from_this());
+    if (auto all = workspace()->installedPlugins()) {
+        makeImages(std::make_shared<const dravo::PluginList>(*std::move(all)), 0);
+    }
 }
 
 void VTDatabase::checkOnSync(const char* operation) const {
@@ -109,6 +114,29 @@ std::optional<VTDatabase::PlugIns> VTDatabase::plugInsWithinApplication(const st
     return plugIns;
 }
 
+bool VTDatabase::isDeparting(const std::shared_ptr<const dravo::DVVeltoProxy>& proxy) const {
+    const auto announced = departing_.find(proxy->pluginUUID());
+    return announced != departing_.end() && announced->second.lock() == proxy;
+}
+
+bool VTDatabase::isCurrent(const VTDPlugIn& plugIn) const {
+    constexpr int kGone[] = {ENOENT, ENOTDIR, ELOOP, ESTALE};
+    const auto proxy = plugIn.dvproxy();
+    const bool isKnown = _sync()->sync([&] {
+        const auto known = workspace()->plugin(plugIn.uuid());
+        // The registry may have looked again without having found anything new.
+        return known && !isDeparting(known) && known->fingerprint() == proxy->fingerprint();
+    });
+    const auto directory = isKnown ? proxy->openBundle() : value::posixError(ENOENT, plugIn.path());
+    const bool isGone = !directory && directory.error().domain == "posix" &&
+                        std::count(std::begin(kGone), std::end(kGone), directory.error().code) > 0;
+    if (isGone) {
+        logging::notice(text::format("plug-in {} at {} is going, or another lies in its place: {}", plugIn.identifier(),
+                                     plugIn.path(), directory.error().localizedDescription()));
+    }
+    return !isGone;
+}
+
 void VTDatabase::noteCostlyPlugIn(const VTDPlugIn& plugIn) {
     if (!_sync()->sync([&] { return notes_.noteCosts(plugIn.dvproxy()); })) return;
     logging::notice(
@@ -126,26 +154,55 @@ std::shared_ptr<VTDPlugIn> VTDatabase::createPlugInForProxy(const std::shared_pt
 std::shared_ptr<VTDPlugIn> VTDatabase::createPlugInForProxy(const std::shared_ptr<const dravo::DVVeltoProxy>& proxy,
                                                             BundleInfo& bundleInfo) {
     checkOnSync("createPlugInForProxy");
-    if (notes_.refusal(proxy) != nullptr) return nullptr;
+    if (notes_.sayRefusal(proxy)) return nullptr;
     // How often records are built is the cache's matter, and not that of the request that happens to need one.
     effort::Account ours{std::numeric_limits<std::uint64_t>::max()};
     const effort::Charging charging{ours};
-    logging::Transcript transcript;
-    VTDPlugIn::Refusal refusal{};
-    auto plugIn = VTDPlugIn::initWithDVData(proxy, bundleInfo, refusal);
-    if (!plugIn) {
-        if (refusal == VTDPlugIn::Refusal::lasting) notes_.noteRefusal(proxy, std::move(transcript).lines());
-        return nullptr;
-    }
+    auto plugIn = VTDPlugIn::initWithImage(proxy);
+    if (!plugIn) plugIn = buildPlugIn(proxy, bundleInfo, logging::Transcript::Writing::now);
+    if (!plugIn) return nullptr;
     plugIn->setAnnotationSource(weak_from_this());
     if (plugIn->hasEntitlement(kAutoElectEntitlement)) autoElect(*plugIn);
-    std::erase_if(departing_, [](const auto& announced) { return announced.expired(); });
-    const bool departing = std::any_of(departing_.begin(), departing_.end(),
-                                       [&](const auto& announced) { return announced.lock() == proxy; });
-    if (departing || !plugIn->isAsRegistered()) return plugIn;
+    if (isDeparting(proxy) || !plugIn->isAsRegistered()) return plugIn;
     purgeCachesToLimit(static_cast<std::int32_t>(cacheLimit()));
     cache_[plugIn->uuid()] = plugIn;
     return plugIn;
+}
+
+std::shared_ptr<VTDPlugIn> VTDatabase::buildPlugIn(const std::shared_ptr<const dravo::DVVeltoProxy>& proxy,
+                                                   BundleInfo& bundleInfo, logging::Transcript::Writing writing) {
+    logging::Transcript transcript{writing};
+    VTDPlugIn::Refusal refusal{};
+    auto plugIn = VTDPlugIn::initWithDVData(proxy, bundleInfo, refusal);
+    if (!plugIn) {
+        const auto said = writing == logging::Transcript::Writing::now ? RecordNotes::Said::yes : RecordNotes::Said::no;
+        if (refusal == VTDPlugIn::Refusal::lasting) notes_.noteRefusal(proxy, std::move(transcript).lines(), said);
+        return nullptr;
+    }
+    plugIn->keepImage();
+    // A view of the image is much smaller than what it was made of.
+    auto view = VTDPlugIn::initWithImage(proxy);
+    return view ? view : plugIn;
+}
+
+// A few at a time, behind whoever waits for the queue meanwhile. What cannot be used is found out here too; the log
+// says so when somebody asks for it.
+void VTDatabase::makeImages(std::shared_ptr<const dravo::PluginList> plugIns, std::size_t begin) {
+    constexpr std::size_t kInATurn = 4;
+    if (begin >= plugIns->size()) return;
+    _sync()->async([weak = weak_from_this(), plugIns = std::move(plugIns), begin] {
+        const auto self = weak.lock();
+        if (!self) return;
+        const std::size_t end = std::min(plugIns->size(), begin + kInATurn);
+        BundleInfo bundleInfo;
+        for (std::size_t i = begin; i < end; ++i) {
+            const auto& proxy = (*plugIns)[i];
+            if (!proxy->bundlePath() || self->notes_.refusal(proxy) != nullptr || VTDPlugIn::initWithImage(proxy))
+                continue;
+            self->buildPlugIn(proxy, bundleInfo, logging::Transcript::Writing::later);
+        }
+        self->makeImages(plugIns, end);
+    });
 }
 
 void VTDatabase::purgeCachesToLimit(std::int32_t limit) {
@@ -216,15 +273,16 @@ void VTDatabase::autoElect(const VTDPlugIn& plugIn) {
 
 void VTDatabase::pluginsDidInstall(const dravo::PluginList& plugIns) {
     for (const auto& plugIn : plugIns) logRegistryNotice("INSTALLED", *plugIn);
+    makeImages(std::make_shared<const dravo::PluginList>(plugIns), 0);
 }
 
 void VTDatabase::pluginsWillUninstall(const dravo::PluginList& plugIns) {
     _sync()->sync([&] {
-        std::erase_if(departing_, [](const auto& announced) { return announced.expired(); });
+        std::erase_if(departing_, [](const auto& announced) { return announced.second.expired(); });
         for (const auto& plugIn : plugIns) {
             logRegistryNotice("UNINSTALLED", *plugIn);
             cache_.erase(plugIn->pluginUUID());
-            departing_.emplace_back(plugIn);
+            departing_.insert_or_assign(plugIn->pluginUUID(), plugIn);
         }
     });
     if (const auto delegate = this->delegate()) delegate->removedPlugIns(plugIns);

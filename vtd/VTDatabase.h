@@ -11,6 +11,7 @@
 
 #include "Velto/VTAtomic.h"
 #include "platform/dravo/Dravo.h"
+#include "platform/logging/Log.h"
 #include "platform/queue/SerialQueue.h"
 #include "platform/value/Value.h"
 #include "vtd/RecordNotes.h"
@@ -64,9 +65,14 @@ public:
 
     // The candidates of a discovery request: each plug-in once, in the registry's order. A pre-selection by those rules
     // that name identifiers, extension points and elections literally; leaves out what the rules accept only where the
-    // election filter is narrower than they are (it compares the low byte, as text). Nothing
-    // when the registry has no list.
+    // election filter is narrower than they are (it compares the low byte, as text). Nothing when the registry has no
+    // list.
     std::optional<PlugIns> findPlugIns(const rules::Rules& rules);
+
+    // Whether the record is of what is installed now: its directory is still that directory, and the registry has
+    // neither announced that the plug-in goes nor made another record since. For whoever acts on a record; what cannot
+    // be looked at counts as there.
+    bool isCurrent(const VTDPlugIn& plugIn) const;
 
     // A discovery left the plug-in out for what it costs: said once for the registry's record.
     void noteCostlyPlugIn(const VTDPlugIn& plugIn);
@@ -143,8 +149,14 @@ protected:
 
 private:
     void checkOnSync(const char* operation) const;
+    bool isDeparting(const std::shared_ptr<const dravo::DVVeltoProxy>& proxy) const;  // on _sync
     std::shared_ptr<VTDPlugIn> plugInForProxy(const std::shared_ptr<const dravo::DVVeltoProxy>& proxy,
                                               BundleInfo& bundleInfo);
+    std::shared_ptr<VTDPlugIn> buildPlugIn(const std::shared_ptr<const dravo::DVVeltoProxy>& proxy,
+                                           BundleInfo& bundleInfo, logging::Transcript::Writing writing);
+
+    // Makes the images that are missing, from the place in the list on.
+    void makeImages(std::shared_ptr<const dravo::PluginList> plugIns, std::size_t begin);
 
     VTAtomic<std::weak_ptr<VTDatabaseDelegate>> delegate_;
     VTAtomic<std::uint32_t> cacheLimit_{0};
@@ -158,5 +170,5 @@ private:
     bool leavesElectionsOut_ = false;  // the last automatic election was refused
     // Announced as going but still known to the registry: a record built of one now is not kept, since nobody would
     // announce again that it is stale.
-    std::vector<std::weak_ptr<const dravo::DVVeltoProxy>> departing_;
+    std::unordered_map<value::Uuid, std::weak_ptr<const dravo::DVVeltoProxy>> departing_;
 };

@@ -1,8 +1,9 @@
+#include <bit>
 #include <bitset>
 #include <charconv>
+#include <functional>
 #include <string>
 #include <system_error>
-#include <unordered_set>
 #include <utility>
 #include <vector>
 
@@ -59,6 +60,27 @@ private:
     bool isPlaceholder_ = false;
 };
 
+// UUIDs, in one piece of memory: a set of nodes costs more than all else that a candidate needs here.
+class UuidSet {
+public:
+    explicit UuidSet(std::size_t most) : slots_(std::bit_ceil(2 * most + 1)), isUsed_(slots_.size()) {}
+
+    // Whether it was not there; no more than `most` may be added.
+    bool add(const value::Uuid& uuid) {
+        std::size_t at = std::hash<value::Uuid>{}(uuid) & (slots_.size() - 1);
+        for (; isUsed_[at]; at = (at + 1) & (slots_.size() - 1)) {
+            if (slots_[at] == uuid) return false;
+        }
+        slots_[at] = uuid;
+        isUsed_[at] = true;
+        return true;
+    }
+
+private:
+    std::vector<value::Uuid> slots_;
+    std::vector<bool> isUsed_;
+};
+
 }  // namespace
 
 std::optional<VTDatabase::PlugIns> VTDatabase::findPlugIns(const rules::Rules& rules) {
@@ -88,13 +110,13 @@ std::optional<VTDatabase::PlugIns> VTDatabase::findPlugIns(const rules::Rules& r
 
     PlugIns candidates;
     candidates.reserve(proxies->size());
-    std::unordered_set<value::Uuid> seen{proxies->size()};
+    UuidSet seen{proxies->size()};
     Installing isStillInstalling;
     BundleInfo bundleInfo;
     for (const auto& proxy : *proxies) {
         if (!proxy->bundlePath() || isStillInstalling(*proxy)) continue;
         auto plugIn = plugInForProxy(proxy, bundleInfo);
-        if (plugIn && seen.insert(plugIn->uuid()).second) candidates.push_back(std::move(plugIn));
+        if (plugIn && seen.add(plugIn->uuid())) candidates.push_back(std::move(plugIn));
     }
     return candidates;
 }

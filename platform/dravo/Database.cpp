@@ -139,6 +139,11 @@ std::int64_t Statement::number(int column) const {
     return sqlite3_column_int64(statement_.get(), column);
 }
 
+std::optional<std::int64_t> Statement::optionalNumber(int column) const {
+    if (sqlite3_column_type(statement_.get(), column) == SQLITE_NULL) return {};
+    return number(column);
+}
+
 double Statement::real(int column) const {
     return sqlite3_column_double(statement_.get(), column);
 }

@@ -58,6 +58,7 @@ public:
     [[nodiscard]] std::optional<value::Error> run();  // a statement without rows, made ready for the next run
 
     std::int64_t number(int column) const;
+    std::optional<std::int64_t> optionalNumber(int column) const;
     double real(int column) const;
     std::string text(int column) const;  // empty when there is none
     std::optional<std::string> optionalText(int column) const;

@@ -9,6 +9,7 @@
 #include <utility>
 #include <vector>
 
+#include "platform/file/Identity.h"
 #include "platform/file/UniqueFd.h"
 #include "platform/value/Value.h"
 
@@ -49,6 +50,23 @@ struct DVBundleReading {
                              // long as the record
 };
 
+// What the registry's user has worked out of a plug-in's record, as bytes that mean something to it only.
+struct DVImage {
+    using IsSound = bool (*)(std::span<const std::byte> bytes);
+
+    std::span<const std::byte> bytes;   // aligned like anything that is allocated
+    std::shared_ptr<const void> owner;  // keeps them where they are
+};
+
+// All that a plug-in's record is made of. What was derived from one record holds for every other whose fingerprint is
+// the same: digests that do not depend on the process, nor on when the files were written.
+struct DVFingerprint {
+    std::uint64_t info = 0;  // of Info.plist's bytes
+    std::uint64_t entitlements = 0;
+    std::uint64_t sdk = 0;  // of what its extension point registers: sdk::Part's
+    friend bool operator==(const DVFingerprint&, const DVFingerprint&) = default;
+};
+
 // An installed plug-in: one record for each identifier of a bundle. Its original identifier is the bundle's, else its
 // own. Immutable; dictionaries that the registry keeps may be read again from disk when they were dropped.
 class DVVeltoProxy {
@@ -61,6 +79,7 @@ public:
     // this descriptor. ESTALE when another directory has taken its place or its application's, ELOOP when a link has.
     virtual value::Result<file::UniqueFd> openBundle() const = 0;
     virtual value::Result<DVBundleReading> readInfo() const = 0;  // beneath that directory
+    virtual file::Identity bundleIdentity() const = 0;            // of it; it may be unknown
 
     virtual const value::Uuid& pluginUUID() const = 0;
     virtual const std::string& pluginIdentifier() const = 0;
@@ -73,8 +92,20 @@ public:
     virtual std::optional<DVBundleProxy> containingBundle() const = 0;
     virtual std::optional<std::string> localizedName() const = 0;
     virtual std::optional<std::string> localizedShortName() const = 0;
-    virtual value::Dictionary entitlements() const = 0;
-    virtual std::optional<std::string> dataContainerPath() const = 0;  // nothing while it cannot be made
+    virtual const value::Dictionary& entitlements() const = 0;
+    virtual DVFingerprint fingerprint() const = 0;  // as the registry knows them, not as they are on the disk by now
+
+    // The data container is looked at, and made when it is missing: nothing while that cannot be done. Whether there
+    // was one when anybody last looked is known without a look once it was there.
+    virtual std::optional<std::string> dataContainerPath() const = 0;
+    virtual bool hasDataContainer() const = 0;
+
+    // The image that was last kept for the record, in this run or an earlier one, as long as nothing that it could have
+    // been made of has changed: what the record says, its application, its bundle's files, its extension point's SDK,
+    // the program. It may be gone at any time, and is then made again. Kept images are derived data in a file
+    // (Images.h).
+    virtual std::optional<DVImage> image(DVImage::IsSound isSound) const = 0;
+    virtual void keepImage(std::span<const std::byte> bytes) const = 0;
 };
 
 using PluginList = std::vector<std::shared_ptr<const DVVeltoProxy>>;
@@ -146,8 +177,8 @@ public:
     virtual std::shared_ptr<const DVVeltoProxy> plugin(const value::Uuid& uuid) const = 0;  // null: none
 
     // Paths here and below are canonical (file::canonicalPath): they are compared, and not resolved again.
-    virtual std::shared_ptr<const DVVeltoProxy> pluginAtPath(
-        const std::string& path) const = 0;  // the first of its bundle
+    // A plug-in is the first of its bundle.
+    virtual std::shared_ptr<const DVVeltoProxy> pluginAtPath(const std::string& path) const = 0;
     virtual std::shared_ptr<const DVApplicationProxy> applicationAtPath(const std::string& path) const = 0;
     virtual PluginList pluginsOf(const DVApplicationProxy& application) const = 0;
 

@@ -2,9 +2,7 @@
 
 #include <algorithm>
 
-#include "platform/dravo/Facts.h"
 #include "platform/dravo/InfoFile.h"
-#include "platform/paths/Paths.h"
 #include "platform/sdk/SdkRegistry.h"
 
 namespace dravo {
@@ -14,17 +12,6 @@ namespace {
 constexpr std::size_t kRepeats = 4;  // of one name, on average, before it is taken for an attempt to keep us busy
 constexpr std::size_t kSdkNamesLimit = 1000;
 constexpr std::size_t kKnownLimit = 100'000;  // extension points; names that come and go must not pile up
-
-std::vector<std::string> readNames(const std::string& extensionPoint) {
-    PointNames names{kSdkNamesLimit};
-    const auto registered = sdk::entry(extensionPoint);
-    if (registered && *registered) names.collect(**registered, "");
-    // Takes precedence where it is set; collecting both loses nothing.
-    if (const auto directory = sdk::testDirectory()) {
-        if (const auto entry = sdk::entryIn(*directory, extensionPoint)) names.collect(*entry, "");
-    }
-    return names.take();
-}
 
 }  // namespace
 
@@ -71,28 +58,37 @@ void PointNames::addText(const value::Value& value) {
     if (!tooMany_) names_.push_back(*text);
 }
 
-const std::vector<std::string>& SdkPointNames::of(const std::string& extensionPoint) {
-    if (names_.size() >= kKnownLimit) names_.clear();
-    const auto [at, isNew] = names_.try_emplace(extensionPoint);
-    if (isNew) at->second = readNames(extensionPoint);
+const SdkParts::Part& SdkParts::of(const std::string& extensionPoint) {
+    if (parts_.size() >= kKnownLimit) parts_.clear();
+    const auto [at, isNew] = parts_.try_emplace(extensionPoint);
+    if (isNew) at->second = read(extensionPoint);
     return at->second;
 }
 
-bool SdkPointNames::refresh() {
-    bool changed = false;
-    for (auto& [extensionPoint, names] : names_) {
-        auto now = readNames(extensionPoint);
-        if (now == names) continue;
-        names = std::move(now);
-        changed = true;
-    }
-    return changed;
+SdkParts::Part SdkParts::read(const std::string& extensionPoint) {
+    const sdk::Part part = sdk::part(extensionPoint);
+    isStale_ = isStale_ || part.isStale;
+    PointNames names{kSdkNamesLimit};
+    if (part.dictionary) names.collect(*part.dictionary, "");
+    return {part.digest, names.take()};
 }
 
-std::vector<std::string> SdkPointNames::directories() {
-    std::vector<std::string> directories{paths::directories().systemVolume + "/SDKs"};
-    if (auto directory = sdk::testDirectory()) directories.push_back(*std::move(directory));
-    return directories;
+std::uint64_t SdkParts::digestFor(const PlugInFacts& plugIn) {
+    return plugIn.extensionPoint ? of(*plugIn.extensionPoint).digest : 0;
+}
+
+void SdkParts::note(std::vector<PlugInFacts>& plugIns) {
+    for (PlugInFacts& plugIn : plugIns) plugIn.sdk = digestFor(plugIn);
+}
+
+bool SdkParts::areNotedIn(const std::vector<PlugInFacts>& plugIns) {
+    return std::all_of(plugIns.begin(), plugIns.end(),
+                       [this](const PlugInFacts& plugIn) { return plugIn.sdk == digestFor(plugIn); });
+}
+
+void SdkParts::refresh() {
+    isStale_ = false;
+    for (auto& [extensionPoint, part] : parts_) part = read(extensionPoint);
 }
 
 }  // namespace dravo

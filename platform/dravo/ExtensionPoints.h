@@ -1,11 +1,13 @@
 #pragma once
 
 #include <cstddef>
+#include <cstdint>
 #include <string>
 #include <unordered_map>
 #include <utility>
 #include <vector>
 
+#include "platform/dravo/Facts.h"
 #include "platform/value/Value.h"
 
 // The names under which hosts may ask for a plug-in's extension point. A rule on KXExtensionPointName reads the
@@ -37,17 +39,30 @@ private:
     bool tooMany_ = false;
 };
 
-// The names that the SDKs add, by extension point; read when first asked for. Not for use from several threads.
-class SdkPointNames {
+// What the SDKs of extension points have in the records of their plug-ins, as the registry has last seen it; read when
+// first asked for. Not for use from several threads.
+class SdkParts {
 public:
-    const std::vector<std::string>& of(const std::string& extensionPoint);
-    bool refresh();  // reads those known again; whether any changed
+    struct Part {
+        std::uint64_t digest = 0;        // sdk::Part's
+        std::vector<std::string> names;  // that it adds to the extension point's own
+    };
+    const Part& of(const std::string& extensionPoint);
 
-    // The directories whose files are read: the SDK registry's and, when it is set, VTTEST_SDK's.
-    static std::vector<std::string> directories();
+    void note(std::vector<PlugInFacts>& plugIns);              // in each what its SDK is
+    bool areNotedIn(const std::vector<PlugInFacts>& plugIns);  // as they are now
+
+    void refresh();  // reads those known again
+
+    // Whether one could not be looked at when it was last read: to be refreshed, though nothing may have changed.
+    bool isStale() const { return isStale_; }
 
 private:
-    std::unordered_map<std::string, std::vector<std::string>> names_;
+    Part read(const std::string& extensionPoint);
+    std::uint64_t digestFor(const PlugInFacts& plugIn);
+
+    std::unordered_map<std::string, Part> parts_;
+    bool isStale_ = false;
 };
 
 }  // namespace dravo

@@ -41,7 +41,7 @@ struct PlugInFacts {
     std::optional<std::string> extensionPoint;  // its KXExtensionPointIdentifier
     std::vector<std::string> pointNames;        // what the bundle has under KXExtensionPointName
     bool anyPoint = false;                      // too many names to keep: a candidate for every extension point
-    friend bool operator==(const PlugInFacts&, const PlugInFacts&) = default;
+    std::optional<std::uint64_t> sdk;  // the digest of its SDK (sdk::Part); nothing: stored before it was noted
 };
 
 struct BundleStamps {

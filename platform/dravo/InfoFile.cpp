@@ -1,8 +1,7 @@
 #include "platform/dravo/InfoFile.h"
 
-#include <string_view>
-
 #include "platform/bundle/Bundle.h"
+#include "platform/digest/Fnv1a.h"
 #include "platform/effort/Effort.h"
 #include "platform/file/File.h"
 #include "platform/plist/Plist.h"
@@ -12,12 +11,6 @@ namespace dravo {
 namespace {
 
 constexpr std::uint64_t kUnitsAByte = 2;  // to make values of it
-
-std::uint64_t digestOf(std::string_view bytes) {  // FNV-1a
-    std::uint64_t digest = 0xcbf29ce484222325;
-    for (const char byte : bytes) digest = (digest ^ static_cast<unsigned char>(byte)) * 0x100000001b3;
-    return digest;
-}
 
 }  // namespace
 
@@ -29,7 +22,7 @@ value::Result<InfoFile> readInfoFile(int bundleDirectory) {
     if (!root) return root.error();
     const value::Dictionary* const dictionary = (*root).dictionary();
     if (!dictionary) return value::Error{"dravo", 0, std::string{bundle::kInfoFile} + " is no dictionary"};
-    return InfoFile{*dictionary, digestOf(contents->bytes), contents->stamp, contents->settled};
+    return InfoFile{*dictionary, digest::fnv1a(contents->bytes), contents->stamp, contents->settled};
 }
 
 }  // namespace dravo

@@ -17,7 +17,7 @@ inline constexpr char kPointNameKey[] = "KXExtensionPointName";
 
 struct InfoFile {
     value::Dictionary dictionary;
-    std::uint64_t digest = 0;  // of the file's bytes; tells one content from another, not made to resist anybody
+    std::uint64_t digest = 0;  // of the file's bytes (digest::fnv1a)
     file::Stamp stamp;         // of the file that was read
     bool isSettled = false;    // of that stamp, when it was taken
 };

@@ -3,12 +3,15 @@
 #include <fcntl.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 
+#include "platform/digest/Fnv1a.h"
 #include "platform/dravo/DataContainers.h"
 #include "platform/dravo/InfoFile.h"
 #include "platform/file/Beneath.h"
 #include "platform/mounts/Mounts.h"
+#include "platform/mox/Encoder.h"
 
 namespace dravo {
 
@@ -20,6 +23,12 @@ constexpr int kDirectory = O_PATH | O_DIRECTORY | O_CLOEXEC;
 std::optional<value::Error> refusalToAsk(const std::string& path) {
     if (!mounts::mayNeverAnswer(path)) return {};
     return value::posixError(ESTALE, path);
+}
+
+bool samePlugIn(const PlugInFacts& a, const PlugInFacts& b) {
+    return a.uuid == b.uuid && a.identifier == b.identifier && a.registered == b.registered &&
+           a.extensionPoint == b.extensionPoint && a.pointNames == b.pointNames && a.anyPoint == b.anyPoint &&
+           (!a.sdk || !b.sdk || a.sdk == b.sdk);
 }
 
 }  // namespace
@@ -81,6 +90,10 @@ value::Result<DVBundleReading> PlugInRecord::readInfo() const {
     return DVBundleReading{info->dictionary, sameFile && info->digest == known.digest};
 }
 
+file::Identity PlugInRecord::bundleIdentity() const {
+    return bundle_.facts().identity;
+}
+
 const std::string& PlugInRecord::originalIdentifier() const {
     const std::string& original = bundle_.facts().identifier;
     return original.empty() ? facts_.identifier : original;
@@ -122,18 +135,70 @@ std::optional<std::string> PlugInRecord::localizedShortName() const {
     return bundle_.facts().shortName;
 }
 
-value::Dictionary PlugInRecord::entitlements() const {
+const value::Dictionary& PlugInRecord::entitlements() const {
     return bundle_.facts().entitlements;
 }
 
+DVFingerprint PlugInRecord::fingerprint() const {
+    mox::Encoder entitlements;
+    entitlements.value(bundle_.facts().entitlements);
+    const auto bytes = entitlements.bytes();
+    return {bundle_.facts().digest, digest::fnv1a({reinterpret_cast<const char*>(bytes.data()), bytes.size()}),
+            facts_.sdk.value_or(0)};
+}
+
 std::optional<std::string> PlugInRecord::dataContainerPath() const {
-    const auto index = static_cast<std::size_t>(this - bundle_.plugIns().data());
     const std::string& containers = bundle_.surroundings().containersPath;
-    if (!bundle_.hasContainer(index)) {
-        if (makeDataContainer(containers, facts_.identifier) != 0) return {};
-        bundle_.setHasContainer(index);
+    const bool isThere = makeDataContainer(containers, facts_.identifier) == 0;
+    bundle_.setHasContainer(index(), isThere);
+    return isThere ? std::optional{dravo::dataContainerPath(containers, facts_.identifier)} : std::nullopt;
+}
+
+bool PlugInRecord::hasDataContainer() const {
+    return bundle_.hasContainer(index()) || dataContainerPath().has_value();
+}
+
+std::size_t PlugInRecord::index() const {
+    return static_cast<std::size_t>(this - bundle_.plugIns().data());
+}
+
+Images::Key PlugInRecord::imageKey() const {
+    std::string madeOf;
+    const auto add = [&](std::string_view text) {
+        const std::uint64_t size = text.size();
+        madeOf.append(reinterpret_cast<const char*>(&size), sizeof size).append(text);
+    };
+    const auto addNumber = [&](const auto& number) { add({reinterpret_cast<const char*>(&number), sizeof number}); };
+    const auto addIfAny = [&](const std::optional<std::string>& text) {
+        addNumber(text.has_value());
+        if (text) add(*text);
+    };
+    const BundleFacts& bundle = bundle_.facts();
+    add(bundle_.path());
+    addNumber(bundle_.onSystemVolume());
+    addNumber(bundle.digest);
+    add(bundle.identifier);
+    addIfAny(bundle.displayName);
+    addIfAny(bundle.shortName);
+    add(facts_.identifier);
+    addNumber(facts_.registered);
+    addNumber(facts_.sdk.value_or(0));
+    if (const auto& application = bundle_.application()) {
+        add(application->bundlePath());
+        addIfAny(application->localizedName());
     }
-    return dravo::dataContainerPath(containers, facts_.identifier);
+    return {facts_.uuid, digest::fingerprint(std::as_bytes(std::span{madeOf}))};
+}
+
+std::optional<DVImage> PlugInRecord::image(DVImage::IsSound isSound) const {
+    Images& images = bundle_.surroundings().images;
+    Images::Place& place = bundle_.imagePlace(index());
+    if (auto known = images.at(place)) return known;
+    return images.find(imageKey(), place, isSound);
+}
+
+void PlugInRecord::keepImage(std::span<const std::byte> bytes) const {
+    bundle_.surroundings().images.keep(imageKey(), bytes, bundle_.imagePlace(index()));
 }
 
 BundleRecord::BundleRecord(BundlePlace place, BundleFacts facts, std::shared_ptr<Surroundings> surroundings)
@@ -142,7 +207,8 @@ BundleRecord::BundleRecord(BundlePlace place, BundleFacts facts, std::shared_ptr
       application_{std::move(place.application)},
       facts_{std::move(facts)},
       surroundings_{std::move(surroundings)},
-      hasContainer_{std::make_unique<std::atomic<bool>[]>(facts_.plugIns.size())} {
+      hasContainer_{std::make_unique<std::atomic<bool>[]>(facts_.plugIns.size())},
+      imagePlaces_{std::make_unique<Images::Place[]>(facts_.plugIns.size())} {
     plugIns_.reserve(facts_.plugIns.size());
     for (const PlugInFacts& plugIn : facts_.plugIns) plugIns_.emplace_back(*this, plugIn);
 }
@@ -179,7 +245,7 @@ bool sameContent(const BundleRecord& a, const BundleRecord& b) {
     const BundleFacts& x = a.facts();
     const BundleFacts& y = b.facts();
     return a.path() == b.path() && x.digest == y.digest && x.entitlements == y.entitlements && x.refusal == y.refusal &&
-           x.plugIns == y.plugIns;
+           std::equal(x.plugIns.begin(), x.plugIns.end(), y.plugIns.begin(), y.plugIns.end(), samePlugIn);
 }
 
 bool sameDirectory(const BundleRecord& a, const BundleRecord& b) {

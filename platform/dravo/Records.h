@@ -8,6 +8,7 @@
 
 #include "platform/dravo/Dravo.h"
 #include "platform/dravo/Facts.h"
+#include "platform/dravo/Images.h"
 #include "platform/dravo/SchemaCache.h"
 
 // The registry's records, shared between the snapshots and whoever asked for them. Immutable but for what is known of
@@ -16,10 +17,12 @@ namespace dravo {
 
 // What the records of one workspace share.
 struct Surroundings {
-    explicit Surroundings(std::string containers) : containersPath{std::move(containers)} {}
+    Surroundings(std::string containers, std::string imageFile)
+        : containersPath{std::move(containers)}, images{std::move(imageFile)} {}
 
     const std::string containersPath;
     SchemaCache schemas;
+    Images images;
 };
 
 class ApplicationRecord final : public DVApplicationProxy {
@@ -68,6 +71,7 @@ public:
     const std::optional<std::string>& bundlePath() const override;
     value::Result<file::UniqueFd> openBundle() const override;
     value::Result<DVBundleReading> readInfo() const override;
+    file::Identity bundleIdentity() const override;
     const value::Uuid& pluginUUID() const override { return facts_.uuid; }
     const std::string& pluginIdentifier() const override { return facts_.identifier; }
     const std::string& originalIdentifier() const override;
@@ -79,10 +83,17 @@ public:
     std::optional<DVBundleProxy> containingBundle() const override;
     std::optional<std::string> localizedName() const override;
     std::optional<std::string> localizedShortName() const override;
-    value::Dictionary entitlements() const override;
+    const value::Dictionary& entitlements() const override;
+    DVFingerprint fingerprint() const override;
     std::optional<std::string> dataContainerPath() const override;
+    bool hasDataContainer() const override;
+    std::optional<DVImage> image(DVImage::IsSound isSound) const override;
+    void keepImage(std::span<const std::byte> bytes) const override;
 
 private:
+    std::size_t index() const;  // in its bundle
+    Images::Key imageKey() const;
+
     const BundleRecord& bundle_;
     const PlugInFacts& facts_;
 };
@@ -109,10 +120,16 @@ public:
     value::Result<file::UniqueFd> open() const;  // see DVVeltoProxy::openBundle()
     Surroundings& surroundings() const { return *surroundings_; }
     const std::vector<PlugInRecord>& plugIns() const { return plugIns_; }  // by identifier
+    BundlePlace place() const { return {path(), onSystemVolume_, application_}; }
 
     // Whether the plug-in at that place has its data container, as far as anybody has seen.
     bool hasContainer(std::size_t index) const { return hasContainer_[index].load(std::memory_order_relaxed); }
-    void setHasContainer(std::size_t index) const { hasContainer_[index].store(true, std::memory_order_relaxed); }
+    void setHasContainer(std::size_t index, bool is = true) const {
+        hasContainer_[index].store(is, std::memory_order_relaxed);
+    }
+
+    // Where the image of the plug-in at that place is.
+    Images::Place& imagePlace(std::size_t index) const { return imagePlaces_[index]; }
 
 private:
     const std::optional<std::string> path_;
@@ -122,12 +139,14 @@ private:
     const std::shared_ptr<Surroundings> surroundings_;
     std::vector<PlugInRecord> plugIns_;
     const std::unique_ptr<std::atomic<bool>[]> hasContainer_;
+    const std::unique_ptr<Images::Place[]> imagePlaces_;
 };
 
 // A plug-in's record as it is handed out: keeps its bundle's record alive.
 std::shared_ptr<const DVVeltoProxy> proxy(const std::shared_ptr<const BundleRecord>& bundle, std::size_t index);
 
-// Whether two readings of a bundle would look the same to everybody but the registry; stamps do not count.
+// Whether two readings of a bundle would look the same to everybody but the registry; stamps do not count, and an
+// SDK that is not known counts as the same.
 bool sameContent(const ApplicationRecord& a, const ApplicationRecord& b);
 bool sameContent(const BundleRecord& a, const BundleRecord& b);
 

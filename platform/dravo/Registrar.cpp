@@ -4,6 +4,8 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <filesystem>
+#include <system_error>
 #include <utility>
 
 #include "platform/effort/Effort.h"
@@ -11,22 +13,28 @@
 #include "platform/logging/Log.h"
 #include "platform/mounts/Mounts.h"
 #include "platform/paths/Paths.h"
+#include "platform/sdk/SdkRegistry.h"
 #include "platform/text/Format.h"
 
 namespace dravo {
 
 namespace {
 
+namespace fs = std::filesystem;
+
+constexpr char kStoreName[] = "/Registry.db";
+constexpr char kContainersName[] = "/containers";
 constexpr std::size_t kDirtyLimit = 10'000;  // topics; past that one look at everything is cheaper
 constexpr std::chrono::seconds kLongestRetry{60};
 constexpr std::chrono::seconds kSaveAgain{10};
 constexpr std::size_t kFurnishedInATurn = 32;
+constexpr std::size_t kSdkLinksLimit = 1000;
 constexpr std::uint64_t kUnitsAPlugIn = 50;  // in a table that is made anew
 constexpr int kPollShare = 50;               // at most one part in so many of the time goes into polling
 
 // What the store remembers, as a snapshot to compare the disk with.
 std::shared_ptr<const Snapshot> remembered(Store::Contents&& contents,
-                                           const std::shared_ptr<Surroundings>& surroundings, SdkPointNames& sdkNames) {
+                                           const std::shared_ptr<Surroundings>& surroundings, SdkParts& sdks) {
     std::unordered_map<std::string, std::shared_ptr<const ApplicationRecord>> applications;
     Snapshot::Applications allApplications;
     for (auto& [path, facts] : contents.applications) {
@@ -45,7 +53,7 @@ std::shared_ptr<const Snapshot> remembered(Store::Contents&& contents,
         }
         bundles.push_back(std::make_shared<const BundleRecord>(std::move(place), std::move(facts), surroundings));
     }
-    return std::make_shared<const Snapshot>(std::move(allApplications), std::move(bundles), sdkNames);
+    return std::make_shared<const Snapshot>(std::move(allApplications), std::move(bundles), sdks);
 }
 
 bool isBeneath(const std::string& path, const std::string& directory) {
@@ -84,14 +92,12 @@ std::vector<std::string> entriesKnown(const Snapshot& snapshot, const std::strin
 
 value::Result<std::shared_ptr<Registrar>> Registrar::open(const Noticing& noticing) {
     const std::string& state = paths::directories().state;
-    if (auto error = file::makeDirectories(state, 0700)) return *error;
+    if (auto error = file::makeDirectories(state, 0700, file::Durability::synced)) return *error;
     auto lock = lock::LockFile::take(state + "/Registry.lock");
     if (!lock) return lock.error();
-    const std::string storePath = state + "/Registry.db";
-    auto opened = Store::open(storePath);
+    auto opened = Store::open(state + kStoreName);
     if (!opened) return opened.error();
-    const std::shared_ptr<Registrar> registrar{
-        new Registrar{noticing, std::move(*lock), storePath, std::move(*opened), state + "/containers"}};
+    const std::shared_ptr<Registrar> registrar{new Registrar{noticing, std::move(*lock), std::move(*opened), state}};
     if (auto error = registrar->queue_->sync([&] { return registrar->firstLook(); })) return *error;
     registrar->queue_->async([weak = registrar->weak_from_this()] {
         if (const auto self = weak.lock()) self->watch();
@@ -99,21 +105,20 @@ value::Result<std::shared_ptr<Registrar>> Registrar::open(const Noticing& notici
     return registrar;
 }
 
-Registrar::Registrar(const Noticing& noticing, lock::LockFile lock, std::string storePath, Store::Opened opened,
-                     const std::string& containers)
+Registrar::Registrar(const Noticing& noticing, lock::LockFile lock, Store::Opened opened, const std::string& state)
     : noticing_{noticing},
-      storePath_{std::move(storePath)},
+      storePath_{state + kStoreName},
       queue_{std::make_shared<queue::SerialQueue>("dravo")},
       announcements_{std::make_shared<Announcements>(queue_)},
-      surroundings_{std::make_shared<Surroundings>(containers)},
+      surroundings_{std::make_shared<Surroundings>(state + kContainersName, state + "/Registry.images")},
       lock_{std::move(lock)},
       store_{std::move(opened.store)},
       isNew_{opened.contents.isNew},
       registrations_{opened.contents.registrations.begin(), opened.contents.registrations.end()},
-      containers_{containers},
-      scanner_{surroundings_, opened.contents.lastRow},
+      containers_{state + kContainersName},
+      scanner_{surroundings_, sdks_, opened.contents.lastRow},
       settling_{queue_},
-      snapshot_{remembered(std::move(opened.contents), surroundings_, sdkNames_)} {}
+      snapshot_{remembered(std::move(opened.contents), surroundings_, sdks_)} {}
 
 void Registrar::stop() {
     const auto end = [&] {
@@ -257,7 +262,23 @@ std::optional<value::Error> Registrar::firstLook() {
 void Registrar::watch() {
     if (stopped_) return;
     watchingBegan_ = true;
-    if (noticing_.watch) {
+    askForWatches();
+    lookAtEverything();
+    lookAtSdks();
+    apply(Announce::changes);
+    const auto known = snapshot();
+    surroundings_->images.forgetOthers([&](const value::Uuid& uuid) { return known->plugIn(uuid) != nullptr; });
+    surroundings_->images.compact();
+    containers_.list();
+    furnishFrom(0, snapshot());
+    pollIfBlind();
+}
+
+// The watches themselves are asked for by looking at everything.
+void Registrar::askForWatches() {
+    if (watcher_) {
+        watcher_->forgetExhaustion();
+    } else if (noticing_.watch) {
         watcher_ = Watcher::create(
             queue_, [this](const Topic& topic, std::string_view name) { changed(topic, name); },
             [this] {
@@ -265,12 +286,6 @@ void Registrar::watch() {
                 lookSoon();
             });
     }
-    lookAtEverything();
-    lookAtSdks();
-    apply(Announce::changes);
-    containers_.list();
-    furnishFrom(0, snapshot());
-    pollIfBlind();
 }
 
 void Registrar::pollIfBlind() {
@@ -284,8 +299,14 @@ void Registrar::pollIfBlind() {
 void Registrar::poll() {
     if (stopped_) return;
     const auto start = std::chrono::steady_clock::now();
+    askForWatches();
     markEverythingDirty();
     lookAgain();
+    if (watcher_ && !watcher_->exhausted()) {
+        logging::notice("installed plug-ins are watched again");
+        pollTimer_.reset();
+        return;
+    }
     const auto spent = std::chrono::duration_cast<std::chrono::milliseconds>(std::chrono::steady_clock::now() - start);
     pollTimer_ = queue::after(std::max(noticing_.pollPeriod, spent * kPollShare), queue_, [weak = weak_from_this()] {
         if (const auto self = weak.lock()) self->poll();
@@ -335,6 +356,8 @@ void Registrar::lookAgain() {
     } else {
         const Scanner::Pass pass{scanner_, snapshot()};
         for (const Topic& topic : dirty) lookAt(topic);
+        const auto isSdk = [](const Topic& topic) { return topic.kind == Topic::Kind::sdk; };
+        if (std::any_of(dirty.begin(), dirty.end(), isSdk)) lookAtSdks();
     }
     apply(Announce::changes);
     pollIfBlind();
@@ -358,7 +381,6 @@ void Registrar::lookAtEverything() {
         for (const std::string& name : names) lookAtEntry(root, name);
     }
     for (const std::string& path : registrations_) lookAtRegistered(path);
-    if (!retryTimer_) retryDelay_ = kFirstRetry;
     std::vector<Topic> gone;
     for (const auto& [topic, finding] : findings_) {
         if (finding.look != look_) gone.push_back(topic);
@@ -393,7 +415,7 @@ void Registrar::lookAt(const Topic& topic) {
         case Topic::Kind::registered:
             if (registrations_.contains(topic.path)) lookAtRegistered(topic.path);
             break;
-        case Topic::Kind::sdk: lookAtSdks(); break;
+        case Topic::Kind::sdk: break;  // all of them once
     }
 }
 
@@ -463,12 +485,44 @@ void Registrar::addWhatIsKnown(const Topic& topic, Finding& finding) {
     addFrom(before->bundles(), finding.bundles);
 }
 
+// What a record was made of belongs to it: when an SDK is another, so are the records of its plug-ins.
 void Registrar::lookAtSdks() {
-    for (const std::string& directory : SdkPointNames::directories()) {
+    watchSdks();
+    sdks_.refresh();
+    for (auto& [topic, finding] : findings_) {
+        for (auto& bundle : finding.bundles) {
+            if (sdks_.areNotedIn(bundle->facts().plugIns)) continue;
+            BundleFacts facts = bundle->facts();
+            sdks_.note(facts.plugIns);
+            bundle = std::make_shared<const BundleRecord>(bundle->place(), std::move(facts), surroundings_);
+        }
+    }
+}
+
+// The directories, and where a link leads out of them, the file at its end. Of a directory that is itself a link, the
+// link besides.
+void Registrar::watchSdks() {
+    std::set<Topic> links;
+    const auto watchEntry = [&](std::string name, const std::string& path) {
+        const auto topic = links.insert({Topic::Kind::sdk, std::move(name)}).first;
+        Watcher::Look{watcher_.get(), *topic}.entry(path);
+    };
+    for (const std::string& directory : sdk::directories()) {
         const Topic topic{Topic::Kind::sdk, directory};
         Watcher::Look{watcher_.get(), topic}.towards(directory);
+        std::error_code error;
+        if (fs::is_symlink(directory, error)) watchEntry(directory + "/.", directory);
+        for (fs::directory_iterator at{directory, error}, end; !error && at != end && links.size() < kSdkLinksLimit;
+             at.increment(error)) {
+            const std::string link = at->path().string();
+            std::error_code unknown;
+            const auto target = at->is_symlink(unknown) ? file::finalPath(link) : value::posixError(EINVAL, link);
+            if (target) watchEntry(link, *target);
+        }
     }
-    sdksChanged_ = sdkNames_.refresh() || sdksChanged_;
+    for (const Topic& gone : std::exchange(sdkLinks_, links)) {
+        if (!links.contains(gone)) forget(gone);
+    }
 }
 
 void Registrar::forget(const Topic& topic) {
@@ -485,18 +539,30 @@ void Registrar::apply(Announce announce, Replacements replacements) {
         applications.insert(applications.end(), finding.applications.begin(), finding.applications.end());
         bundles.insert(bundles.end(), finding.bundles.begin(), finding.bundles.end());
     }
-    auto after = std::make_shared<const Snapshot>(std::move(applications), std::move(bundles), sdkNames_);
+    auto after = std::make_shared<const Snapshot>(std::move(applications), std::move(bundles), sdks_);
     Difference changes = difference(*before, *after, replacements);
-    if (changes.empty() && !sdksChanged_) return;
+    if (sdks_.isStale()) retryLater();
+    if (!retryTimer_) retryDelay_ = kFirstRetry;
+    if (changes.empty()) return;
     if (after->hasTooManyPoints() && !before->hasTooManyPoints()) {
         logging::warning(text::format("{} names of extension points; not all are indexed", kRegistryPointsLimit));
     }
-    sdksChanged_ = false;
     if (announce == Announce::changes) announcements_->willUninstall(std::move(changes.plugInsGone));
     static_cast<void>(save(changes, *after, {}));  // what fails is logged, and done later
     if (watchingBegan_) furnish(changes.bundlesNew);
+    forgetImages(changes, *after);
     publish(std::move(after));
     if (announce == Announce::changes) announcements_->didInstall(std::move(changes.plugInsNew));
+}
+
+// One that has changed keeps the image of before until it has another.
+void Registrar::forgetImages(const Difference& changes, const Snapshot& after) {
+    for (const auto& bundle : changes.bundlesGone) {
+        for (const PlugInRecord& plugIn : bundle->plugIns()) {
+            if (!after.plugIn(plugIn.pluginUUID())) surroundings_->images.forget(plugIn.pluginUUID());
+        }
+    }
+    surroundings_->images.compact();
 }
 
 // A container that cannot be made, or is not made yet, is tried again when somebody asks for it.

@@ -60,11 +60,11 @@ private:
         std::vector<std::string> gone, fresh;
     };
 
-    Registrar(const Noticing& noticing, lock::LockFile lock, std::string storePath, Store::Opened opened,
-              const std::string& containers);
+    Registrar(const Noticing& noticing, lock::LockFile lock, Store::Opened opened, const std::string& state);
 
     [[nodiscard]] std::optional<value::Error> firstLook();
     void watch();
+    void askForWatches();
     void poll();
     void pollIfBlind();
     void changed(const Topic& topic, std::string_view name);
@@ -81,11 +81,13 @@ private:
     void addWhatIsKnown(const Topic& topic, Finding& finding);
     void retryLater();
     void lookAtSdks();
+    void watchSdks();
     void forget(const Topic& topic);
 
     void apply(Announce announce, Replacements replacements = Replacements::count);
     void furnish(std::span<const std::shared_ptr<const BundleRecord>> bundles);
     void furnishFrom(std::size_t begin, const std::shared_ptr<const Snapshot>& snapshot);
+    void forgetImages(const Difference& changes, const Snapshot& after);
     void saveLater();
     [[nodiscard]] std::optional<value::Error> save(const Difference& changes, const Snapshot& after,
                                                    const Registrations& changed);
@@ -109,8 +111,8 @@ private:
     bool unsaved_ = false;          // a save failed: the next one writes everything
     std::set<std::string> registrations_;
     DataContainers containers_;
-    SdkPointNames sdkNames_;
-    bool sdksChanged_ = false;
+    SdkParts sdks_;
+    std::set<Topic> sdkLinks_;  // what is watched for a link among the SDKs
     Scanner scanner_;
     std::vector<Root> roots_;
     std::map<Topic, Finding> findings_;  // entries before registered paths, so that theirs count first

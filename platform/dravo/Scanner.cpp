@@ -363,7 +363,8 @@ void Scanner::bundle(int parent, const std::string& name, const struct stat& dir
     if (known && known->facts().stamps == *stamps && known->facts().identity.isKnown()) {
         const bool samePlace =
             known->application() == place.application && known->onSystemVolume() == place.onSystemVolume;
-        finding.bundles.push_back(samePlace ? known : record(std::move(place), known->facts()));
+        const bool isSame = samePlace && sdks_.areNotedIn(known->facts().plugIns);
+        finding.bundles.push_back(isSame ? known : record(std::move(place), known->facts()));
         return;
     }
     const file::UniqueFd opened{::openat(parent, name.c_str(), kDirectory)};
@@ -425,6 +426,7 @@ BundleFacts Scanner::read(int directory, const std::string& path, const BundleSt
 }
 
 std::shared_ptr<const BundleRecord> Scanner::record(BundlePlace place, BundleFacts facts) {
+    sdks_.note(facts.plugIns);
     return std::make_shared<const BundleRecord>(std::move(place), std::move(facts), surroundings_);
 }
 

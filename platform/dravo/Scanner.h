@@ -11,6 +11,7 @@
 #include <vector>
 
 #include "platform/dravo/BundleFiles.h"
+#include "platform/dravo/ExtensionPoints.h"
 #include "platform/dravo/Records.h"
 #include "platform/dravo/Snapshot.h"
 #include "platform/dravo/Watcher.h"
@@ -50,8 +51,9 @@ struct Finding {
 // followed. Nothing here waits, throws or grows on account of what is found. Belongs to one queue.
 class Scanner {
 public:
-    Scanner(std::shared_ptr<Surroundings> surroundings, std::int64_t lastRow)
-        : surroundings_{std::move(surroundings)}, lastRow_{lastRow} {}
+    // The parts must outlive it.
+    Scanner(std::shared_ptr<Surroundings> surroundings, SdkParts& sdks, std::int64_t lastRow)
+        : surroundings_{std::move(surroundings)}, sdks_{sdks}, lastRow_{lastRow} {}
 
     // One scan of some places; says what is taken for known meanwhile. Everything below happens within one.
     class Pass {
@@ -115,6 +117,7 @@ private:
     void complain(const std::string& path, const std::string& why);
 
     const std::shared_ptr<Surroundings> surroundings_;
+    SdkParts& sdks_;
     std::int64_t lastRow_;
     bool uncertain_ = false;
     std::shared_ptr<const Snapshot> known_;

@@ -92,7 +92,7 @@ void addPlugIns(const std::shared_ptr<const BundleRecord>& bundle, PluginList& l
 
 }  // namespace
 
-Snapshot::Snapshot(Applications applications, Bundles bundles, SdkPointNames& sdkNames)
+Snapshot::Snapshot(Applications applications, Bundles bundles, SdkParts& sdks)
     : applications_{std::move(applications)},
       bundles_{std::move(bundles)},
       applicationPaths_{arrange(applications_)},
@@ -105,13 +105,13 @@ Snapshot::Snapshot(Applications applications, Bundles bundles, SdkPointNames& sd
         const PlugInFacts& facts = record(number).facts();
         uuids_.add(std::hash<value::Uuid>{}(facts.uuid), number);
         identifiers_.add(text::numericHash(facts.identifier), number);
-        indexPoints(number, facts, sdkNames);
+        indexPoints(number, facts, sdks);
     }
     uuids_.seal();
     identifiers_.seal();
 }
 
-void Snapshot::indexPoints(std::uint32_t number, const PlugInFacts& facts, SdkPointNames& sdkNames) {
+void Snapshot::indexPoints(std::uint32_t number, const PlugInFacts& facts, SdkParts& sdks) {
     bool isAny = facts.anyPoint;
     const auto add = [&](const std::string& name) {
         std::string key = text::numericKey(name);
@@ -124,7 +124,7 @@ void Snapshot::indexPoints(std::uint32_t number, const PlugInFacts& facts, SdkPo
     };
     if (facts.extensionPoint) {
         add(*facts.extensionPoint);
-        for (const std::string& name : sdkNames.of(*facts.extensionPoint)) add(name);
+        for (const std::string& name : sdks.of(*facts.extensionPoint).names) add(name);
     }
     for (const std::string& name : facts.pointNames) add(name);
     if (isAny) anyPoint_.push_back(number);

@@ -23,7 +23,7 @@ public:
     Snapshot() = default;  // nothing installed
 
     // In any order; of several records for one path the first counts.
-    Snapshot(Applications applications, Bundles bundles, SdkPointNames& sdkNames);
+    Snapshot(Applications applications, Bundles bundles, SdkParts& sdks);
 
     const Applications& applications() const { return applications_; }  // by path
     const Bundles& bundles() const { return bundles_; }                 // by path, those refused among them
@@ -54,7 +54,7 @@ private:
     const PlugInRecord& record(std::uint32_t number) const {
         return static_cast<const PlugInRecord&>(*plugIns_[number]);
     }
-    void indexPoints(std::uint32_t number, const PlugInFacts& facts, SdkPointNames& sdkNames);
+    void indexPoints(std::uint32_t number, const PlugInFacts& facts, SdkParts& sdks);
     Numbers withIdentifiers(const std::vector<std::string>& identifiers) const;
     std::vector<const Numbers*> atPoints(const std::vector<std::string>& points) const;
     std::vector<bool> unionOf(const std::vector<const Numbers*>& lists) const;  // by number
@@ -74,7 +74,7 @@ private:
 struct Difference {
     Snapshot::Applications applicationsGone, applicationsNew;  // one that changed is in both
     Snapshot::Bundles bundlesGone, bundlesNew;
-    PluginList plugInsGone, plugInsNew;  // of the bundles whose content differs: what observers are told
+    PluginList plugInsGone, plugInsNew;  // of the bundles whose content or SDK differs: what observers are told
     bool empty() const {
         return applicationsGone.empty() && applicationsNew.empty() && bundlesGone.empty() && bundlesNew.empty();
     }

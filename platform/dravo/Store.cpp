@@ -22,7 +22,7 @@ namespace dravo {
 
 namespace {
 
-constexpr std::int64_t kVersion = 2;  // of the tables below; a later one is not read, an earlier one is upgraded
+constexpr std::int64_t kVersion = 3;  // of the tables below; a later one is not read, an earlier one is upgraded
 constexpr std::int64_t kPlugInsPerBundle = kMultipleLimit;
 
 // No index but the rows' numbers: everything is read at the start, which also shows any damage, and each later write
@@ -34,14 +34,16 @@ constexpr char kSchema[] = R"(
                          identifier TEXT NOT NULL, version TEXT NOT NULL, displayName TEXT, shortName TEXT,
                          entitlements BLOB, refusal TEXT NOT NULL, remark TEXT NOT NULL, identity BLOB);
     CREATE TABLE plugin (row INTEGER PRIMARY KEY, uuid BLOB NOT NULL, identifier TEXT NOT NULL,
-                         registered REAL NOT NULL, extensionPoint TEXT, pointNames BLOB, anyPoint INTEGER NOT NULL);
+                         registered REAL NOT NULL, extensionPoint TEXT, pointNames BLOB, anyPoint INTEGER NOT NULL,
+                         sdk INTEGER);
     CREATE TABLE registration (path TEXT PRIMARY KEY) WITHOUT ROWID;
 )";
 
-// What makes a version the next one, from the first. What an earlier one did not know of a directory is NULL, so that
-// it is looked at again; everything else stays.
+// What makes a version the next one, from the first. What an earlier one did not know of a directory or an SDK is
+// NULL, so that it is looked at again; everything else stays.
 constexpr const char* kUpgrades[] = {
     "ALTER TABLE application ADD COLUMN identity BLOB; ALTER TABLE bundle ADD COLUMN identity BLOB;",
+    "ALTER TABLE plugin ADD COLUMN sdk INTEGER;",
 };
 static_assert(std::size(kUpgrades) == kVersion - 1);
 
@@ -148,6 +150,7 @@ bool readPlugIn(const Statement& row, BundleFacts& bundle) {
         }
     }
     facts.anyPoint = row.number(6) != 0;
+    if (const auto digest = row.optionalNumber(7)) facts.sdk = static_cast<std::uint64_t>(*digest);
     bundle.plugIns.push_back(std::move(facts));
     return true;
 }
@@ -189,7 +192,7 @@ value::Result<std::unique_ptr<Store::Statements>> Store::Statements::prepare(Dat
         "DELETE FROM application WHERE row = ?",
         "INSERT OR REPLACE INTO bundle VALUES (?,?,?,?,?,?,?,?,?,?,?,?)",
         "DELETE FROM bundle WHERE row = ?",
-        "INSERT INTO plugin VALUES (?,?,?,?,?,?,?)",
+        "INSERT INTO plugin VALUES (?,?,?,?,?,?,?,?)",
         "DELETE FROM plugin WHERE row BETWEEN ? AND ?",
         "INSERT OR REPLACE INTO registration VALUES (?)",
         "DELETE FROM registration WHERE path = ?",
@@ -268,15 +271,17 @@ value::Result<Store::Contents> Store::load(Database& database) {
     }
     // Both in the order of their rows, so that a plug-in's bundle is found by walking on.
     std::size_t at = 0;
-    if (auto error = forEachRow(
-            database,
-            "SELECT row, uuid, identifier, registered, extensionPoint, pointNames, anyPoint FROM plugin ORDER BY row",
-            [&](const Statement& row) {
-                const std::int64_t bundle = row.number(0) / kPlugInsPerBundle;
-                while (at < contents.bundles.size() && contents.bundles[at].second.row < bundle) ++at;
-                if (at == contents.bundles.size() || contents.bundles[at].second.row != bundle) return false;
-                return readPlugIn(row, contents.bundles[at].second);
-            })) {
+    if (auto error = forEachRow(database,
+                                "SELECT row, uuid, identifier, registered, extensionPoint, pointNames, anyPoint, sdk "
+                                "FROM plugin ORDER BY row",
+                                [&](const Statement& row) {
+                                    const std::int64_t bundle = row.number(0) / kPlugInsPerBundle;
+                                    while (at < contents.bundles.size() && contents.bundles[at].second.row < bundle)
+                                        ++at;
+                                    if (at == contents.bundles.size() || contents.bundles[at].second.row != bundle)
+                                        return false;
+                                    return readPlugIn(row, contents.bundles[at].second);
+                                })) {
         return *error;
     }
     if (auto error = forEachRow(database, "SELECT path FROM registration", [&](const Statement& row) {
@@ -377,6 +382,7 @@ std::optional<value::Error> Store::writeBundle(const BundleRecord& bundle) {
         putPlugIn.bind(4, plugIn.extensionPoint);
         putPlugIn.bind(5, pointNames);
         putPlugIn.bind(6, std::int64_t{plugIn.anyPoint});
+        putPlugIn.bind(7, static_cast<std::int64_t>(plugIn.sdk.value_or(0)));
         if (auto error = putPlugIn.run()) return error;
     }
     return {};

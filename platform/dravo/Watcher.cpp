@@ -204,4 +204,15 @@ void Watcher::Look::towards(const std::string& path) {
     }
 }
 
+void Watcher::Look::entry(const std::string& path) {
+    const std::size_t slash = path.rfind('/');
+    if (!watcher_ || slash == std::string::npos || slash == 0) return;
+    const std::string parent = path.substr(0, slash);
+    if (watcher_->add(topic_, parent, path.substr(slash + 1), 0)) {
+        above(parent);
+    } else {
+        towards(parent);
+    }
+}
+
 }  // namespace dravo

@@ -43,8 +43,10 @@ public:
                                            Overflow overflow);
     ~Watcher();
 
-    // Whether a watch was refused for want of room, so that changes may go unnoticed.
+    // Whether a watch was refused for want of room, so that changes may go unnoticed. Until it is forgotten: who looks
+    // at everything from then on asks for all watches again.
     bool exhausted() const { return exhausted_; }
+    void forgetExhaustion() { exhausted_ = false; }
 
 private:
     struct Held {                          // by a topic
@@ -72,6 +74,9 @@ public:
         // The directory, or as long as it is missing the nearest one above it that exists, in which only the next step
         // towards it counts. With those above it.
         void towards(const std::string& path);
+
+        // The entry of that name in its directory, and whatever it is written with. With those above it.
+        void entry(const std::string& path);
 
     private:
         Watcher* const watcher_;

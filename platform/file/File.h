@@ -42,7 +42,8 @@ std::optional<Stamp> stampOf(const std::string& path);  // follows links; nothin
 bool settled(const Stamp& stamp);
 
 // Whether an error number says nothing of the file itself (no descriptor or memory to be had, a disk's or a server's
-// trouble), and may pass: what was known of the file before is then the best guess.
+// trouble, a lease that its holder is to give up first), and may pass: what was known of the file before is then the
+// best guess.
 bool mayPass(int errorNumber);
 
 struct Contents {
@@ -109,7 +110,14 @@ std::optional<std::string> pathOf(const UniqueFd& opened);
 std::optional<std::string> canonicalPathAtHand(const std::string& path);
 
 // Makes the directory and those above it, each new one with the mode (less the umask); an existing directory is fine.
-[[nodiscard]] std::optional<value::Error> makeDirectories(const std::string& path, mode_t mode);
+// Synced: it outlasts a loss of power, as far as the directories above it can be synced.
+enum class Durability : std::uint8_t { buffered, synced };
+[[nodiscard]] std::optional<value::Error> makeDirectories(const std::string& path, mode_t mode,
+                                                          Durability durability = Durability::buffered);
+
+// Who besides this user could put other files in the place of those in the directory: a text for people. Nothing when
+// nobody can but the administrator, or there is no such directory.
+std::optional<std::string> exposureOf(const std::string& directory);
 
 // A file name made of a text from outside (an identifier, a version): separators, "@", "%", control characters, leading
 // dots and bytes that are no UTF-8 are percent-encoded, what would grow beyond the longest is cut and ends in "%~" and

@@ -93,6 +93,14 @@ bool isPath(const std::string& path) {
     return false;
 }
 
+// What cannot be synced (some file systems have no way to, some directories may not be read) is as durable as it gets.
+void syncDirectoryAbove(const std::string& path) {
+    const std::size_t slash = path.find_last_of('/', path.find_last_not_of('/'));
+    const std::string above = slash == std::string::npos ? "." : path.substr(0, slash + 1);
+    const UniqueFd directory{::open(above.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC)};
+    if (directory) static_cast<void>(::fsync(directory.get()));
+}
+
 }  // namespace
 
 std::optional<std::string> canonicalPath(const std::string& path) {
@@ -142,21 +150,35 @@ std::optional<std::string> pathOf(const UniqueFd& opened) {
     return pathOf(opened.get(), Asking::mayBlock);
 }
 
-std::optional<value::Error> makeDirectories(const std::string& path, mode_t mode) {
+std::optional<value::Error> makeDirectories(const std::string& path, mode_t mode, Durability durability) {
     const auto failure = [&](int errorNumber) { return value::posixError(errorNumber, "making directory " + path); };
     if (path.find('\0') != std::string::npos) return failure(EINVAL);
     struct stat status {};
     if (::stat(path.c_str(), &status) == 0) {
         if (!S_ISDIR(status.st_mode)) return failure(ENOTDIR);
+        // Whoever made it may have been killed before it was synced.
+        if (durability == Durability::synced) syncDirectoryAbove(path);
         return {};
     }
     // From the top: what exists answers EEXIST, even where nothing may be made.
     for (std::size_t end = 0; end < path.size();) {
         end = std::min(path.find('/', end + 1), path.size());
-        if (::mkdir(path.substr(0, end).c_str(), mode) != 0 && errno != EEXIST) return failure(errno);
+        const std::string made = path.substr(0, end);
+        if (::mkdir(made.c_str(), mode) != 0 && errno != EEXIST) return failure(errno);
+        if (durability == Durability::synced) syncDirectoryAbove(made);
     }
     if (::stat(path.c_str(), &status) != 0) return failure(errno);
     if (!S_ISDIR(status.st_mode)) return failure(ENOTDIR);
+    return {};
+}
+
+std::optional<std::string> exposureOf(const std::string& directory) {
+    struct stat status {};
+    if (::stat(directory.c_str(), &status) != 0) return {};
+    if (status.st_uid != ::geteuid() && status.st_uid != 0) {
+        return text::format("{} is owned by user {}", directory, status.st_uid);
+    }
+    if ((status.st_mode & (S_IWGRP | S_IWOTH)) != 0) return text::format("others may write in {}", directory);
     return {};
 }
 

@@ -89,7 +89,7 @@ std::optional<Stamp> stampOf(const std::string& path) {
 }
 
 bool mayPass(int errorNumber) {
-    constexpr int kErrors[] = {EMFILE, ENFILE, ENOMEM, EIO, ESTALE, ETIMEDOUT};
+    constexpr int kErrors[] = {EMFILE, ENFILE, ENOMEM, EIO, ESTALE, ETIMEDOUT, EAGAIN};
     return std::find(std::begin(kErrors), std::end(kErrors), errorNumber) != std::end(kErrors);
 }
 

@@ -81,21 +81,20 @@ constinit thread_local Transcript* transcript = nullptr;
 
 void write(Level level, std::string_view message) {
     const std::string line = lineOf(level, message);
-    if (transcript != nullptr) transcript->keep(level, line);
-    deliver(level, line);
+    if (transcript == nullptr || transcript->keep(level, line)) deliver(level, line);
 }
 
-Transcript::Transcript() : before_{std::exchange(transcript, this)} {}
+Transcript::Transcript(Writing writing) : before_{std::exchange(transcript, this)}, writing_{writing} {}
 
 Transcript::~Transcript() {
     transcript = before_;
 }
 
-void Transcript::keep(Level level, std::string_view line) {
+bool Transcript::keep(Level level, std::string_view line) {
     const std::string_view kept = beginning(line, kLongest - size_);
-    if (kept.empty()) return;
-    lines_.push_back({level, std::string{kept}});
+    if (!kept.empty()) lines_.push_back({level, std::string{kept}});
     size_ += kept.size();
+    return writing_ == Writing::now;
 }
 
 void repeat(const Transcript::Lines& lines) {

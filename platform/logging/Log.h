@@ -37,8 +37,9 @@ inline void info(std::string_view message) {
 // full size.
 std::string excerpt(std::string_view text);
 
-// While one exists, the lines that its thread writes are also kept, as far as they fit into 4 KiB: so that what was
-// found out once can be said again. Belongs to one thread; scopes nest, and the innermost keeps.
+// While one exists, the lines that its thread writes are kept, as far as they fit into 4 KiB: so that what was found
+// out once can be said again, or be said when somebody asks. Belongs to one thread; scopes nest, and the innermost
+// counts.
 class Transcript {
 public:
     struct Line {
@@ -47,16 +48,19 @@ public:
     };
     using Lines = std::vector<Line>;
 
-    Transcript();
+    enum class Writing : bool { now, later };  // later: the lines are kept, and not written
+    explicit Transcript(Writing writing = Writing::now);
     ~Transcript();
     Transcript(const Transcript&) = delete;
     Transcript& operator=(const Transcript&) = delete;
 
-    void keep(Level level, std::string_view line);
+    // Whether the line is to be written.
+    bool keep(Level level, std::string_view line);
     Lines lines() && { return std::move(lines_); }
 
 private:
     Transcript* const before_;
+    const Writing writing_;
     std::size_t size_ = 0;
     Lines lines_;
 };

@@ -16,7 +16,12 @@ KeptDictionary::Reading KeptDictionary::read() {
     const bool moved = !file_ || file_->path() != path;
     if (moved) file_.emplace(path, limits_);
     const KeptFile::Reading& found = file_->read();
-    Reading reading{.content = {}, .fault = found.fault, .news = found.news || moved, .path = std::move(path)};
+    Reading reading{.content = {},
+                    .fault = found.fault,
+                    .digest = found.digest,
+                    .stale = found.stale,
+                    .news = found.news || moved,
+                    .path = std::move(path)};
     if (found.root && found.root->dictionary() != nullptr) {
         reading.content = *found.root->dictionary();
     } else if (found.root) {

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <cstdint>
 #include <functional>
 #include <mutex>
 #include <optional>
@@ -22,6 +23,8 @@ public:
     struct Reading {
         std::optional<value::Dictionary> content;  // nothing when there is no file, or it cannot be read
         std::optional<value::Error> fault;         // why it cannot; names the file
+        std::uint64_t digest = 0;                  // of the content or the fault; 0 when there is no file
+        bool stale = false;                        // ask again: what there is now could not be looked at
         bool news = false;                         // differs from what was read before, or is of another file
         std::string path;
     };

@@ -5,6 +5,8 @@
 #include <cerrno>
 #include <utility>
 
+#include "platform/digest/Fnv1a.h"
+
 namespace plist {
 
 namespace {
@@ -45,8 +47,13 @@ const KeptFile::Reading& KeptFile::read() {
     }
     if (fresh.reading.fault && mayPass(*fresh.reading.fault) && kept_.reading.root) {
         kept_.reading.news = false;
+        kept_.reading.stale = true;
         kept_.settled = false;  // look again
         return kept_.reading;
+    }
+    if (fresh.reading.fault) {
+        fresh.reading.digest = digest::fnv1a(fresh.reading.fault->localizedDescription());
+        fresh.reading.stale = mayPass(*fresh.reading.fault);
     }
     fresh.reading.news = fresh.stamp != kept_.stamp || fresh.reading.fault != kept_.reading.fault ||
                          fresh.reading.root != kept_.reading.root;
@@ -73,6 +80,7 @@ KeptFile::Load KeptFile::decode(const file::Contents& contents) const {
     auto list = plist::read(contents.bytes, limits_);
     if (list) {
         load.reading.root = *std::move(list);
+        load.reading.digest = digest::fnv1a(contents.bytes);
     } else {
         value::Error fault = list.error();
         fault.message = "reading " + path_ + ": " + fault.localizedDescription();

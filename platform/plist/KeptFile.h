@@ -1,5 +1,6 @@
 #pragma once
 
+#include <cstdint>
 #include <optional>
 #include <string>
 
@@ -21,7 +22,9 @@ public:
         std::optional<value::Value> root;
         // Why a file that is there, if only as a link that leads nowhere, could not be read. Names the file.
         std::optional<value::Error> fault;
-        bool news = false;  // differs from the reading before: what is said about it once a change, is said now
+        std::uint64_t digest = 0;  // of the bytes, or of the fault; 0 when there is no file
+        bool stale = false;        // kept for want of a look: to be asked for again, though nothing may have changed
+        bool news = false;         // differs from the reading before: what is said about it once a change, is said now
     };
 
     explicit KeptFile(std::string path, const Limits& limits = {}) : path_{std::move(path)}, limits_{limits} {}

@@ -128,6 +128,12 @@ std::optional<std::string> issueFileExtension(std::string_view extensionClass, c
     return issue(*opened, *canonical, {path, *stamp, {}});
 }
 
+std::optional<std::string> issueFileExtension(std::string_view extensionClass, const std::string& path,
+                                              const file::Identity& identity) {
+    if (extensionClass != kReadOnlyFileClass || !identity.isKnown()) return refuse(EINVAL);
+    return seal({path, identity});
+}
+
 // What a link leads to is opened a second time beneath the directory, without following one: the first look decides
 // only whether anything has changed, and by which name it is to be opened.
 std::optional<std::string> issueFileExtensionBeneath(std::string_view extensionClass, const file::UniqueFd& directory,

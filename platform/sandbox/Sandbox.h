@@ -10,6 +10,7 @@
 #include <string_view>
 
 #include "platform/effort/Effort.h"
+#include "platform/file/Identity.h"
 #include "platform/file/UniqueFd.h"
 #include "platform/mox/PeerIdentity.h"
 #include "platform/value/Error.h"
@@ -35,6 +36,11 @@ std::optional<std::string> issueFileExtension(std::string_view extensionClass, c
 // call is charged.
 std::optional<std::string> issueFileExtensionBeneath(std::string_view extensionClass, const file::UniqueFd& directory,
                                                      const std::string& path, const std::string& name);
+
+// The same for what lies at a canonical path and has this identity, as whoever asks knows it: nothing is looked at.
+// When another file is there by now, the service refuses the token.
+std::optional<std::string> issueFileExtension(std::string_view extensionClass, const std::string& path,
+                                              const file::Identity& identity);
 
 // Whether the peer's process runs inside a sandbox: another user namespace than ours, more seccomp filters than we
 // have, or another root that carries a container's marker file (/run/.containerenv, /.dockerenv,

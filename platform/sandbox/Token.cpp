@@ -10,41 +10,40 @@
 #include <cstring>
 #include <utility>
 
-#include <nettle/hmac.h>
+#include <nettle/cmac.h>
 #include <nettle/memops.h>
 
 #include "platform/logging/Log.h"
 #include "platform/sandbox/Sandbox.h"
-#include "platform/text/Format.h"
 
 namespace sandbox {
 
 namespace {
 
-constexpr std::size_t kMacSize = SHA256_DIGEST_SIZE;
+constexpr std::size_t kMacSize = CMAC128_DIGEST_SIZE;
 
 using Mac = std::array<std::uint8_t, kMacSize>;
 
-hmac_sha256_ctx makeKeyedContext() {
-    std::array<std::uint8_t, kMacSize> key{};
+cmac_aes128_ctx makeKeyedContext() {
+    std::array<std::uint8_t, AES128_KEY_SIZE> key{};
     std::size_t have = 0;
     while (have < key.size()) {
         const ssize_t got = getrandom(key.data() + have, key.size() - have, 0);
         if (got > 0) have += static_cast<std::size_t>(got);
         if (got < 0 && errno != EINTR) logging::internalInconsistency("no random bytes for a key", "Token.cpp");
     }
-    hmac_sha256_ctx context;
-    hmac_sha256_set_key(&context, key.size(), key.data());
+    cmac_aes128_ctx context;
+    cmac_aes128_set_key(&context, key.data());
     explicit_bzero(key.data(), key.size());
     return context;
 }
 
 Mac macOf(std::string_view text) {
-    static const hmac_sha256_ctx keyed = makeKeyedContext();
-    hmac_sha256_ctx context = keyed;
-    hmac_sha256_update(&context, text.size(), reinterpret_cast<const std::uint8_t*>(text.data()));
+    static const cmac_aes128_ctx keyed = makeKeyedContext();
+    cmac_aes128_ctx context = keyed;
+    cmac_aes128_update(&context, text.size(), reinterpret_cast<const std::uint8_t*>(text.data()));
     Mac mac;
-    hmac_sha256_digest(&context, mac.size(), mac.data());
+    cmac_aes128_digest(&context, mac.size(), mac.data());
     return mac;
 }
 
@@ -55,7 +54,7 @@ int valueOf(char digit) {
     return digit >= 'a' && digit <= 'f' ? digit - 'a' + 10 : -1;
 }
 
-void appendHex(std::string& text, std::uint8_t byte) {
+void appendByte(std::string& text, std::uint8_t byte) {
     text += kDigits[byte >> 4];
     text += kDigits[byte & 15];
 }
@@ -73,18 +72,21 @@ bool isPlain(char c) {
            c == '_' || c == '-';
 }
 
-std::string encoded(std::string_view path) {
-    std::string text;
-    text.reserve(path.size());
+void appendHex(std::string& text, std::uint64_t number) {
+    char digits[16];
+    const auto written = std::to_chars(std::begin(digits), std::end(digits), number, 16);
+    text.append(digits, written.ptr);
+}
+
+void appendEncoded(std::string& text, std::string_view path) {
     for (const char c : path) {
         if (isPlain(c)) {
             text += c;
         } else {
             text += '%';
-            appendHex(text, static_cast<std::uint8_t>(c));
+            appendByte(text, static_cast<std::uint8_t>(c));
         }
     }
-    return text;
 }
 
 std::optional<std::string> decoded(std::string_view text) {
@@ -144,12 +146,18 @@ std::optional<Extension> parse(std::string_view text) {
 
 std::string seal(const Extension& extension) {
     const file::Identity& identity = extension.identity;
-    std::string token =
-        text::format("{};{:x}:{:x}:{:x}:{:x};{}", kReadOnlyFileClass, identity.device, identity.inode,
-                     static_cast<std::uint64_t>(identity.birth), identity.generation, encoded(extension.path));
+    constexpr std::size_t kAllButThePath = sizeof kReadOnlyFileClass + std::size_t{4 * 17} + 2 * kMacSize + 1;
+    std::string token;
+    token.reserve(kAllButThePath + extension.path.size());
+    token.append(kReadOnlyFileClass) += ';';
+    appendHex(token, identity.device);
+    appendHex(token += ':', identity.inode);
+    appendHex(token += ':', static_cast<std::uint64_t>(identity.birth));
+    appendHex(token += ':', identity.generation);
+    appendEncoded(token += ';', extension.path);
     const Mac mac = macOf(token);
     token += ';';
-    for (const std::uint8_t byte : mac) appendHex(token, byte);
+    for (const std::uint8_t byte : mac) appendByte(token, byte);
     return token;
 }
 

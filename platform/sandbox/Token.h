@@ -24,8 +24,8 @@ struct Extension {
 //   token := class ";" device ":" inode ":" birth ":" generation ";" path ";" mac
 //
 // the four numbers in lower-case hexadecimal (a birth before 1970 as its 64 bits are), the path with everything
-// percent-encoded but letters, digits and "/._-", the mac as 64 lower-case hexadecimal digits of the HMAC-SHA-256 over
-// all that stands before its ";". The key is made when this process first needs it and kept nowhere else. Equal
+// percent-encoded but letters, digits and "/._-", the mac as 32 lower-case hexadecimal digits of the CMAC (AES-128)
+// over all that stands before its ";". The key is made when this process first needs it and kept nowhere else. Equal
 // extensions have equal tokens. Any thread.
 std::string seal(const Extension& extension);
 

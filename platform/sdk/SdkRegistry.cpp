@@ -1,6 +1,7 @@
 #include "platform/sdk/SdkRegistry.h"
 
 #include <climits>
+#include <cstdlib>
 #include <mutex>
 #include <string_view>
 #include <unordered_map>
@@ -25,16 +26,15 @@ bool isPlainName(const std::string& name) {
 // memory.
 class Cache {
 public:
-    value::Result<std::optional<value::Dictionary>> read(const std::string& path, const char* complaint) {
+    Part read(const std::string& path, const char* complaint) {
         const std::lock_guard lock{mutex_};
         const auto kept = files_
                               .try_emplace(
                                   path, [path] { return path; }, complaint, kLimits)
                               .first;
         auto reading = kept->second.read();
-        if (reading.fault) return *std::move(reading.fault);
-        if (!reading.content) files_.erase(kept);
-        return std::move(reading.content);
+        if (!reading.content && !reading.fault) files_.erase(kept);
+        return {std::move(reading.content), std::move(reading.fault), reading.digest, reading.stale};
     }
 
 private:
@@ -47,23 +47,36 @@ Cache& cache() {
     return kept;
 }
 
-}  // namespace
-
-value::Result<std::optional<value::Dictionary>> entry(const std::string& extensionPoint) {
-    if (!isPlainName(extensionPoint)) return std::optional<value::Dictionary>{};
-    return cache().read(paths::directories().systemVolume + "/SDKs/" + extensionPoint + ".plist", "SDK not read");
+std::string registryDirectory() {
+    return paths::directories().systemVolume + "/SDKs";
 }
 
+// Nothing when the variable is not set, or empty.
 std::optional<std::string> testDirectory() {
     const char* const directory = std::getenv("VTTEST_SDK");
     if (directory == nullptr || *directory == '\0') return {};
     return directory;
 }
 
-std::optional<value::Dictionary> entryIn(const std::string& directory, const std::string& extensionPoint) {
+}  // namespace
+
+Part part(const std::string& extensionPoint) {
     if (!isPlainName(extensionPoint)) return {};
-    auto read = cache().read(directory + "/" + extensionPoint, "");
-    return read ? *std::move(read) : std::nullopt;
+    bool isStale = false;
+    if (const auto directory = testDirectory()) {
+        Part test = cache().read(*directory + "/" + extensionPoint, "");
+        if (test.dictionary) return test;
+        isStale = test.isStale;
+    }
+    Part registered = cache().read(registryDirectory() + "/" + extensionPoint + ".plist", "SDK not read");
+    registered.isStale = registered.isStale || isStale;
+    return registered;
+}
+
+std::vector<std::string> directories() {
+    std::vector<std::string> directories{registryDirectory()};
+    if (auto directory = testDirectory()) directories.push_back(*std::move(directory));
+    return directories;
 }
 
 }  // namespace sdk

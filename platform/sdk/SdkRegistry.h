@@ -1,27 +1,38 @@
 #pragma once
 
+#include <cstdint>
 #include <optional>
 #include <string>
+#include <vector>
 
 #include "platform/value/Value.h"
 
-// The extension SDK registry: SDKs/<extension point>.plist on the system volume. Entries are kept: one stat tells that
-// a file is unchanged, a changed one is read anew.
+// What extension points register for all their plug-ins: SDKs/<extension point>.plist on the system volume and, before
+// it, the file <extension point> in the directory that the environment variable VTTEST_SDK names. Files are kept: one
+// stat tells that one is unchanged, a changed one is read anew.
 //
 // Threading: any thread.
 namespace sdk {
 
-// The entry registered for an extension point; nothing when there is none (a name with a separator or a leading dot is
-// registered nowhere). An error, of which the log has one line for each change of the file, when there is one that
-// cannot be read or is no dictionary: what it demands is not known then, and nobody is to decide as if it demanded
-// nothing.
-value::Result<std::optional<value::Dictionary>> entry(const std::string& extensionPoint);
+// The part that an extension point has in its plug-ins' records, as it is now.
+struct Part {
+    std::optional<value::Dictionary> dictionary;  // nothing when there is none, or it cannot be read
 
-// The directory that the environment variable VTTEST_SDK names; nothing when it is not set, or empty.
-std::optional<std::string> testDirectory();
+    // Why one that is there cannot be read, or is no dictionary; the log has one line for each change of the file. What
+    // it demands is not known then, and nobody is to decide as if it demanded nothing. What cannot be read in
+    // VTTEST_SDK's directory is as good as none there, without a line.
+    std::optional<value::Error> fault;
 
-// Reads the file of exactly that name in a directory given instead of the registry, under the same check of the name.
-// What cannot be read there is as good as none.
-std::optional<value::Dictionary> entryIn(const std::string& directory, const std::string& extensionPoint);
+    // Tells one part from another: what was made of one is good for as long as this is the same. 0: there is none.
+    std::uint64_t digest = 0;
+
+    bool isStale = false;  // the disk could not be looked at just now: ask again, though nothing may have changed
+};
+
+// A name with a separator or a leading dot is registered nowhere.
+Part part(const std::string& extensionPoint);
+
+// Where the files lie: the directories whose changes change parts. Either may be missing.
+std::vector<std::string> directories();
 
 }  // namespace sdk

@@ -314,8 +314,8 @@ void Manager::takeOver(pid_t pid, const std::string& directory) {
         if (isFirst) {
             hostsOf_[bundlePathOf(*registration)].insert(pid);
         } else {
-            std::error_code
-                ignored;  // what cannot be removed names another host, or none: nobody starts anything by it
+            // What cannot be removed names another host, or none: nobody starts anything by it.
+            std::error_code ignored;
             fs::remove_all(path, ignored);
         }
     }

@@ -20,13 +20,14 @@ TEST(PlugInRecord, SetupRefusesWhatItCannotUseAndSaysWhy) {
     const std::string malformed = "malformed plug-in dictionary in plug-in a at /p: ";
     const struct {
         std::optional<std::string> identifier, url;
-        std::optional<Dictionary> info;
+        std::optional<Value> info;
         std::string line;
     } rows[] = {
         {"a", {}, multiple(1), ""},
         {{}, "/p", multiple(1), "missing identifier in plug-in at /p"},
         {"a", "/p", {}, "missing Info dictionary in plug-in a at /p"},
         {"a", "/p", Dictionary{}, malformed + "{}"},
+        {"a", "/p", "text", malformed + "text"},
         {"a", "/p", Dictionary{{"KXExtension", 1}}, malformed + "{KXExtension = 1}"},
         {"a", "/p", multiple(Dictionary{{"b", 1}}), malformed + "{KXExtension = {Multiple = {b = 1}}}"},
     };

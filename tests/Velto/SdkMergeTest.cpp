@@ -47,6 +47,10 @@ TEST(SdkMerge, GivesEveryRecordItsCanonicalForm) {
     EXPECT_EQ(plain->attributes(), (Dictionary{{"KXExtensionVersion", "1"}, {"halvern.format", "standard"}}));
     EXPECT_EQ(*plain->plugInDictionary().string("Shared"), "Library");
 
+    const auto numbered = recordOf(around({}).changing("QFBundleShortVersionString", 7));
+    numbered->canonicalize();
+    EXPECT_EQ(numbered->version(), "7");
+
     const Dictionary appexInfo = around({{"Shared", Array{"Library"}},
                                          {"PrincipalClass", "Mine"},
                                          {"EmbeddedCode", 1},

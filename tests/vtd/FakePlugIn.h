@@ -30,8 +30,13 @@ struct PlugIn : dravo::DVVeltoProxy {
     std::optional<dravo::DVBundleProxy> containingBundle() const override { return {}; }
     Text localizedName() const override { return {}; }
     Text localizedShortName() const override { return {}; }
-    value::Dictionary entitlements() const override { return held; }
+    const value::Dictionary& entitlements() const override { return held; }
+    file::Identity bundleIdentity() const override { return {}; }
+    dravo::DVFingerprint fingerprint() const override { return {}; }
+    std::optional<dravo::DVImage> image(dravo::DVImage::IsSound /*isSound*/) const override { return {}; }
+    void keepImage(std::span<const std::byte> /*bytes*/) const override {}
     Text dataContainerPath() const override { return "/data"; }
+    bool hasDataContainer() const override { return true; }
 
     std::string identifier;
     Text path;

@@ -1,125 +1,39 @@
-#include <map>
-#include <random>
-
-#include "Velto/VTProtocol.h"
 #include "platform/mox/Encoder.h"
-#include "platform/text/NumericCompare.h"
-#include "platform/types/TypeHierarchy.h"
-#include "tests/support/Words.h"
+#include "tests/vtd/DiscoveryModel.h"
 #include "tests/vtd/FakePlugIn.h"
 #include "vtd/Discovery.h"
+#include "vtd/Exclusions.h"
 #include "vtd/VTDPlugIn.h"
 #include "vtd/rules/Rules.h"
 
 namespace {
 
-std::shared_ptr<VTDPlugIn> plugInWith(const Dictionary& attributes) {
-    const auto proxy = std::make_shared<fake::PlugIn>("a.1", "/a.app/PlugIns/p.plugin");
+std::shared_ptr<VTDPlugIn> plugInOf(const std::shared_ptr<fake::PlugIn>& proxy, const Dictionary& description) {
     auto plugIn = std::make_shared<VTDPlugIn>();
     plugIn->setDvproxy(proxy);
     plugIn->setContainingUrl("/a.app");
-    const Dictionary own{{"KXExtensionProtocol", "P"}, {"KXExtensionAttributes", attributes}};
-    EXPECT_TRUE(plugIn->setupWithName("a.1", proxy->path, Dictionary{{"KXExtension", own}}, {}, proxy->uuid));
+    const Dictionary own = description.changing("KXExtensionProtocol", "P");
+    EXPECT_TRUE(
+        plugIn->setupWithName(proxy->identifier, proxy->path, Dictionary{{"KXExtension", own}}, {}, proxy->uuid));
     return plugIn;
 }
 
-// The rule language as it is written down: every pattern is tried in its turn, on every text.
-class Model {
-public:
-    explicit Model(const Dictionary& attributes) : attributes_{attributes} {}
-
-    bool matches(const Dictionary& rules) {
-        return std::all_of(rules.begin(), rules.end(), [&](auto& rule) {
-            const Value identifier{"a.1"};
-            return matches(rule.key == "KXExtensionIdentifier" ? &identifier : attributes_.find(rule.key), rule.value);
-        });
-    }
-
-    std::map<std::string, int> complaints;
-
-private:
-    bool matches(const Value* value, const Value& pattern) {
-        const bool isFalse = value != nullptr && *value == Value{false};
-        if (pattern == Value{true}) return value != nullptr && !isFalse;
-        if (pattern == Value{false}) return value == nullptr || isFalse;
-        if (value == nullptr) return false;
-        if (pattern.dictionary() != nullptr) return activation::evaluate(*value, *pattern.dictionary());
-        if (value->string() != nullptr) return matchesAny(*value->string(), pattern);
-        return value->array() != nullptr && std::any_of(value->array()->begin(), value->array()->end(), [&](auto& e) {
-                   return e.string() != nullptr && matchesAny(*e.string(), pattern);
-               });
-    }
-
-    bool matchesAny(const std::string& text, const Value& pattern) {
-        if (pattern.string() != nullptr) return matchesOne(text, *pattern.string());
-        return pattern.array() != nullptr &&
-               std::any_of(pattern.array()->begin(), pattern.array()->end(),
-                           [&](auto& p) { return p.string() != nullptr && matchesOne(text, *p.string()); });
-    }
-
-    bool matchesOne(const std::string& text, const std::string& pattern) {
-        const auto behind = [&](const char* prefix) { return pattern.substr(std::string_view{prefix}.size()); };
-        const auto begins = [&](const char* prefix) { return pattern.starts_with(prefix); };
-        const auto against = [&](const char* prefix) { return text::compareNumerically(text, behind(prefix)); };
-        if (begins("?ZT-CONFORMS:")) return types::conforms(text, behind("?ZT-CONFORMS:"));
-        if (begins("?ZT-IS:")) return types::conforms(behind("?ZT-IS:"), text);
-        if (begins("?")) return ++complaints[pattern] < 0;
-        if (begins("<>")) return against("<>") != 0;
-        if (begins("<=")) return against("<=") <= 0;
-        if (begins(">=")) return against(">=") >= 0;
-        if (begins("=")) return against("=") == 0;
-        if (begins("<")) return against("<") < 0;
-        if (begins(">")) return against(">") > 0;
-        return against("") == 0;
-    }
-
-    const Dictionary& attributes_;
-};
+std::shared_ptr<VTDPlugIn> plugInWith(const Dictionary& attributes) {
+    return plugInOf(std::make_shared<fake::PlugIn>("a.1", "/a.app/PlugIns/p.plugin"),
+                    {{"KXExtensionAttributes", attributes}});
+}
 
 TEST(Rules, MeanWhatTheLanguageSaysInRandomWorlds) {
     const support::PrivateRoot root;
     root.writeList("system/Types.plist", Dictionary{{"a.1", "b"}, {"b", "=="}});
     const auto seed = std::random_device{}();
     SCOPED_TRACE(seed);
-    std::mt19937 random{seed};
-    const auto below = [&](std::size_t count) { return random() % count; };
-    const auto pick = [&](const auto& pool) { return pool[below(std::size(pool))]; };
-    const char* const operators[] = {"", "", "=", "<>", "<=", ">=", "<", ">", "?ZT-CONFORMS:", "?ZT-IS:", "?"};
-    const char* const texts[] = {"", "a", "a.1", "a.01", "a.001.0", "a.2", "b", "=", "==", "10", "9", "?", "x"};
-    const auto pattern = [&] { return pick(operators) + std::string{pick(texts)}; };
-    const auto list = [&](const auto& element) {
-        Array::Storage elements;
-        const std::size_t count = below(2) == 0 ? below(4) : below(40);
-        for (std::size_t i = 0; i < count; ++i) elements.push_back(below(12) != 0 ? Value{element()} : Value{7});
-        return Value{Array{std::move(elements)}};
-    };
-    const auto text = [&] { return std::string{pick(texts)}; };
-    const Value numbers[] = {true, false, 0, 1.0, 5};
+    model::Chance chance{seed};
     support::LogLines log;
     for (int round = 0; round < 3'000; ++round) {
-        Dictionary::Builder attributes, rules;
-        for (const char* name : {"one", "two", "three"}) {
-            switch (below(5)) {
-                case 0: attributes.set(name, text()); break;
-                case 1: attributes.set(name, list(text)); break;
-                case 2: attributes.set(name, pick(numbers)); break;
-                case 3: attributes.set(name, Dictionary{{"b", static_cast<int>(below(3))}}); break;
-                default: break;
-            }
-        }
-        for (const char* name : {"one", "two", "three", "KXExtensionIdentifier", "absent"}) {
-            const Value items = Array{Dictionary{{"types", list(text)}}, Dictionary{{"types", Array{"a.1"}}}};
-            switch (below(6)) {
-                case 0: rules.set(name, pattern()); break;
-                case 1: rules.set(name, list(pattern)); break;
-                case 2: rules.set(name, pick(numbers)); break;
-                case 3: rules.set(name, Dictionary{{"items", items}}); break;
-                default: break;
-            }
-        }
-        const Dictionary has = std::move(attributes).build(), wanted = std::move(rules).build();
+        const Dictionary has = chance.attributes(), wanted = chance.rules(6);
         const auto plugIn = plugInWith(has);
-        Model model{has};
+        model::RuleModel model{"a.1", has};
         const bool expected = model.matches(wanted);
         mox::Encoder encoded;
         encoded.value(wanted);
@@ -139,6 +53,119 @@ TEST(Rules, MeanWhatTheLanguageSaysInRandomWorlds) {
             EXPECT_THAT(log.take(logging::Level::notice), testing::UnorderedElementsAreArray(lines));
         }
     }
+}
+
+// A plug-in, and what a model has to know of it.
+struct Known {
+    std::shared_ptr<VTDPlugIn> plugIn;
+    model::Copy copy;
+    Dictionary attributes;
+    bool isContained, isDedicated, isHeld;
+    std::string demanded;  // of its host
+};
+
+Known knownOf(model::Chance& chance) {
+    constexpr const char* kPaths[] = {"/a.app/PlugIns/p", "/client.app/PlugIns/p", "/client.app/PlugInsToo/p"};
+    constexpr const char* kIdentifiers[] = {"a.1", "a.01", "b"};
+    constexpr const char* kVersions[] = {"1", "1.0", "01", "1.10", "1.9", "", "2b"};
+    constexpr const char* kDemands[] = {"", "", "held", "not held"};
+    const auto proxy = std::make_shared<fake::PlugIn>(chance.pick(kIdentifiers), chance.pick(kPaths));
+    Known known{nullptr,
+                {proxy->uuid.string(),
+                 proxy->identifier,
+                 chance.pick(kVersions),
+                 chance.once(2),
+                 static_cast<int>(chance.below(3)) - 1,
+                 {}},
+                chance.attributes(),
+                !chance.once(4),
+                chance.once(4),
+                chance.once(6),
+                chance.pick(kDemands)};
+    for (std::size_t claims = std::max<std::size_t>(chance.below(8), 5); claims > 5; --claims) {
+        known.copy.replaces.emplace_back(chance.pick(kIdentifiers));
+    }
+    const Texts& replaced = known.copy.replaces;
+    const Value several = Array{Array::Storage{replaced.begin(), replaced.end()}};
+    proxy->held = {{"halvern.developer.replace-plugin", replaced.size() == 1 ? Value{replaced[0]} : several}};
+    Dictionary description{
+        {"KXExtensionAttributes", known.attributes.changing("KXExtensionVersion", known.copy.version)},
+        {"Dedicated", known.isDedicated}};
+    if (!known.demanded.empty()) description = description.changing("KXExtensionHostEntitlement", known.demanded);
+    known.plugIn = plugInOf(proxy, description);
+    known.plugIn->setOnSystemVolume(known.copy.onSystem);
+    known.plugIn->setLastModified(known.copy.modified);
+    if (!known.isContained) known.plugIn->setContainingUrl({});
+    return known;
+}
+
+// All gates, in every combination that chance makes: against saying what each is to hold back, one after another.
+TEST(Discovery, LetsThroughWhatItShouldInTenThousandRandomWorlds) {
+    const support::PrivateRoot root;
+    root.writeList("system/Types.plist", Dictionary{{"a.1", "b"}, {"b", "=="}});
+    const auto seed = std::random_device{}();
+    SCOPED_TRACE(seed);
+    model::Chance chance{seed};
+    support::LogLines log;
+    std::vector<Known> all;
+    std::size_t found = 0;
+    for (int round = 0; round < 10'000; ++round) {
+        if (round % 250 == 0) {
+            all.clear();
+            while (all.size() < 40) all.push_back(knownOf(chance));
+        }
+        std::vector<const Known*> candidates;
+        for (std::size_t i = 0, count = chance.below(12); i < count; ++i) {
+            std::swap(all[i], all[i + chance.below(all.size() - i)]);
+            candidates.push_back(&all[i]);
+        }
+        const Dictionary wanted = chance.once(3) ? Dictionary{} : chance.rules(40);
+        const std::optional allowed = chance.once(3) ? std::optional{chance.rules(30)} : std::nullopt;
+        Array::Storage excluded;
+        while (chance.once(2)) excluded.push_back(chance.once(8) ? Value{"no rules"} : Value{chance.rules(20)});
+        const bool hasPlugIns = !chance.once(4), mayBeRestricted = allowed.has_value();
+        std::uint64_t flags = chance.once(4) ? std::uint64_t{VTDiscoverAll} : 0;
+        for (const std::uint64_t flag : {1U, 2U, 4U, 8U}) flags |= chance.once(3) ? flag : 0;
+
+        std::vector<model::Copy> through;
+        for (const Known* const known : candidates) {
+            const auto meets = [&](const Dictionary& rules) {
+                return model::RuleModel{known->copy.identifier, known->attributes}.matches(rules);
+            };
+            const bool seesAll = (flags & VTDiscoverAll) != 0;
+            const bool isPlaced = known->copy.onSystem || (known->isContained && (flags & 8U) == 0);
+            const bool isOurs = hasPlugIns && known->plugIn->path().starts_with("/client.app/PlugIns");
+            const bool isAllowed = (!mayBeRestricted || meets(*allowed)) && known->demanded != "not held";
+            const bool isHeldBack = !isPlaced || (known->isDedicated && !isOurs) || known->isHeld || !isAllowed;
+            const bool isExcluded = std::any_of(excluded.begin(), excluded.end(), [&](const Value& rules) {
+                return rules.dictionary() != nullptr && meets(*rules.dictionary());
+            });
+            if ((seesAll || !isHeldBack) && meets(wanted) && !isExcluded) through.push_back(known->copy);
+        }
+
+        const std::optional restriction = allowed ? std::optional{rules::Rules{*allowed}} : std::nullopt;
+        Discovery::Query query{.wanted = rules::Rules{wanted}, .flags = flags, .clientPlugInsPath = {}};
+        if (hasPlugIns) query.clientPlugInsPath = [] { return std::optional{"/client.app/PlugIns"s}; };
+        query.isOnHold = [&](const VTDPlugIn& plugIn) {
+            return std::any_of(all.begin(), all.end(),
+                               [&](const Known& one) { return one.plugIn.get() == &plugIn && one.isHeld; });
+        };
+        query.exclusions = std::make_shared<const Exclusions>(Array{std::move(excluded)});
+        query.refuseToClient = [&](const VTDPlugIn& plugIn,
+                                   rules::Complaints& complaints) -> std::optional<std::string> {
+            if (restriction && plugIn.unmatchedRule(*restriction, complaints) != nullptr) return "restricted";
+            const Value* const demanded = plugIn.plugInDictionary().find("KXExtensionHostEntitlement");
+            return demanded != nullptr && *demanded != Value{"held"} ? std::optional{"not held"s} : std::nullopt;
+        };
+        effort::Account account;
+        Discovery discovery{std::move(query), [](auto&, auto&) {}, account};
+        ASSERT_TRUE(discovery.isAffordable(candidates.size()));
+        for (const Known* const known : candidates) static_cast<void>(discovery.visit(*known->plugIn));
+        const Texts matches = model::asTexts(std::move(discovery).finish());
+        ASSERT_EQ(matches, model::resolvePlainly(through, flags)) << "world " << round << ", flags " << flags;
+        found += matches.size();
+    }
+    EXPECT_GT(found, 10'000U) << "worlds in which hardly anything is found show little";
 }
 
 // One whose list meets so many patterns that they cost more than its share is held back alone, and each plug-in's

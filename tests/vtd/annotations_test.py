@@ -30,6 +30,7 @@ class AnnotationsTest(WorldTest):
         for name, content, line, loads in [
             ('missing', None, '', True),
             ('sound', sound, '', True),
+            ('version as text', {**sound, 'version': '16'}, '', True),
             ('older', {**sound, 'version': 15}, 'error:found database version 15 needed version 16 (resetting)', False),
             ('unversioned', {'data': stored}, 'error:found database version 0 needed version 16 (resetting)', False),
             ('a list', [], 'found database version 0 needed version 16', False),
@@ -179,10 +180,24 @@ class AnnotationsTest(WorldTest):
         self.world.write('system/PlugIns/odd/Info.plist', plistlib.dumps(info, fmt=plistlib.FMT_BINARY))
         path = self.world / 'annotations'
         self.start(path)
-        for name in 'odd\x01', 'one':
+        for name, said in ('odd\x01', 1), ('one', 0), ('odd\x01', 0):
             self.annotate(name, election=1)
-            self.assertEqual(len(self.world.take_lines(f'unable to save annotations:{path} error:')), 1)
+            self.assertEqual(len(self.world.take_lines(f'unable to save annotations:{path} error:')), said)
         self.assertEqual(self.world.read_plist(path)['data'], {'one': {'election': 1}})
+        file = os.stat(path).st_ino
+        self.annotate('one', election=1)
+        self.assertEqual(os.stat(path).st_ino, file, 'what is there is not written again')
+
+    def test_directories_are_there_for_good_before_anybody_is_answered(self):
+        self.needs('strace', '-o', '/dev/null', 'true')
+        state = self.world / 'above/state'
+        environment = {'XDG_STATE_HOME': state, 'XDG_RUNTIME_DIR': self.world.root, 'HOME': self.world.root}
+        subprocess.run(['strace', '-f', '-y', '-e', 'trace=mkdir,fsync', '-o', self.world / 'trace', VTD, '-S', 'no/name'],
+                       env=environment, stderr=subprocess.DEVNULL, timeout=60)
+        calls = self.world.read('trace').decode()
+        for name in state, state + '/halvern', state + '/halvern/halvern.velto':
+            made = calls.index(f'mkdir("{name}", 0700) = 0')
+            self.assertIn(f'<{os.path.dirname(name)}>) = 0', calls[made:], name)
 
     def test_what_was_answered_is_kept_wherever_the_daemon_is_killed(self):
         self.needs('strace', '-o', '/dev/null', 'true')

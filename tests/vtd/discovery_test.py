@@ -74,6 +74,24 @@ class DiscoveryTest(WorldTest):
         self.assertEqual([line.split(' match ')[1] for line in self.world.take_lines('unrecognized match operator')],
                          ['operator:?zt-is:x', 'operator:? (2 times)'])
 
+    def test_an_sdk_that_changes_changes_what_hosts_find(self):
+        self.plug_in('a', {'KXExtensionPointIdentifier': 's'})
+        self.start()
+        sdk = 'system/SDKs/s.plist'
+        self.assertEqual(self.seen({}), {'a'})
+        rules = [{}, {'KXExtensionPointName': 's'}, {'KXExtensionPointName': 'p'}]
+        for content, *found in [
+            ({'KXExtension': {'KXExtensionAttributes': {'KXExtensionPointName': 'p'}}}, True, False, True),
+            ({'KXExtensionPointName': 's'}, True, True, False),
+            (b'no list', False, False, False),  # what it demands is not known
+            ({'KXExtensionPointName': 's'}, True, True, False),
+            ({'KXExtensionPointName': 's', 'KXExtension': {'KXExtensionHostEntitlement': 'h'}}, False, False, False),
+            ({'KXExtensionPointName': 's'}, True, True, False),
+        ]:
+            self.world.write(sdk, content)
+            expected = [{'a'} if is_found else set() for is_found in found]
+            self.eventually(lambda: [self.seen(each) for each in rules] == expected, content)
+
     def test_elections_are_rules_by_their_number_and_beside_literals_by_their_low_byte(self):
         self.plug_in('one')
         self.start()

@@ -73,6 +73,20 @@ class LaunchTest(WorldTest):
                              {'VTTEST_SDK': '/sdk', 'HOME': data, 'QFFIXED_USER_HOME': data, 'TMPDIR': data + '/tmp',
                               **changed})
         self.assertEqual(self.overlay('own')['MoxService']['RunLoopType'], 'main')
+        self.assertEqual(len(self.world.take_lines('of plug-in own(1) that are no texts: NO_TEXT')), 1)
+
+    def test_a_data_container_is_looked_for_each_time(self):
+        self.install('one')
+        self.start()
+        data = self.world / 'state/containers/one'
+        for remove, environment in (lambda: None, {'HOME': data}), (lambda: shutil.rmtree(data), {'HOME': data}), \
+                (lambda: (shutil.rmtree(data), self.world.write('state/containers/one', b'in its place')), {}):
+            remove()
+            self.assertEqual(self.ready('one'), {})
+            given = self.overlay('one')['MoxService']['EnvironmentVariables']
+            self.assertEqual({key: given[key] for key in given if key == 'HOME'}, environment)
+            self.assertEqual(os.path.isdir(data + '/tmp'), bool(environment))
+        self.assertEqual(len(self.world.take_lines('no data container for plug-in one(1) ')), 1)
 
     def test_all_that_are_named_are_registered_unless_one_is_refused_or_cannot_be(self):
         one, two = self.install('one'), self.install('two')
@@ -98,6 +112,21 @@ class LaunchTest(WorldTest):
         self.world.write('run/services', b'no directory')
         self.assertRegex(self.ready('two')['error'], r'^unable to enable plug-in two\(.{36}\) for pid \d+$')
         self.assertEqual(len(self.world.take_lines(f'mox error 20 allowing pid {self.host.pid} to use plug-in two(1) ')), 1)
+
+    def test_what_has_gone_from_the_disk_is_unknown_before_anybody_has_noticed(self):
+        for round in range(10):
+            bundle = self.install('one')
+            if round == 0:
+                self.start()
+            uuids = []
+            self.eventually(lambda: uuids or uuids.extend({'$uuid': form['uuid']} for form in self.host.found().values()),
+                            'it is found')
+            os.rename(bundle, self.world / f'away{round}')
+            for request in 'ready', 'access':
+                self.assertEqual(self.host.ask(request, uuids=uuids),
+                                 {'errorcode': 4, 'error': 'no such plugin (uuid not found)'})
+            self.assertEqual(os.path.exists(self.registration('one')), False)
+        self.assertTrue(self.world.take_lines(' is going, or another lies in its place'))
 
     def test_a_registration_goes_with_its_plug_in_or_the_log_says_why_not(self):
         one, two, three = map(self.install, ('one', 'two', 'three'))

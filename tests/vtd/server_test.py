@@ -80,6 +80,7 @@ class ServerTest(WorldTest):
         other = World()
         self.addCleanup(other.end)
         os.symlink(state, other / 'alias')
+        before = os.listdir('.')
         usage, pid = 'Usage: vtd [-S servicename] [-v]\n', str(self.world.daemon.pid)
         for world, arguments, status, error in [
             (other, ['extra'], 2, ''),
@@ -89,6 +90,7 @@ class ServerTest(WorldTest):
             (self.world, ['-S', 'another', '-d', other / 'annotations'], 1, pid),  # the same state directory
             (other, ['-d', other / 'alias'], 1, f'process {pid} holds the lock {state}'),
             (other, ['-S', 'no/such/name'], 1, 'no/such/name'),
+            (other, ['-d', ''], 1, 'annotations cannot be kept in "": it names no file'),
         ]:
             with self.subTest(arguments):
                 ran = subprocess.run([VTD, *arguments], env=world.environment, stderr=subprocess.PIPE, timeout=20)
@@ -96,8 +98,16 @@ class ServerTest(WorldTest):
                 self.assertEqual((ran.returncode, said.endswith(usage)), (status, status == 2))
                 self.assertIn(error, said)
                 self.assertEqual(said == usage, error == '')
-        other.start()
+        self.assertEqual(os.listdir('.'), before)
+        for directory in 'state', 'shared':
+            os.makedirs(other / directory, exist_ok=True)
+            os.chmod(other / directory, 0o777)
+        other.start('-d', other / 'shared/Annotations')
         self.assertNotEqual(other.vtctl('match').returncode, 7)
+        self.assertEqual([line.split(':')[0] for line in other.take_lines('who can write there')],
+                         [f'others may write in {other / directory}' for directory in ('state', 'shared')])
+        other.kill_daemon()
+        other.start()
         self.assertEqual(os.stat(other / 'state/halvern.velto').st_mode & 0o777, 0o700)
 
 

@@ -1,8 +1,10 @@
 """Whoever holds most makes room: with hardly a descriptor left a newcomer is served, and what it chooses is saved."""
+import os
 import resource
 import struct
+import subprocess
 
-from world import WorldTest, main
+from world import VTD, WorldTest, main
 from match import text
 
 SANDBOX = 'halvern.velto.vtd.sandbox'
@@ -53,6 +55,28 @@ class ShortageTest(WorldTest):
                     self.assertIn(f"'election': {election}", str(stored))
                     for holder in holders:
                         self.kill(holder)
+
+    def test_watches_that_were_not_to_be_had_are_asked_for_again(self):
+        instances, watches = '/proc/sys/user/max_inotify_instances', '/proc/sys/user/max_inotify_watches'
+        self.needs('unshare', '-Ur', 'sh', '-c', f'echo 0 >{instances}')
+        limited = f'echo 0 >{instances} && echo 1 >{watches} && exec "$0" -v'
+        with open(self.world / 'log', 'ab') as log:  # in a user namespace, which has limits of its own
+            self.world.daemon = subprocess.Popen(['unshare', '-Ur', 'sh', '-c', limited, VTD],
+                                                 env=self.world.environment, stderr=log)
+        pid = str(self.world.daemon.pid)
+        self.world.await_ready(self.world.daemon.pid)
+        client = self.world.client()
+        lift = ['nsenter', '-t', pid, '-U', '--preserve-credentials', 'sh', '-c', 'echo 100000 >"$0"']
+
+        def holds_watches():
+            return any(os.readlink(f'/proc/{pid}/fd/{fd}').endswith('inotify') for fd in os.listdir(f'/proc/{pid}/fd'))
+
+        for name, condition in ('polled', lambda: 'polled' in client.found()), ('few', holds_watches), \
+                ('watched', lambda: self.world.take_lines('are watched again')):
+            self.world.install('system/PlugIns/' + name, {})
+            self.eventually(condition, name)
+            subprocess.run([*lift, {'polled': instances}.get(name, watches)], check=True)
+        self.eventually(lambda: set(client.found()) == {'polled', 'few', 'watched'}, 'it is noticed')
 
 
 if __name__ == '__main__':

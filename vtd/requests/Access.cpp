@@ -20,6 +20,7 @@ void Transaction::accessPlugIns() {
         auto token = bundle ? VTIssueReadExtension(*bundle, plugIn->url(), ".") : std::nullopt;
         if (!token) {
             const int reason = errno;
+            if (!mustBeCurrent(*plugIn)) return false;
             fail(VTErrorRequest, text::format("cannot create extension to {}: {}", plugIn->path(), reason));
             return false;
         }

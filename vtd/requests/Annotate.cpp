@@ -40,14 +40,16 @@ void Transaction::annotatePlugIns() {
 
     value::Dictionary::Builder update;
     std::string electionText = "(null)";
+    // Either in plain or in message form, which stand for the same.
     if (const auto found = sent->find(kElection)) {
-        const auto election = electionOf(*found);
+        const auto election = electionOf(found->plain());
         if (!election) return fail(VTErrorRequest, "invalid request format (annotation election)");
         electionText = description(*election);
         update.set(kElection, *election);
     }
     if (const auto extension = sent->find(kExtension)) {
-        if (!isStorable(*extension)) return fail(VTErrorRequest, "invalid request format (annotation extension)");
+        if (!isStorable(extension->plain()))
+            return fail(VTErrorRequest, "invalid request format (annotation extension)");
         update.set(kExtension, extension->toValue());
     }
     if (update.size() == 0) return done();

@@ -32,6 +32,7 @@ void Transaction::readyPlugIns() {
     };
     const bool all = processUuidList([&](const std::shared_ptr<VTDPlugIn>& plugIn) {
         probes::pluginReady([&] { return plugIn->uuid().string(); });
+        if (!mustBeCurrent(*plugIn)) return false;
         if (server()->holdOnPlugIn(*plugIn)) return refuse(*plugIn, "the plug-in is on hold");
         if (plugIn->isData()) return true;
         const auto reason = plugIn->allowForClient(*client(), maximumRating, complaints);
@@ -49,7 +50,10 @@ void Transaction::readyPlugIns() {
     }
     if (!mayGoOn()) return;
     for (const auto& plugIn : allowed) {
-        if (const auto error = plugIn->enableForPid(client()->pid())) return fail(VTErrorRequest, *error);
+        const auto error = plugIn->enableForPid(client()->pid());
+        if (error) return mustBeCurrent(*plugIn) ? fail(VTErrorRequest, *error) : void();
+        // Its end may have been announced meanwhile, and what was registered withdrawn before this was.
+        if (!mustBeCurrent(*plugIn)) return server()->removedPlugIns({plugIn->dvproxy()});
     }
     done();
 }

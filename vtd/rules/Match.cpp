@@ -1,5 +1,9 @@
 #include "vtd/rules/Match.h"
 
+#include <optional>
+#include <string>
+#include <string_view>
+
 #include "platform/effort/Effort.h"
 
 namespace rules {
@@ -45,6 +49,23 @@ private:
     std::size_t last_;  // the place of the pattern that accepted
 };
 
+// An array meets a rule's patterns by its first text that one accepts.
+template <typename ForEachElement>
+bool isMetByElements(const Rules& rules, const Rules::Rule& rule, Complaints& complaints,
+                     const ForEachElement& forEachElement) {
+    Trial trial{rules, rule, complaints};
+    bool accepted = false;
+    bool goesOn = true;
+    forEachElement([&](std::optional<std::string_view> text) {
+        goesOn = effort::take(1);
+        accepted = goesOn && text && trial.accepts(*text);
+        return goesOn && !accepted;
+    });
+    if (!goesOn) return false;
+    trial.complain(accepted);
+    return accepted;
+}
+
 }  // namespace
 
 bool isMetByText(const Rules& rules, const Rules::Rule& rule, std::string_view value, Complaints& complaints) {
@@ -75,16 +96,23 @@ bool isMet(const Rules& rules, const Rules::Rule& rule, const value::Value* valu
     }
     const value::Array* const elements = value->array();
     if (elements == nullptr) return false;
-    Trial trial{rules, rule, complaints};
-    bool accepted = false;
-    for (const value::Value& element : *elements) {
-        if (!effort::take(1)) return false;
-        if (element.string() == nullptr || !trial.accepts(*element.string())) continue;
-        accepted = true;
-        break;
+    return isMetByElements(rules, rule, complaints, [&](const auto& visit) {
+        for (const value::Value& element : *elements) {
+            const std::string* const text = element.string();
+            if (!visit(text != nullptr ? std::optional<std::string_view>{*text} : std::nullopt)) return;
+        }
+    });
+}
+
+bool isMet(const Rules& rules, const Rules::Rule& rule, mox::View value, Complaints& complaints) {
+    if (const auto text = value.string()) return isMetByText(rules, rule, *text, complaints);
+    if (rule.demand != Demand::patterns || !value.isArray()) {
+        const value::Value decoded = value.toValue();
+        return isMet(rules, rule, &decoded, complaints);
     }
-    trial.complain(accepted);
-    return accepted;
+    return isMetByElements(rules, rule, complaints, [&](const auto& visit) {
+        value.forEachElement([&](mox::View element) { return visit(element.string()); });
+    });
 }
 
 }  // namespace rules

@@ -94,6 +94,104 @@ TEST(Changes, ADirectoryWithTheSameContentCountsAsAnotherUnlessNobodyWasLooking)
     EXPECT_EQ(witness->told(""), "");
 }
 
+// One after the other, with what each announces.
+struct SdkChange {
+    const char *name, *announced;
+    void (*make)(const Installation& world);
+};
+
+void putSdk(const Installation& w, const std::string& path, const std::string& content) {
+    w.write(path, Dictionary{{"k", content}});
+}
+
+const SdkChange kSdkChanges[] = {
+    {"one comes with the directory", "-a -m1 -m2 +a +m1 +m2",
+     [](const Installation& w) { putSdk(w, "system/SDKs/p.plist", "1"); }},
+    {"written in place", "-a -m1 -m2 +a +m1 +m2",
+     [](const Installation& w) {
+         w.root.writeList("system/SDKs/p.plist", Dictionary{{"k", "2"}});
+     }},
+    {"exchanged by renaming", "-a -m1 -m2 +a +m1 +m2",
+     [](const Installation& w) { putSdk(w, "system/SDKs/p.plist", "3"); }},
+    {"exchanged for the same, another's comes", "-b +b",
+     [](const Installation& w) {
+         putSdk(w, "system/SDKs/p.plist", "3");
+         putSdk(w, "system/SDKs/q.plist", "1");
+     }},
+    {"no longer to be read", "-a -m1 -m2 +a +m1 +m2",
+     [](const Installation& w) {
+         w.remove("system/SDKs/p.plist");
+         fs::create_symlink("nowhere", w.root / "system/SDKs/p.plist");
+     }},
+    {"to be read again", "-a -m1 -m2 +a +m1 +m2", [](const Installation& w) { putSdk(w, "system/SDKs/p.plist", "3"); }},
+    {"another goes first", "-a -m1 -m2 +a +m1 +m2", [](const Installation& w) { putSdk(w, "test/p", "4"); }},
+    {"what comes second changes nothing", "-b +b",
+     [](const Installation& w) {
+         putSdk(w, "system/SDKs/p.plist", "5");
+         w.remove("system/SDKs/q.plist");
+     }},
+    {"the first goes", "-a -m1 -m2 +a +m1 +m2", [](const Installation& w) { w.remove("test"); }},
+    {"the directory is exchanged", "-a -m1 -m2 +a +m1 +m2",
+     [](const Installation& w) {
+         putSdk(w, "SDKs/p.plist", "6");
+         w.move("system/SDKs", "SDKs.old");
+         w.move("SDKs", "system/SDKs");
+     }},
+    {"what a link leads to comes in its place", "-a -m1 -m2 +a +m1 +m2",
+     [](const Installation& w) {
+         putSdk(w, "elsewhere/p", "7");
+         fs::create_symlink("../../elsewhere/p", w.root / "link");
+         w.move("link", "system/SDKs/p.plist");
+     }},
+    {"that is written in place", "-a -m1 -m2 +a +m1 +m2",
+     [](const Installation& w) {
+         w.root.writeList("elsewhere/p", Dictionary{{"k", "8"}});
+     }},
+    {"the directory is a link to another, by now", "-a -m1 -m2 +a +m1 +m2",
+     [](const Installation& w) {
+         putSdk(w, "one/p.plist", "9");
+         w.remove("system/SDKs");
+         fs::create_directory_symlink("../one", w.root / "system/SDKs");
+     }},
+    {"that leads elsewhere", "-a -m1 -m2 +a +m1 +m2",
+     [](const Installation& w) {
+         putSdk(w, "two/p.plist", "10");
+         fs::create_directory_symlink("../two", w.root / "link");
+         w.move("link", "system/SDKs");
+     }},
+    {"the directory goes", "-a -m1 -m2 +a +m1 +m2", [](const Installation& w) { w.remove("system/SDKs"); }},
+};
+
+TEST(Changes, AnSdkBelongsToTheRecordsOfItsPlugIns) {
+    for (const bool watched : {true, false}) {
+        Installation world;
+        ::setenv("VTTEST_SDK", (world.root / "test").c_str(), 1);
+        world.plugIn("system/PlugIns/a", "a", {{"KXExtensionPointIdentifier", "p"}});
+        world.plugIn("system/PlugIns/b", "b", {{"KXExtensionPointIdentifier", "q"}});
+        world.plugIn("system/PlugIns/m", "m",
+                     {{"Multiple", Dictionary{{"m1", Dictionary{{"KXExtensionPointIdentifier", "p"}}},
+                                              {"m2", Dictionary{{"KXExtensionPointIdentifier", "r"}}}}}});
+        world.start({watched, std::chrono::milliseconds{20}});
+        const auto uuid = world.at("system/PlugIns/a")->pluginUUID();
+        auto witness = world.witness();
+        for (const SdkChange& change : kSdkChanges) {
+            SCOPED_TRACE(std::string{change.name} + (watched ? " watched" : " polled"));
+            const auto before = world.at("system/PlugIns/a")->fingerprint();
+            change.make(world);
+            EXPECT_EQ(witness->told(change.announced), change.announced);
+            world.settle();
+            EXPECT_EQ(world.at("system/PlugIns/a")->fingerprint() == before, "-b +b"s == change.announced);
+            EXPECT_EQ(world.at("system/PlugIns/a")->pluginUUID(), uuid);
+        }
+        world.stop();
+        putSdk(world, "system/SDKs/q.plist", "7");
+        world.start();
+        witness = world.witness();
+        EXPECT_EQ(witness->told("-b +b"), "-b +b") << "while nobody was looking";
+        ::unsetenv("VTTEST_SDK");
+    }
+}
+
 // Whoever has a record acts on its directory, whatever lies at the path before the registry has looked again.
 TEST(Changes, ARecordMeansTheDirectoryThatWasReadAndNoOther) {
     Installation world;

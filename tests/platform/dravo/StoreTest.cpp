@@ -36,7 +36,7 @@ TEST(Store, ThatCannotBeReadIsKeptAsideAndRebuilt) {
     }
 }
 
-// As the first version made it, which knew of no identity.
+// As the first version made it, which knew of no identity nor SDK.
 TEST(Store, OfAnEarlierVersionIsUpgradedWithAllThatItHolds) {
     Installation world;
     world.plugIn("system/Applications/A.app/PlugIns/P", "a");
@@ -55,6 +55,7 @@ TEST(Store, OfAnEarlierVersionIsUpgradedWithAllThatItHolds) {
                         entitlements BLOB, refusal TEXT NOT NULL, remark TEXT NOT NULL);
         INSERT INTO b SELECT row, path, stamps, digest, identifier, version, displayName, shortName, entitlements,
                              refusal, remark FROM bundle;
+        ALTER TABLE plugin DROP COLUMN sdk;
         DROP TABLE application; DROP TABLE bundle;
         ALTER TABLE a RENAME TO application; ALTER TABLE b RENAME TO bundle;
         PRAGMA user_version = 1;
@@ -73,7 +74,7 @@ TEST(Store, OfAnEarlierVersionIsUpgradedWithAllThatItHolds) {
         EXPECT_EQ(witness->told(""), "") << "nothing came or went";
         world.stop();
     }
-    EXPECT_EQ(*Database::open(path)->number("PRAGMA user_version"), 2);
+    EXPECT_EQ(*Database::open(path)->number("PRAGMA user_version"), 3);
     EXPECT_THAT(world.log.take(), IsEmpty());
 }
 
@@ -81,7 +82,7 @@ TEST(Store, OfAnEarlierVersionIsUpgradedWithAllThatItHolds) {
 TEST(Store, IsWholeWheneverItsWriterIsKilled) {
     const support::TemporaryDirectory directory;
     const std::string path = directory / "Registry.db";
-    const auto surroundings = std::make_shared<Surroundings>("");
+    const auto surroundings = std::make_shared<Surroundings>("", directory / "images");
     // Each generation replaces all bundles by ones whose digest is the generation, and adds a registration.
     const auto write = [&](Store& store, std::uint64_t generation) {
         Store::Changes changes;

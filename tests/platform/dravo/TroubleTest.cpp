@@ -49,7 +49,8 @@ TEST(Trouble, WhatCannotBeReadForNowStaysInstalledOverRestartsToo) {
     if (!kOwnMounts) GTEST_SKIP() << "no namespaces to be had here";
     Installation world;
     const std::string registered = world.plugIn("elsewhere/R.app/PlugIns/R", "r");
-    world.plugIn(kPlugIn, "a");
+    world.plugIn(kPlugIn, "a", {{"KXExtensionPointIdentifier", "p"}});
+    world.write("system/SDKs/p.plist", Dictionary{{"k", "1"}});
     world.write("elsewhere/R.app/Info.plist", Dictionary{{"QFBundleName", "Name"}});
     auto* workspace = &world.start();
     const auto witness = world.witness();
@@ -61,6 +62,8 @@ TEST(Trouble, WhatCannotBeReadForNowStaysInstalledOverRestartsToo) {
         // Reading the start of one's own memory is an input/output error.
         const auto broken = support::Mount::bind("/proc/self/mem", (world.root / kPlugIn) + "/Info.plist");
         const auto others = support::Mount::bind("/proc/self/mem", world.root / "elsewhere/R.app/Info.plist");
+        const auto sdk = support::Mount::bind("/proc/self/mem", world.root / "system/SDKs/p.plist");
+        world.writeText("system/SDKs/other.plist", "");
         world.writeText(std::string{kPlugIn} + "/new", "");
         world.writeText("elsewhere/R.app/PlugIns/R/new", "");
         for (std::size_t lines = 0; lines < 2;) lines += world.log.take().size();

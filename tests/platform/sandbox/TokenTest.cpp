@@ -28,8 +28,8 @@ TEST(Token, IsReadBackAsItWasIssuedAndInNoOtherForm) {
     }
     const std::string other = seal({"/a", {1, 2, 3, 4}}), prefix = token.substr(0, token.size() - mac.size());
     for (const std::string& forged :
-         {token + '\0', "halvern.file-read;1:2:3:4;/a;" + mac, prefix + std::string(64, '0'),
-          prefix + other.substr(other.size() - 64), std::string(1 << 20, 'a') + ";" + mac}) {
+         {token + '\0', "halvern.file-read;1:2:3:4;/a;" + mac, prefix + std::string(mac.size(), '0'),
+          prefix + other.substr(other.size() - mac.size()), std::string(1 << 20, 'a') + ";" + mac}) {
         EXPECT_FALSE(unseal(forged)) << forged.substr(0, 100);
     }
 }

@@ -1,0 +1,74 @@
+#pragma once
+
+#include <atomic>
+#include <cstddef>
+#include <cstdint>
+#include <functional>
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <span>
+#include <string>
+
+#include "platform/digest/Checksum.h"
+#include "platform/dravo/Dravo.h"
+#include "platform/file/UniqueFd.h"
+#include "platform/value/Uuid.h"
+
+namespace dravo {
+
+// The images that the registry keeps for its user (DVVeltoProxy::image), in one mapped file beside the store. All of it
+// is derived: whatever is damaged, from another build of the program or for another state of a plug-in is passed over,
+// and made again by whoever wants it. Deleting the file costs that, and nothing else. doc/platform.md has its layout.
+//
+// New images are appended; one that is no longer good stays until the file is compacted. The file is never synced: what
+// a power cut takes from it is seen by the checksums.
+//
+// Any thread. Trouble with the file is logged once, and then nothing is kept.
+class Images {
+public:
+    // What an image was made for: whose it is, and a digest of all that went into it.
+    struct Key {
+        value::Uuid uuid;
+        digest::Fingerprint madeOf;
+    };
+
+    // Where the image was last found, so that it need not be looked for. The user's to keep; it may be lost.
+    using Place = std::atomic<std::uint64_t>;
+
+    // Makes the file when it is missing. Nobody else may have it open: the registry's lock is held.
+    explicit Images(std::string path);
+    ~Images();
+    Images(const Images&) = delete;
+    Images& operator=(const Images&) = delete;
+
+    // An image that this process has not yet read is held against its checksum first, and shown to `isSound`.
+    std::optional<DVImage> find(const Key& key, Place& place, DVImage::IsSound isSound);
+
+    // Where the place is known, without a key.
+    std::optional<DVImage> at(const Place& place) const;
+
+    void keep(const Key& key, std::span<const std::byte> image, Place& place);
+
+    // Forgets what is of no plug-in that is there.
+    using IsInstalled = std::function<bool(const value::Uuid&)>;
+    void forgetOthers(const IsInstalled& isInstalled);
+    void forget(const value::Uuid& uuid);
+
+    // Writes the file anew without what is superseded or forgotten, when that is most of it. Others go on finding and
+    // keeping meanwhile. For one thread at a time.
+    void compact();
+
+private:
+    class Generation;
+
+    std::optional<DVImage> imageAt(const std::shared_ptr<const Generation>& generation, std::uint64_t offset) const;
+    std::shared_ptr<Generation> current() const;
+    void giveUp(const char* what, int error);
+
+    const std::string path_;
+    mutable std::mutex mutex_;
+    std::shared_ptr<Generation> generation_;  // under the mutex; null when nothing can be kept
+};
+
+}  // namespace dravo
