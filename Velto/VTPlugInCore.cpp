@@ -255,13 +255,17 @@ bool VTPlugInCore::isHybrid() const {
 }
 
 bool VTPlugInCore::isDedicated() const {
+    if (plugInListSize(VTInfoKey::dedicated) > 0 || plugInHasDictionary(VTInfoKey::dedicated)) return false;
     const auto dedicated = plugInValue(VTInfoKey::dedicated);
     return dedicated && dedicated->booleanValue();
 }
 
 bool VTPlugInCore::isData() const {
-    const auto protocol = plugInValue(VTInfoKey::protocol);
-    return protocol && protocol->string() != nullptr && *protocol->string() == kDataProtocol;
+    if (!isOwn(kDictionaries)) {
+        const auto protocol = image_->inPlugIn(VTInfoKey::protocol);
+        return protocol && protocol->string() == kDataProtocol;
+    }
+    return textIn(plugInDictionary(), VTInfoKey::protocol) == kDataProtocol;
 }
 
 std::optional<value::Value> VTPlugInCore::plugInValue(std::string_view key) const {
@@ -271,6 +275,39 @@ std::optional<value::Value> VTPlugInCore::plugInValue(std::string_view key) cons
     }
     const value::Value* const found = plugInDictionary().find(key);
     return found != nullptr ? std::optional{*found} : std::nullopt;
+}
+
+std::size_t VTPlugInCore::plugInListSize(std::string_view key) const {
+    if (!isOwn(kDictionaries)) {
+        const auto found = image_->inPlugIn(key);
+        return found && found->isArray() ? found->count() : 0;
+    }
+    const value::Array* const list = plugInDictionary().array(key);
+    return list != nullptr ? list->size() : 0;
+}
+
+bool VTPlugInCore::plugInHasDictionary(std::string_view key) const {
+    if (!isOwn(kDictionaries)) {
+        const auto found = image_->inPlugIn(key);
+        return found && found->isDictionary();
+    }
+    return plugInDictionary().dictionary(key) != nullptr;
+}
+
+std::optional<std::string> VTPlugInCore::bundleInfoText(std::string_view key) const {
+    if (!isOwn(kDictionaries)) {
+        const auto found = image_->inBundleInfo(key);
+        const auto text = found ? found->string() : std::nullopt;
+        return text ? std::optional{std::string{*text}} : std::nullopt;
+    }
+    const value::Dictionary info = bundleInfoDictionary();
+    const std::string* const text = info.string(key);
+    return text != nullptr ? std::optional{*text} : std::nullopt;
+}
+
+std::size_t VTPlugInCore::encodedBundleInfoSize() const {
+    if (!isOwn(kDictionaries)) return image_->bundleInfo().size();
+    return mox::encodedSize(value::Value{bundleInfoDictionary()});
 }
 
 value::Date VTPlugInCore::timestamp() const {

@@ -203,8 +203,14 @@ public:
     value::Date timestamp() const;
     bool oldStyle() const;  // a record without either style of description is a programming error
 
-    // What the plug-in dictionary has under the key.
+    // What the plug-in dictionary has under the key. What is no container costs next to nothing.
     std::optional<value::Value> plugInValue(std::string_view key) const;
+    std::size_t plugInListSize(std::string_view key) const;  // elements of an array; 0 for every other kind
+    bool plugInHasDictionary(std::string_view key) const;
+
+    // The text that the bundle's info dictionary has under the key.
+    std::optional<std::string> bundleInfoText(std::string_view key) const;
+    std::size_t encodedBundleInfoSize() const;
 
     // What the attributes, else the bundle's info dictionary, have under the key: calls `use` with a mox::View of it
     // where it lies, or with a pointer to a value::Value that is null when there is none. Answers what that answers.

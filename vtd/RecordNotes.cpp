@@ -27,6 +27,20 @@ bool RecordNotes::sayRefusal(const Record& record) {
     return true;
 }
 
+void RecordNotes::noteLines(const Record& record, logging::Transcript::Lines lines) {
+    Note& note = noteOf(record);
+    note.isSaid = false;
+    note.why = std::move(lines);
+}
+
+void RecordNotes::sayLines(const Record& record) {
+    const Note* const known = find(record);
+    if (known == nullptr || known->isSaid) return;
+    Note& note = noteOf(record);
+    note.isSaid = true;
+    logging::repeat(std::exchange(note.why, {}));
+}
+
 bool RecordNotes::noteCosts(const Record& record) {
     return !std::exchange(noteOf(record).isCostly, true);
 }

@@ -25,6 +25,10 @@ public:
     // Says why the record was refused, unless that was said before. Whether it was refused.
     bool sayRefusal(const Record& record);
 
+    // What the log is to say of a record that can be used, when somebody first asks for it.
+    void noteLines(const Record& record, logging::Transcript::Lines lines);
+    void sayLines(const Record& record);
+
     // Whether that a discovery left the plug-in out for its costs is said the first time.
     bool noteCosts(const Record& record);
 
@@ -33,7 +37,7 @@ private:
         std::weak_ptr<const dravo::DVVeltoProxy> record;
         bool isRefused = false;
         bool isSaid = false;
-        logging::Transcript::Lines why = {};
+        logging::Transcript::Lines why = {};  // it was refused, or what else is to be said
         bool isCostly = false;
     };
 

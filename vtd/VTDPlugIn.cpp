@@ -178,7 +178,12 @@ std::optional<value::Error> VTDPlugIn::diagnose() const {
 // --- Shared resources
 
 void VTDPlugIn::augmentForm(VTForm& form) const {
-    const auto shared = plugInValue(VTInfoKey::shared);
+    if (plugInHasDictionary(VTInfoKey::shared)) return;  // names nothing, and may be large
+    std::optional<value::Value> shared;
+    {
+        const effort::Uncharged uncharged;  // the registry has bounded the list
+        shared = plugInValue(VTInfoKey::shared);
+    }
     const bool namesResources = shared && (shared->string() != nullptr || shared->array() != nullptr);
     if (namesResources) form.set(VTFormKey::extensions, issueResourceExtensions(*shared));
 }
@@ -227,8 +232,5 @@ value::Dictionary VTDPlugIn::issueResourceExtensions(const value::Value& shared)
 }
 
 std::uint64_t VTDPlugIn::priceOfTokens() const {
-    const auto shared = plugInValue(VTInfoKey::shared);
-    if (!shared) return 0;
-    if (shared->string() != nullptr) return sandbox::kUnitsAToken;
-    return shared->array() != nullptr ? shared->array()->size() * sandbox::kUnitsAToken : 0;
+    return std::max<std::size_t>(1, plugInListSize(VTInfoKey::shared)) * sandbox::kUnitsAToken;
 }

@@ -1,7 +1,6 @@
 #include "vtd/VTDPlugInHold.h"
 
 #include "platform/mox/Connection.h"
-#include "platform/mox/Encoder.h"
 #include "vtd/VTDMoxClient.h"
 #include "vtd/VTDPlugIn.h"
 
@@ -34,8 +33,6 @@ VTDPlugInHold::VTDPlugInHold(const std::vector<std::shared_ptr<VTDPlugIn>>& plug
       blocked_{plugIns.begin(), plugIns.end()} {}
 
 mox::Charge VTDPlugInHold::chargeFor(const VTDPlugIn& plugIn) const {
-    mox::Encoder description;
-    description.value(plugIn.bundleInfoDictionary());
     const auto owner = client();
-    return owner ? charge(*owner, description.size()) : mox::Charge{};
+    return owner ? charge(*owner, plugIn.encodedBundleInfoSize()) : mox::Charge{};
 }

@@ -5,10 +5,9 @@
 #include "vtd/VTDPlugIn.h"
 
 std::optional<value::Dictionary> VTDPlugIn::checkBusy() const {
-    const value::Dictionary info = bundleInfoDictionary();
-    const std::string* const bundleIdentifier = info.string(bundle::kIdentifierKey);
-    if (bundleIdentifier == nullptr) return {};  // nobody can take an assertion for it
-    for (const value::Dictionary& instance : assertions::busyInstances({bundleIdentifier, 1})) {
+    const auto bundleIdentifier = bundleInfoText(bundle::kIdentifierKey);
+    if (!bundleIdentifier) return {};  // nobody can take an assertion for it
+    for (const value::Dictionary& instance : assertions::busyInstances({&*bundleIdentifier, 1})) {
         if (const std::string* const busy = instance.string(assertions::kBundleIdentifierKey)) {
             return value::Dictionary{{assertions::kBundleIdentifierKey, *busy}};
         }

@@ -156,11 +156,11 @@ std::shared_ptr<VTDPlugIn> VTDatabase::createPlugInForProxy(const std::shared_pt
     checkOnSync("createPlugInForProxy");
     if (notes_.sayRefusal(proxy)) return nullptr;
     // How often records are built is the cache's matter, and not that of the request that happens to need one.
-    effort::Account ours{std::numeric_limits<std::uint64_t>::max()};
-    const effort::Charging charging{ours};
+    const effort::Uncharged uncharged;
     auto plugIn = VTDPlugIn::initWithImage(proxy);
     if (!plugIn) plugIn = buildPlugIn(proxy, bundleInfo, logging::Transcript::Writing::now);
     if (!plugIn) return nullptr;
+    notes_.sayLines(proxy);
     plugIn->setAnnotationSource(weak_from_this());
     if (plugIn->hasEntitlement(kAutoElectEntitlement)) autoElect(*plugIn);
     if (isDeparting(proxy) || !plugIn->isAsRegistered()) return plugIn;
@@ -174,34 +174,35 @@ std::shared_ptr<VTDPlugIn> VTDatabase::buildPlugIn(const std::shared_ptr<const d
     logging::Transcript transcript{writing};
     VTDPlugIn::Refusal refusal{};
     auto plugIn = VTDPlugIn::initWithDVData(proxy, bundleInfo, refusal);
+    auto lines = std::move(transcript).lines();
+    const auto said = writing == logging::Transcript::Writing::now ? RecordNotes::Said::yes : RecordNotes::Said::no;
     if (!plugIn) {
-        const auto said = writing == logging::Transcript::Writing::now ? RecordNotes::Said::yes : RecordNotes::Said::no;
-        if (refusal == VTDPlugIn::Refusal::lasting) notes_.noteRefusal(proxy, std::move(transcript).lines(), said);
+        if (refusal == VTDPlugIn::Refusal::lasting) notes_.noteRefusal(proxy, std::move(lines), said);
         return nullptr;
     }
+    if (said == RecordNotes::Said::no && !lines.empty()) notes_.noteLines(proxy, std::move(lines));
     plugIn->keepImage();
     // A view of the image is much smaller than what it was made of.
     auto view = VTDPlugIn::initWithImage(proxy);
     return view ? view : plugIn;
 }
 
-// A few at a time, behind whoever waits for the queue meanwhile. What cannot be used is found out here too; the log
-// says so when somebody asks for it.
+// One at a time, behind whoever waits for the queue meanwhile. What cannot be used is found out here too; the log says
+// so when somebody asks for it. It may run on a thread that waits for the queue, whose request does not pay for it.
 void VTDatabase::makeImages(std::shared_ptr<const dravo::PluginList> plugIns, std::size_t begin) {
-    constexpr std::size_t kInATurn = 4;
     if (begin >= plugIns->size()) return;
     _sync()->async([weak = weak_from_this(), plugIns = std::move(plugIns), begin] {
         const auto self = weak.lock();
         if (!self) return;
-        const std::size_t end = std::min(plugIns->size(), begin + kInATurn);
+        const effort::Uncharged uncharged;
+        const auto& proxy = (*plugIns)[begin];
+        const bool isWanted = proxy->bundlePath() && self->workspace()->plugin(proxy->pluginUUID()) == proxy &&
+                              !self->isDeparting(proxy) && self->notes_.refusal(proxy) == nullptr;
         BundleInfo bundleInfo;
-        for (std::size_t i = begin; i < end; ++i) {
-            const auto& proxy = (*plugIns)[i];
-            if (!proxy->bundlePath() || self->notes_.refusal(proxy) != nullptr || VTDPlugIn::initWithImage(proxy))
-                continue;
+        if (isWanted && !VTDPlugIn::initWithImage(proxy)) {
             self->buildPlugIn(proxy, bundleInfo, logging::Transcript::Writing::later);
         }
-        self->makeImages(plugIns, end);
+        self->makeImages(plugIns, begin + 1);
     });
 }
 

@@ -84,7 +84,7 @@ private:
 }  // namespace
 
 std::optional<VTDatabase::PlugIns> VTDatabase::findPlugIns(const rules::Rules& rules) {
-    const auto electionTexts = rules.plainTexts(rules::kElectionAttribute);
+    const auto electionTexts = rules.writtenTexts(rules::kElectionAttribute);
     const auto elections = electionTexts ? std::optional{bytesIn(*electionTexts)} : std::nullopt;
     const auto identifiers = rules.plainTexts(rules::kIdentifierAttribute);
     const auto extensionPoints = rules.plainTexts(rules::kPointAttribute);

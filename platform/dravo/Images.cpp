@@ -31,7 +31,9 @@ namespace {
 
 constexpr std::size_t kMostBytes = std::size_t{1} << 30;  // of the file
 constexpr std::size_t kWorthCompacting = std::size_t{1} << 20;
+constexpr std::chrono::minutes kCompactAgain{10};  // after a failure
 constexpr std::size_t kUnit = 16;
+constexpr char kNewSuffix[] = ".new";
 constexpr std::uint64_t kFileMagic = 0x3130'6567'616d'4956;  // "VImage01"
 constexpr std::uint32_t kEntryMagic = 0x79'72'74'6e;         // "ntry"
 
@@ -104,23 +106,28 @@ public:
     const std::byte* base() const { return base_; }
     std::size_t live() const { return live_; }
     std::size_t size() const { return size_; }
-    void setComplained() { complained_ = true; }
-    bool complained() const { return complained_; }
 
-    struct Found {
-        std::uint64_t offset;
-        digest::Fingerprint madeOf;
-    };
-    std::optional<Found> find(const value::Uuid& uuid) const {
+    std::optional<std::uint64_t> find(const value::Uuid& uuid) const {
         const auto found = places_.find(uuid);
-        if (found == places_.end()) return {};
-        return Found{found->second, headerAt(found->second).madeOf};
+        return found != places_.end() ? std::optional{found->second.offset} : std::nullopt;
     }
     void forget(const value::Uuid& uuid) {
         const auto found = places_.find(uuid);
         if (found == places_.end()) return;
-        live_ -= footprint(found->second);
+        live_ -= found->second.size;
         places_.erase(found);
+    }
+    template <typename Condition>
+    void forgetIf(const Condition& condition) {
+        std::erase_if(places_, [&](const auto& place) {
+            if (!condition(place.first)) return false;
+            live_ -= place.second.size;
+            return true;
+        });
+    }
+    template <typename Visit>
+    void forEach(const Visit& visit) const {
+        for (const auto& [uuid, entry] : places_) visit(entry.offset);
     }
 
     EntryHeader headerAt(std::uint64_t offset) const {
@@ -129,10 +136,10 @@ public:
         return header;
     }
 
-    const std::unordered_map<value::Uuid, std::uint64_t>& places() const { return places_; }
-
     // Starts an empty file, whatever it held; an error number.
     int begin() {
+        places_.clear();
+        live_ = 0;
         FileHeader header;
         header.program = thisProgram();
         header.checksum = checksumOf(header);
@@ -141,22 +148,25 @@ public:
         return writeAll(file_.get(), std::as_bytes(std::span{&header, 1}), 0);
     }
 
-    // Finds what is in the file. False when it is not one of this program's; what follows damage is cut off.
+    // Finds what is in the file. False when it is not one of this program's; what follows damage is cut off. It is
+    // read, and not looked at where it is mapped: what a disk does not give is an error here, and a signal there.
     bool read() {
         struct stat status {};
         if (::fstat(file_.get(), &status) != 0 || status.st_size < ssize_t{sizeof(FileHeader)}) return false;
         const auto end = std::min(static_cast<std::size_t>(status.st_size), kMostBytes);
         FileHeader header;
-        std::memcpy(&header, base_, sizeof header);
-        if (header.magic != kFileMagic || header.checksum != checksumOf(header) || header.program != thisProgram()) {
+        if (!readAll(std::as_writable_bytes(std::span{&header, 1}), 0) || header.magic != kFileMagic ||
+            header.checksum != checksumOf(header) || header.program != thisProgram()) {
             return false;
         }
         size_ = sizeof header;
         while (end - size_ >= sizeof(EntryHeader)) {
-            const EntryHeader entry = headerAt(size_);
+            EntryHeader entry;
             const std::size_t left = end - size_ - sizeof entry;
-            if (entry.magic != kEntryMagic || entry.checksum != checksumOf(entry) || padded(entry.size) > left) break;
-            note(value::Uuid{entry.uuid}, size_);
+            if (!readAll(std::as_writable_bytes(std::span{&entry, 1}), size_) || entry.magic != kEntryMagic ||
+                entry.checksum != checksumOf(entry) || padded(entry.size) > left)
+                break;
+            note(value::Uuid{entry.uuid}, size_, entry.size);
             size_ += sizeof entry + padded(entry.size);
         }
         if (size_ == static_cast<std::size_t>(status.st_size)) return true;
@@ -165,6 +175,15 @@ public:
                          "made again",
                          static_cast<std::size_t>(status.st_size) - size_));
         return ::ftruncate(file_.get(), static_cast<off_t>(size_)) == 0;
+    }
+
+    // The image's bytes, read from the file when its checksum is right; nothing otherwise.
+    std::optional<std::vector<std::byte>> readImage(std::uint64_t offset) const {
+        EntryHeader header;
+        if (!readAll(std::as_writable_bytes(std::span{&header, 1}), offset)) return {};
+        std::vector<std::byte> image(header.size);
+        if (!readAll(image, offset + sizeof header) || digest::checksum(image) != header.imageChecksum) return {};
+        return image;
     }
 
     // The offset, or nothing with errno set; then nothing has changed.
@@ -190,7 +209,7 @@ public:
             return {};
         }
         size_ += entry.size();
-        note(uuid, offset);
+        note(uuid, offset, image.size());
         return offset;
     }
 
@@ -203,12 +222,27 @@ public:
 private:
     Generation(file::UniqueFd file, const std::byte* base) : file_{std::move(file)}, base_{base} {}
 
-    std::size_t footprint(std::uint64_t offset) const { return sizeof(EntryHeader) + padded(imageAt(offset).size()); }
+    struct Entry {
+        std::uint64_t offset;
+        std::size_t size;  // with its header, in the file
+    };
 
-    void note(const value::Uuid& uuid, std::uint64_t offset) {
+    bool readAll(std::span<std::byte> bytes, std::uint64_t offset) const {
+        while (!bytes.empty()) {
+            const ssize_t got = ::pread(file_.get(), bytes.data(), bytes.size(), static_cast<off_t>(offset));
+            if (got < 0 && errno == EINTR) continue;
+            if (got <= 0) return false;
+            bytes = bytes.subspan(static_cast<std::size_t>(got));
+            offset += static_cast<std::uint64_t>(got);
+        }
+        return true;
+    }
+
+    void note(const value::Uuid& uuid, std::uint64_t offset, std::size_t imageSize) {
         forget(uuid);
-        places_.emplace(uuid, offset);
-        live_ += footprint(offset);
+        const Entry entry{offset, sizeof(EntryHeader) + padded(imageSize)};
+        places_.emplace(uuid, entry);
+        live_ += entry.size;
     }
 
     const file::UniqueFd file_;
@@ -218,8 +252,7 @@ private:
     // Under the mutex of the images.
     std::size_t size_ = 0;  // of the file
     std::size_t live_ = 0;  // of what is found in it
-    std::unordered_map<value::Uuid, std::uint64_t> places_;
-    bool complained_ = false;
+    std::unordered_map<value::Uuid, Entry> places_;
 };
 
 namespace {
@@ -233,6 +266,7 @@ std::uint64_t placeOf(std::uint64_t number, std::uint64_t offset) {
 }  // namespace
 
 Images::Images(std::string path) : path_{std::move(path)} {
+    ::unlink((path_ + kNewSuffix).c_str());  // of a run that was killed
     file::UniqueFd file{
         ::open(path_.c_str(), O_RDWR | O_CREAT | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC, S_IRUSR | S_IWUSR)};
     struct stat status {};
@@ -274,22 +308,28 @@ std::optional<DVImage> Images::at(const Place& place) const {
 }
 
 std::optional<DVImage> Images::find(const Key& key, Place& place, DVImage::IsSound isSound) {
-    const std::lock_guard lock{mutex_};
-    if (!generation_) return {};
-    const auto found = generation_->find(key.uuid);
-    if (!found || found->madeOf != key.madeOf) return {};
-    const EntryHeader header = generation_->headerAt(found->offset);
-    const auto image = generation_->imageAt(found->offset);
-    if (digest::checksum(image) != header.imageChecksum || !isSound(image)) {
-        if (!generation_->complained()) {
+    std::shared_ptr<Generation> generation;
+    std::optional<std::uint64_t> offset;
+    {
+        const std::lock_guard lock{mutex_};
+        generation = generation_;
+        if (generation) offset = generation->find(key.uuid);
+    }
+    if (!offset) return {};
+    // Read before it is believed where it is mapped. Nobody changes what is in the file.
+    const auto image = generation->readImage(*offset);
+    if (image && generation->headerAt(*offset).madeOf != key.madeOf) return {};
+    if (!image || !isSound(*image)) {
+        const std::lock_guard lock{mutex_};
+        if (!std::exchange(complained_, true)) {
             logging::notice("an image of a plug-in is damaged; it is made again (others will not be logged)");
         }
-        generation_->setComplained();
-        generation_->forget(key.uuid);
+        generation->forget(key.uuid);
         return {};
     }
-    place.store(placeOf(generation_->number(), found->offset), std::memory_order_release);
-    return DVImage{image, generation_};
+    place.store(placeOf(generation->number(), *offset), std::memory_order_release);
+    const auto bytes = generation->imageAt(*offset);
+    return DVImage{bytes, std::move(generation)};
 }
 
 void Images::keep(const Key& key, std::span<const std::byte> image, Place& place) {
@@ -297,26 +337,22 @@ void Images::keep(const Key& key, std::span<const std::byte> image, Place& place
     if (!generation_) return;
     const auto offset = generation_->append(key.uuid, key.madeOf, image);
     if (offset) return place.store(placeOf(generation_->number(), *offset), std::memory_order_release);
-    if (!generation_->complained()) {
+    if (!std::exchange(complained_, true)) {
         logging::warning(
             text::format("cannot write {}: {}; plug-ins will be slower to discover", path_, std::strerror(errno)));
     }
-    generation_->setComplained();
 }
 
 void Images::forgetOthers(const IsInstalled& isInstalled) {
     const std::lock_guard lock{mutex_};
-    if (!generation_) return;
-    std::vector<value::Uuid> others;
-    for (const auto& [uuid, offset] : generation_->places()) {
-        if (!isInstalled(uuid)) others.push_back(uuid);
-    }
-    for (const value::Uuid& uuid : others) generation_->forget(uuid);
+    if (generation_) generation_->forgetIf([&](const value::Uuid& uuid) { return !isInstalled(uuid); });
 }
 
-void Images::forget(const value::Uuid& uuid) {
+bool Images::isWorthCompacting() const {
     const std::lock_guard lock{mutex_};
-    if (generation_) generation_->forget(uuid);
+    if (!generation_ || std::chrono::steady_clock::now() < notBefore_) return false;
+    const std::size_t live = generation_->live();
+    return generation_->size() - live > std::max(live, kWorthCompacting);
 }
 
 void Images::compact() {
@@ -325,32 +361,38 @@ void Images::compact() {
     std::size_t end = 0;
     {
         const std::lock_guard lock{mutex_};
+        if (!generation_) return;
         before = generation_;
-        if (!before || before->size() - before->live() < std::max(before->live(), kWorthCompacting)) return;
         end = before->size();
-        for (const auto& [uuid, offset] : before->places()) wanted.push_back(offset);
+        before->forEach([&](std::uint64_t offset) { wanted.push_back(offset); });
     }
 
-    const std::string temporary = path_ + ".new";
+    const std::string temporary = path_ + kNewSuffix;
     ::unlink(temporary.c_str());
-    auto after = Generation::of(file::UniqueFd{
+    const auto after = Generation::of(file::UniqueFd{
         ::open(temporary.c_str(), O_RDWR | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, S_IRUSR | S_IWUSR)});
-    const auto copy = [&](std::uint64_t offset) {
-        const EntryHeader header = before->headerAt(offset);
-        return after->append(value::Uuid{header.uuid}, header.madeOf, before->imageAt(offset)).has_value();
-    };
     bool isDone = after && after->begin() == 0;
-    for (std::size_t i = 0; isDone && i < wanted.size(); ++i) isDone = copy(wanted[i]);
+    // What is damaged is left out.
+    const auto copy = [&](std::uint64_t offset) {
+        const auto image = isDone ? before->readImage(offset) : std::nullopt;
+        if (!image) return;
+        const EntryHeader header = before->headerAt(offset);
+        isDone = after->append(value::Uuid{header.uuid}, header.madeOf, *image).has_value();
+    };
+    for (const std::uint64_t offset : wanted) copy(offset);
+
     const std::lock_guard lock{mutex_};
-    // What was appended meanwhile comes along; what was damaged is left out.
-    for (const auto& [uuid, offset] : before->places()) {
-        if (isDone && offset >= end) isDone = copy(offset);
+    // What was kept meanwhile comes along, and what was forgotten is forgotten.
+    if (isDone) after->forgetIf([&](const value::Uuid& uuid) { return !before->find(uuid); });
+    before->forEach([&](std::uint64_t offset) {
+        if (offset >= end) copy(offset);
+    });
+    if (isDone && ::rename(temporary.c_str(), path_.c_str()) == 0) {
+        generation_ = after;
+        return;
     }
-    if (!isDone || ::rename(temporary.c_str(), path_.c_str()) != 0) {
-        ::unlink(temporary.c_str());
-        return;  // the old one serves on
-    }
-    generation_ = std::move(after);
+    ::unlink(temporary.c_str());  // the old one serves on
+    notBefore_ = std::chrono::steady_clock::now() + kCompactAgain;
 }
 
 }  // namespace dravo

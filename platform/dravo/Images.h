@@ -1,6 +1,7 @@
 #pragma once
 
 #include <atomic>
+#include <chrono>
 #include <cstddef>
 #include <cstdint>
 #include <functional>
@@ -53,22 +54,25 @@ public:
     // Forgets what is of no plug-in that is there.
     using IsInstalled = std::function<bool(const value::Uuid&)>;
     void forgetOthers(const IsInstalled& isInstalled);
-    void forget(const value::Uuid& uuid);
 
-    // Writes the file anew without what is superseded or forgotten, when that is most of it. Others go on finding and
-    // keeping meanwhile. For one thread at a time.
+    // Whether most of the file is superseded or forgotten.
+    bool isWorthCompacting() const;
+
+    // Writes the file anew without that. Takes as long as the disk does; others go on finding and keeping meanwhile.
+    // For one thread at a time.
     void compact();
 
 private:
     class Generation;
 
-    std::optional<DVImage> imageAt(const std::shared_ptr<const Generation>& generation, std::uint64_t offset) const;
     std::shared_ptr<Generation> current() const;
     void giveUp(const char* what, int error);
 
     const std::string path_;
     mutable std::mutex mutex_;
-    std::shared_ptr<Generation> generation_;  // under the mutex; null when nothing can be kept
+    std::shared_ptr<Generation> generation_;  // under the mutex, as what follows; null when nothing can be kept
+    bool complained_ = false;
+    std::chrono::steady_clock::time_point notBefore_{};  // a compaction has failed
 };
 
 }  // namespace dravo

@@ -109,6 +109,7 @@ Registrar::Registrar(const Noticing& noticing, lock::LockFile lock, Store::Opene
     : noticing_{noticing},
       storePath_{state + kStoreName},
       queue_{std::make_shared<queue::SerialQueue>("dravo")},
+      compacting_{std::make_shared<queue::SerialQueue>("dravo.images")},
       announcements_{std::make_shared<Announcements>(queue_)},
       surroundings_{std::make_shared<Surroundings>(state + kContainersName, state + "/Registry.images")},
       lock_{std::move(lock)},
@@ -266,9 +267,7 @@ void Registrar::watch() {
     lookAtEverything();
     lookAtSdks();
     apply(Announce::changes);
-    const auto known = snapshot();
-    surroundings_->images.forgetOthers([&](const value::Uuid& uuid) { return known->plugIn(uuid) != nullptr; });
-    surroundings_->images.compact();
+    forgetImages();
     containers_.list();
     furnishFrom(0, snapshot());
     pollIfBlind();
@@ -550,19 +549,21 @@ void Registrar::apply(Announce announce, Replacements replacements) {
     if (announce == Announce::changes) announcements_->willUninstall(std::move(changes.plugInsGone));
     static_cast<void>(save(changes, *after, {}));  // what fails is logged, and done later
     if (watchingBegan_) furnish(changes.bundlesNew);
-    forgetImages(changes, *after);
+    const bool someGo = !changes.bundlesGone.empty();
     publish(std::move(after));
+    if (someGo) forgetImages();
     if (announce == Announce::changes) announcements_->didInstall(std::move(changes.plugInsNew));
 }
 
-// One that has changed keeps the image of before until it has another.
-void Registrar::forgetImages(const Difference& changes, const Snapshot& after) {
-    for (const auto& bundle : changes.bundlesGone) {
-        for (const PlugInRecord& plugIn : bundle->plugIns()) {
-            if (!after.plugIn(plugIn.pluginUUID())) surroundings_->images.forget(plugIn.pluginUUID());
-        }
-    }
-    surroundings_->images.compact();
+// Those of plug-ins that are gone, and with them, when it is worth it, their place in the file: on a queue of its own,
+// for that takes as long as the disk does.
+void Registrar::forgetImages() {
+    const auto known = snapshot();
+    surroundings_->images.forgetOthers([&](const value::Uuid& uuid) { return known->plugIn(uuid) != nullptr; });
+    if (!surroundings_->images.isWorthCompacting()) return;
+    compacting_->async([surroundings = surroundings_] {
+        if (surroundings->images.isWorthCompacting()) surroundings->images.compact();
+    });
 }
 
 // A container that cannot be made, or is not made yet, is tried again when somebody asks for it.

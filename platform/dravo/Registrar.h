@@ -87,7 +87,7 @@ private:
     void apply(Announce announce, Replacements replacements = Replacements::count);
     void furnish(std::span<const std::shared_ptr<const BundleRecord>> bundles);
     void furnishFrom(std::size_t begin, const std::shared_ptr<const Snapshot>& snapshot);
-    void forgetImages(const Difference& changes, const Snapshot& after);
+    void forgetImages();
     void saveLater();
     [[nodiscard]] std::optional<value::Error> save(const Difference& changes, const Snapshot& after,
                                                    const Registrations& changed);
@@ -99,6 +99,7 @@ private:
     const Noticing noticing_;
     const std::string storePath_;
     const std::shared_ptr<queue::SerialQueue> queue_;
+    const std::shared_ptr<queue::SerialQueue> compacting_;
     const std::shared_ptr<Announcements> announcements_;
     const std::shared_ptr<Surroundings> surroundings_;
 

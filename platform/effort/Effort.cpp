@@ -27,6 +27,12 @@ Charging::~Charging() {
     current = before_;
 }
 
+Uncharged::Uncharged() : before_{std::exchange(current, nullptr)} {}
+
+Uncharged::~Uncharged() {
+    current = before_;
+}
+
 bool take(std::uint64_t units) {
     return current == nullptr || current->take(units);
 }

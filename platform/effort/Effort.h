@@ -71,6 +71,18 @@ private:
     Account* const before_;
 };
 
+// While it exists, what the calling thread does is the daemon's own work, and charged to nobody.
+class Uncharged {
+public:
+    Uncharged();
+    ~Uncharged();
+    Uncharged(const Uncharged&) = delete;
+    Uncharged& operator=(const Uncharged&) = delete;
+
+private:
+    Account* const before_;
+};
+
 // Takes from the account that the calling thread's work is charged to; false once that is spent. Where nothing is
 // charged (the daemon's own work) it is true, and free.
 bool take(std::uint64_t units);

@@ -51,9 +51,8 @@ BusyPlugIns busyAmong(const std::vector<std::shared_ptr<VTDPlugIn>>& plugIns) {
     BusyPlugIns busy;
     std::unordered_map<std::string, std::optional<value::Dictionary>> known;
     for (const auto& plugIn : plugIns) {
-        const value::Dictionary info = plugIn->bundleInfoDictionary();
-        const std::string* const identifier = info.string(bundle::kIdentifierKey);
-        const auto [at, isNew] = known.try_emplace(identifier != nullptr ? *identifier : std::string{});
+        const auto [at, isNew] =
+            known.try_emplace(plugIn->bundleInfoText(bundle::kIdentifierKey).value_or(std::string{}));
         if (isNew) at->second = plugIn->checkBusy();
         if (!at->second) continue;
         busy.plugIns.push_back(plugIn);

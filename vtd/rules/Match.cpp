@@ -10,6 +10,8 @@ namespace rules {
 
 namespace {
 
+constexpr std::size_t kItemsDecodedForNothing = std::size_t{16} << 10;  // bytes
+
 bool isFalse(const value::Value& value) {
     return value == value::Value{false};
 }
@@ -106,7 +108,18 @@ bool isMet(const Rules& rules, const Rules::Rule& rule, const value::Value* valu
 
 bool isMet(const Rules& rules, const Rules::Rule& rule, mox::View value, Complaints& complaints) {
     if (const auto text = value.string()) return isMetByText(rules, rule, *text, complaints);
-    if (rule.demand != Demand::patterns || !value.isArray()) {
+    const bool isContainer = value.isArray() || value.isDictionary();
+    if (rule.demand != Demand::patterns && isContainer) {
+        if (rule.demand != Demand::items) return rule.demand == Demand::truth;  // no container equals false
+        // An activation rule as the registry bounds it is decoded for nothing, like one that was decoded before.
+        std::optional<effort::Uncharged> uncharged;
+        if (value.size() <= kItemsDecodedForNothing) uncharged.emplace();
+        const value::Value decoded = value.toValue();
+        uncharged.reset();
+        return isMet(rules, rule, &decoded, complaints);
+    }
+    if (!value.isArray()) {
+        if (isContainer) return false;  // no pattern accepts a dictionary
         const value::Value decoded = value.toValue();
         return isMet(rules, rule, &decoded, complaints);
     }

@@ -199,18 +199,30 @@ std::size_t Rules::firstAccepting(const Rule& rule, std::string_view text) const
     return first;
 }
 
+bool Rules::isAllPlain(const Rule& rule) const {
+    const auto all = patterns(rule);
+    return rule.demand == Demand::patterns && !rule.hasOtherElements &&
+           std::all_of(all.begin(), all.end(), [](const Pattern& p) { return p.plainText().has_value(); });
+}
+
+std::optional<std::vector<std::string>> Rules::writtenTexts(std::string_view name) const {
+    const Rule* const rule = find(name);
+    if (rule == nullptr || !isAllPlain(*rule)) return {};
+    const auto all = patterns(*rule);
+    std::vector<std::string> texts;
+    texts.reserve(all.size());
+    for (const Pattern& pattern : all) texts.emplace_back(pattern.operand());
+    return texts;
+}
+
 std::optional<std::vector<std::string>> Rules::plainTexts(std::string_view name) const {
     const Rule* const rule = find(name);
-    if (rule == nullptr || rule->demand != Demand::patterns || rule->hasOtherElements) return {};
+    const auto literals = rule != nullptr ? partOf(literals_, rule->literals) : std::span<const Literal>{};
+    if (literals.empty() || !isAllPlain(*rule)) return writtenTexts(name);
     const auto all = patterns(*rule);
-    if (!std::all_of(all.begin(), all.end(), [](const Pattern& p) { return p.plainText().has_value(); })) return {};
     std::vector<std::string> texts;
-    if (const auto literals = partOf(literals_, rule->literals); !literals.empty()) {
-        texts.reserve(literals.size());
-        for (const Literal& literal : literals) texts.emplace_back(all[literal.place].operand());
-    } else {
-        for (const Pattern& pattern : all) texts.emplace_back(pattern.operand());
-    }
+    texts.reserve(literals.size());
+    for (const Literal& literal : literals) texts.emplace_back(all[literal.place].operand());
     return texts;
 }
 

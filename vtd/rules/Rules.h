@@ -89,6 +89,9 @@ public:
     // can be asked. Nothing for any other, and when there is no rule of the name.
     std::optional<std::vector<std::string>> plainTexts(std::string_view name) const;
 
+    // The same with texts that are equal as numbers but written differently, for who compares them byte by byte.
+    std::optional<std::vector<std::string>> writtenTexts(std::string_view name) const;
+
 private:
     struct Literal {
         std::uint64_t hash;
@@ -105,6 +108,7 @@ private:
     template <typename Texts>
     void addPatterns(Rule& rule, const Texts& forEachText);
     void indexLiterals(Rule& rule);
+    bool isAllPlain(const Rule& rule) const;
     void finish();
 
     value::Dictionary kept_;

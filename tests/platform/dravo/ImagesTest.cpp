@@ -46,7 +46,7 @@ std::optional<std::string> find(Images& images, std::uint8_t number, std::uint64
     const auto found = images.find(keyOf(number, madeOf), place, isSound);
     if (!found) return {};
     const auto again = images.at(place);
-    EXPECT_TRUE(again && textOf(again->bytes) == textOf(found->bytes));
+    EXPECT_TRUE(!again || textOf(again->bytes) == textOf(found->bytes));  // unless it was moved just now
     return textOf(found->bytes);
 }
 
@@ -149,6 +149,24 @@ TEST(Images, AreCompactedWhileOthersReadThem) {
     EXPECT_EQ(find(images, 0, 20), large);
     EXPECT_EQ(find(images, 2), std::nullopt);
     EXPECT_THAT(log.take(), IsEmpty());
+}
+
+TEST(Images, AreNotTakenForSoundBecauseTheyWereCopied) {
+    const support::TemporaryDirectory directory;
+    const std::string path = directory / "images";
+    support::LogLines log;
+    {
+        Images images{path};
+        keep(images, 0, contentOf(0));
+        keep(images, 1, contentOf(1));
+    }
+    std::string damaged = readFile(path);
+    damaged[damaged.find("image 0") + 9] = 'X';
+    writeFile(path, damaged);
+    Images images{path};
+    images.compact();
+    EXPECT_EQ(find(images, 0), std::nullopt);
+    EXPECT_EQ(find(images, 1), contentOf(1));
 }
 
 TEST(Images, AreNotKeptWhereThereIsNoRoomAndTheLogSaysSoOnce) {
