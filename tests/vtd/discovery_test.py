@@ -104,6 +104,7 @@ class DiscoveryTest(WorldTest):
             (-1, '=-65281', True, False),
             (-1, '255', False, False),
             (1, '01', True, False),
+            (1, [*'23456789', '01', '1'], True, True),  # equal as numbers, and of many
             (1, [], False, False),
         ]:
             with self.subTest(stored=stored, pattern=pattern):
@@ -221,6 +222,7 @@ class DiscoveryTest(WorldTest):
             'link': (['Out', 'Out/file'], set()),
             'absolute': (self.world / 'system/PlugIns/Outside', set()),
             'endless': ('x' * 100_000, set()),
+            'many': (['Inside/file', *map(str, range(400))], {'Inside/file'}),
         }
         self.world.write('system/PlugIns/Outside/file', b'x')
         for name, (shared, _) in rows.items():
