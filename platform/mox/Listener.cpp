@@ -94,13 +94,19 @@ public:
 private:
     void accept() {
         if (isPaused()) return;
-        // Asked once for all where there is plenty.
-        const bool isPlenty = freeDescriptors() >= std::ptrdiff_t{kAcceptsInATurn * kConnectionDescriptors};
+        // Asked once for a turn, as long as it lasts: in a storm most that come are gone, and keep none.
+        std::ptrdiff_t spare = freeDescriptors();
         for (int count = 0; count < kAcceptsInATurn; ++count) {
-            if (!isPlenty && !isReadable(socket_->get())) return;  // nobody makes room for nobody
-            if (!isPlenty && ledger_->makeRoom(kConnectionDescriptors, nullptr) != Room::now) return pause();
+            if (spare < std::ptrdiff_t{kConnectionDescriptors}) {
+                if (!isReadable(socket_->get())) return;  // nobody makes room for nobody
+                if (ledger_->makeRoom(kConnectionDescriptors, nullptr) != Room::now) return pause();
+                spare = kConnectionDescriptors;
+            }
             file::UniqueFd socket{::accept4(socket_->get(), nullptr, nullptr, SOCK_NONBLOCK | SOCK_CLOEXEC)};
             if (socket) {
+                // The cheap way out: who connects and closes without pause must not keep others waiting.
+                if (hasHungUp(socket.get())) continue;
+                spare -= kConnectionDescriptors;
                 admit(std::move(socket));
                 continue;
             }
@@ -111,8 +117,6 @@ private:
     }
 
     void admit(file::UniqueFd socket) {
-        // The cheap way out: who connects and closes without pause must not keep others waiting.
-        if (hasHungUp(socket.get())) return;
         const int on = 1;
         ::setsockopt(socket.get(), SOL_SOCKET, SO_PASSCRED, &on, sizeof on);
         auto peer = readPeer(socket.get());
