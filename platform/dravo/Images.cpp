@@ -199,9 +199,10 @@ public:
         header.madeOf = madeOf;
         header.imageChecksum = digest::checksum(image);
         header.checksum = checksumOf(header);
-        std::vector<std::byte> entry(sizeof header + padded(image.size()));
-        std::memcpy(entry.data(), &header, sizeof header);
-        std::memcpy(entry.data() + sizeof header, image.data(), image.size());
+        const auto headerBytes = std::as_bytes(std::span{&header, 1});
+        std::vector<std::byte> entry{headerBytes.begin(), headerBytes.end()};
+        entry.insert(entry.end(), image.begin(), image.end());
+        entry.resize(sizeof header + padded(image.size()));
         const std::uint64_t offset = size_;
         if (const int error = writeAll(file_.get(), entry, offset); error != 0) {
             static_cast<void>(::ftruncate(file_.get(), static_cast<off_t>(offset)));
