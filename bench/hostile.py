@@ -288,12 +288,16 @@ def add_all(world, directory):
         peer.call({'request': 'add', 'version': 3, 'paths': [path]})
 
 
-@Row('match: seven added bundles of 200 plug-ins with 8,500 point names', install=seven_bundles)
-def _(world):
+def add_all_and_match(world):
     add_all(world, 'elsewhere')
     for _ in range(3):
         play(world, request('match', rules={'KXExtensionPointName': 'org.example.point'}))
         play(world, request('match', rules={}))
+
+
+@Row('match: seven added bundles of 200 plug-ins with 8,500 point names', install=seven_bundles)
+def _(world):
+    add_all_and_match(world)
 
 
 def seven_within(world):
@@ -307,10 +311,7 @@ def seven_within(world):
 
 @Row('match: seven added bundles of 100 plug-ins with 512 point names, just within the bounds', install=seven_within)
 def _(world):
-    add_all(world, 'elsewhere')
-    for _ in range(3):
-        play(world, request('match', rules={'KXExtensionPointName': 'org.example.point'}))
-        play(world, request('match', rules={}))
+    add_all_and_match(world)
 
 
 def extension_of(size, character='x'):

@@ -23,13 +23,22 @@ std::shared_ptr<VTDPlugIn> plugInWith(const Dictionary& attributes) {
                     {{"KXExtensionAttributes", attributes}});
 }
 
-TEST(Rules, MeanWhatTheLanguageSaysInRandomWorlds) {
-    const support::PrivateRoot root;
-    root.writeList("system/Types.plist", Dictionary{{"a.1", "b"}, {"b", "=="}});
-    const auto seed = std::random_device{}();
-    SCOPED_TRACE(seed);
-    model::Chance chance{seed};
+// A world in which "b" stands over "a.1", what chance makes in it, and what is logged meanwhile.
+class RandomWorld : public testing::Test {
+protected:
+    RandomWorld() { root_.writeList("system/Types.plist", Dictionary{{"a.1", "b"}, {"b", "=="}}); }
+
+private:
+    const support::PrivateRoot root_;
+    const std::random_device::result_type seed_ = std::random_device{}();
+    const testing::ScopedTrace trace_{__FILE__, __LINE__, seed_};
+
+protected:
+    model::Chance chance{seed_};
     support::LogLines log;
+};
+
+TEST_F(RandomWorld, RulesMeanWhatTheLanguageSays) {
     for (int round = 0; round < 3'000; ++round) {
         const Dictionary has = chance.attributes(), wanted = chance.rules(6);
         const auto plugIn = plugInWith(has);
@@ -100,13 +109,7 @@ Known knownOf(model::Chance& chance) {
 }
 
 // All gates, in every combination that chance makes: against saying what each is to hold back, one after another.
-TEST(Discovery, LetsThroughWhatItShouldInTenThousandRandomWorlds) {
-    const support::PrivateRoot root;
-    root.writeList("system/Types.plist", Dictionary{{"a.1", "b"}, {"b", "=="}});
-    const auto seed = std::random_device{}();
-    SCOPED_TRACE(seed);
-    model::Chance chance{seed};
-    support::LogLines log;
+TEST_F(RandomWorld, DiscoveryLetsThroughWhatItShould) {
     std::vector<Known> all;
     std::size_t found = 0;
     for (int round = 0; round < 10'000; ++round) {
