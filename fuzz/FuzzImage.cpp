@@ -5,6 +5,7 @@
 #include "Velto/VTPlugInCore.h"
 #include "Velto/VTRecordImage.h"
 #include "fuzz/Fuzz.h"
+#include "platform/mox/Object.h"
 
 namespace {
 
