@@ -16,28 +16,37 @@ bool winsTie(const VTForm& candidate, const VTForm& listed) {
 
 }  // namespace
 
-bool MatchList::admits(const VTForm& candidate) {
+MatchList::Admission MatchList::judge(const VTForm& candidate) const {
     const bool everyVersion = (flags_ & VTDiscoverEveryVersion) != 0;
-    if (everyVersion && (flags_ & VTDiscoverEveryCopy) != 0) return true;
+    if (everyVersion && (flags_ & VTDiscoverEveryCopy) != 0) return {};
     const auto copies = copies_.find(candidate.identifier());
-    if (copies == copies_.end()) return true;
+    if (copies == copies_.end()) return {};
     for (Position at = copies->second.first; at != kNone; at = nextCopy_[at]) {
         if (removed_[at]) continue;
         const VTForm& listed = forms_[at];
         if (!effort::take(1 + effort::ofCharacters(std::min(candidate.version().size(), listed.version().size()))))
-            return false;
+            return {false};
         const std::weak_ordering order = compareVersionString(candidate.version(), listed.version());
         if (everyVersion && order != std::weak_ordering::equivalent) continue;
         const bool wins =
             order == std::weak_ordering::equivalent ? winsTie(candidate, listed) : order == std::weak_ordering::greater;
-        if (wins) {
-            remove(at);
-            // There was no other copy to look at: the next one need not walk past all that have been removed.
-            if (!everyVersion) copies_.erase(copies);
-        }
-        return wins;
+        return {wins, at};
     }
-    return true;
+    return {};
+}
+
+const VTForm* MatchList::standingFor(const VTForm& appended) const {
+    const auto copies = copies_.find(appended.identifier());
+    const VTForm* instead = nullptr;
+    for (Position at = copies != copies_.end() ? copies->second.first : kNone; at != kNone; at = nextCopy_[at]) {
+        const VTForm& listed = forms_[at];
+        if (removed_[at]) continue;
+        if (listed.uuid() == appended.uuid()) return &listed;
+        const bool isRival = (flags_ & VTDiscoverEveryVersion) == 0 ||
+                             compareVersionString(appended.version(), listed.version()) == 0;
+        if (isRival) instead = &listed;
+    }
+    return instead;
 }
 
 void MatchList::remove(Position position) {
@@ -46,7 +55,12 @@ void MatchList::remove(Position position) {
     anyRemoved_ = true;
 }
 
-void MatchList::append(VTForm form, const value::Value* replacePlugIn) {
+void MatchList::append(VTForm form, const Admission& admission, const value::Value* replacePlugIn) {
+    if (admission.other != kNone) {
+        remove(admission.other);
+        // There was no other copy to look at: the next one need not walk past all that have been removed.
+        if ((flags_ & VTDiscoverEveryVersion) == 0) copies_.erase(copies_.find(form.identifier()));
+    }
     const Position position = forms_.size();
     encodedBytes_ += form.encodedSizeHint();
     forms_.push_back(std::move(form));

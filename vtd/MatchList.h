@@ -19,15 +19,29 @@ class MatchList {
 public:
     explicit MatchList(std::uint64_t flags) : flags_{flags} {}
 
-    // Whether the candidate goes into the list beside, or instead of, the copies of it that are there; those it is to
-    // stand in for are removed. Without VTDiscoverEveryVersion the newest copy stays, and among copies of one version:
-    // the candidate, when it lives on the system volume and the other does not, or else was registered later. Comparing
-    // is charged; once that is spent, no.
-    bool admits(const VTForm& candidate);
+    using Position = std::size_t;
+    static constexpr Position kNone = static_cast<Position>(-1);
 
-    // Adds an admitted form at the end. The entitlement, if any, names what the plug-in replaces: a text or a list of
-    // texts, which the registry has bounded; of several plug-ins that claim one identifier the last counts.
-    void append(VTForm form, const value::Value* replacePlugIn);
+    // Whether a candidate goes into the list, and which copy of it stays in its place, or goes when it comes.
+    struct Admission {
+        bool isAdmitted = true;
+        Position other = kNone;
+    };
+
+    // The candidate goes into the list beside, or instead of, the copies of it that are there. Without
+    // VTDiscoverEveryVersion the newest copy stays, and among copies of one version: the candidate, when it lives on
+    // the system volume and the other does not, or else was registered later. Comparing is charged; once that is spent,
+    // no.
+    Admission judge(const VTForm& candidate) const;
+
+    // Adds an admitted form at the end, and removes what it stands in for. The entitlement, if any, names what the
+    // plug-in replaces: a text or a list of texts, which the registry has bounded; of several plug-ins that claim one
+    // identifier the last counts.
+    void append(VTForm form, const Admission& admission, const value::Value* replacePlugIn);
+
+    // The copy that stands in the list for a form that was appended: itself, or what it had to go for. Null: none.
+    const VTForm* standingFor(const VTForm& appended) const;
+    const VTForm& operator[](Position position) const { return forms_[position]; }
 
     // Of the forms that are in the list, as VTForm::encodedSizeHint() has it.
     std::size_t encodedBytes() const { return encodedBytes_; }
@@ -37,9 +51,6 @@ public:
     std::vector<VTForm> finish() &&;
 
 private:
-    using Position = std::size_t;
-    static constexpr Position kNone = static_cast<Position>(-1);
-
     // The forms of one identifier, chained in the order of the list.
     struct Copies {
         Position first;

@@ -1,11 +1,8 @@
 #include "vtd/VTDMoxClient.h"
 
-#include <map>
-#include <mutex>
 #include <utility>
 #include <variant>
 
-#include "platform/mox/PeerProgram.h"
 #include "platform/queue/Errands.h"
 #include "platform/text/Format.h"
 #include "vtd/Probes.h"
@@ -15,14 +12,8 @@
 
 namespace {
 
-constexpr char kAllowedPlugInsEntitlement[] = "halvern.developer.velto.allowedplugins";
-
 constexpr std::uint32_t kCountReportedEvery = 1000;
 constexpr unsigned kUnexpectedLogged = 16;  // of one client: it must not fill the log
-
-std::shared_ptr<VTBundle> bundleOf(const mox::PeerIdentity& peer) {
-    return peer.program && peer.program->bundle ? VTBundle::initWithMoxBundle(peer.program->bundle) : nullptr;
-}
 
 }  // namespace
 
@@ -41,9 +32,7 @@ VTDMoxClient::VTDMoxClient(const std::shared_ptr<mox::Connection>& connection, s
     : connection_{connection},
       pid_{connection->pid()},
       server_{std::move(server)},
-      bundle_{bundleOf(*connection->identity())},
-      program_{connection->identity()->program},
-      task_{connection->identity()},
+      host_{connection->identity()},
       lane_{server_->turns(), owner()} {}
 
 VTDMoxClient::~VTDMoxClient() = default;
@@ -64,53 +53,6 @@ void VTDMoxClient::dead() {
 
 pid_t VTDMoxClient::pid() const {
     return connection_.expired() ? 0 : pid_;
-}
-
-std::optional<value::Value> VTDMoxClient::entitlementValueForKey(std::string_view key) const {
-    auto value = task_.value(key);
-    if (!value) {
-        server_->log("error retrieving entitlements for pid {}", pid());
-        return {};
-    }
-    return *std::move(value);
-}
-
-bool VTDMoxClient::hasEntitlement(std::string_view key) const {
-    const auto value = entitlementValueForKey(key);
-    return value && *value != value::Value{false};
-}
-
-// What restricts a host may be five thousand patterns, and a host may connect four hundred times.
-class VTDMoxClient::Restrictions {
-public:
-    static Restrictions& shared() {
-        static Restrictions& restrictions = *new Restrictions;  // queues may still ask while the process ends
-        return restrictions;
-    }
-
-    std::shared_ptr<const Restriction> of(const std::shared_ptr<const mox::PeerProgram>& program,
-                                          const value::Dictionary* allowed) {
-        const std::lock_guard lock{mutex_};
-        std::erase_if(byProgram_, [](const auto& known) { return known.first.expired(); });
-        std::weak_ptr<const Restriction>& known = byProgram_[program];
-        if (auto restriction = known.lock()) return restriction;
-        auto read = std::make_shared<Restriction>();
-        if (allowed != nullptr) read->allowed.emplace(*allowed);
-        known = read;
-        return read;
-    }
-
-private:
-    std::mutex mutex_;
-    std::map<std::weak_ptr<const mox::PeerProgram>, std::weak_ptr<const Restriction>, std::owner_less<>> byProgram_;
-};
-
-const VTDMoxClient::Restriction* VTDMoxClient::restriction() const {
-    std::call_once(restrictionRead_, [this] {
-        const auto entitlement = entitlementValueForKey(kAllowedPlugInsEntitlement);
-        if (entitlement) restriction_ = Restrictions::shared().of(program_, entitlement->dictionary());
-    });
-    return restriction_.get();
 }
 
 std::string VTDMoxClient::description() const {

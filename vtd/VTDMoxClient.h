@@ -4,18 +4,15 @@
 
 #include <cstdint>
 #include <memory>
-#include <mutex>
 #include <optional>
 #include <string>
 #include <string_view>
 
 #include "Velto/VTAtomic.h"
-#include "Velto/VTBundle.h"
-#include "platform/entitlements/Entitlements.h"
 #include "platform/mox/Connection.h"
 #include "platform/queue/Turns.h"
 #include "platform/value/Value.h"
-#include "vtd/rules/Rules.h"
+#include "vtd/Host.h"
 
 class VTDServer;
 
@@ -40,18 +37,12 @@ public:
 
     pid_t pid() const;  // 0 once the connection object is gone
 
-    // The peer's entitlement, nothing when it lacks it. One that cannot be read is logged and counts as absent.
-    std::optional<value::Value> entitlementValueForKey(std::string_view key) const;
-
-    // Whether there is a value and it is neither false nor a number that is 0.
-    bool hasEntitlement(std::string_view key) const;
-
-    // What the peer's own entitlement restricts it to: rules, or what is none. Null: nothing. Read at the first call,
-    // and shared by the clients of one process.
-    struct Restriction {
-        std::optional<rules::Rules> allowed;
-    };
-    const Restriction* restriction() const;
+    // What the peer is to plug-ins, and what it may.
+    const Host& host() const { return host_; }
+    std::optional<value::Value> entitlementValueForKey(std::string_view key) const {
+        return host_.entitlementValueForKey(key);
+    }
+    bool hasEntitlement(std::string_view key) const { return host_.hasEntitlement(key); }
 
     std::string description() const;
 
@@ -59,7 +50,7 @@ public:
     void setAcceptWork(bool acceptWork) { acceptWork_.store(acceptWork); }
     std::shared_ptr<mox::Connection> connection() const { return connection_.lock(); }
     const std::shared_ptr<VTDServer>& server() const { return server_; }
-    const std::shared_ptr<VTBundle>& bundle() const { return bundle_; }  // null when the executable is not known
+    const std::shared_ptr<VTBundle>& bundle() const { return host_.bundle(); }  // see Host
     std::uint32_t requestCount() const { return requestCount_; }
 
     // Once its holds were released for good. The hold table's: on the server's syncQueue.
@@ -67,8 +58,6 @@ public:
     void setGaveUpHolds() { gaveUpHolds_ = true; }
 
 private:
-    class Restrictions;
-
     VTDMoxClient(const std::shared_ptr<mox::Connection>& connection, std::shared_ptr<VTDServer> server);
 
     void handleEvent(const mox::Event& event);
@@ -80,13 +69,8 @@ private:
     const std::weak_ptr<mox::Connection> connection_;
     const pid_t pid_;
     const std::shared_ptr<VTDServer> server_;
-    const std::shared_ptr<VTBundle> bundle_;
-    const std::shared_ptr<const mox::PeerProgram> program_;
-    const entitlements::SecurityTask task_;
+    const Host host_;
     queue::Turns::Lane lane_;  // its requests' way to the service queue
-
-    mutable std::once_flag restrictionRead_;
-    mutable std::shared_ptr<const Restriction> restriction_;  // set once, then only read
 
     VTAtomic<bool> acceptWork_{true};
     unsigned unexpectedMessages_ = 0;  // that were logged; touched where the connection delivers

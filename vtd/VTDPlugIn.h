@@ -21,6 +21,7 @@
 #include "vtd/rules/Rules.h"
 
 class BundleInfo;
+class Host;
 class VTDMoxClient;
 
 // Entitlements of a plug-in that say how the user's choices apply to it.
@@ -119,6 +120,9 @@ public:
     // plug-ins of one request; what follows is for one, and reads the rules for it.
     const rules::Rules::Rule* unmatchedRule(const rules::Rules& rules, rules::Complaints& complaints) const;
 
+    // What the plug-in has where the rule asks, as far as it is a value of its own; for people, and not for speed.
+    std::optional<value::Value> valueFor(const rules::Rules::Rule& rule) const;
+
     bool match(const std::optional<value::Dictionary>& rules) const;  // no rules match everything
     bool matchKey(std::string_view name, const value::Value& pattern) const;
     bool matchValuePatterns(std::string_view value, const value::Value& patterns) const;
@@ -127,11 +131,22 @@ public:
 
     // --- Host authorization (VTDPlugIn_Host.cpp)
 
-    // Nothing when the client may use the plug-in, else why not: first what the host's own entitlement restricts it to,
-    // then the entitlement that the plug-in demands, then the device's restriction. The second form is for the many
-    // plug-ins of one request, which asks for the restriction once.
+    // Nothing when the client may use the plug-in, else why not, in words.
     std::optional<std::string> allowForClient(const VTDMoxClient& client) const;
-    std::optional<std::string> allowForClient(const VTDMoxClient& client, std::optional<std::int64_t> maximumRating,
+
+    // Why a host may not use a plug-in.
+    struct HostRefusal {
+        enum class Cause : std::uint8_t { badRestriction, restriction, entitlement, ageRating };
+        Cause cause;
+        const rules::Rules::Rule* rule = nullptr;     // `restriction`: of the host's, the first that is not met
+        std::optional<value::Value> demanded = {};  // `entitlement`: what the host does not have
+
+        std::string message() const;
+    };
+
+    // For the many plug-ins of one request, which asks for the device's restriction once: first what the host's own
+    // entitlement restricts it to, then the entitlement that the plug-in demands, then the device's restriction.
+    std::optional<HostRefusal> refusalForHost(const Host& host, std::optional<std::int64_t> maximumRating,
                                               rules::Complaints& complaints) const;
 
     // Whether the containing application is rated above the maximum that the device allows.

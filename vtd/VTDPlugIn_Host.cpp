@@ -13,33 +13,42 @@
 namespace {
 
 // What names no entitlement is held by nobody.
-bool holds(const VTDMoxClient& client, const value::Value& entitlement) {
+bool holds(const Host& host, const value::Value& entitlement) {
     const std::string* name = entitlement.string();
-    return name != nullptr && client.hasEntitlement(*name);
+    return name != nullptr && host.hasEntitlement(*name);
 }
 
 }  // namespace
 
 std::optional<std::string> VTDPlugIn::allowForClient(const VTDMoxClient& client) const {
     rules::Complaints complaints;
-    return allowForClient(client, restrictions::maximumAppsRating(), complaints);
+    const auto refusal = refusalForHost(client.host(), restrictions::maximumAppsRating(), complaints);
+    return refusal ? std::optional{refusal->message()} : std::nullopt;
 }
 
-std::optional<std::string> VTDPlugIn::allowForClient(const VTDMoxClient& client,
-                                                     std::optional<std::int64_t> maximumRating,
-                                                     rules::Complaints& complaints) const {
-    if (const VTDMoxClient::Restriction* restriction = client.restriction()) {
-        if (!restriction->allowed) return "invalid host restriction entitlement";
-        if (unmatchedRule(*restriction->allowed, complaints) != nullptr) {
-            return "the host's plug-in entitlement does not allow this plug-in";
-        }
+std::optional<VTDPlugIn::HostRefusal> VTDPlugIn::refusalForHost(const Host& host,
+                                                                std::optional<std::int64_t> maximumRating,
+                                                                rules::Complaints& complaints) const {
+    using Cause = HostRefusal::Cause;
+    if (const Host::Restriction* restriction = host.restriction()) {
+        if (!restriction->allowed) return HostRefusal{Cause::badRestriction};
+        const auto* const rule = unmatchedRule(*restriction->allowed, complaints);
+        if (rule != nullptr) return HostRefusal{Cause::restriction, rule};
     }
-    const auto demanded = plugInValue(VTInfoKey::hostEntitlement);
-    if (demanded && !holds(client, *demanded)) {
-        return text::format("the host does not have the \"{}\" entitlement", value::description(*demanded));
-    }
-    if (ageRestricted(maximumRating)) return "the containing Application is age restricted";
+    auto demanded = plugInValue(VTInfoKey::hostEntitlement);
+    if (demanded && !holds(host, *demanded)) return HostRefusal{Cause::entitlement, nullptr, std::move(demanded)};
+    if (ageRestricted(maximumRating)) return HostRefusal{Cause::ageRating};
     return {};
+}
+
+std::string VTDPlugIn::HostRefusal::message() const {
+    switch (cause) {
+        case Cause::badRestriction: return "invalid host restriction entitlement";
+        case Cause::restriction: return "the host's plug-in entitlement does not allow this plug-in";
+        case Cause::entitlement: break;
+        case Cause::ageRating: return "the containing Application is age restricted";
+    }
+    return text::format("the host does not have the \"{}\" entitlement", value::description(*demanded));
 }
 
 bool VTDPlugIn::ageRestricted() const {

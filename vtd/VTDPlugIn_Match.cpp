@@ -72,6 +72,27 @@ bool VTDPlugIn::isMet(const rules::Rules& rules, const rules::Rules::Rule& rule,
     return withAttribute(rule.name, [&](auto found) { return rules::isMet(rules, rule, found, complaints); });
 }
 
+std::optional<value::Value> VTDPlugIn::valueFor(const rules::Rules::Rule& rule) const {
+    switch (rule.attribute) {
+        case rules::Attribute::entitlement: return valueForEntitlement(rule.name.substr(kEntitlementPrefix));
+        case rules::Attribute::identifier: return identifier();
+        case rules::Attribute::uuid: return uuid().string();
+        case rules::Attribute::election: {
+            const auto source = annotationSource_.load().lock();
+            return std::to_string(electionOf(source ? source->annotationForPlugIn(*this) : std::nullopt));
+        }
+        case rules::Attribute::containingApplication: return containingUrl();
+        case rules::Attribute::other: break;
+    }
+    struct Read {
+        std::optional<value::Value> operator()(mox::View found) const { return found.toValue(); }
+        std::optional<value::Value> operator()(const value::Value* found) const {
+            return found != nullptr ? std::optional{*found} : std::nullopt;
+        }
+    };
+    return withAttribute(rule.name, Read{});
+}
+
 bool VTDPlugIn::matchValuePatterns(std::string_view value, const value::Value& patterns) const {
     if (patterns.string() == nullptr && patterns.array() == nullptr) return false;
     rules::Complaints complaints;

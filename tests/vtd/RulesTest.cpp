@@ -155,10 +155,14 @@ TEST_F(RandomWorld, DiscoveryLetsThroughWhatItShould) {
         };
         query.exclusions = std::make_shared<const Exclusions>(Array{std::move(excluded)});
         query.refuseToClient = [&](const VTDPlugIn& plugIn,
-                                   rules::Complaints& complaints) -> std::optional<std::string> {
-            if (restriction && plugIn.unmatchedRule(*restriction, complaints) != nullptr) return "restricted";
+                                   rules::Complaints& complaints) -> std::optional<VTDPlugIn::HostRefusal> {
+            using Cause = VTDPlugIn::HostRefusal::Cause;
+            if (restriction && plugIn.unmatchedRule(*restriction, complaints) != nullptr) {
+                return VTDPlugIn::HostRefusal{Cause::restriction};
+            }
             const Value* const demanded = plugIn.plugInDictionary().find("KXExtensionHostEntitlement");
-            return demanded != nullptr && *demanded != Value{"held"} ? std::optional{"not held"s} : std::nullopt;
+            if (demanded == nullptr || *demanded == Value{"held"}) return {};
+            return VTDPlugIn::HostRefusal{Cause::entitlement, nullptr, *demanded};
         };
         effort::Account account;
         Discovery discovery{std::move(query), [](auto&, auto&) {}, account};
@@ -182,7 +186,7 @@ TEST(Discovery, LetsEachCandidatePayForItself) {
     effort::Account account;
     Discovery discovery{std::move(query), [](auto&, auto&) {}, account};
     EXPECT_TRUE(discovery.isAffordable(2));
-    for (int i = 0; i < 100; ++i) EXPECT_EQ(discovery.visit(*greedy)->gate, Discovery::kEffortGate);
+    for (int i = 0; i < 100; ++i) EXPECT_EQ(discovery.visit(*greedy)->gate, nullptr);
     EXPECT_FALSE(discovery.visit(*modest));
     EXPECT_FALSE(account.isSpent());
     EXPECT_FALSE(discovery.isAffordable(std::size_t{1} << 40));

@@ -32,12 +32,12 @@ bool maySeeAll(const VTDMoxClient& client) {
 // What is told about a candidate that a gate held back: only where somebody may wonder.
 void explain(VTDServer& server, const VTDMoxClient& client, const VTDPlugIn& candidate,
              const Discovery::Refusal& refusal) {
-    if (refusal.gate == Discovery::kEffortGate) {
+    if (refusal.gate == nullptr) {
         server.noteCostlyPlugIn(candidate);
-    } else if (refusal.gate == Discovery::kExclusionsGate) {
+    } else if (refusal.isBy(gates::Name::exclusions)) {
         server.debug("client {} plugin {} excluded", client.pid(), candidate.identifier());
-    } else if (refusal.gate == Discovery::kHostGate) {
-        server.debug("client {} cannot use plugin {}: {}", client.pid(), candidate.identifier(), refusal.detail);
+    } else if (refusal.isBy(gates::Name::host)) {
+        server.debug("client {} cannot use plugin {}: {}", client.pid(), candidate.identifier(), refusal.reason.detail);
     }
 }
 
@@ -65,11 +65,12 @@ void Transaction::matchPlugIns() {
     if (!candidates.empty()) {  // what follows looks at the disk
         query.isOnHold = [this](const VTDPlugIn& plugIn) { return server()->holdOnPlugIn(plugIn); };
         query.exclusions = server()->userPrefs()->preparedExclusions();
-        const auto* const restriction = client()->restriction();
+        const Host& host = client()->host();
+        const auto* const restriction = host.restriction();
         if (restriction != nullptr && restriction->allowed) query.priceOfPolicy = restriction->allowed->price();
-        query.refuseToClient = [&client = *client(), maximumRating = restrictions::maximumAppsRating()](
+        query.refuseToClient = [&host, maximumRating = restrictions::maximumAppsRating()](
                                    const VTDPlugIn& plugIn, rules::Complaints& complaints) {
-            return plugIn.allowForClient(client, maximumRating, complaints);
+            return plugIn.refusalForHost(host, maximumRating, complaints);
         };
     }
 

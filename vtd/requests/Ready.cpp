@@ -35,9 +35,9 @@ void Transaction::readyPlugIns() {
         if (!mustBeCurrent(*plugIn)) return false;
         if (server()->holdOnPlugIn(*plugIn)) return refuse(*plugIn, "the plug-in is on hold");
         if (plugIn->isData()) return true;
-        const auto reason = plugIn->allowForClient(*client(), maximumRating, complaints);
+        const auto reason = plugIn->refusalForHost(client()->host(), maximumRating, complaints);
         if (!mayGoOn()) return false;  // a verdict that nothing was left for is none
-        if (reason) return refuse(*plugIn, *reason);
+        if (reason) return refuse(*plugIn, reason->message());
         allowed.push_back(plugIn);
         return true;
     });
