@@ -33,18 +33,20 @@ inline constexpr char lock[] = "lock";
 
 // The keys of requests and replies.
 namespace VTKey {
-inline constexpr char request[] = "request";          // string: one of VTRequest
-inline constexpr char version[] = "version";          // unsigned: the sender's protocol version
-inline constexpr char paths[] = "paths";              // array of strings: absolute file-system paths
-inline constexpr char rules[] = "rules";              // dictionary, plain form: match rules
-inline constexpr char flags[] = "flags";              // unsigned: option bits of the request
-inline constexpr char uuids[] = "uuids";              // array of UUIDs in requests; one UUID in the reply to a hold
-inline constexpr char annotations[] = "annotations";  // dictionary, plain form: annotation changes
-inline constexpr char errorCode[] = "errorcode";      // unsigned: the code, sign-extended; absent on success
-inline constexpr char error[] = "error";              // string: the message for people
-inline constexpr char matches[] = "matches";          // message form: an array of forms
-inline constexpr char conflicts[] = "conflicts";      // array of dictionaries: the plug-ins that refused a hold
-inline constexpr char extensions[] = "extensions";    // array, plain form: the result of "access"
+inline constexpr char request[] = "request";            // string: one of VTRequest
+inline constexpr char version[] = "version";            // unsigned: the sender's protocol version
+inline constexpr char paths[] = "paths";                // array of strings: absolute file-system paths
+inline constexpr char rules[] = "rules";                // dictionary, plain form: match rules
+inline constexpr char flags[] = "flags";                // unsigned: option bits of the request
+inline constexpr char uuids[] = "uuids";                // array of UUIDs in requests; one UUID in the reply to a hold
+inline constexpr char annotations[] = "annotations";    // dictionary, plain form: annotation changes
+inline constexpr char errorCode[] = "errorcode";        // unsigned: the code, sign-extended; absent on success
+inline constexpr char error[] = "error";                // string: the message for people
+inline constexpr char matches[] = "matches";            // message form: an array of forms
+inline constexpr char explain[] = "explain";            // boolean: "match" tells of what it leaves out, too
+inline constexpr char explanations[] = "explanations";  // message form: an array of them, see VTExplanationKey
+inline constexpr char conflicts[] = "conflicts";        // array of dictionaries: the plug-ins that refused a hold
+inline constexpr char extensions[] = "extensions";      // array, plain form: the result of "access"
 }  // namespace VTKey
 
 // Error codes, in replies and in errors of the domain "Velto".

@@ -24,14 +24,15 @@ Discovery::Discovery(Query query, Annotate annotate, effort::Account& account)
       account_{account},
       matches_{query_.flags} {}
 
-bool Discovery::isAffordable(std::size_t candidates) {
+bool Discovery::isAffordable(std::size_t candidates, Rounds rounds) {
+    const std::uint64_t times = static_cast<std::uint64_t>(rounds);
     const std::uint64_t left = account_.left();  // without the shares, which are the candidates' own
-    account_.grantShares(candidates);
+    account_.grantShares(candidates * times);
     // What the user excludes is no choice of the client's, and is on the house.
-    if (query_.exclusions) account_.grantShares(candidates * query_.exclusions->price() / effort::kShare);
+    if (query_.exclusions) account_.grantShares(candidates * times * query_.exclusions->price() / effort::kShare);
     if (candidates == 0) return true;
     shareForTokens_ = std::max(kTokensInAll / candidates, kTokensAtLeast);
-    return priceOfRules_ <= left / candidates;
+    return priceOfRules_ * times <= left / candidates;
 }
 
 std::uint64_t Discovery::priceOfOne() const {
@@ -48,8 +49,8 @@ std::optional<Discovery::Refusal> Discovery::visit(const VTDPlugIn& candidate) {
         if (gate.name == gates::Name::exported) {
             if (visit.isFull) ++leftOut_;
             if (visit.exportError) {
-                logging::notice(text::format("error matching {}: {}", candidate.path(),
-                                             visit.exportError->localizedDescription()));
+                logging::notice(
+                    text::format("error matching {}: {}", candidate.path(), visit.exportError->localizedDescription()));
             }
         }
         // What was decided with nothing left to spend was not decided.

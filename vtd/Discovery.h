@@ -30,6 +30,10 @@ public:
         bool isBy(gates::Name name) const { return gate != nullptr && gate->name == name; }
     };
 
+    // How often the candidates are held against the rules: where the discovery is explained, some of them again for
+    // what later gates would say, and for the grounds.
+    enum class Rounds : std::uint8_t { one = 1, explained = 4 };
+
     // Sets a form's "annotations" to those of the plug-in.
     using Annotate = std::function<void(const VTDPlugIn& plugIn, VTForm& form)>;
 
@@ -40,7 +44,7 @@ public:
 
     // Grants the request the shares of so many candidates, and judges whether its rules may be held against all of
     // them.
-    bool isAffordable(std::size_t candidates);
+    bool isAffordable(std::size_t candidates, Rounds rounds = Rounds::one);
 
     // Passes the candidate through the gates; nothing when it passed them all, and is a match (until a later copy of it
     // supersedes it).
@@ -55,7 +59,7 @@ public:
     // For who explains the discovery, before it ends.
     const Query& query() const { return query_; }
     const MatchList& matches() const { return matches_; }
-    rules::Complaints& complaints() { return complaints_; }
+    effort::Account& account() { return account_; }
     std::uint64_t priceOfOne() const;  // what a candidate may need, in units of effort
     std::uint64_t shareForTokens() const { return shareForTokens_; }
 

@@ -46,7 +46,7 @@ Exclusions::Exclusions(value::Array rules) : source_(std::move(rules)) {
     if (!named_.empty()) price_ += kUnitsALookUp;
 }
 
-bool Exclusions::cover(const VTDPlugIn& plugIn, rules::Complaints& complaints) const {
+std::size_t Exclusions::covering(const VTDPlugIn& plugIn, rules::Complaints& complaints) const {
     auto named = named_.end();
     auto namedEnd = named_.end();
     if (!named_.empty()) {
@@ -58,7 +58,7 @@ bool Exclusions::cover(const VTDPlugIn& plugIn, rules::Complaints& complaints) c
     while (named != namedEnd || other != others_.end()) {
         const bool namedIsNext = other == others_.end() || (named != namedEnd && named->position < *other);
         const std::size_t next = namedIsNext ? (named++)->position : *other++;
-        if (plugIn.unmatchedRule(rules_[next], complaints) == nullptr) return true;
+        if (plugIn.unmatchedRule(rules_[next], complaints) == nullptr) return next;
     }
-    return false;
+    return kNone;
 }

@@ -24,7 +24,14 @@ class Exclusions {
 public:
     explicit Exclusions(value::Array rules);  // elements that are no dictionary exclude nothing
 
-    bool cover(const VTDPlugIn& plugIn, rules::Complaints& complaints) const;
+    bool cover(const VTDPlugIn& plugIn, rules::Complaints& complaints) const {
+        return covering(plugIn, complaints) != kNone;
+    }
+
+    // The first that does, by its place among the dictionaries of the array; kNone when none does.
+    static constexpr std::size_t kNone = static_cast<std::size_t>(-1);
+    std::size_t covering(const VTDPlugIn& plugIn, rules::Complaints& complaints) const;
+    const rules::Rules& operator[](std::size_t place) const { return rules_[place]; }
 
     // What trying them on any plug-in costs, in units of effort.
     std::uint64_t price() const { return price_; }

@@ -42,8 +42,8 @@ const VTForm* MatchList::standingFor(const VTForm& appended) const {
         const VTForm& listed = forms_[at];
         if (removed_[at]) continue;
         if (listed.uuid() == appended.uuid()) return &listed;
-        const bool isRival = (flags_ & VTDiscoverEveryVersion) == 0 ||
-                             compareVersionString(appended.version(), listed.version()) == 0;
+        const bool isRival =
+            (flags_ & VTDiscoverEveryVersion) == 0 || compareVersionString(appended.version(), listed.version()) == 0;
         if (isRival) instead = &listed;
     }
     return instead;

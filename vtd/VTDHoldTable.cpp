@@ -44,6 +44,27 @@ bool VTDHoldTable::covers(const VTDPlugIn& plugIn) const {
     return blocked_.contains(plugIn.uuid());
 }
 
+std::vector<VTDHoldTable::Holder> VTDHoldTable::holdersOf(const VTDPlugIn& plugIn) const {
+    constexpr std::size_t kMostHolders = 8;
+    std::vector<Holder> holders;
+    const auto blocked = blocked_.find(plugIn.uuid());
+    if (blocked == blocked_.end()) return holders;
+    std::size_t looks = 256;  // for all: neither other clients nor other holds may make this slow
+    for (auto client = clients_.begin(); client != clients_.end() && looks > 0; ++client, --looks) {
+        if (!client->second->blocked_.contains(plugIn.uuid())) continue;
+        for (const auto& [number, hold] : client->second->holds_) {
+            if (looks <= 1) break;
+            --looks;
+            if (!hold->blocked().contains(blocked->second.record)) continue;
+            const auto owner = hold->client();
+            holders.push_back({owner ? owner->pid() : 0, hold->created()});
+            break;
+        }
+        if (holders.size() == kMostHolders) break;
+    }
+    return holders;
+}
+
 void VTDHoldTable::unblock(const value::Uuid& plugIn) {
     const auto blocked = blocked_.find(plugIn);
     if (--blocked->second.clients == 0) blocked_.erase(blocked);

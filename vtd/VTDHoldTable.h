@@ -1,5 +1,8 @@
 #pragma once
 
+#include <sys/types.h>
+
+#include <chrono>
 #include <cstddef>
 #include <cstdint>
 #include <map>
@@ -32,7 +35,15 @@ public:
 
     Hold remove(const value::Uuid& token);       // null when no hold has it
     bool covers(const VTDPlugIn& plugIn) const;  // whether any hold blocks the plug-in
-    std::size_t size() const { return size_; }   // without what was given up
+
+    // Who holds the plug-in, and since when, as far as a bounded look finds it: some of them where there are many.
+    struct Holder {
+        pid_t pid;  // 0: it is going
+        std::chrono::system_clock::time_point since;
+    };
+    std::vector<Holder> holdersOf(const VTDPlugIn& plugIn) const;
+
+    std::size_t size() const { return size_; }  // without what was given up
 
     // All that the client holds: from then on it blocks nothing, and its tokens name nothing. Null when it holds
     // nothing.

@@ -138,7 +138,7 @@ public:
     struct HostRefusal {
         enum class Cause : std::uint8_t { badRestriction, restriction, entitlement, ageRating };
         Cause cause;
-        const rules::Rules::Rule* rule = nullptr;     // `restriction`: of the host's, the first that is not met
+        const rules::Rules::Rule* rule = nullptr;   // `restriction`: of the host's, the first that is not met
         std::optional<value::Value> demanded = {};  // `entitlement`: what the host does not have
 
         std::string message() const;

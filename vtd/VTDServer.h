@@ -7,6 +7,7 @@
 #include <span>
 #include <string>
 #include <utility>
+#include <vector>
 
 #include "Velto/VTAtomic.h"
 #include "platform/logging/Log.h"
@@ -79,6 +80,7 @@ public:
 
     // Whether any hold, of whomever, covers the plug-in. One load while there are no holds at all.
     bool holdOnPlugIn(const VTDPlugIn& plugIn) const;
+    std::vector<VTDHoldTable::Holder> holdersOf(const VTDPlugIn& plugIn) const;
 
     // Puts the hold into the table. False, and nothing, when its client has died meanwhile: what unholdClient() has
     // once released a client's holds, it gets no more.

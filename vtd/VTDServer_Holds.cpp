@@ -29,6 +29,10 @@ bool VTDServer::holdOnPlugIn(const VTDPlugIn& plugIn) const {
     return syncQueue_->sync([&] { return holds_.covers(plugIn); });
 }
 
+std::vector<VTDHoldTable::Holder> VTDServer::holdersOf(const VTDPlugIn& plugIn) const {
+    return syncQueue_->sync([&] { return holds_.holdersOf(plugIn); });
+}
+
 bool VTDServer::addHold(const std::shared_ptr<VTDPlugInHold>& hold) {
     const bool added = syncQueue_->sync([&] {
         const auto client = hold->client();

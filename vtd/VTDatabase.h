@@ -67,7 +67,16 @@ public:
     // that name identifiers, extension points and elections literally; leaves out what the rules accept only where the
     // election filter is narrower than they are (it compares the low byte, as text). Nothing when the registry has no
     // list.
-    std::optional<PlugIns> findPlugIns(const rules::Rules& rules);
+    std::optional<PlugIns> findPlugIns(const rules::Rules& rules) { return findPlugIns(rules, nullptr); }
+
+    // What the registry has and no candidate comes of, with what the log said of it.
+    struct LeftOut {
+        enum class Why : std::uint8_t { refused, installing };  // installing: its application, still
+        std::shared_ptr<const dravo::DVVeltoProxy> record;
+        Why why;
+        std::string words;  // empty when it is looked at again each time
+    };
+    std::optional<PlugIns> findPlugIns(const rules::Rules& rules, std::vector<LeftOut>* leftOut);
 
     // Whether the record is of what is installed now: its directory is still that directory, and the registry has
     // neither announced that the plug-in goes nor made another record since. For whoever acts on a record; what cannot
@@ -154,6 +163,8 @@ private:
                                               BundleInfo& bundleInfo);
     std::shared_ptr<VTDPlugIn> buildPlugIn(const std::shared_ptr<const dravo::DVVeltoProxy>& proxy,
                                            BundleInfo& bundleInfo, logging::Transcript::Writing writing);
+
+    LeftOut refusalOf(const std::shared_ptr<const dravo::DVVeltoProxy>& proxy);
 
     // Makes the images that are missing, from the place in the list on.
     void makeImages(std::shared_ptr<const dravo::PluginList> plugIns, std::size_t begin);

@@ -83,7 +83,7 @@ private:
 
 }  // namespace
 
-std::optional<VTDatabase::PlugIns> VTDatabase::findPlugIns(const rules::Rules& rules) {
+std::optional<VTDatabase::PlugIns> VTDatabase::findPlugIns(const rules::Rules& rules, std::vector<LeftOut>* leftOut) {
     const auto electionTexts = rules.writtenTexts(rules::kElectionAttribute);
     const auto elections = electionTexts ? std::optional{bytesIn(*electionTexts)} : std::nullopt;
     const auto identifiers = rules.plainTexts(rules::kIdentifierAttribute);
@@ -114,9 +114,24 @@ std::optional<VTDatabase::PlugIns> VTDatabase::findPlugIns(const rules::Rules& r
     Installing isStillInstalling;
     BundleInfo bundleInfo;
     for (const auto& proxy : *proxies) {
-        if (!proxy->bundlePath() || isStillInstalling(*proxy)) continue;
+        if (!proxy->bundlePath()) continue;
+        if (isStillInstalling(*proxy)) {
+            if (leftOut != nullptr) leftOut->push_back({proxy, LeftOut::Why::installing, {}});
+            continue;
+        }
         auto plugIn = plugInForProxy(proxy, bundleInfo);
+        if (!plugIn && leftOut != nullptr) leftOut->push_back(refusalOf(proxy));
         if (plugIn && seen.add(plugIn->uuid())) candidates.push_back(std::move(plugIn));
     }
     return candidates;
+}
+
+VTDatabase::LeftOut VTDatabase::refusalOf(const std::shared_ptr<const dravo::DVVeltoProxy>& proxy) {
+    return _sync()->sync([&] {
+        LeftOut leftOut{proxy, LeftOut::Why::refused, {}};
+        const auto* const lines = notes_.refusal(proxy);
+        if (lines == nullptr) return leftOut;
+        for (const auto& line : *lines) leftOut.words += (leftOut.words.empty() ? "" : "\n") + line.text;
+        return leftOut;
+    });
 }

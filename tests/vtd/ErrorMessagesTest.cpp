@@ -182,6 +182,7 @@ TEST_F(ErrorMessages, EachOfThePageIsWhatTheDaemonAnswers) {
         {"invalid request (uuid allocation failure)", {{"request", "access"}, {"uuids", one}}, failAllocation},
         {"no such plugin (uuid not found)", {{"request", "ready"}, {"uuids", unknown}}},
         {format + " (bad rules dictionary)", {{"request", "match"}, {"rules", "all"}}},
+        {format + " (bad explain)", {{"request", "match"}, {"explain", 1}}},
         {format + " (bad annotations dictionary)", annotate(1)},
         {format + " (annotation election)", election("1")},
         {format + " (annotation election)", election(std::nan(""))},

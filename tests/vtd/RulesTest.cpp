@@ -3,7 +3,9 @@
 #include "tests/vtd/FakePlugIn.h"
 #include "vtd/Discovery.h"
 #include "vtd/Exclusions.h"
+#include "vtd/Host.h"
 #include "vtd/VTDPlugIn.h"
+#include "vtd/explain/Explanation.h"
 #include "vtd/rules/Rules.h"
 
 namespace {
@@ -108,6 +110,41 @@ Known knownOf(model::Chance& chance) {
     return known;
 }
 
+// What each gate answers when it is asked alone, up to the one that compares with what else there is.
+struct GateAnswers {
+    std::string uuid;
+    std::array<bool, 6> passes;
+};
+
+// A plug-in is explained as offered exactly when it is, by the first gate that refuses, and by what the others say.
+void expectExplained(const Value& explanations, const std::vector<GateAnswers>& answers, const Texts& matches,
+                     bool seesAll) {
+    ASSERT_EQ(explanations.array()->size(), answers.size());
+    for (std::size_t i = 0; i < answers.size(); ++i) {
+        const Dictionary told = *explanations.array()->begin()[i].dictionary();
+        const GateAnswers& one = answers[i];
+        std::string decided;
+        const Array gates = *told.find("gates")->array();
+        for (std::size_t gate = 0; gate < one.passes.size(); ++gate) {
+            const Dictionary entry = *gates.begin()[gate].dictionary();
+            const bool isAsked = !seesAll || gate == 3 || gate == 4;
+            const bool passes = one.passes[gate];
+            const char* const behind = passes ? "would pass" : "would refuse";
+            const char* const before = passes ? "passed" : "refused";
+            ASSERT_EQ(*entry.string("answer"), !isAsked          ? "not asked"
+                                               : decided.empty() ? before
+                                                                 : behind)
+                << description(Value{told});
+            if (isAsked && !passes && decided.empty()) decided = *entry.string("gate");
+        }
+        const bool isOffered = std::any_of(matches.begin(), matches.end(),
+                                           [&](const std::string& match) { return match.starts_with(one.uuid); });
+        if (decided.empty() && !isOffered) decided = "duplicates";
+        ASSERT_EQ(*told.string("verdict"), isOffered ? "offered" : "held back");
+        ASSERT_EQ(told.contains("gate") ? *told.string("gate") : "", decided) << description(Value{told});
+    }
+}
+
 // All gates, in every combination that chance makes: against saying what each is to hold back, one after another.
 TEST_F(RandomWorld, DiscoveryLetsThroughWhatItShould) {
     std::vector<Known> all;
@@ -131,6 +168,7 @@ TEST_F(RandomWorld, DiscoveryLetsThroughWhatItShould) {
         for (const std::uint64_t flag : {1U, 2U, 4U, 8U}) flags |= chance.once(3) ? flag : 0;
 
         std::vector<model::Copy> through;
+        std::vector<GateAnswers> answers;
         for (const Known* const known : candidates) {
             const auto meets = [&](const Dictionary& rules) {
                 return model::RuleModel{known->copy.identifier, known->attributes}.matches(rules);
@@ -144,6 +182,9 @@ TEST_F(RandomWorld, DiscoveryLetsThroughWhatItShould) {
                 return rules.dictionary() != nullptr && meets(*rules.dictionary());
             });
             if ((seesAll || !isHeldBack) && meets(wanted) && !isExcluded) through.push_back(known->copy);
+            answers.push_back(
+                {known->copy.uuid,
+                 {isPlaced, !known->isDedicated || isOurs, !known->isHeld, meets(wanted), !isExcluded, isAllowed}});
         }
 
         const std::optional restriction = allowed ? std::optional{rules::Rules{*allowed}} : std::nullopt;
@@ -167,8 +208,15 @@ TEST_F(RandomWorld, DiscoveryLetsThroughWhatItShould) {
         effort::Account account;
         Discovery discovery{std::move(query), [](auto&, auto&) {}, account};
         ASSERT_TRUE(discovery.isAffordable(candidates.size()));
-        for (const Known* const known : candidates) static_cast<void>(discovery.visit(*known->plugIn));
+        std::vector<std::optional<Discovery::Refusal>> refusals;
+        for (const Known* const known : candidates) refusals.push_back(discovery.visit(*known->plugIn));
+        const Host host{std::make_shared<mox::PeerIdentity>()};
+        explain::Explanation explanation{discovery, {host, {}, {}, true}, [](auto) { return true; }};
+        for (std::size_t i = 0; i < candidates.size(); ++i) explanation.add(*candidates[i]->plugIn, refusals[i]);
+        const mox::Encoded explained = std::move(explanation).finish();
         const Texts matches = model::asTexts(std::move(discovery).finish());
+        expectExplained(mox::View{explained->data()}.message()->toValue(), answers, matches,
+                        (flags & VTDiscoverAll) != 0);
         ASSERT_EQ(matches, model::resolvePlainly(through, flags)) << "world " << round << ", flags " << flags;
         found += matches.size();
     }

@@ -2,7 +2,6 @@
 
 #include <utility>
 
-#include "Velto/VTProtocol.h"
 #include "vtd/Exclusions.h"
 
 namespace gates {
@@ -68,10 +67,6 @@ Verdict duplicates(Visit& visit) {
 }
 
 }  // namespace
-
-bool Gate::isAsked(const Query& query) const {
-    return scope == Scope::always || !query.asksFor(VTDiscoverAll);
-}
 
 constexpr Gate kInOrder[kCount] = {
     {Name::location, "location", Gate::Scope::unlessAll, location},

@@ -10,6 +10,7 @@
 #include <string_view>
 
 #include "Velto/VTForm.h"
+#include "Velto/VTProtocol.h"
 #include "vtd/MatchList.h"
 #include "vtd/VTDPlugIn.h"
 #include "vtd/rules/Complaints.h"
@@ -75,7 +76,7 @@ struct Gate {
     Scope scope;
     std::optional<Reason> (*examine)(Visit& visit);  // nothing: pass
 
-    bool isAsked(const Query& query) const;
+    bool isAsked(const Query& query) const { return scope == Scope::always || !query.asksFor(VTDiscoverAll); }
 };
 
 inline constexpr std::size_t kCount = 8;

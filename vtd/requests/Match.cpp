@@ -1,4 +1,7 @@
 #include <cstddef>
+#include <cstdint>
+#include <optional>
+#include <string>
 #include <utility>
 #include <vector>
 
@@ -12,6 +15,7 @@
 #include "vtd/VTDMoxClient.h"
 #include "vtd/VTDPlugIn.h"
 #include "vtd/VTDServer.h"
+#include "vtd/explain/Explanation.h"
 
 namespace {
 
@@ -21,17 +25,21 @@ constexpr std::size_t kMostEncodedBytes = std::size_t{240} << 20;
 
 constexpr char kManagerEntitlement[] = "halvern.private.velto.manager";
 
-// Who may see what its own location, dedication or holds would keep from it: a manager outside every sandbox. A peer
-// whose connection is gone cannot be asked about, and will not read the answer.
-bool maySeeAll(const VTDMoxClient& client) {
-    if (!client.hasEntitlement(kManagerEntitlement)) return false;
+// Who may be told of all that there is: it could read the same from the disk. A peer whose connection is gone cannot be
+// asked about, and will not read the answer.
+bool mayLearnAll(const VTDMoxClient& client) {
     const auto connection = client.connection();
     return connection && !sandbox::isSandboxed(*connection->identity());
 }
 
-// What is told about a candidate that a gate held back: only where somebody may wonder.
-void explain(VTDServer& server, const VTDMoxClient& client, const VTDPlugIn& candidate,
-             const Discovery::Refusal& refusal) {
+// Who may see what its own location, dedication or holds would keep from it: a manager outside every sandbox.
+bool maySeeAll(const VTDMoxClient& client) {
+    return client.hasEntitlement(kManagerEntitlement) && mayLearnAll(client);
+}
+
+// What the log is told about a candidate that a gate held back: only where somebody may wonder.
+void note(VTDServer& server, const VTDMoxClient& client, const VTDPlugIn& candidate,
+          const Discovery::Refusal& refusal) {
     if (refusal.gate == nullptr) {
         server.noteCostlyPlugIn(candidate);
     } else if (refusal.isBy(gates::Name::exclusions)) {
@@ -41,6 +49,38 @@ void explain(VTDServer& server, const VTDMoxClient& client, const VTDPlugIn& can
     }
 }
 
+// What is known of a discovery that is to be explained.
+struct Explained {
+    const VTDatabase::PlugIns& candidates;
+    std::vector<std::optional<Discovery::Refusal>> refusals = {};  // of each, in their order
+    std::vector<VTDatabase::LeftOut> leftOut = {};
+};
+
+// A sandboxed caller learns of its own application's plug-ins and of nothing else. Nothing: there is no room for it.
+std::optional<mox::Encoded> explanationOf(Transaction& transaction, Discovery& discovery, const Explained& explained,
+                                          std::optional<std::int64_t> maximumRating) {
+    const VTDMoxClient& client = *transaction.client();
+    const bool isForAll = mayLearnAll(client);
+    const auto own = !isForAll && client.bundle() ? client.bundle()->plugInsPath() : std::nullopt;
+    const auto isFor = [&](const std::string& path) { return isForAll || (own && path.starts_with(*own + '/')); };
+
+    const auto holders = [&server = *transaction.server()](const VTDPlugIn& plugIn) {
+        return server.holdersOf(plugIn);
+    };
+    explain::Explanation explanation{discovery,
+                                     {client.host(), maximumRating, holders, isForAll},
+                                     [&](std::size_t bytes) { return transaction.reply().reserve(bytes); }};
+    for (std::size_t i = 0; i < explained.candidates.size(); ++i) {
+        const VTDPlugIn& candidate = *explained.candidates[i];
+        if (isFor(candidate.path())) explanation.add(candidate, explained.refusals[i]);
+    }
+    for (const VTDatabase::LeftOut& one : explained.leftOut) {
+        if (isFor(one.record->bundlePath().value_or(""))) explanation.add(one);
+    }
+    if (explanation.isCut()) return {};
+    return std::move(explanation).finish();
+}
+
 }  // namespace
 
 void Transaction::matchPlugIns() {
@@ -48,6 +88,9 @@ void Transaction::matchPlugIns() {
     if (rules && !rules->isDictionary()) {
         return fail(VTErrorRequest, "invalid request format (bad rules dictionary)");
     }
+    const auto explain = request().find(VTKey::explain);
+    if (explain && !explain->boolean()) return fail(VTErrorRequest, "invalid request format (bad explain)");
+    const bool isExplained = explain && *explain->boolean() && version() == VTProtocolVersion;
     const auto flags = request().find(VTKey::flags);
 
     Discovery::Query query;
@@ -60,16 +103,19 @@ void Transaction::matchPlugIns() {
     }
     if (const auto& bundle = client()->bundle()) query.clientPlugInsPath = [bundle] { return bundle->plugInsPath(); };
 
-    const VTDatabase::PlugIns candidates = server()->findPlugIns(query.wanted).value_or(VTDatabase::PlugIns{});
+    std::vector<VTDatabase::LeftOut> leftOut;
+    const VTDatabase::PlugIns candidates =
+        server()->findPlugIns(query.wanted, isExplained ? &leftOut : nullptr).value_or(VTDatabase::PlugIns{});
     probes::discoverRaw(candidates.size());
+    std::optional<std::int64_t> maximumRating;
     if (!candidates.empty()) {  // what follows looks at the disk
+        maximumRating = restrictions::maximumAppsRating();
         query.isOnHold = [this](const VTDPlugIn& plugIn) { return server()->holdOnPlugIn(plugIn); };
         query.exclusions = server()->userPrefs()->preparedExclusions();
         const Host& host = client()->host();
         const auto* const restriction = host.restriction();
         if (restriction != nullptr && restriction->allowed) query.priceOfPolicy = restriction->allowed->price();
-        query.refuseToClient = [&host, maximumRating = restrictions::maximumAppsRating()](
-                                   const VTDPlugIn& plugIn, rules::Complaints& complaints) {
+        query.refuseToClient = [&host, maximumRating](const VTDPlugIn& plugIn, rules::Complaints& complaints) {
             return plugIn.refusalForHost(host, maximumRating, complaints);
         };
     }
@@ -79,13 +125,17 @@ void Transaction::matchPlugIns() {
         if (version() == VTProtocolVersion) addAnnotationForPlugIn(plugIn, form);
     };
     Discovery discovery{std::move(query), annotate, account()};
-    if (!discovery.isAffordable(candidates.size())) {
+    if (!discovery.isAffordable(candidates.size(),
+                                isExplained ? Discovery::Rounds::explained : Discovery::Rounds::one)) {
         failForEffort();
         return;
     }
+    account().grantShares(leftOut.size());
+    Explained explained{candidates, {}, std::move(leftOut)};
     for (const auto& candidate : candidates) {
-        const auto refusal = discovery.visit(*candidate);
-        if (refusal) explain(*server(), *client(), *candidate, *refusal);
+        auto refusal = discovery.visit(*candidate);
+        if (refusal) note(*server(), *client(), *candidate, *refusal);
+        if (isExplained) explained.refusals.push_back(std::move(refusal));
     }
     if (!mayGoOn()) return;
     if (discovery.leftOut() > 0) {
@@ -94,6 +144,12 @@ void Transaction::matchPlugIns() {
     }
     if (!reply().reserve(discovery.encodedBytes())) {
         return fail(VTErrorRequest, "invalid request (too many replies are not read)");
+    }
+    if (isExplained) {
+        auto explanations = explanationOf(*this, discovery, explained, maximumRating);
+        if (!mayGoOn()) return;
+        if (!explanations) return fail(VTErrorRequest, "invalid request (too many replies are not read)");
+        reply().setEncoded(VTKey::explanations, *std::move(explanations));
     }
     const std::vector<VTForm> matches = std::move(discovery).finish();
     if (auto encoded = VTDaemonClient::convertToMox(matches, static_cast<std::int64_t>(version()))) {

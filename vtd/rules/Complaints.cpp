@@ -34,6 +34,10 @@ void Complaints::write() {
         logging::notice(text::format("unrecognized match operator:{}{}", unknown.pattern, often));
     }
     if (further_ > 0) logging::notice(text::format("further unrecognized match operators, {} times", further_));
+    discard();
+}
+
+void Complaints::discard() {
     unknown_.clear();
     further_ = 0;
 }

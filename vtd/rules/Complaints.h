@@ -21,6 +21,9 @@ public:
     // Writes them to the log, before the request is answered; they are then forgotten.
     void write();
 
+    // Forgets them: somebody else tells of the same patterns.
+    void discard();
+
     // The pattern has an unknown operator, and was held against a value so many times.
     void addUnknownOperator(std::string_view pattern, std::uint64_t times);
 
