@@ -39,11 +39,12 @@ const Transaction::Handler* Transaction::handlerNamed(std::string_view name) {
 }
 
 Transaction::Transaction(mox::Request request, std::shared_ptr<VTDMoxClient> client,
-                         std::shared_ptr<RequestPaths> paths)
+                         std::shared_ptr<RequestPaths> paths, std::shared_ptr<RequestHost> host)
     : client_{std::move(client)},
       request_{std::move(request)},
       annotationRound_{*client_->server()},
       reply_{request_},
+      host_{std::move(host)},
       paths_{std::move(paths)},
       account_{paths_ && paths_->outcome() == RequestPaths::Outcome::done ? paths_->account() : own_} {}
 

@@ -12,6 +12,7 @@
 #include "platform/value/Value.h"
 #include "vtd/VTDAnnotationRound.h"
 
+class RequestHost;
 class RequestPaths;
 class VTDMoxClient;
 class VTDPlugIn;
@@ -41,9 +42,10 @@ public:
     // replied.
     using PlugInHandler = std::function<bool(const std::shared_ptr<VTDPlugIn>& plugIn)>;
 
-    // initWithRequest:forClient:, with what the request's paths lead to when its handler asks for that.
+    // initWithRequest:forClient:, with what the request's paths lead to when its handler asks for that, and with the
+    // other host that it is about.
     Transaction(mox::Request request, std::shared_ptr<VTDMoxClient> client,
-                std::shared_ptr<RequestPaths> paths = nullptr);
+                std::shared_ptr<RequestPaths> paths = nullptr, std::shared_ptr<RequestHost> host = nullptr);
     Transaction(const Transaction&) = delete;
     Transaction& operator=(const Transaction&) = delete;
 
@@ -104,6 +106,7 @@ private:
     void lockDownPlugIns();
     void releaseHolds(mox::View tokens);
     bool failForEffort();
+    bool isAnswerableForHost();  // else the request has failed
 
     // Sets the form's "annotations" to the plug-in's, or to none.
     void addAnnotationForPlugIn(const VTDPlugIn& plugIn, VTForm& form) const;
@@ -112,6 +115,7 @@ private:
     const mox::Request request_;
     VTDAnnotationRound annotationRound_;
     mox::Reply reply_;
+    const std::shared_ptr<RequestHost> host_;    // null: the client
     const std::shared_ptr<RequestPaths> paths_;  // null: the handler asks for none, or they are no list
     effort::Account own_;
     effort::Account& account_;  // that of the paths, where they have begun one

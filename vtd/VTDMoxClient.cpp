@@ -6,6 +6,7 @@
 #include "platform/queue/Errands.h"
 #include "platform/text/Format.h"
 #include "vtd/Probes.h"
+#include "vtd/RequestHost.h"
 #include "vtd/RequestPaths.h"
 #include "vtd/Transaction.h"
 #include "vtd/VTDServer.h"
@@ -74,10 +75,11 @@ void VTDMoxClient::handleRequest(const mox::Request& request) {
     if (server_->verbose() >= 2) server_->debug("incoming request {}", request.view());
     probes::requestInput(pid(), [&] { return mox::description(request.view()); });
     auto paths = RequestPaths::of(request);
-    const bool isReady = !paths || paths->resolveAtHand();
+    auto host = RequestHost::of(request);
+    const bool isReady = host == nullptr && (!paths || paths->resolveAtHand());
     // The transaction is made where it runs: until then the request and the client are all there is to it.
-    auto work = [request, paths, client = shared_from_this()]() mutable {
-        Transaction transaction{std::move(request), std::move(client), std::move(paths)};
+    auto work = [request, paths, host, client = shared_from_this()]() mutable {
+        Transaction transaction{std::move(request), std::move(client), std::move(paths), std::move(host)};
         transaction.client()->countRequest();
         transaction.dispatch();
     };
@@ -86,16 +88,19 @@ void VTDMoxClient::handleRequest(const mox::Request& request) {
     const auto ticket = lane_.asyncWhenReady(std::move(work));
     queue::Errands::shared().run(
         owner(),
-        [paths, weak = weak_from_this()] {
+        [paths, host, weak = weak_from_this()] {
             const auto isWanted = [&] {  // nothing keeps the client while this blocks
                 const auto client = weak.lock();
                 return client && client->acceptWork();
             };
-            if (isWanted()) paths->resolve();
+            if (!isWanted()) return;
+            if (paths) paths->resolve();
+            if (host) host->resolve();
         },
-        [paths, weak = weak_from_this(), ticket](queue::Errands::Outcome outcome) {
+        [paths, host, weak = weak_from_this(), ticket](queue::Errands::Outcome outcome) {
             const bool isDone = outcome == queue::Errands::Outcome::done;
-            paths->setOutcome(isDone ? RequestPaths::Outcome::done : RequestPaths::Outcome::refused);
+            if (paths) paths->setOutcome(isDone ? RequestPaths::Outcome::done : RequestPaths::Outcome::refused);
+            if (host) host->setOutcome(isDone ? RequestHost::Outcome::done : RequestHost::Outcome::refused);
             if (const auto client = weak.lock()) client->lane_.ready(ticket);
         });
 }

@@ -42,16 +42,6 @@ void readEntitlements(PeerProgram& program, const FileId& executable) {
     program.entitlements = entitlements::ofBundle(directory.get(), *bundlePath);
 }
 
-// May block for as long as the peer likes. Whether the process is still what it was is asked afterwards.
-void lookAt(pid_t pid, const std::optional<FileId>& executable, PeerProgram& program) {
-    const auto path = readLink(text::format("/proc/{}/exe", pid));
-    if (!executable || !path || !path->starts_with('/') || !hasOurPids(pid)) return;
-    if (identify(*path, AT_SYMLINK_NOFOLLOW) != executable) return;
-    program.executablePath = path;
-    program.bundle = bundle::essentialsOf(*bundle::Bundle::open(*path, bundle::PathKind::executable));
-    readEntitlements(program, *executable);
-}
-
 // Roughly, in memory.
 std::size_t sizeOf(const PeerProgram& program) {
     constexpr std::size_t kAtLeast = 1024;
@@ -65,6 +55,15 @@ std::size_t sizeOf(const PeerProgram& program) {
 }
 
 }  // namespace
+
+void lookAt(pid_t pid, const std::optional<FileId>& executable, PeerProgram& program) {
+    const auto path = readLink(text::format("/proc/{}/exe", pid));
+    if (!executable || !path || !path->starts_with('/') || !hasOurPids(pid)) return;
+    if (identify(*path, AT_SYMLINK_NOFOLLOW) != executable) return;
+    program.executablePath = path;
+    program.bundle = bundle::essentialsOf(*bundle::Bundle::open(*path, bundle::PathKind::executable));
+    readEntitlements(program, *executable);
+}
 
 PeerPrograms& PeerPrograms::shared() {
     static PeerPrograms& programs = *new PeerPrograms;  // errands that never come back refer to it

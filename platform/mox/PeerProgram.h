@@ -36,6 +36,10 @@ struct PeerProgram {
     std::optional<Charge> charge;
 };
 
+// Finds out about the program of a process, whose executable was identified before. May block for as long as the
+// process likes; whether it still is what it was is to be asked afterwards (isUnchanged).
+void lookAt(pid_t pid, const std::optional<FileId>& executable, PeerProgram& program);
+
 // What runs in the processes that are connected. Any thread.
 class PeerPrograms {
 public:

@@ -183,6 +183,8 @@ TEST_F(ErrorMessages, EachOfThePageIsWhatTheDaemonAnswers) {
         {"no such plugin (uuid not found)", {{"request", "ready"}, {"uuids", unknown}}},
         {format + " (bad rules dictionary)", {{"request", "match"}, {"rules", "all"}}},
         {format + " (bad explain)", {{"request", "match"}, {"explain", 1}}},
+        {format + " (bad host)", {{"request", "match"}, {"explain", true}, {"forPid", 0}}},
+        {"no such host: " + none, {{"request", "match"}, {"explain", true}, {"forHost", none}}},
         {format + " (bad annotations dictionary)", annotate(1)},
         {format + " (annotation election)", election("1")},
         {format + " (annotation election)", election(std::nan(""))},

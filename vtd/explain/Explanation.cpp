@@ -29,8 +29,8 @@ std::string reasonOf(const gates::Reason& reason) {
 }
 
 std::optional<std::string> pointOf(const VTDPlugIn& plugIn) {
-    const auto point = plugIn.valueFor(
-        {rules::kPointAttribute, rules::Attribute::other, rules::Demand::truth, false, {}, {}, {}, {}});
+    const auto point =
+        plugIn.valueFor({rules::kPointAttribute, rules::Attribute::other, rules::Demand::truth, false, {}, {}, {}, {}});
     return point && point->string() != nullptr ? std::optional{brief(*point->string())} : std::nullopt;
 }
 
@@ -80,9 +80,12 @@ void Explanation::add(const VTDPlugIn& candidate, const std::optional<Discovery:
     const gates::Gate* const decided = decisionOn(visit, refusal, instead);
     const bool isCostly = refusal && refusal->gate == nullptr;
     const bool isOffered = decided == nullptr && !isCostly;
-    begin({candidate.identifier(), candidate.uuid().string(), candidate.path(), candidate.version(), pointOf(candidate)},
-          isOffered ? VTVerdict::offered : VTVerdict::heldBack,
-          isOffered ? "" : decided != nullptr ? decided->text : gates::kEffort);
+    begin(
+        {candidate.identifier(), candidate.uuid().string(), candidate.path(), candidate.version(), pointOf(candidate)},
+        isOffered ? VTVerdict::offered : VTVerdict::heldBack,
+        isOffered            ? ""
+        : decided != nullptr ? decided->text
+                             : gates::kEffort);
     bool isBehind = false;
     for (const gates::Gate& gate : gates::kInOrder) {
         if (!gate.isAsked(query) || isCostly) {
@@ -96,8 +99,8 @@ void Explanation::add(const VTDPlugIn& candidate, const std::optional<Discovery:
                 const auto form = candidate.exportForm();
                 evidence.other = form ? discovery_.matches().standingFor(*form) : nullptr;
             }
-            addRefusal(gate, VTAnswer::refused, refusal ? refusal->reason : gates::Reason{"is superseded by another copy"},
-                       evidence);
+            addRefusal(gate, VTAnswer::refused,
+                       refusal ? refusal->reason : gates::Reason{"is superseded by another copy"}, evidence);
         } else if (!isBehind) {
             addGate(gate.text, VTAnswer::passed);
         } else {

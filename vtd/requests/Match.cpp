@@ -9,8 +9,10 @@
 #include "Velto/VTProtocol.h"
 #include "platform/restrictions/Restrictions.h"
 #include "platform/sandbox/Sandbox.h"
+#include "platform/text/Format.h"
 #include "vtd/Discovery.h"
 #include "vtd/Probes.h"
+#include "vtd/RequestHost.h"
 #include "vtd/Transaction.h"
 #include "vtd/VTDMoxClient.h"
 #include "vtd/VTDPlugIn.h"
@@ -57,8 +59,8 @@ struct Explained {
 };
 
 // A sandboxed caller learns of its own application's plug-ins and of nothing else. Nothing: there is no room for it.
-std::optional<mox::Encoded> explanationOf(Transaction& transaction, Discovery& discovery, const Explained& explained,
-                                          std::optional<std::int64_t> maximumRating) {
+std::optional<mox::Encoded> explanationOf(Transaction& transaction, const Host& host, Discovery& discovery,
+                                          const Explained& explained, std::optional<std::int64_t> maximumRating) {
     const VTDMoxClient& client = *transaction.client();
     const bool isForAll = mayLearnAll(client);
     const auto own = !isForAll && client.bundle() ? client.bundle()->plugInsPath() : std::nullopt;
@@ -67,9 +69,9 @@ std::optional<mox::Encoded> explanationOf(Transaction& transaction, Discovery& d
     const auto holders = [&server = *transaction.server()](const VTDPlugIn& plugIn) {
         return server.holdersOf(plugIn);
     };
-    explain::Explanation explanation{discovery,
-                                     {client.host(), maximumRating, holders, isForAll},
-                                     [&](std::size_t bytes) { return transaction.reply().reserve(bytes); }};
+    explain::Explanation explanation{discovery, {host, maximumRating, holders, isForAll}, [&](std::size_t bytes) {
+                                         return transaction.reply().reserve(bytes);
+                                     }};
     for (std::size_t i = 0; i < explained.candidates.size(); ++i) {
         const VTDPlugIn& candidate = *explained.candidates[i];
         if (isFor(candidate.path())) explanation.add(candidate, explained.refusals[i]);
@@ -91,6 +93,8 @@ void Transaction::matchPlugIns() {
     const auto explain = request().find(VTKey::explain);
     if (explain && !explain->boolean()) return fail(VTErrorRequest, "invalid request format (bad explain)");
     const bool isExplained = explain && *explain->boolean() && version() == VTProtocolVersion;
+    if (isExplained && host_ && !isAnswerableForHost()) return;
+    const Host& host = isExplained && host_ ? *host_->host() : client()->host();
     const auto flags = request().find(VTKey::flags);
 
     Discovery::Query query;
@@ -101,7 +105,7 @@ void Transaction::matchPlugIns() {
     if ((query.flags & VTDiscoverAll) != 0 && !maySeeAll(*client())) {
         return fail(VTErrorAccess, "unauthorized discovery flag (VTDiscoverAll)");
     }
-    if (const auto& bundle = client()->bundle()) query.clientPlugInsPath = [bundle] { return bundle->plugInsPath(); };
+    if (const auto& bundle = host.bundle()) query.clientPlugInsPath = [bundle] { return bundle->plugInsPath(); };
 
     std::vector<VTDatabase::LeftOut> leftOut;
     const VTDatabase::PlugIns candidates =
@@ -112,7 +116,6 @@ void Transaction::matchPlugIns() {
         maximumRating = restrictions::maximumAppsRating();
         query.isOnHold = [this](const VTDPlugIn& plugIn) { return server()->holdOnPlugIn(plugIn); };
         query.exclusions = server()->userPrefs()->preparedExclusions();
-        const Host& host = client()->host();
         const auto* const restriction = host.restriction();
         if (restriction != nullptr && restriction->allowed) query.priceOfPolicy = restriction->allowed->price();
         query.refuseToClient = [&host, maximumRating](const VTDPlugIn& plugIn, rules::Complaints& complaints) {
@@ -146,7 +149,7 @@ void Transaction::matchPlugIns() {
         return fail(VTErrorRequest, "invalid request (too many replies are not read)");
     }
     if (isExplained) {
-        auto explanations = explanationOf(*this, discovery, explained, maximumRating);
+        auto explanations = explanationOf(*this, host, discovery, explained, maximumRating);
         if (!mayGoOn()) return;
         if (!explanations) return fail(VTErrorRequest, "invalid request (too many replies are not read)");
         reply().setEncoded(VTKey::explanations, *std::move(explanations));
@@ -156,6 +159,18 @@ void Transaction::matchPlugIns() {
         reply().setEncoded(VTKey::matches, *std::move(encoded));
     }
     done();
+}
+
+// A sandboxed client is not told whether there is such a host.
+bool Transaction::isAnswerableForHost() {
+    if (!host_->isWellFormed()) {
+        fail(VTErrorRequest, "invalid request format (bad host)");
+        return false;
+    }
+    if (host_->outcome() != RequestHost::Outcome::done) return failForEffort();
+    if (host_->host() != nullptr && mayLearnAll(*client())) return true;
+    fail(VTErrorPath, text::format("no such host: {}", host_->name()));
+    return false;
 }
 
 void Transaction::addAnnotationForPlugIn(const VTDPlugIn& plugIn, VTForm& form) const {
