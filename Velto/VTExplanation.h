@@ -1,7 +1,7 @@
 #pragma once
 
-// The keys of an explanation: what became of one plug-in in a discovery that was asked to explain itself. All values are
-// texts but where it says otherwise; what is not known, or not for whoever asks, is missing.
+// The keys of an explanation: what became of one plug-in in a discovery that was asked to explain itself. All values
+// are texts but where it says otherwise; what is not known, or not for whoever asks, is missing.
 namespace VTExplanationKey {
 
 // Of the plug-in.
@@ -27,14 +27,15 @@ inline constexpr char exclusion[] = "exclusion";      // unsigned: its number, f
 inline constexpr char holders[] = "holders";          // array of dictionaries: "pid" signed, "seconds" unsigned
 inline constexpr char pid[] = "pid";
 inline constexpr char seconds[] = "seconds";
-inline constexpr char other[] = "other";  // dictionary: "uuid", "version" of the copy, one of the matches, that stands instead
+inline constexpr char other[] =
+    "other";  // dictionary: "uuid", "version" of the copy, one of the matches, that stands instead
 
 }  // namespace VTExplanationKey
 
 namespace VTVerdict {
-inline constexpr char offered[] = "offered";    // it is among the matches
+inline constexpr char offered[] = "offered";     // it is among the matches
 inline constexpr char heldBack[] = "held back";  // a gate refused it
-inline constexpr char refused[] = "refused";    // the daemon makes no record of the bundle
+inline constexpr char refused[] = "refused";     // the daemon makes no record of the bundle
 }  // namespace VTVerdict
 
 namespace VTAnswer {

@@ -13,11 +13,13 @@
 #include "vtctl/Call.h"
 #include "vtctl/Elect.h"
 #include "vtctl/Exclusions.h"
+#include "vtctl/Explain.h"
 #include "vtctl/Hold.h"
 #include "vtctl/Match.h"
 #include "vtctl/Ready.h"
 #include "vtctl/Register.h"
 #include "vtctl/Terminal.h"
+#include "vtctl/Verify.h"
 
 namespace {
 
@@ -61,6 +63,26 @@ void addMatch(CLI::App& app, const SharedLine& line) {
     verb->add_option("--rules", options->rulesFile, "A file of rules: a property list or JSON");
     verb->add_option("--flags", options->flags, "Discovery flags, decimal or 0x...")->capture_default_str();
     verb->add_flag("--json", line->asJson, "Print the forms as JSON");
+    verb->add_flag("--rejected", options->tellsRejected, "Tell what else there is, and why it is not offered");
+}
+
+void addExplain(CLI::App& app, const SharedLine& line) {
+    const auto options = std::make_shared<ExplainOptions>();
+    CLI::App* verb = addVerb(app, line, "explain", "Say why a plug-in is offered or not", [line = line.get(), options] {
+        options->serviceName = line->serviceName;
+        options->asJson = line->asJson;
+        return number(runExplain(*options));
+    });
+    verb->add_option("plugin", options->subject, "A UUID, an identifier, a part of one, or the path of a bundle")
+        ->required();
+    verb->add_option("rules", options->patterns, "KEY=PATTERN, as for match");
+    verb->add_option("--host", options->host, "The host that asks: a pid, or the path of an application");
+    verb->add_flag("--json", line->asJson, "Print the explanations as JSON");
+
+    CLI::App* verify = addVerb(app, line, "verify", "Say all that is wrong with plug-ins, without the daemon",
+                               [line = line.get()] { return number(runVerify(line->words, line->asJson)); });
+    verify->add_option("paths", line->words, "Plug-ins' folders, or applications")->required();
+    verify->add_flag("--json", line->asJson, "Print the problems as JSON");
 }
 
 void addCall(CLI::App& app, const SharedLine& line) {
@@ -169,6 +191,7 @@ std::variant<std::function<int()>, ExitStatus> readCommandLine(int argc, const c
     app.set_version_flag("--version", std::string{VTD_VERSION});
     app.add_option("-S,--service", line->serviceName, "The daemon's service name")->capture_default_str();
     addMatch(app, line);
+    addExplain(app, line);
     addElection(app, line, "enable", "Choose plug-ins for use", Election::use);
     addElection(app, line, "disable", "Choose plug-ins not to be used", Election::ignore);
     addElection(app, line, "default", "Take the choice about plug-ins back", Election::undecided);

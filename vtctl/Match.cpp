@@ -1,5 +1,6 @@
 #include "vtctl/Match.h"
 
+#include <algorithm>
 #include <iostream>
 
 #include "Velto/VTForm.h"
@@ -7,6 +8,7 @@
 #include "platform/file/File.h"
 #include "platform/plist/Plist.h"
 #include "vtctl/Connection.h"
+#include "vtctl/Explanations.h"
 #include "vtctl/Json.h"
 #include "vtctl/Rules.h"
 #include "vtctl/Terminal.h"
@@ -72,6 +74,55 @@ std::vector<std::string> rowOf(mox::View form) {
             place.empty() ? "-" : place, cell(VTFormKey::uuid)};
 }
 
+// Why nothing was found, as far as that can be told: what each gate held back, and what was probably misspelt.
+void tellWhatWouldMatch(VTDaemonClient& client, const value::Dictionary& rules, std::uint64_t flags) {
+    mox::Dictionary request = client.request(VTRequest::match);
+    request.set(VTKey::flags, flags);
+    request.set(VTKey::explain, true);
+    const mox::Object everything = sendAndWait(client, request);
+    if (everything.isError()) return;
+    const auto all = explanations::in(everything);
+    if (!all) return;
+    for (const std::string& line : explanations::misspellings(rules, everything)) terminal::complain(line);
+    const auto offered = static_cast<std::size_t>(
+        std::count_if(all->begin(), all->end(), [](const auto& one) { return one.isOffered(); }));
+    std::string counts = std::to_string(offered) + " by the rules";
+    if (const std::string others = explanations::countsOf(*all); !others.empty()) counts += ", " + others;
+    terminal::complain("of " + std::to_string(all->size()) + " plug-ins there are held back: " + counts +
+                       "; `vtctl explain PLUGIN RULE...` says more of one");
+}
+
+void tellRejected(const mox::Object& reply) {
+    const auto all = explanations::in(reply).value_or(std::vector<explanations::Explanation>{});
+    std::vector<std::vector<std::string>> rows{{"IDENTIFIER", "VERSION", "HELD BACK BY", "WHY"}};
+    for (const auto& one : all) {
+        if (one.isOffered()) continue;
+        const auto decided = std::find_if(one.answers.begin(), one.answers.end(),
+                                          [&](const auto& answer) { return answer.gate == one.gate; });
+        std::string why = decided != one.answers.end() ? decided->reason : "";
+        if (const auto line = why.rfind('\n'); line != std::string::npos) why.erase(0, line + 1);
+        rows.push_back({terminal::shownOrDash(one.identifier), terminal::shownOrDash(one.version),
+                        terminal::shownOrDash(one.gate), terminal::shownOrDash(why)});
+    }
+    const std::string counts = explanations::countsOf(all);
+    std::cout << "\nheld back: " << (counts.empty() ? "nothing" : counts) << "\n";
+    if (rows.size() > 1) terminal::printTable(rows, std::cout);
+}
+
+void printAll(mox::View forms, const mox::Object& reply, const MatchOptions& options) {
+    if (!options.tellsRejected) return json::printIndented(forms, std::cout);
+    std::cout << "{\"matches\": ";
+    json::printIndented(forms, std::cout);
+    std::cout << ",\n\"explanations\": ";
+    const auto found = reply.view().find(VTKey::explanations);
+    if (const auto list = found ? found->message() : std::nullopt) {
+        json::printIndented(*list, std::cout);
+    } else {
+        std::cout << "[]";
+    }
+    std::cout << "}";
+}
+
 }  // namespace
 
 ExitStatus runMatch(const MatchOptions& options) {
@@ -84,6 +135,7 @@ ExitStatus runMatch(const MatchOptions& options) {
     mox::Dictionary request = client.request(VTRequest::match);
     request.set(VTKey::rules, *rules);
     request.set(VTKey::flags, options.flags);
+    if (options.tellsRejected) request.set(VTKey::explain, true);
     const mox::Object reply = sendAndWait(client, request);
     if (const ExitStatus status = reportErrorIn(client, reply, options.serviceName); status != ExitStatus::success) {
         return status;
@@ -95,7 +147,7 @@ ExitStatus runMatch(const MatchOptions& options) {
         return ExitStatus::errorReply;
     }
     if (options.asJson) {
-        json::printIndented(*forms, std::cout);
+        printAll(*forms, reply, options);
         std::cout << "\n";
         return ExitStatus::success;
     }
@@ -103,8 +155,10 @@ ExitStatus runMatch(const MatchOptions& options) {
     forms->forEachElement([&](mox::View form) { rows.push_back(rowOf(form)); });
     if (rows.size() == 1) {
         std::cerr << "no plug-in matches\n";
+        tellWhatWouldMatch(client, *rules, options.flags);
     } else {
         terminal::printTable(rows, std::cout);
     }
+    if (options.tellsRejected) tellRejected(reply);
     return ExitStatus::success;
 }

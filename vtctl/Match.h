@@ -13,6 +13,7 @@ struct MatchOptions {
     std::string rulesFile;              // a property list or JSON; empty for none
     std::uint64_t flags = 0;
     bool asJson = false;
+    bool tellsRejected = false;  // what was left out, and why
 };
 
 ExitStatus runMatch(const MatchOptions& options);

@@ -1,8 +1,12 @@
 #include "vtctl/Register.h"
 
+#include <iostream>
+#include <string_view>
+
 #include "Velto/VTProtocol.h"
 #include "vtctl/Connection.h"
 #include "vtctl/Paths.h"
+#include "vtctl/Verify.h"
 
 namespace {
 
@@ -11,7 +15,11 @@ ExitStatus sendPaths(const std::string& serviceName, const char* request, const 
     const auto absolute = absolutePaths(paths);
     if (!absolute) return ExitStatus::usage;
     VTDaemonClient client{serviceName};
-    return sendAndReport(client, client.request(request, *absolute), serviceName, advice);
+    const ExitStatus status = sendAndReport(client, client.request(request, *absolute), serviceName, advice);
+    if (std::string_view{request} != VTRequest::add || status == ExitStatus::unreachable) return status;
+    // What the daemon says in its log only, and what it accepts though it is not meant.
+    for (const std::string& path : *absolute) printProblems(diagnosis::ofPath(path), std::cerr);
+    return status;
 }
 
 }  // namespace
@@ -19,9 +27,7 @@ ExitStatus sendPaths(const std::string& serviceName, const char* request, const 
 ExitStatus runAdd(const std::string& serviceName, const std::vector<std::string>& paths) {
     return sendPaths(
         serviceName, VTRequest::add, paths,
-        {{VTErrorRegistry,
-          "is it the folder of a plug-in, with an Info.plist? The daemon's log has the reason; paths before "
-          "this one are registered"},
+        {{VTErrorRegistry, "is it the folder of a plug-in, with an Info.plist? Paths before this one are registered"},
          {VTErrorPath, "nothing can be found there; paths before this one are registered"}});
 }
 
