@@ -7,6 +7,7 @@
 #include <utility>
 #include <variant>
 
+#include "platform/mounts/Mounts.h"
 #include "platform/mox/Connection.h"
 #include "platform/mox/ServiceSocket.h"
 #include "platform/queue/Errands.h"
@@ -66,6 +67,8 @@ struct Consumer {
 // since the handle may be given back meanwhile.
 void open(const Extensions& extensions, std::int64_t handle, const std::string& path, mox::Reply& reply) {
     if (!awaitDescriptor(reply)) return setError(reply, value::posixError(EMFILE, "open"));
+    if (queue::Errands::shared().isCrowded() && !mounts::canonicalPathWhereAnswered(path))
+        return setError(reply, value::posixError(errno, path));
     auto opened = extensions.open(handle, path);
     if (opened) {
         reply.attach(std::move(*opened));
