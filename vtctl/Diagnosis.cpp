@@ -33,16 +33,18 @@ constexpr char kDataProtocol[] = "#Data";
 constexpr char kObjectClass[] = "KXObject";
 constexpr char kOwnIdentifier[] = "KXExtensionIdentifier";
 
-const Names kBundleKeys{bundle::kIdentifierKey,         bundle::kExecutableKey, bundle::kVersionKey,
-                        bundle::kNameKey,               bundle::kDisplayNameKey, VTInfoKey::extension,
-                        VTInfoKey::shortVersionString,  VTInfoKey::moxService,   VTInfoKey::oldStyle};
-const Names kPlugInKeys{VTInfoKey::extensionPoint, VTInfoKey::attributes,      VTInfoKey::protocol,
-                        VTInfoKey::principalClass, VTInfoKey::embeddedCode,    VTInfoKey::embeddedProtocol,
-                        VTInfoKey::dedicated,      VTInfoKey::passProxy,       VTInfoKey::shared,
-                        VTInfoKey::multiple,       VTInfoKey::hostEntitlement, VTInfoKey::hubProtocolVersion,
-                        VTInfoKey::cleanTimeout,   kOwnIdentifier};
-const Names kAttributeKeys{VTInfoKey::version, VTInfoKey::format, VTInfoKey::pointName,
-                           VTInfoKey::requestsOpenAccess};
+const Names kBundleKeys{
+    bundle::kIdentifierKey,  bundle::kExecutableKey, bundle::kVersionKey,           bundle::kNameKey,
+    bundle::kDisplayNameKey, VTInfoKey::extension,   VTInfoKey::shortVersionString, VTInfoKey::moxService,
+    VTInfoKey::oldStyle};
+const Names kPlugInKeys{VTInfoKey::extensionPoint,  VTInfoKey::attributes,
+                        VTInfoKey::protocol,        VTInfoKey::principalClass,
+                        VTInfoKey::embeddedCode,    VTInfoKey::embeddedProtocol,
+                        VTInfoKey::dedicated,       VTInfoKey::passProxy,
+                        VTInfoKey::shared,          VTInfoKey::multiple,
+                        VTInfoKey::hostEntitlement, VTInfoKey::hubProtocolVersion,
+                        VTInfoKey::cleanTimeout,    kOwnIdentifier};
+const Names kAttributeKeys{VTInfoKey::version, VTInfoKey::format, VTInfoKey::pointName, VTInfoKey::requestsOpenAccess};
 
 std::string kindOf(const value::Value& value) {
     if (value.string() != nullptr) return "a string";
@@ -53,9 +55,8 @@ std::string kindOf(const value::Value& value) {
 }
 
 bool equalsIgnoringCase(std::string_view one, std::string_view other) {
-    return std::equal(one.begin(), one.end(), other.begin(), other.end(), [](unsigned char a, unsigned char b) {
-        return std::tolower(a) == std::tolower(b);
-    });
+    return std::equal(one.begin(), one.end(), other.begin(), other.end(),
+                      [](unsigned char a, unsigned char b) { return std::tolower(a) == std::tolower(b); });
 }
 
 std::string sdkFile(const std::string& point) {
@@ -153,7 +154,8 @@ private:
         const value::Value* const found = info.find(VTInfoKey::extension);
         if (found == nullptr) {
             if (!info.contains(VTInfoKey::oldStyle)) {
-                fault(info_, VTInfoKey::extension, "is missing: this is no plug-in", "add it, or rename what was meant");
+                fault(info_, VTInfoKey::extension, "is missing: this is no plug-in",
+                      "add it, or rename what was meant");
             }
             return;
         }

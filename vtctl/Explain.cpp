@@ -130,8 +130,9 @@ ExitStatus explainUnknownPath(const std::string& path) {
     const auto problems = diagnosis::ofPath(path);
     printProblems(problems, std::cerr);
     if (problems.empty()) {
-        terminal::complain("nothing is wrong with what lies there: a plug-in is found in an application's PlugIns, or "
-                           "registered with `vtctl add`");
+        terminal::complain(
+            "nothing is wrong with what lies there: a plug-in is found in an application's PlugIns, or "
+            "registered with `vtctl add`");
     }
     return ExitStatus::usage;
 }

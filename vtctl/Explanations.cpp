@@ -33,8 +33,8 @@ Answer answerFrom(mox::View entry) {
         holders->forEachElement([&](mox::View holder) {
             const auto pid = holder.find(Key::pid);
             const auto seconds = holder.find(Key::seconds);
-            answer.holders.push_back({pid ? pid->signedInteger().value_or(0) : 0,
-                                      seconds ? seconds->unsignedInteger().value_or(0) : 0});
+            answer.holders.push_back(
+                {pid ? pid->signedInteger().value_or(0) : 0, seconds ? seconds->unsignedInteger().value_or(0) : 0});
         });
     }
     if (const auto other = entry.find(Key::other)) {
@@ -83,8 +83,15 @@ std::optional<std::vector<Explanation>> in(const mox::Object& reply) {
     std::vector<Explanation> all;
     list->forEachElement([&](mox::View one) {
         const auto text = [&](const char* key) { return textIn(one, key); };
-        Explanation explanation{text(Key::identifier), text(Key::uuid),    text(Key::path), text(Key::version),
-                                text(Key::point),      text(Key::verdict), text(Key::gate), {}, one};
+        Explanation explanation{text(Key::identifier),
+                                text(Key::uuid),
+                                text(Key::path),
+                                text(Key::version),
+                                text(Key::point),
+                                text(Key::verdict),
+                                text(Key::gate),
+                                {},
+                                one};
         if (const auto gates = one.find(Key::gates)) {
             gates->forEachElement([&](mox::View entry) { explanation.answers.push_back(answerFrom(entry)); });
         }
@@ -95,7 +102,8 @@ std::optional<std::vector<Explanation>> in(const mox::Object& reply) {
 
 std::string remedyFor(const Answer& answer) {
     if (answer.gate == "location") return "put the bundle into an application's PlugIns, or on the system volume";
-    if (answer.gate == "dedication") return "only hosts of its own application get it; its author may take the key away";
+    if (answer.gate == "dedication")
+        return "only hosts of its own application get it; its author may take the key away";
     if (answer.gate == "holds") return "whoever holds it ends its hold, or `vtctl unhold TOKEN` does";
     if (answer.gate == "rules" && answer.rule == "KXUserElection") return "`vtctl enable`, `disable` or `default` it";
     if (answer.gate == "rules") return "ask for what it has, or its author changes the key";
@@ -109,7 +117,8 @@ std::string remedyFor(const Answer& answer) {
                    ? "the host's author adds the entitlement, or the plug-in's takes the demand away"
                    : "the host's author changes its entitlement";
     }
-    if (answer.gate == "duplicates") return "`vtctl match --flags 5` shows every copy; remove the other, or raise the version";
+    if (answer.gate == "duplicates")
+        return "`vtctl match --flags 5` shows every copy; remove the other, or raise the version";
     if (answer.gate == VTGate::bundle) return "`vtctl verify` on its path says all that is wrong";
     if (answer.gate == VTGate::installation) return "it comes when its installer is done";
     if (answer.gate == "effort") return "ask with fewer rules, or its author shortens its lists";

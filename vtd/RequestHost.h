@@ -26,7 +26,7 @@ public:
     void setOutcome(Outcome outcome) { outcome_ = outcome; }
 
     bool isWellFormed() const { return pid_ || path_; }
-    const std::string& name() const { return name_; }               // for messages
+    const std::string& name() const { return name_; }                  // for messages
     const std::shared_ptr<const Host>& host() const { return host_; }  // null when there is none
 
 private:

@@ -79,9 +79,11 @@ void VTDMoxClient::handleRequest(const mox::Request& request) {
     const bool isReady = host == nullptr && (!paths || paths->resolveAtHand());
     // The transaction is made where it runs: until then the request and the client are all there is to it.
     auto work = [request, paths, host, client = shared_from_this()]() mutable {
-        Transaction transaction{std::move(request), std::move(client), std::move(paths), std::move(host)};
-        transaction.client()->countRequest();
-        transaction.dispatch();
+        const auto transaction =
+            std::make_shared<Transaction>(std::move(request), std::move(client), std::move(paths), std::move(host));
+        transaction->client()->countRequest();
+        transaction->dispatch();
+        transaction->client()->goOnWith(transaction);
     };
     if (isReady) return lane_.async(std::move(work));
 
@@ -103,6 +105,14 @@ void VTDMoxClient::handleRequest(const mox::Request& request) {
             if (host) host->setOutcome(isDone ? RequestHost::Outcome::done : RequestHost::Outcome::refused);
             if (const auto client = weak.lock()) client->lane_.ready(ticket);
         });
+}
+
+void VTDMoxClient::goOnWith(const std::shared_ptr<Transaction>& begun) {
+    if (!begun->isToGoOn()) return;
+    lane_.asyncNext([this, begun] {  // which keeps this
+        begun->goOn();
+        goOnWith(begun);
+    });
 }
 
 queue::Owner VTDMoxClient::owner() const {

@@ -14,6 +14,7 @@
 #include "platform/value/Value.h"
 #include "vtd/Host.h"
 
+class Transaction;
 class VTDServer;
 
 // One peer process connected to the daemon's service: knows who it is, makes a transaction of each request and queues
@@ -65,6 +66,7 @@ private:
     void handleOther(const mox::Object& object);
     void countRequest();
     queue::Owner owner() const;
+    void goOnWith(const std::shared_ptr<Transaction>& begun);
 
     const std::weak_ptr<mox::Connection> connection_;
     const pid_t pid_;

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <atomic>
 #include <cstddef>
 #include <cstdint>
 #include <memory>
@@ -63,20 +64,29 @@ public:
     std::shared_ptr<VTDPlugIn> findPlugIn(const value::Uuid& uuid);
     std::shared_ptr<VTDPlugIn> findPlugInAtPath(const std::string& path);
 
+    // What the registry has and no candidate comes of, with what the log said of it.
+    struct LeftOut {
+        enum class Why : std::uint8_t { refused, installing, changing };  // installing: its application, still
+        std::shared_ptr<const dravo::DVVeltoProxy> record;
+        Why why;
+        std::string words = {};  // empty when it is looked at again each time
+    };
+
     // The candidates of a discovery request: each plug-in once, in the registry's order. A pre-selection by those rules
     // that name identifiers, extension points and elections literally; leaves out what the rules accept only where the
     // election filter is narrower than they are (it compares the low byte, as text). Nothing when the registry has no
     // list.
-    std::optional<PlugIns> findPlugIns(const rules::Rules& rules) { return findPlugIns(rules, nullptr); }
-
-    // What the registry has and no candidate comes of, with what the log said of it.
-    struct LeftOut {
-        enum class Why : std::uint8_t { refused, installing };  // installing: its application, still
-        std::shared_ptr<const dravo::DVVeltoProxy> record;
-        Why why;
-        std::string words;  // empty when it is looked at again each time
+    //
+    // How long it takes to make records of files is up to who wrote these: where there are many to make, it is done in
+    // several turns. As long as the search is not over nothing is answered, and it is to be asked again, later. What
+    // changes faster than it can be read is left out in the end.
+    struct Search {
+        bool isOver = false;
+        std::size_t next = 0;                     // candidate whose record may have to be made
+        unsigned passes = 0;                      // over all of them, so far
+        std::vector<LeftOut>* leftOut = nullptr;  // where to say what no candidate comes of; null: nowhere
     };
-    std::optional<PlugIns> findPlugIns(const rules::Rules& rules, std::vector<LeftOut>* leftOut);
+    std::optional<PlugIns> findPlugIns(const rules::Rules& rules, Search& search);
 
     // Whether the record is of what is installed now: its directory is still that directory, and the registry has
     // neither announced that the plug-in goes nor made another record since. For whoever acts on a record; what cannot
@@ -178,7 +188,8 @@ private:
     // On _sync.
     Cache cache_;
     RecordNotes notes_;
-    bool leavesElectionsOut_ = false;  // the last automatic election was refused
+    std::atomic<std::uint64_t> made_ = 0;  // records, of files
+    bool leavesElectionsOut_ = false;      // the last automatic election was refused
     // Announced as going but still known to the registry: a record built of one now is not kept, since nobody would
     // announce again that it is stale.
     std::unordered_map<value::Uuid, std::weak_ptr<const dravo::DVVeltoProxy>> departing_;

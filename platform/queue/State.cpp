@@ -13,6 +13,12 @@ void ItemList::push(Item& item) {
     tail_ = &item;
 }
 
+void ItemList::pushFront(Item& item) {
+    item.next_ = head_;
+    if (head_ == nullptr) tail_ = &item;
+    head_ = &item;
+}
+
 Item& ItemList::pop() {
     Item& item = *head_;
     head_ = item.next_;

@@ -76,11 +76,11 @@ Turns::Lane::~Lane() {
     if (--process_.lanes == 0) turns_->processes_.erase(turns_->processes_.find(process_.owner));
 }
 
-void Turns::Lane::submit(std::unique_ptr<Work> work) {
+void Turns::Lane::submit(std::unique_ptr<Work> work, void (ItemList::*place)(Item&)) {
     bool queues = false;
     {
         const std::lock_guard lock{turns_->mutex_};
-        works_.push(*work.release());
+        (works_.*place)(*work.release());
         turns_->list(*this);
         queues = turns_->isToBeQueued();
     }

@@ -123,11 +123,14 @@ void Explanation::add(const VTDPlugIn& candidate, const std::optional<Discovery:
 void Explanation::add(const VTDatabase::LeftOut& leftOut) {
     if (!mayGoOn()) return;
     const dravo::DVVeltoProxy& record = *leftOut.record;
-    const bool isRefused = leftOut.why == VTDatabase::LeftOut::Why::refused;
-    const char* const gate = isRefused ? VTGate::bundle : VTGate::installation;
+    using Why = VTDatabase::LeftOut::Why;
+    const bool isRefused = leftOut.why == Why::refused;
+    const char* const gate = leftOut.why == Why::installing ? VTGate::installation : VTGate::bundle;
     begin({record.pluginIdentifier(), record.pluginUUID().string(), record.bundlePath().value_or(""), {}},
           isRefused ? VTVerdict::refused : VTVerdict::heldBack, gate);
-    std::string words = isRefused ? leftOut.words : "its application is still being installed";
+    std::string words = leftOut.words;
+    if (leftOut.why == Why::installing) words = "its application is still being installed";
+    if (leftOut.why == Why::changing) words = "it changes faster than it is read";
     if (words.empty()) words = "it cannot be read now; the daemon's log says why";
     if (words.size() > kMostWords) words.resize(kMostWords);
     addGate(gate, VTAnswer::refused, words);

@@ -108,8 +108,12 @@ void Transaction::matchPlugIns() {
     if (const auto& bundle = host.bundle()) query.clientPlugInsPath = [bundle] { return bundle->plugInsPath(); };
 
     std::vector<VTDatabase::LeftOut> leftOut;
-    const VTDatabase::PlugIns candidates =
-        server()->findPlugIns(query.wanted, isExplained ? &leftOut : nullptr).value_or(VTDatabase::PlugIns{});
+    search_.leftOut = isExplained ? &leftOut : nullptr;
+    const auto found = server()->findPlugIns(query.wanted, search_);
+    search_.leftOut = nullptr;
+    isToGoOn_ = !search_.isOver;
+    if (isToGoOn_) return;
+    const VTDatabase::PlugIns candidates = found.value_or(VTDatabase::PlugIns{});
     probes::discoverRaw(candidates.size());
     std::optional<std::int64_t> maximumRating;
     if (!candidates.empty()) {  // what follows looks at the disk
