@@ -74,21 +74,24 @@ std::vector<std::string> rowOf(mox::View form) {
             place.empty() ? "-" : place, cell(VTFormKey::uuid)};
 }
 
-// Why nothing was found, as far as that can be told: what each gate held back, and what was probably misspelt.
+// Why nothing was found, as far as that can be told: what held back those that the rules name, and what was probably
+// misspelt.
 void tellWhatWouldMatch(VTDaemonClient& client, const value::Dictionary& rules, std::uint64_t flags) {
-    mox::Dictionary request = client.request(VTRequest::match);
-    request.set(VTKey::flags, flags);
-    request.set(VTKey::explain, true);
-    const mox::Object everything = sendAndWait(client, request);
-    if (everything.isError()) return;
-    const auto all = explanations::in(everything);
-    if (!all) return;
+    const auto explained = [&](const value::Dictionary& asked) {
+        mox::Dictionary request = client.request(VTRequest::match);
+        request.set(VTKey::rules, asked);
+        request.set(VTKey::flags, flags);
+        request.set(VTKey::explain, true);
+        return sendAndWait(client, request);
+    };
+    const mox::Object named = explained(rules), everything = explained({});
+    if (named.isError() || everything.isError()) return;
     for (const std::string& line : explanations::misspellings(rules, everything)) terminal::complain(line);
-    const auto offered = static_cast<std::size_t>(
-        std::count_if(all->begin(), all->end(), [](const auto& one) { return one.isOffered(); }));
-    std::string counts = std::to_string(offered) + " by the rules";
-    if (const std::string others = explanations::countsOf(*all); !others.empty()) counts += ", " + others;
-    terminal::complain("of " + std::to_string(all->size()) + " plug-ins there are held back: " + counts +
+    const auto looked = explanations::in(named), all = explanations::in(everything);
+    if (!looked || !all) return;
+    const std::string counts = explanations::countsOf(*looked);
+    terminal::complain("of " + std::to_string(all->size()) + " plug-ins there are the rules name " +
+                       std::to_string(looked->size()) + (counts.empty() ? "" : ", held back: " + counts) +
                        "; `vtctl explain PLUGIN RULE...` says more of one");
 }
 

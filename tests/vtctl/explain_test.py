@@ -40,7 +40,7 @@ class ExplainTest(WorldTest):
             (['explain', 'broken'], 'refused by "bundle"', 'PassProxy', 'vtctl verify'),
             (['explain', 'plian'], 'did you mean plain'),
             (['explain', '/none'], 'knows no plug-in at /none', 'nothing here'),
-            (['match', 'KXExtensionPointNam=p'], 'no plug-in matches', 'did you mean KXExtensionPointName', '1 by holds'),
+            (['match', 'KXExtensionPointNam=p'], 'no plug-in matches', 'did you mean KXExtensionPointName', 'name 7, held back: 3 by rules, 2'),
             (['match', 'KXExtensionIdentifier=plan'], 'did you mean plain'),
             (['match', '--rejected'], r'held back: .*1 by bundle', r'excluded .*exclusions'),
             (['match', '--rejected', '--json'], '"matches"', '"explanations"', '"verdict": "held back"'),
