@@ -62,7 +62,7 @@ value::Result<file::UniqueFd> ApplicationRecord::openContainer() const {
     if (auto refusal = refusalToAsk(*facts_.containerPath)) return *std::move(refusal);
     auto container = file::openWithoutLinks(*facts_.containerPath, kDirectory);
     if (!container) return container;
-    const auto application = file::openSameBeneath(container->get(), path_.substr(facts_.containerPath->size() + 1),
+    const auto application = file::openSameBeneath(container->get(), file::nameBeneath(path_, *facts_.containerPath),
                                                    facts_.identity, kDirectory);
     if (!application) return application.error();
     return container;
@@ -223,7 +223,7 @@ value::Result<file::UniqueFd> BundleRecord::open() const {
     if (!file::mayBe(application_->facts().identity, application->get())) {
         return value::posixError(ESTALE, application_->bundlePath());
     }
-    return file::openSameBeneath(application->get(), path().substr(application_->bundlePath().size() + 1),
+    return file::openSameBeneath(application->get(), file::nameBeneath(path(), application_->bundlePath()),
                                  facts_.identity, kDirectory);
 }
 

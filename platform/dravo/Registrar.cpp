@@ -9,6 +9,7 @@
 #include <utility>
 
 #include "platform/effort/Effort.h"
+#include "platform/file/Beneath.h"
 #include "platform/file/File.h"
 #include "platform/logging/Log.h"
 #include "platform/mounts/Mounts.h"
@@ -41,11 +42,11 @@ std::shared_ptr<const Snapshot> remembered(Store::Contents&& contents,
         allApplications.push_back(std::make_shared<const ApplicationRecord>(path, std::move(facts)));
         applications.emplace(path, allApplications.back());
     }
-    const std::string system = installationRoots().back().volume + "/";
+    const std::string system = installationRoots().back().volume;
     Snapshot::Bundles bundles;
     bundles.reserve(contents.bundles.size());
     for (auto& [path, facts] : contents.bundles) {
-        BundlePlace place{path, path.starts_with(system), nullptr};
+        BundlePlace place{path, file::isBeneath(path, system), nullptr};
         for (std::size_t end = path.rfind(".app/"); end != std::string::npos && end > 0 && !place.application;
              end = path.rfind(".app/", end - 1)) {
             const auto found = applications.find(path.substr(0, end + 4));
@@ -54,10 +55,6 @@ std::shared_ptr<const Snapshot> remembered(Store::Contents&& contents,
         bundles.push_back(std::make_shared<const BundleRecord>(std::move(place), std::move(facts), surroundings));
     }
     return std::make_shared<const Snapshot>(std::move(allApplications), std::move(bundles), sdks);
-}
-
-bool isBeneath(const std::string& path, const std::string& directory) {
-    return path.starts_with(directory) && path.size() > directory.size() && path[directory.size()] == '/';
 }
 
 const std::string& pathOf(const ApplicationRecord& application) {
@@ -404,11 +401,11 @@ void Registrar::lookAt(const Topic& topic) {
         case Topic::Kind::root: break;  // becomes entries, or everything
         case Topic::Kind::entry:
             for (const Root& root : roots_) {
-                if (isBeneath(topic.path, root.path)) lookAtEntry(root, topic.path.substr(root.path.size() + 1));
+                if (file::isBeneath(topic.path, root.path)) lookAtEntry(root, file::nameBeneath(topic.path, root.path));
             }
             // Those registered inside it share its application's record.
             for (const std::string& path : registrations_) {
-                if (isBeneath(path, topic.path)) lookAtRegistered(path);
+                if (file::isBeneath(path, topic.path)) lookAtRegistered(path);
             }
             break;
         case Topic::Kind::registered:
@@ -477,7 +474,7 @@ void Registrar::addWhatIsKnown(const Topic& topic, Finding& finding) {
     const auto addFrom = [&](const auto& records, auto& found) {
         for (auto at = firstFrom(records, topic.path); at != records.end() && pathOf(**at).starts_with(topic.path);
              ++at) {
-            if (pathOf(**at) == topic.path || isBeneath(pathOf(**at), topic.path)) add(*at, found);
+            if (pathOf(**at) == topic.path || file::isBeneath(pathOf(**at), topic.path)) add(*at, found);
         }
     };
     addFrom(before->applications(), finding.applications);

@@ -35,10 +35,6 @@ bool isApplication(std::string_view name) {
     return name.ends_with(".app");
 }
 
-bool isBeneath(const std::string& path, const std::string& directory) {
-    return path.size() > directory.size() && path.starts_with(directory) && path[directory.size()] == '/';
-}
-
 // A stamp that is never equal to a file's, but tells which file it was.
 file::Stamp untrusted(const file::Stamp& stamp) {
     return {.device = stamp.device, .inode = stamp.inode, .size = kUntrusted.size};
@@ -97,8 +93,9 @@ std::vector<Root> installationRoots() {
 bool liesWhereInstalled(const std::string& path) {
     const auto roots = installationRoots();
     return std::any_of(roots.begin(), roots.end(), [&](const Root& root) {
-        if (!isBeneath(path, root.path)) return false;
-        std::string_view rest = std::string_view{path}.substr(root.path.size() + 1);
+        const std::string name = file::nameBeneath(path, root.path);
+        if (name.empty()) return false;
+        std::string_view rest = name;
         std::size_t slash = rest.find('/');
         if (rest.front() == '.') return false;
         if (root.holds == Root::Holds::plugIns) return slash == std::string_view::npos;
@@ -192,7 +189,7 @@ Finding Scanner::registered(const std::string& path, Watcher::Look& look) {
         return finding;
     }
     const std::string& volume = paths::directories().systemVolume;
-    const bool onSystemVolume = isBeneath(path, file::canonicalPath(volume).value_or(volume));
+    const bool onSystemVolume = file::isBeneath(path, file::canonicalPath(volume).value_or(volume));
     BundlePlace place{path, onSystemVolume, applicationAround(path)};
     if (place.application) finding.applications.push_back(place.application);
     const std::string name = path.substr(slash + 1);
@@ -214,13 +211,13 @@ Scanner::Directory Scanner::open(int parent, const std::string& name, const std:
 
 Scanner::Directory Scanner::followLink(const std::string& path, const Bounds& bounds) {
     const auto target = file::canonicalPathWithin(bounds.within, path);
-    if (!target || !isBeneath(*target, bounds.within)) {
+    if (!target || !file::isBeneath(*target, bounds.within)) {
         complain(path, "a link that leads nowhere, or out of where it lies");
         return {};
     }
     const std::string& except = bounds.except;
     const bool foundAnyway =
-        !except.empty() && (*target == except || isBeneath(*target, except) || isBeneath(except, *target));
+        !except.empty() && (*target == except || file::isBeneath(*target, except) || file::isBeneath(except, *target));
     if (foundAnyway) return {};
     auto descriptor = file::openWithoutLinks(*target, kDirectory);
     if (!descriptor) {
