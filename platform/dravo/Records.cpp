@@ -7,6 +7,7 @@
 #include <cerrno>
 
 #include "platform/digest/Fnv1a.h"
+#include "platform/dravo/Columns.h"
 #include "platform/dravo/DataContainers.h"
 #include "platform/dravo/InfoFile.h"
 #include "platform/file/Beneath.h"
@@ -26,9 +27,7 @@ std::optional<value::Error> refusalToAsk(const std::string& path) {
 }
 
 bool samePlugIn(const PlugInFacts& a, const PlugInFacts& b) {
-    return a.uuid == b.uuid && a.identifier == b.identifier && a.registered == b.registered &&
-           a.extensionPoint == b.extensionPoint && a.pointNames == b.pointNames && a.anyPoint == b.anyPoint &&
-           (!a.sdk || !b.sdk || a.sdk == b.sdk);
+    return sameFacts(kPlugInColumns, a, b);
 }
 
 }  // namespace
@@ -232,10 +231,7 @@ std::shared_ptr<const DVVeltoProxy> proxy(const std::shared_ptr<const BundleReco
 }
 
 bool sameContent(const ApplicationRecord& a, const ApplicationRecord& b) {
-    const ApplicationFacts& x = a.facts();
-    const ApplicationFacts& y = b.facts();
-    return a.bundlePath() == b.bundlePath() && x.containerPath == y.containerPath && x.identifier == y.identifier &&
-           x.name == y.name;
+    return a.bundlePath() == b.bundlePath() && sameFacts(kApplicationColumns, a.facts(), b.facts());
 }
 
 bool sameContent(const BundleRecord& a, const BundleRecord& b) {
@@ -244,7 +240,7 @@ bool sameContent(const BundleRecord& a, const BundleRecord& b) {
     if (ownerOfA != ownerOfB && (!ownerOfA || !ownerOfB || !sameContent(*ownerOfA, *ownerOfB))) return false;
     const BundleFacts& x = a.facts();
     const BundleFacts& y = b.facts();
-    return a.path() == b.path() && x.digest == y.digest && x.entitlements == y.entitlements && x.refusal == y.refusal &&
+    return a.path() == b.path() && sameFacts(kBundleColumns, x, y) &&
            std::equal(x.plugIns.begin(), x.plugIns.end(), y.plugIns.begin(), y.plugIns.end(), samePlugIn);
 }
 

@@ -6,16 +6,14 @@
 
 #include <cerrno>
 #include <cstdio>
-#include <cstring>
 #include <ctime>
 #include <iterator>
 #include <type_traits>
-#include <unordered_map>
 
 #include "platform/dravo/Bounds.h"
+#include "platform/dravo/Cells.h"
+#include "platform/dravo/Columns.h"
 #include "platform/logging/Log.h"
-#include "platform/mox/Encoder.h"
-#include "platform/mox/Object.h"
 #include "platform/text/Format.h"
 
 namespace dravo {
@@ -27,17 +25,12 @@ constexpr std::int64_t kPlugInsPerBundle = kMultipleLimit;
 
 // No index but the rows' numbers: everything is read at the start, which also shows any damage, and each later write
 // knows the numbers of its rows. A plug-in's is its bundle's times kPlugInsPerBundle, plus its place in the bundle.
-constexpr char kSchema[] = R"(
-    CREATE TABLE application (row INTEGER PRIMARY KEY, path TEXT NOT NULL, container TEXT, identifier TEXT, name TEXT,
-                              info BLOB NOT NULL, identity BLOB);
-    CREATE TABLE bundle (row INTEGER PRIMARY KEY, path TEXT NOT NULL, stamps BLOB NOT NULL, digest INTEGER NOT NULL,
-                         identifier TEXT NOT NULL, version TEXT NOT NULL, displayName TEXT, shortName TEXT,
-                         entitlements BLOB, refusal TEXT NOT NULL, remark TEXT NOT NULL, identity BLOB);
-    CREATE TABLE plugin (row INTEGER PRIMARY KEY, uuid BLOB NOT NULL, identifier TEXT NOT NULL,
-                         registered REAL NOT NULL, extensionPoint TEXT, pointNames BLOB, anyPoint INTEGER NOT NULL,
-                         sdk INTEGER);
-    CREATE TABLE registration (path TEXT PRIMARY KEY) WITHOUT ROWID;
-)";
+struct Table {
+    const char* name;
+    bool hasPath;
+};
+constexpr Table kApplications{"application", true}, kBundles{"bundle", true}, kPlugIns{"plugin", false};
+constexpr char kRegistrationSchema[] = "CREATE TABLE registration (path TEXT PRIMARY KEY) WITHOUT ROWID;";
 
 // What makes a version the next one, from the first. What an earlier one did not know of a directory or an SDK is
 // NULL, so that it is looked at again; everything else stays.
@@ -47,43 +40,66 @@ constexpr const char* kUpgrades[] = {
 };
 static_assert(std::size(kUpgrades) == kVersion - 1);
 
-constexpr mox::Limits kValueLimits{std::size_t{64} << 20, 128, 4'000'000};
-
 value::Error damaged(const std::string& what) {
     return {"dravo.store", static_cast<std::int64_t>(StoreTrouble::damaged), "registry store: " + what};
 }
 
-template <typename T>
-std::span<const std::byte> bytesOf(const T& object) {
-    static_assert(std::is_trivially_copyable_v<T> && std::has_unique_object_representations_v<T>);
-    return std::as_bytes(std::span{&object, 1});
+// The number of the first column of facts.
+constexpr int firstFact(const Table& table) {
+    return table.hasPath ? 2 : 1;
 }
 
-template <typename T>
-bool read(std::span<const std::byte> bytes, T& object) {
-    if (bytes.size() != sizeof(T)) return false;
-    std::memcpy(&object, bytes.data(), sizeof(T));
-    return true;
+// What stands before the facts, and the names of these, with what is to follow each of all.
+template <typename Columns, typename Behind>
+std::string list(const Table& table, const Columns& columns, const std::string& row, const char* path,
+                 const Behind& behind) {
+    std::string text = row;
+    if (table.hasPath) text += std::string{", path"} + path;
+    columns::forEach(columns, [&](const auto& column) { text += std::string{", "} + column.name + behind(column); });
+    return text;
 }
 
-bool readIdentity(std::span<const std::byte> bytes, file::Identity& identity) {
-    return bytes.empty() || read(bytes, identity);
+template <typename Columns>
+std::string namesOf(const Table& table, const Columns& columns) {
+    return list(table, columns, "row", "", [](const auto& /*column*/) { return ""; });
 }
 
-std::vector<std::byte> encode(const value::Value& value) {
-    mox::Encoder encoder;
-    encoder.value(value);
-    return encoder.take();
+template <typename Columns>
+std::string schemaOf(const Table& table, const Columns& columns) {
+    const auto typed = [](const auto& column) {
+        return std::string{" "} + cells::kDeclaration<typename std::remove_cvref_t<decltype(column)>::Fact>;
+    };
+    return text::format("CREATE TABLE {} ({});", table.name,
+                        list(table, columns, "row INTEGER PRIMARY KEY", " TEXT NOT NULL", typed));
 }
 
-std::optional<value::Value> decode(std::span<const std::byte> bytes) {
-    const auto object = mox::Object::decode({bytes.begin(), bytes.end()}, kValueLimits);
-    if (!object) return {};
-    return object->view().toValue();
+template <typename Columns>
+std::string insertionInto(const char* verb, const Table& table, const Columns& columns) {
+    std::string places = table.hasPath ? "?,?" : "?";
+    columns::forEach(columns, [&](const auto& /*column*/) { places += ",?"; });
+    return text::format("{} INTO {} ({}) VALUES ({})", verb, table.name, namesOf(table, columns), places);
 }
 
-value::Array toArray(const std::vector<std::string>& texts) {
-    return value::Array{value::Array::Storage{texts.begin(), texts.end()}};
+template <typename Columns>
+std::string selectionFrom(const Table& table, const Columns& columns) {
+    return text::format("SELECT {} FROM {} ORDER BY row", namesOf(table, columns), table.name);
+}
+
+template <typename Columns, typename Facts>
+bool readFacts(const Statement& row, const Table& table, const Columns& columns, Facts& facts) {
+    int at = firstFact(table);
+    return columns::all(columns, [&](const auto& column) { return cells::read(row, at++, facts.*column.member); });
+}
+
+template <typename Columns, typename Facts>
+std::optional<value::Error> writeFacts(Statement& put, const Table& table, const Columns& columns, std::int64_t row,
+                                       std::string_view path, const Facts& facts) {
+    cells::Kept kept;
+    put.bind(0, row);
+    if (table.hasPath) put.bind(1, path);
+    int at = firstFact(table);
+    columns::forEach(columns, [&](const auto& column) { cells::bind(put, at++, facts.*column.member, kept); });
+    return put.run();
 }
 
 // Keeps the file, and the log of what was not yet moved into it, under a name of their own.
@@ -101,70 +117,28 @@ std::optional<value::Error> setAside(const std::string& path, const std::string&
     return {};
 }
 
-bool readApplication(const Statement& row, Store::Contents& contents) {
-    ApplicationFacts facts;
+// Of an application or a bundle.
+template <typename Columns, typename Facts>
+bool readRecord(const Statement& row, const Table& table, const Columns& columns,
+                std::vector<std::pair<std::string, Facts>>& records, std::int64_t& lastRow) {
+    Facts facts;
     facts.row = row.number(0);
-    facts.containerPath = row.optionalText(2);
-    facts.identifier = row.optionalText(3);
-    facts.name = row.optionalText(4);
-    if (!read(row.bytes(5), facts.info) || !readIdentity(row.bytes(6), facts.identity)) return false;
-    contents.lastRow = std::max(contents.lastRow, facts.row);
-    contents.applications.emplace_back(row.text(1), std::move(facts));
-    return true;
-}
-
-bool readBundle(const Statement& row, Store::Contents& contents) {
-    BundleFacts facts;
-    facts.row = row.number(0);
-    if (!read(row.bytes(2), facts.stamps) || !readIdentity(row.bytes(11), facts.identity)) return false;
-    facts.digest = static_cast<std::uint64_t>(row.number(3));
-    facts.identifier = row.text(4);
-    facts.version = row.text(5);
-    facts.displayName = row.optionalText(6);
-    facts.shortName = row.optionalText(7);
-    if (const auto bytes = row.bytes(8); !bytes.empty()) {
-        const auto entitlements = decode(bytes);
-        if (!entitlements || !entitlements->dictionary()) return false;
-        facts.entitlements = *entitlements->dictionary();
-    }
-    facts.refusal = row.text(9);
-    facts.remark = row.text(10);
-    contents.lastRow = std::max(contents.lastRow, facts.row);
-    contents.bundles.emplace_back(row.text(1), std::move(facts));
-    return true;
-}
-
-bool readPlugIn(const Statement& row, BundleFacts& bundle) {
-    PlugInFacts facts;
-    value::Uuid::Bytes uuid;
-    if (!read(row.bytes(1), uuid)) return false;
-    facts.uuid = value::Uuid{uuid};
-    facts.identifier = row.text(2);
-    facts.registered = row.real(3);
-    facts.extensionPoint = row.optionalText(4);
-    if (const auto bytes = row.bytes(5); !bytes.empty()) {
-        const auto names = decode(bytes);
-        if (!names || !names->array()) return false;
-        for (const value::Value& name : *names->array()) {
-            if (const std::string* const text = name.string()) facts.pointNames.push_back(*text);
-        }
-    }
-    facts.anyPoint = row.number(6) != 0;
-    if (const auto digest = row.optionalNumber(7)) facts.sdk = static_cast<std::uint64_t>(*digest);
-    bundle.plugIns.push_back(std::move(facts));
+    if (!readFacts(row, table, columns, facts)) return false;
+    lastRow = std::max(lastRow, facts.row);
+    records.emplace_back(row.text(1), std::move(facts));
     return true;
 }
 
 // Hands each row to `visit`, which answers whether it could be made sense of.
 template <typename Visit>
-std::optional<value::Error> forEachRow(Database& database, const char* sql, Visit visit) {
-    auto statement = Statement::prepare(database, sql);
+std::optional<value::Error> forEachRow(Database& database, const std::string& sql, Visit visit) {
+    auto statement = Statement::prepare(database, sql.c_str());
     if (!statement) return statement.error();
     for (;;) {
         const auto row = statement->step();
         if (!row) return row.error();
         if (!*row) return {};
-        if (!visit(*statement)) return damaged(std::string{"a row that makes no sense: "} + sql);
+        if (!visit(*statement)) return damaged("a row that makes no sense: " + sql);
     }
 }
 
@@ -187,19 +161,19 @@ struct Store::Statements {
 };
 
 value::Result<std::unique_ptr<Store::Statements>> Store::Statements::prepare(Database& database) {
-    constexpr const char* kSql[] = {
-        "INSERT OR REPLACE INTO application VALUES (?,?,?,?,?,?,?)",
+    const std::string sql[] = {
+        insertionInto("INSERT OR REPLACE", kApplications, kApplicationColumns),
         "DELETE FROM application WHERE row = ?",
-        "INSERT OR REPLACE INTO bundle VALUES (?,?,?,?,?,?,?,?,?,?,?,?)",
+        insertionInto("INSERT OR REPLACE", kBundles, kBundleColumns),
         "DELETE FROM bundle WHERE row = ?",
-        "INSERT INTO plugin VALUES (?,?,?,?,?,?,?,?)",
+        insertionInto("INSERT", kPlugIns, kPlugInColumns),
         "DELETE FROM plugin WHERE row BETWEEN ? AND ?",
         "INSERT OR REPLACE INTO registration VALUES (?)",
         "DELETE FROM registration WHERE path = ?",
     };
     std::vector<Statement> made;
-    for (const char* const sql : kSql) {
-        auto statement = Statement::prepare(database, sql);
+    for (const std::string& each : sql) {
+        auto statement = Statement::prepare(database, each.c_str());
         if (!statement) return statement.error();
         made.push_back(std::move(*statement));
     }
@@ -236,7 +210,9 @@ value::Result<Store::Opened> Store::openOnce(const std::string& path) {
     if (!tables) return tables.error();
     const bool isNew = *version == 0 && *tables == 0;
     if (isNew) {
-        const std::string setup = text::format("BEGIN; {} PRAGMA user_version = {}; COMMIT;", kSchema, kVersion);
+        const std::string setup = text::format(
+            "BEGIN; {}{}{}{} PRAGMA user_version = {}; COMMIT;", schemaOf(kApplications, kApplicationColumns),
+            schemaOf(kBundles, kBundleColumns), schemaOf(kPlugIns, kPlugInColumns), kRegistrationSchema, kVersion);
         if (auto error = database->execute(setup.c_str())) return *error;
     } else if (*version >= 1 && *version < kVersion) {
         if (auto error = upgrade(*database, *version)) return *error;
@@ -258,30 +234,25 @@ value::Result<Store::Opened> Store::openOnce(const std::string& path) {
 
 value::Result<Store::Contents> Store::load(Database& database) {
     Contents contents;
-    if (auto error =
-            forEachRow(database, "SELECT row, path, container, identifier, name, info, identity FROM application",
-                       [&](const Statement& row) { return readApplication(row, contents); })) {
+    if (auto error = forEachRow(database, selectionFrom(kApplications, kApplicationColumns), [&](const Statement& row) {
+            return readRecord(row, kApplications, kApplicationColumns, contents.applications, contents.lastRow);
+        })) {
         return *error;
     }
-    if (auto error = forEachRow(database,
-                                "SELECT row, path, stamps, digest, identifier, version, displayName, shortName, "
-                                "entitlements, refusal, remark, identity FROM bundle ORDER BY row",
-                                [&](const Statement& row) { return readBundle(row, contents); })) {
+    auto& bundles = contents.bundles;
+    if (auto error = forEachRow(database, selectionFrom(kBundles, kBundleColumns), [&](const Statement& row) {
+            return readRecord(row, kBundles, kBundleColumns, bundles, contents.lastRow);
+        })) {
         return *error;
     }
     // Both in the order of their rows, so that a plug-in's bundle is found by walking on.
     std::size_t at = 0;
-    if (auto error = forEachRow(database,
-                                "SELECT row, uuid, identifier, registered, extensionPoint, pointNames, anyPoint, sdk "
-                                "FROM plugin ORDER BY row",
-                                [&](const Statement& row) {
-                                    const std::int64_t bundle = row.number(0) / kPlugInsPerBundle;
-                                    while (at < contents.bundles.size() && contents.bundles[at].second.row < bundle)
-                                        ++at;
-                                    if (at == contents.bundles.size() || contents.bundles[at].second.row != bundle)
-                                        return false;
-                                    return readPlugIn(row, contents.bundles[at].second);
-                                })) {
+    if (auto error = forEachRow(database, selectionFrom(kPlugIns, kPlugInColumns), [&](const Statement& row) {
+            const std::int64_t bundle = row.number(0) / kPlugInsPerBundle;
+            while (at < bundles.size() && bundles[at].second.row < bundle) ++at;
+            if (at == bundles.size() || bundles[at].second.row != bundle) return false;
+            return readFacts(row, kPlugIns, kPlugInColumns, bundles[at].second.plugIns.emplace_back());
+        })) {
         return *error;
     }
     if (auto error = forEachRow(database, "SELECT path FROM registration", [&](const Statement& row) {
@@ -323,7 +294,11 @@ std::optional<value::Error> Store::write(const Changes& changes) {
         if (auto error = statements_->dropPlugIns.run()) return error;
     }
     for (const auto& application : changes.applicationsNew) {
-        if (auto error = writeApplication(*application)) return error;
+        const ApplicationFacts& facts = application->facts();
+        if (auto error = writeFacts(statements_->putApplication, kApplications, kApplicationColumns, facts.row,
+                                    application->bundlePath(), facts)) {
+            return error;
+        }
     }
     for (const auto& bundle : changes.bundlesNew) {
         if (auto error = writeBundle(*bundle)) return error;
@@ -339,51 +314,14 @@ std::optional<value::Error> Store::write(const Changes& changes) {
     return {};
 }
 
-std::optional<value::Error> Store::writeApplication(const ApplicationRecord& application) {
-    const ApplicationFacts& facts = application.facts();
-    Statement& put = statements_->putApplication;
-    put.bind(0, facts.row);
-    put.bind(1, std::string_view{application.bundlePath()});
-    put.bind(2, facts.containerPath);
-    put.bind(3, facts.identifier);
-    put.bind(4, facts.name);
-    put.bind(5, bytesOf(facts.info));
-    put.bind(6, bytesOf(facts.identity));
-    return put.run();
-}
-
 std::optional<value::Error> Store::writeBundle(const BundleRecord& bundle) {
     const BundleFacts& facts = bundle.facts();
-    Statement& put = statements_->putBundle;
-    std::vector<std::byte> entitlements;
-    if (!facts.entitlements.empty()) entitlements = encode(facts.entitlements);
-    put.bind(0, facts.row);
-    put.bind(1, std::string_view{bundle.path()});
-    put.bind(2, bytesOf(facts.stamps));
-    put.bind(3, static_cast<std::int64_t>(facts.digest));
-    put.bind(4, std::string_view{facts.identifier});
-    put.bind(5, std::string_view{facts.version});
-    put.bind(6, facts.displayName);
-    put.bind(7, facts.shortName);
-    put.bind(8, entitlements);
-    put.bind(9, std::string_view{facts.refusal});
-    put.bind(10, std::string_view{facts.remark});
-    put.bind(11, bytesOf(facts.identity));
-    if (auto error = put.run()) return error;
-    Statement& putPlugIn = statements_->putPlugIn;
+    if (auto error = writeFacts(statements_->putBundle, kBundles, kBundleColumns, facts.row, bundle.path(), facts)) {
+        return error;
+    }
     std::int64_t row = facts.row * kPlugInsPerBundle;
     for (const PlugInFacts& plugIn : facts.plugIns) {
-        std::vector<std::byte> pointNames;
-        if (!plugIn.pointNames.empty()) pointNames = encode(toArray(plugIn.pointNames));
-        putPlugIn.bind(0, row++);
-        putPlugIn.bind(1, std::as_bytes(std::span{plugIn.uuid.bytes()}));
-        putPlugIn.bind(2, std::string_view{plugIn.identifier});
-        putPlugIn.bind(3, plugIn.registered);
-        putPlugIn.bind(4, plugIn.extensionPoint);
-        putPlugIn.bind(5, pointNames);
-        putPlugIn.bind(6, std::int64_t{plugIn.anyPoint});
-        putPlugIn.bind(7, static_cast<std::int64_t>(plugIn.sdk.value_or(0)));
-        if (auto error = putPlugIn.run()) return error;
+        if (auto error = writeFacts(statements_->putPlugIn, kPlugIns, kPlugInColumns, row++, {}, plugIn)) return error;
     }
     return {};
 }

@@ -57,7 +57,6 @@ private:
     static value::Result<Opened> openOnce(const std::string& path);
     static value::Result<Contents> load(Database& database);
     std::optional<value::Error> write(const Changes& changes);
-    std::optional<value::Error> writeApplication(const ApplicationRecord& application);
     std::optional<value::Error> writeBundle(const BundleRecord& bundle);
 
     Database database_;
