@@ -3,7 +3,7 @@
 #include <algorithm>
 #include <tuple>
 
-#include "platform/mox/Descriptors.h"
+#include "platform/mox/transport/Descriptors.h"
 
 namespace mox {
 

@@ -1,5 +1,5 @@
-#include "platform/dravo/Columns.h"
-#include "platform/dravo/Store.h"
+#include "platform/dravo/store/Columns.h"
+#include "platform/dravo/store/Store.h"
 #include "tests/platform/dravo/Installation.h"
 
 namespace dravo {
