@@ -5,6 +5,8 @@
 #include <span>
 #include <vector>
 
+#include "platform/logging/Invariant.h"
+
 namespace dravo {
 
 // Finds numbers (places in a list) by a hash: one flat sorted array, 16 bytes an entry. Different things may share a
@@ -17,9 +19,13 @@ public:
     };
 
     void reserve(std::size_t count) { entries_.reserve(count); }
-    void add(std::uint64_t hash, std::uint32_t number) { entries_.push_back({hash, number}); }
+    void add(std::uint64_t hash, std::uint32_t number) {
+        INVARIANT(!isSealed_);
+        entries_.push_back({hash, number});
+    }
 
     void seal() {
+        isSealed_ = true;
         std::sort(entries_.begin(), entries_.end(), [](const Entry& a, const Entry& b) {
             return a.hash != b.hash ? a.hash < b.hash : a.number < b.number;
         });
@@ -27,6 +33,7 @@ public:
 
     // Those with the hash, in ascending order of their numbers.
     std::span<const Entry> candidates(std::uint64_t hash) const {
+        INVARIANT(isSealed_ || entries_.empty());
         const auto first = std::lower_bound(entries_.begin(), entries_.end(), hash,
                                             [](const Entry& entry, std::uint64_t h) { return entry.hash < h; });
         auto last = first;
@@ -36,6 +43,7 @@ public:
 
 private:
     std::vector<Entry> entries_;
+    bool isSealed_ = false;
 };
 
 }  // namespace dravo

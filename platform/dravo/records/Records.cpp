@@ -11,6 +11,7 @@
 #include "platform/dravo/scan/InfoFile.h"
 #include "platform/dravo/store/Columns.h"
 #include "platform/file/Beneath.h"
+#include "platform/logging/Invariant.h"
 #include "platform/mounts/Mounts.h"
 #include "platform/mox/Encoder.h"
 
@@ -158,7 +159,9 @@ bool PlugInRecord::hasDataContainer() const {
 }
 
 std::size_t PlugInRecord::index() const {
-    return static_cast<std::size_t>(this - bundle_.plugIns().data());
+    const auto place = static_cast<std::size_t>(this - bundle_.plugIns().data());
+    INVARIANT(place < bundle_.plugIns().size());  // it lives in its bundle's list
+    return place;
 }
 
 Images::Key PlugInRecord::imageKey() const {

@@ -5,6 +5,7 @@
 #include <utility>
 
 #include "platform/effort/Effort.h"
+#include "platform/logging/Invariant.h"
 #include "platform/text/NumericCompare.h"
 #include "platform/text/NumericKey.h"
 
@@ -57,6 +58,17 @@ std::shared_ptr<const Record> findByPath(const std::vector<std::shared_ptr<const
     return nullptr;
 }
 
+// In ascending order, each once.
+template <typename List, typename Key>
+bool ascends(const List& list, const Key& key) {
+    return std::adjacent_find(list.begin(), list.end(),
+                              [&](const auto& a, const auto& b) { return !(key(a) < key(b)); }) == list.end();
+}
+
+bool ascends(const Snapshot::Numbers& numbers) {
+    return ascends(numbers, [](std::uint32_t number) { return number; });
+}
+
 void sortUnique(Snapshot::Numbers& numbers) {
     std::sort(numbers.begin(), numbers.end());
     numbers.erase(std::unique(numbers.begin(), numbers.end()), numbers.end());
@@ -67,6 +79,8 @@ template <typename Record>
 void compare(const std::vector<std::shared_ptr<const Record>>& before,
              const std::vector<std::shared_ptr<const Record>>& after, std::vector<std::shared_ptr<const Record>>& gone,
              std::vector<std::shared_ptr<const Record>>& fresh) {
+    const auto path = [](const auto& record) { return pathOf(*record); };
+    INVARIANT(ascends(before, path) && ascends(after, path));
     auto old = before.begin();
     auto now = after.begin();
     while (old != before.end() || now != after.end()) {
@@ -120,6 +134,7 @@ void Snapshot::indexPoints(std::uint32_t number, const PlugInFacts& facts, SdkPa
             return;
         }
         Numbers& numbers = points_[std::move(key)];
+        INVARIANT(numbers.empty() || numbers.back() <= number);
         if (numbers.empty() || numbers.back() != number) numbers.push_back(number);
     };
     if (facts.extensionPoint) {
@@ -163,6 +178,7 @@ Snapshot::Numbers Snapshot::withIdentifiers(const std::vector<std::string>& iden
         }
     }
     if (wanted.size() > 1) sortUnique(numbers);
+    INVARIANT(ascends(numbers));
     return numbers;
 }
 
@@ -204,6 +220,7 @@ Snapshot::Numbers Snapshot::narrow(const std::optional<std::vector<std::string>>
         }
     } else if (points) {
         const auto lists = atPoints(*points);
+        INVARIANT(lists.empty() || ascends(*lists.front()));
         if (lists.size() == 1) return *lists.front();
         if (lists.empty()) return numbers;
         const std::vector<bool> set = unionOf(lists);

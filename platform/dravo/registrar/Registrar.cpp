@@ -11,6 +11,7 @@
 #include "platform/effort/Effort.h"
 #include "platform/file/Beneath.h"
 #include "platform/file/File.h"
+#include "platform/logging/Invariant.h"
 #include "platform/logging/Log.h"
 #include "platform/mounts/Mounts.h"
 #include "platform/paths/Paths.h"
@@ -325,6 +326,7 @@ void Registrar::changed(const Topic& topic, std::string_view name) {
 // Until the next look, which waits for the changes to come to rest, placeholders are looked for when they are asked
 // for.
 void Registrar::markDirty(const Topic& topic) {
+    INVARIANT(queue_->isCurrent());
     const auto finding = findings_.find(topic);
     if (topic.kind == Topic::Kind::entry && finding != findings_.end()) finding->second.doubtPlaceholders();
     dirty_.insert(topic);
@@ -437,6 +439,7 @@ void Registrar::record(const Topic& topic, Finding finding) {
         // it.
         if (topic.kind == Topic::Kind::entry) finding.doubtPlaceholders();
     }
+    INVARIANT(queue_->isCurrent() && topic.kind != Topic::Kind::root);
     if (finding.empty()) {
         findings_.erase(topic);
     } else {
@@ -522,6 +525,7 @@ void Registrar::watchSdks() {
 }
 
 void Registrar::forget(const Topic& topic) {
+    INVARIANT(queue_->isCurrent());
     findings_.erase(topic);
     const Watcher::Look look{watcher_.get(), topic};  // names nothing, and so lets go of everything
 }
@@ -537,6 +541,7 @@ void Registrar::apply(Announce announce, Replacements replacements) {
     }
     auto after = std::make_shared<const Snapshot>(std::move(applications), std::move(bundles), sdks_);
     Difference changes = difference(*before, *after, replacements);
+    INVARIANT(queue_->isCurrent() && before == snapshot());  // nobody else publishes
     if (sdks_.isStale()) retryLater();
     if (!retryTimer_) retryDelay_ = kFirstRetry;
     if (changes.empty()) return;
@@ -590,6 +595,7 @@ void Registrar::furnishFrom(std::size_t begin, const std::shared_ptr<const Snaps
 
 std::optional<value::Error> Registrar::save(const Difference& changes, const Snapshot& after,
                                             const Registrations& registrations) {
+    INVARIANT(queue_->isCurrent() && !stopped_);
     const bool nothing = changes.empty() && registrations.gone.empty() && registrations.fresh.empty();
     if (nothing && !unsaved_) return {};
     Store::Changes part{changes.applicationsGone, changes.applicationsNew, changes.bundlesGone,

@@ -15,6 +15,7 @@
 #include <vector>
 
 #include "platform/file/File.h"
+#include "platform/logging/Invariant.h"
 #include "platform/logging/Log.h"
 #include "platform/text/Format.h"
 
@@ -114,6 +115,7 @@ public:
     void forget(const value::Uuid& uuid) {
         const auto found = places_.find(uuid);
         if (found == places_.end()) return;
+        INVARIANT(live_ >= found->second.size && found->second.offset < size_);
         live_ -= found->second.size;
         places_.erase(found);
     }
@@ -204,6 +206,7 @@ public:
         entry.insert(entry.end(), image.begin(), image.end());
         entry.resize(sizeof header + padded(image.size()));
         const std::uint64_t offset = size_;
+        INVARIANT(offset % kUnit == 0 && live_ <= size_);
         if (const int error = writeAll(file_.get(), entry, offset); error != 0) {
             static_cast<void>(::ftruncate(file_.get(), static_cast<off_t>(offset)));
             errno = error;
@@ -261,6 +264,7 @@ namespace {
 constexpr unsigned kOffsetBits = 40;
 
 std::uint64_t placeOf(std::uint64_t number, std::uint64_t offset) {
+    INVARIANT(offset % kUnit == 0 && offset / kUnit < std::uint64_t{1} << kOffsetBits);
     return number << kOffsetBits | offset / kUnit;
 }
 

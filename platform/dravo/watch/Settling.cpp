@@ -3,6 +3,8 @@
 #include <algorithm>
 #include <utility>
 
+#include "platform/logging/Invariant.h"
+
 namespace dravo {
 
 namespace {
@@ -11,6 +13,7 @@ constexpr std::chrono::milliseconds kLongest{1000};
 }  // namespace
 
 void Settling::note(queue::SerialQueue::Work work) {
+    INVARIANT(queue_->isCurrent());
     const auto now = Clock::now();
     if (!since_) since_ = now;
     const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(*since_ + kLongest - now);

@@ -8,6 +8,7 @@
 #include <cstring>
 #include <utility>
 
+#include "platform/logging/Invariant.h"
 #include "platform/logging/Log.h"
 #include "platform/memory/GiveBack.h"
 #include "platform/mox/PeerProgram.h"
@@ -200,6 +201,7 @@ void AcceptedConnection::readOn() {
 }
 
 void AcceptedConnection::deliverFrames() {
+    INVARIANT(queue_->isCurrent());
     // Once the peer has closed, what is left is bounded by the socket, and its end must not wait for a pause's.
     while ((!paused_ || hangup_) && (stage_ == Stage::greeting || stage_ == Stage::open)) {
         auto frame = reader_.next();
@@ -234,6 +236,7 @@ bool AcceptedConnection::authenticate(const Frame& echo) {
         breakOff("a wrong echo");
         return false;
     }
+    INVARIANT(stage_ == Stage::greeting);
     stage_ = Stage::identifying;
     // Whoever waits for it alone must not keep the connection: the peer decides how long that is.
     const auto known = PeerPrograms::shared().find(*peer_, account_->ledger(),
@@ -254,6 +257,7 @@ bool AcceptedConnection::identified(const std::shared_ptr<const PeerProgram>& pr
         breakOff(fault);
         return false;
     }
+    INVARIANT(!resumed_ && !peer_->program);  // nobody reads the identity before it is delivered
     peer_->program = program;
     account_->setGreeted();
     handshakeTimer_.reset();
@@ -314,6 +318,7 @@ void AcceptedConnection::sendHeldBack() {
 }
 
 void AcceptedConnection::afterOutput(OutputQueue::State state) {
+    INVARIANT(socket_);  // given up under the same lock, behind the last output
     if (state == OutputQueue::State::broken) {
         dropOutput();
         ::shutdown(socket_.get(), SHUT_RDWR);  // a later reply must not pass for the rest of a frame cut here
@@ -356,6 +361,7 @@ void AcceptedConnection::breakOff(std::string_view why) {
 }
 
 void AcceptedConnection::end() {
+    INVARIANT(queue_->isCurrent());
     if (stage_ == Stage::ended) return;
     stage_ = Stage::ended;
     const auto self = shared_from_this();  // the keeper may have the last other reference
@@ -376,6 +382,7 @@ void AcceptedConnection::end() {
 }
 
 void AcceptedConnection::deliverInvalid() {
+    INVARIANT(queue_->isCurrent() && stage_ == Stage::ended);
     const EventHandler handler = std::exchange(handler_, {});
     if (handler)
         handler(Event{errorObject(ErrorCode::connectionInvalid, text::format("connection of process {} ended", pid_))});

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <utility>
 
+#include "platform/logging/Invariant.h"
 #include "platform/text/Format.h"
 
 namespace mox {
@@ -46,6 +47,7 @@ std::string faultOf(const wire::Header& header, FrameReader::Sender sender, std:
 
 std::span<std::byte> FrameReader::room() {
     if (!inFrame_) return {};
+    INVARIANT(filled_ <= capacity_ && filled_ < partialSize());
     if (filled_ == capacity_) grow(std::min(partialSize(), std::max(kFirstRoom, filled_ * kGrowth)));
     return {body_.get() + filled_, capacity_ - filled_};
 }
@@ -58,6 +60,7 @@ void FrameReader::grow(std::size_t capacity) {
 }
 
 void FrameReader::received(std::size_t inRoom, Bytes lent) {
+    INVARIANT(inRoom == 0 || (inFrame_ && inRoom <= capacity_ - filled_));
     filled_ += inRoom;
     if (kept_.empty()) {
         input_ = lent;

@@ -9,6 +9,8 @@
 #include <cstring>
 #include <utility>
 
+#include "platform/logging/Invariant.h"
+
 namespace mox {
 
 OutgoingFrame::OutgoingFrame(wire::FrameKind kind, std::uint64_t replyId, Bytes body)
@@ -58,6 +60,7 @@ std::size_t OutgoingFrame::gather(std::span<iovec> pieces) const {
     };
     std::size_t at = 0;
     for (const Dictionary::Splice& splice : splices_) {
+        INVARIANT(at <= splice.at && splice.at <= own_.size());
         add(Bytes{own_}.subspan(at, splice.at - at));
         add(*splice.bytes);
         at = splice.at;
@@ -94,6 +97,7 @@ int OutgoingFrame::send(int socket) {
         const ssize_t count = sendSome(socket);
         if (count >= 0) {
             sent_ += static_cast<std::size_t>(count);
+            INVARIANT(sent_ <= size_);
         } else if (errno == ETOOMANYREFS && descriptor_ && sent_ == 0) {
             descriptor_.reset();
             own_[offsetof(wire::Header, flags)] = std::byte{wire::kNoFlags};
@@ -123,6 +127,7 @@ OutputQueue::State OutputQueue::flush(int socket) {
         const std::size_t before = frame.left();
         const bool hadDescriptor = frame.hasDescriptor();
         const int error = frame.send(socket);
+        INVARIANT(before >= frame.left() && bytes_ >= before);
         bytes_ -= before - frame.left();
         if (!frame.isCharged()) {
             uncharged_ -= before - frame.left();
@@ -131,6 +136,7 @@ OutputQueue::State OutputQueue::flush(int socket) {
         if (error != 0) return error == EAGAIN ? State::blocked : State::broken;
         frames_.pop_front();
     }
+    INVARIANT(bytes_ == 0 && uncharged_ == 0 && descriptors_ == 0);
     return State::drained;
 }
 
@@ -140,6 +146,7 @@ void OutputQueue::append(OutgoingFrame&& frame) {
 }
 
 void OutputQueue::keep(OutgoingFrame&& frame) {
+    INVARIANT(frame.left() > 0 && uncharged_ <= bytes_);
     frame.own();
     bytes_ += frame.left();
     if (!frame.isCharged()) {
