@@ -5,7 +5,7 @@
 #include <thread>
 
 #include "platform/bundle/Bundle.h"
-#include "platform/dravo/Bounds.h"
+#include "platform/dravo/scan/Bounds.h"
 #include "platform/logging/Log.h"
 #include "tests/vtd/World.h"
 #include "vtd/VTDAnnotationStore.h"

@@ -5,6 +5,7 @@
 #include "Velto/VTProtocol.h"
 #include "Velto/VTVersionComparison.h"
 #include "platform/effort/Effort.h"
+#include "platform/logging/Invariant.h"
 
 namespace {
 
@@ -41,6 +42,8 @@ bool MatchList::admits(const VTForm& candidate) {
 }
 
 void MatchList::remove(Position position) {
+    INVARIANT(!removed_[position]);
+    INVARIANT(encodedBytes_ >= forms_[position].encodedSizeHint());
     removed_[position] = true;
     encodedBytes_ -= forms_[position].encodedSizeHint();
     anyRemoved_ = true;
@@ -48,6 +51,7 @@ void MatchList::remove(Position position) {
 
 void MatchList::append(VTForm form, const value::Value* replacePlugIn) {
     const Position position = forms_.size();
+    INVARIANT(removed_.size() == position && nextCopy_.size() == position);
     encodedBytes_ += form.encodedSizeHint();
     forms_.push_back(std::move(form));
     removed_.push_back(false);
