@@ -6,6 +6,8 @@
 #include "Velto/VTProtocol.h"
 #include "Velto/VTValueHelpers.h"
 #include "platform/file/File.h"
+#include "platform/mounts/Mounts.h"
+#include "platform/queue/Errands.h"
 
 namespace {
 
@@ -27,6 +29,11 @@ std::uint64_t unitsSoFar() {
     const auto nanoseconds =
         static_cast<std::uint64_t>(now.tv_sec) * 1'000'000'000 + static_cast<std::uint64_t>(now.tv_nsec);
     return nanoseconds * effort::kUnitsAMicrosecond / 1000;
+}
+
+// Where many such ways are stuck, those that may never end are not gone.
+std::optional<std::string> canonicalPath(const std::string& path) {
+    return queue::Errands::shared().isCrowded() ? mounts::canonicalPathWhereAnswered(path) : file::canonicalPath(path);
 }
 
 bool isAbsolute(mox::View element) {
@@ -103,7 +110,7 @@ void RequestPaths::resolve() {
 }
 
 void RequestPaths::resolve(Path& path) const {
-    path.canonical = file::canonicalPath(std::string{path.sent});
+    path.canonical = canonicalPath(std::string{path.sent});
     if (path.canonical || purpose_ != Purpose::remove) return;
     // What is gone from the disk is still known by the path under which it was registered: the one given, or the one
     // that leads there through the links that are left.
@@ -111,6 +118,6 @@ void RequestPaths::resolve(Path& path) const {
     while (known.ends_with('/') || known.ends_with("/.")) known.remove_suffix(1);
     const std::size_t slash = known.rfind('/');
     if (slash == std::string_view::npos) return;
-    path.former = file::canonicalPath(std::string{known.substr(0, slash + 1)});
+    path.former = canonicalPath(std::string{known.substr(0, slash + 1)});
     if (path.former) path.former->append(path.former->ends_with('/') ? known.substr(slash + 1) : known.substr(slash));
 }

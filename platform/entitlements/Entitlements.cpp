@@ -6,6 +6,7 @@
 #include <cerrno>
 #include <utility>
 
+#include "platform/effort/Effort.h"
 #include "platform/file/Beneath.h"
 #include "platform/file/File.h"
 #include "platform/logging/Log.h"
@@ -77,6 +78,7 @@ value::Result<value::Dictionary> ofBundle(int bundleDirectory, const std::string
     const std::string path = bundlePath + "/" + kFile;
     if (const char* reason = distrust(contents->owner, contents->mode)) return refusal(path, reason);
 
+    static_cast<void>(effort::take(effort::kFileOpened + effort::ofParsing(contents->bytes.size())));
     const auto list = plist::read(contents->bytes, {.bytes = kLimit, .values = kMostValues});
     if (!list) {
         value::Error error = list.error();

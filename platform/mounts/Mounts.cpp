@@ -1,11 +1,17 @@
 #include "platform/mounts/Mounts.h"
 
 #include <fcntl.h>
+#include <linux/magic.h>
 #include <poll.h>
+#include <sys/stat.h>
+#include <sys/vfs.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <array>
+#include <cerrno>
+#include <climits>
+#include <cstdint>
 #include <map>
 #include <mutex>
 #include <set>
@@ -74,9 +80,6 @@ public:
     bool mayNeverAnswer(const std::string& path) {
         const std::lock_guard lock{mutex_};
         refresh();
-        const auto isStrange = [this](const Mount& mount) {
-            return mount.mayNeverAnswer && !reliedOn_.contains(mount.number);
-        };
         const Mount* const around = covering(table_, path);
         if (around != nullptr && isStrange(*around)) return true;
         const std::string prefix = path + "/";
@@ -86,7 +89,18 @@ public:
         return false;
     }
 
+    // The mount of that number does; one that is not on the list may not.
+    bool answers(std::uint64_t number) {
+        const std::lock_guard lock{mutex_};
+        refresh();
+        const std::string text = std::to_string(number);
+        return std::any_of(table_.begin(), table_.end(),
+                           [&](const auto& entry) { return entry.second.number == text && !isStrange(entry.second); });
+    }
+
 private:
+    bool isStrange(const Mount& mount) const { return mount.mayNeverAnswer && !reliedOn_.contains(mount.number); }
+
     // Under the lock. The kernel makes the open list readable as urgent data when it is no longer what was read.
     void refresh() {
         if (!file_) {
@@ -122,11 +136,76 @@ private:
     std::set<std::string> reliedOn_;  // by number
 };
 
+List& shared() {
+    static List& list = *new List;  // never destroyed: other threads may ask while the process ends
+    return list;
+}
+
+std::optional<std::string> failed(int errorNumber) {
+    errno = errorNumber;
+    return {};
+}
+
+// What is taken from the front of a path's text: a name, and the slashes behind it. Behind a last name that only a
+// directory may have, one is left that only a directory has.
+std::string takeName(std::string& path) {
+    const std::size_t end = std::min(path.find('/'), path.size());
+    std::string name = path.substr(0, end);
+    const std::size_t next = std::min(path.find_first_not_of('/', end), path.size());
+    path.erase(0, next);
+    if (path.empty() && next > end) path = ".";
+    return name;
+}
+
+// Where a link leads. Those of /proc that lead into other processes' trees are none.
+std::optional<std::string> targetOf(int link) {
+    std::array<char, PATH_MAX> text;  // NOLINT(*-member-init): the kernel fills what is read
+    const ssize_t length = ::readlinkat(link, "", text.data(), text.size());
+    if (length < 0) return {};
+    std::string target{text.data(), static_cast<std::size_t>(length)};
+    struct statfs system {};
+    const bool isMagic = target.starts_with('/') && ::fstatfs(link, &system) == 0 && system.f_type == PROC_SUPER_MAGIC;
+    return isMagic ? failed(ELOOP) : std::optional{std::move(target)};
+}
+
 }  // namespace
 
 bool mayNeverAnswer(const std::string& path) {
-    static List& list = *new List;  // never destroyed: other threads may ask while the process ends
-    return list.mayNeverAnswer(path);
+    return shared().mayNeverAnswer(path);
+}
+
+std::optional<std::string> canonicalPathWhereAnswered(const std::string& path) {
+    constexpr int kMostLinks = 40;  // the kernel's own bounds
+    if (path.find('\0') != std::string::npos) return failed(EINVAL);
+    if (path.size() >= PATH_MAX) return failed(ENAMETOOLONG);
+    if (path.empty()) return failed(ENOENT);
+    const auto open = [](int directory, const std::string& name) {
+        return file::UniqueFd{::openat(directory, name.c_str(), O_PATH | O_NOFOLLOW | O_CLOEXEC)};
+    };
+    file::UniqueFd at = open(AT_FDCWD, path.starts_with('/') ? "/" : ".");
+    int links = 0;
+    for (std::string rest = path; at && !rest.empty();) {
+        const std::string name = takeName(rest);
+        if (name.empty()) continue;
+        file::UniqueFd next = open(at.get(), name);
+        if (!next) return {};
+        // Which mount it is on the kernel knows by itself, and neither that nor opening it so asks the file system.
+        struct statx status {};
+        if (::statx(next.get(), "", AT_EMPTY_PATH | AT_STATX_DONT_SYNC, STATX_TYPE | STATX_MNT_ID, &status) != 0)
+            return {};
+        if ((status.stx_mask & STATX_MNT_ID) == 0 || !shared().answers(status.stx_mnt_id)) return failed(ETIMEDOUT);
+        if (!S_ISLNK(status.stx_mode)) {
+            at = std::move(next);
+            continue;
+        }
+        const auto target = ++links > kMostLinks ? failed(ELOOP) : targetOf(next.get());
+        if (!target) return {};
+        if (target->starts_with('/')) at = open(AT_FDCWD, "/");
+        if (!rest.empty()) rest.insert(0, "/");
+        rest.insert(0, *target);
+        if (rest.size() >= PATH_MAX) return failed(ENAMETOOLONG);
+    }
+    return at ? file::pathOf(at) : std::nullopt;
 }
 
 }  // namespace mounts

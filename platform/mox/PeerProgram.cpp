@@ -8,6 +8,7 @@
 
 #include "platform/entitlements/Entitlements.h"
 #include "platform/file/Beneath.h"
+#include "platform/mounts/Mounts.h"
 #include "platform/mox/Encoder.h"
 #include "platform/queue/Errands.h"
 #include "platform/text/Format.h"
@@ -31,6 +32,13 @@ bool hasOurPids(pid_t pid) {
     return theirs && theirs == identify("/proc/self/ns/pid");
 }
 
+// Threads of their own: whatever clients' paths hold up, who connects is looked at. Never destroyed, since some may be
+// stuck.
+queue::Errands& errands() {
+    static queue::Errands& errands = *new queue::Errands{{.threads = 128, .threadsInAll = 512}};
+    return errands;
+}
+
 // The directory that was opened, and not only one that had the name a moment ago, must be where the peer runs from.
 void readEntitlements(PeerProgram& program, const FileId& executable) {
     const std::string& path = *program.executablePath;
@@ -48,6 +56,7 @@ void readEntitlements(PeerProgram& program, const FileId& executable) {
 void lookAt(pid_t pid, const std::optional<FileId>& executable, PeerProgram& program) {
     const auto path = readLink(text::format("/proc/{}/exe", pid));
     if (!executable || !path || !path->starts_with('/') || !hasOurPids(pid)) return;
+    if (errands().isCrowded() && mounts::canonicalPathWhereAnswered(*path) != path) return;
     if (identify(*path, AT_SYMLINK_NOFOLLOW) != executable) return;
     program.executablePath = path;
     program.bundle = bundle::essentialsOf(*bundle::Bundle::open(*path, bundle::PathKind::executable));
@@ -85,7 +94,7 @@ std::shared_ptr<const PeerProgram> PeerPrograms::find(const PeerIdentity& peer, 
         if (entry.waiting.size() > 1) return {};
     }
     const auto program = std::make_shared<std::unique_ptr<PeerProgram>>(std::make_unique<PeerProgram>());
-    queue::Errands::shared().run(
+    errands().run(
         {peer.pid, peer.startTime}, [key, program] { lookAt(key.process.pid, key.executable, **program); },
         [this, key, program, ledger](queue::Errands::Outcome outcome) {
             if (outcome == queue::Errands::Outcome::refused) return finish(key, {});

@@ -58,6 +58,11 @@ void Errands::run(const Owner& owner, Work work, Finish finish) {
     for (const Errand& errand : refused) errand.finish(Outcome::refused);
 }
 
+bool Errands::isCrowded() const {
+    const std::lock_guard lock{mutex_};
+    return running_.size() > bounds_.atEase;
+}
+
 // Under the lock. Where there are as many as there may be, one is written off for it.
 bool Errands::mayStartThread(List& refused) {
     if (threads_ >= bounds_.threadsInAll) {

@@ -39,6 +39,7 @@ public:
         std::size_t waitingOfOwner = 2048;  // what comes beyond is refused
         unsigned threads = 256;             // but for those written off
         unsigned threadsInAll = 1024;       // with them; where these are stuck who comes next is refused, too
+        unsigned atEase = 64;               // more that run are a crowd
     };
 
     enum class Outcome : std::uint8_t {
@@ -59,6 +60,10 @@ public:
     // thread, also before run() returns or on behalf of another errand. Exactly once. `finish` must not block: it
     // passes on to a queue what is to be done. Nothing may throw.
     void run(const Owner& owner, Work work, Finish finish);
+
+    // Whether so many run that most of them may be stuck. Work that can tell without blocking whether it would block
+    // asks first, and lets be what it would: so no number of owners, living or dead, gets all threads stuck.
+    bool isCrowded() const;
 
 private:
     struct Errand;
@@ -85,7 +90,7 @@ private:
     List::iterator longestOfWorst();
 
     const Bounds bounds_;
-    std::mutex mutex_;  // guards what follows
+    mutable std::mutex mutex_;  // guards what follows
     std::condition_variable admitted_;
     std::condition_variable ended_;
     bool ending_ = false;

@@ -29,44 +29,56 @@ def mount_unanswering(test, at):
 
 
 class UnansweredTest(WorldTest):
-    def slowest(self, client):
+    def slowest(self):
         """All but the slowest one of a hundred requests take at most so many seconds."""
         times = []
         for _ in range(500):
             start = time.monotonic()
-            self.assertEqual(len(client.call({'request': 'match', 'version': 3, 'rules': {}, 'flags': 0})['matches']), 2)
+            self.assertEqual(len(self.client.call({'request': 'match', 'version': 3, 'rules': {}, 'flags': 0})['matches']), 1)
             times.append(time.monotonic() - start)
         return sorted(times)[-len(times) // 100]
 
-    def test_a_hundred_clients_that_name_paths_there_delay_nobody(self):
+    def setUp(self):
+        super().setUp()
         self.world.install('system/PlugIns/a', {})
-        later = self.world.install('system/elsewhere/later', {})
         self.world.start()
-        client = self.world.connect()
-        self.assertEqual(client.call({'request': 'add', 'version': 3, 'paths': [later]}), {})
-        idle = min(self.slowest(client) for _ in range(3))
-        held = self.world / 'held'
-        mount_unanswering(self, held)
+        self.client = self.world.connect()
+        self.held = self.world / 'held'
+        mount_unanswering(self, self.held)
 
+    def ask(self, request, path):
+        return self.client.call({'request': request, 'version': 3, 'paths': [path], 'flags': 2}).get('error')
+
+    def test_a_hundred_clients_that_name_paths_there_delay_nobody(self):
         def name_paths():
             connection = self.world.connect()
             for request in 'lock', 'add', 'remove', 'match':
-                connection.send(3, 1, encode({'request': request, 'version': 3, 'paths': [held + '/x/y'], 'flags': 2}))
+                connection.send(3, 1, encode({'request': request, 'version': 3, 'paths': [self.held + '/x/y'], 'flags': 2}))
             return connection
-        clients = [self.fork(name_paths) for _ in range(100)]
-        self.eventually(lambda: self.slowest(client) < 2 * idle + 0.001, 'the others hold it up')
-        for pid in clients:
-            self.kill(pid)
+        alone, beside = [], []  # by turns: what else the machine does falls on both
+        for _ in range(5):
+            alone.append(self.slowest())
+            clients = [self.fork(name_paths) for _ in range(100)]
+            beside.append(self.slowest())
+            for pid in clients:
+                self.kill(pid)
+        self.assertLess(min(beside), 2 * min(alone) + 0.001, 'the others hold it up')
+        # What they left behind in it has an end, and the ways of others are still gone.
+        self.assertLess(len(os.listdir(f'/proc/{self.world.daemon.pid}/task')), 100)
+        os.symlink(self.held, self.world / 'link')
+        self.assertEqual(self.ask('lock', self.world / 'link/x'), 'invalid path: ' + self.world / 'link/x')
+        os.symlink('PlugIns', self.world / 'system/link')
+        self.assertEqual(self.ask('lock', self.world / 'system/link/../link/a'), None)
 
-        # Nothing there is taken on; what was registered before stays as it was known when its place is taken.
-        def ask(request, path):
-            return client.call({'request': request, 'version': 3, 'paths': [path], 'flags': 2}).get('error')
-        self.assertEqual(ask('add', held), 'unable to register plug-in at ' + held)
+    def test_nothing_there_is_taken_on_and_what_was_known_stays_as_it_was(self):
+        later = self.world.install('system/elsewhere/later', {})
+        self.assertEqual(self.ask('add', later), None)
+        self.assertEqual(self.ask('add', self.held), 'unable to register plug-in at ' + self.held)
         mount_unanswering(self, later)
         os.utime(os.path.dirname(later))  # the registry looks again
-        self.assertEqual(ask('add', later), 'unable to register plug-in at ' + later)
-        self.assertEqual(ask('lock', later), None)
-        self.assertEqual(ask('remove', later), None)
+        self.assertEqual(self.ask('add', later), 'unable to register plug-in at ' + later)
+        self.assertEqual(self.ask('lock', later), None)
+        self.assertEqual(self.ask('remove', later), None)
 
 
 if __name__ == '__main__':

@@ -176,6 +176,7 @@ std::size_t Registrar::registerCanonical(std::span<const Registration> bundles) 
     bool isChanged = false;
     std::size_t done = 0;
     for (const Registration& bundle : bundles) {
+        if (effort::isSpent()) break;
         const Topic topic{Topic::Kind::registered, bundle.path};
         const auto found = [&] {
             const auto finding = findings_.find(topic);

@@ -8,16 +8,10 @@
 
 namespace dravo {
 
-namespace {
-
-constexpr std::uint64_t kUnitsAByte = 2;  // to make values of it
-
-}  // namespace
-
 value::Result<InfoFile> readInfoFile(int bundleDirectory) {
     const auto contents = file::readRegularBeneath(bundleDirectory, bundle::kInfoFile, bundle::kInfoLimit);
     if (!contents) return contents.error();
-    static_cast<void>(effort::take(effort::kFileOpened + contents->bytes.size() * kUnitsAByte));
+    static_cast<void>(effort::take(effort::kFileOpened + effort::ofParsing(contents->bytes.size())));
     const auto root = plist::read(contents->bytes, {.bytes = bundle::kInfoLimit, .values = bundle::kInfoValues});
     if (!root) return root.error();
     const value::Dictionary* const dictionary = (*root).dictionary();
