@@ -18,9 +18,9 @@ inline constexpr bool kChecksInvariants = true;
 
 #define INVARIANT_TEXT_OF(number) #number
 #define INVARIANT_LINE(number) INVARIANT_TEXT_OF(number)
-#define INVARIANT(condition)                                                                                     \
-    do {                                                                                                         \
-        if (::logging::kChecksInvariants && !(condition)) {                                                      \
-            ::logging::internalInconsistency(#condition, __FILE__ ":" INVARIANT_LINE(__LINE__));                 \
-        }                                                                                                        \
+#define INVARIANT(condition)                                                                     \
+    do {                                                                                         \
+        if (::logging::kChecksInvariants && !(condition)) {                                      \
+            ::logging::internalInconsistency(#condition, __FILE__ ":" INVARIANT_LINE(__LINE__)); \
+        }                                                                                        \
     } while (false)
