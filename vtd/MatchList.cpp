@@ -17,7 +17,7 @@ bool winsTie(const VTForm& candidate, const VTForm& listed) {
 
 }  // namespace
 
-bool MatchList::admits(const VTForm& candidate) {
+bool MatchList::makeWayFor(const VTForm& candidate) {
     const bool everyVersion = (flags_ & VTDiscoverEveryVersion) != 0;
     if (everyVersion && (flags_ & VTDiscoverEveryCopy) != 0) return true;
     const auto copies = copies_.find(candidate.identifier());

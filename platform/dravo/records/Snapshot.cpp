@@ -9,6 +9,15 @@
 #include "platform/text/NumericCompare.h"
 #include "platform/text/NumericKey.h"
 
+// How it works. A plug-in is its number, its place in the list by path and identifier: every index holds numbers, so
+// that what two of them find is combined by comparing numbers, and ascends in the order in which plug-ins are listed.
+// Texts are not indexed but their hashes (HashIndex), so that ten thousand plug-ins cost a few hundred KiB; whoever
+// finds one compares the text. Names of extension points are few and shared by many, and so have a list of numbers
+// each.
+//
+// Two snapshots differ where their records are not the very same objects: the scanner hands out the former record of
+// what has not changed. So a difference is one walk along both lists, and content is compared only of what was read
+// anew.
 namespace dravo {
 
 namespace {

@@ -422,17 +422,17 @@ void Registrar::lookAtEntry(const Root& root, const std::string& name) {
     const Topic topic{Topic::Kind::entry, root.path + "/" + name};
     if (passesBy(topic)) return;
     Watcher::Look look{watcher_.get(), topic};
-    record(topic, scanner_.entry(root, name, look));
+    noteFinding(topic, scanner_.entry(root, name, look));
 }
 
 void Registrar::lookAtRegistered(const std::string& path) {
     const Topic topic{Topic::Kind::registered, path};
     if (passesBy(topic)) return;
     Watcher::Look look{watcher_.get(), topic};
-    record(topic, scanner_.registered(path, look));
+    noteFinding(topic, scanner_.registered(path, look));
 }
 
-void Registrar::record(const Topic& topic, Finding finding) {
+void Registrar::noteFinding(const Topic& topic, Finding finding) {
     if (scanner_.uncertain()) {
         retryLater();
         addWhatIsKnown(topic, finding);

@@ -76,7 +76,7 @@ private:
     void lookAt(const Topic& topic);
     void lookAtEntry(const Root& root, const std::string& name);
     void lookAtRegistered(const std::string& path);
-    void record(const Topic& topic, Finding finding);
+    void noteFinding(const Topic& topic, Finding finding);
     bool passesBy(const Topic& topic);
     void addWhatIsKnown(const Topic& topic, Finding& finding);
     void retryLater();

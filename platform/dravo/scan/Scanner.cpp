@@ -361,7 +361,7 @@ void Scanner::bundle(int parent, const std::string& name, const struct stat& dir
         const bool samePlace =
             known->application() == place.application && known->onSystemVolume() == place.onSystemVolume;
         const bool isSame = samePlace && sdks_.areNotedIn(known->facts().plugIns);
-        finding.bundles.push_back(isSame ? known : record(std::move(place), known->facts()));
+        finding.bundles.push_back(isSame ? known : bundleRecord(std::move(place), known->facts()));
         return;
     }
     const file::UniqueFd opened{::openat(parent, name.c_str(), kDirectory)};
@@ -379,7 +379,7 @@ void Scanner::bundle(int parent, const std::string& name, const struct stat& dir
         stamps->directory = kUntrusted;
     }
     auto facts = read(opened.get(), place.path, *stamps, *identity, known ? &known->facts() : nullptr);
-    if (!uncertain_) finding.bundles.push_back(record(std::move(place), std::move(facts)));
+    if (!uncertain_) finding.bundles.push_back(bundleRecord(std::move(place), std::move(facts)));
 }
 
 BundleFacts Scanner::read(int directory, const std::string& path, const BundleStamps& stamps,
@@ -422,7 +422,7 @@ BundleFacts Scanner::read(int directory, const std::string& path, const BundleSt
     return facts;
 }
 
-std::shared_ptr<const BundleRecord> Scanner::record(BundlePlace place, BundleFacts facts) {
+std::shared_ptr<const BundleRecord> Scanner::bundleRecord(BundlePlace place, BundleFacts facts) {
     sdks_.note(facts.plugIns);
     return std::make_shared<const BundleRecord>(std::move(place), std::move(facts), surroundings_);
 }

@@ -111,7 +111,7 @@ private:
     void bundle(int parent, const std::string& name, const struct stat& directory, BundlePlace place, Finding& finding);
     BundleFacts read(int directory, const std::string& path, const BundleStamps& stamps, const file::Identity& identity,
                      const BundleFacts* known);
-    std::shared_ptr<const BundleRecord> record(BundlePlace place, BundleFacts facts);
+    std::shared_ptr<const BundleRecord> bundleRecord(BundlePlace place, BundleFacts facts);
     void trouble(const std::string& path, int errorNumber);
     bool passesBy(const std::string& path, const value::Error& error);
     void complain(const std::string& path, const std::string& why);
