@@ -112,6 +112,7 @@ Known knownOf(model::Chance& chance) {
 TEST_F(RandomWorld, DiscoveryLetsThroughWhatItShould) {
     std::vector<Known> all;
     std::size_t found = 0;
+    int costly = 0;
     for (int round = 0; round < 10'000; ++round) {
         if (round % 250 == 0) {
             all.clear();
@@ -163,7 +164,15 @@ TEST_F(RandomWorld, DiscoveryLetsThroughWhatItShould) {
         effort::Account account;
         Discovery discovery{std::move(query), [](auto&, auto&) {}, account};
         ASSERT_TRUE(discovery.isAffordable(candidates.size()));
-        for (const Known* const known : candidates) static_cast<void>(discovery.visit(*known->plugIn));
+        bool isCostly = false;  // the rules of chance may ask more of a candidate than its share
+        for (const Known* const known : candidates) {
+            const auto refusal = discovery.visit(*known->plugIn);
+            isCostly = isCostly || (refusal && refusal->gate == Discovery::kEffortGate);
+        }
+        if (isCostly) {
+            ASSERT_LT(++costly, 50) << "worlds";
+            continue;
+        }
         const Texts matches = model::asTexts(std::move(discovery).finish());
         ASSERT_EQ(matches, model::resolvePlainly(through, flags)) << "world " << round << ", flags " << flags;
         found += matches.size();
