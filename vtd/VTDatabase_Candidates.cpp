@@ -129,12 +129,15 @@ std::optional<VTDatabase::PlugIns> VTDatabase::findPlugIns(const rules::Rules& r
     for (std::size_t i = begin; i < proxies->size(); ++i) {
         const auto& proxy = (*proxies)[i];
         if (!proxy->bundlePath() || isStillInstalling(*proxy)) continue;
-        if (!mayMake && !VTDPlugIn::initWithImage(proxy)) {
+        const auto earlier = search.made.find(proxy.get());
+        const bool isMade = earlier != search.made.end();
+        if (!mayMake && !isMade && !VTDPlugIn::initWithImage(proxy)) {
             ++leftOut;
             continue;
         }
         const std::uint64_t before = made_;
-        auto plugIn = plugInForProxy(proxy, bundleInfo);
+        auto plugIn = isMade ? earlier->second : plugInForProxy(proxy, bundleInfo);
+        if (made_ != before && plugIn) search.made.emplace(proxy.get(), plugIn);
         if (plugIn && seen.add(plugIn->uuid())) candidates.push_back(std::move(plugIn));
         if (made_ == before || Clock::now() < deadline) continue;
         if (search.passes < kMostPasses) {
