@@ -5,6 +5,7 @@
 #include "Velto/VTProtocol.h"
 #include "Velto/VTVersionComparison.h"
 #include "platform/effort/Effort.h"
+#include "platform/logging/Invariant.h"
 
 namespace {
 
@@ -50,6 +51,8 @@ const VTForm* MatchList::standingFor(const VTForm& appended) const {
 }
 
 void MatchList::remove(Position position) {
+    INVARIANT(!removed_[position]);
+    INVARIANT(encodedBytes_ >= forms_[position].encodedSizeHint());
     removed_[position] = true;
     encodedBytes_ -= forms_[position].encodedSizeHint();
     anyRemoved_ = true;
@@ -62,6 +65,7 @@ void MatchList::append(VTForm form, const Admission& admission, const value::Val
         if ((flags_ & VTDiscoverEveryVersion) == 0) copies_.erase(copies_.find(form.identifier()));
     }
     const Position position = forms_.size();
+    INVARIANT(removed_.size() == position && nextCopy_.size() == position);
     encodedBytes_ += form.encodedSizeHint();
     forms_.push_back(std::move(form));
     removed_.push_back(false);

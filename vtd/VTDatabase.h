@@ -82,8 +82,11 @@ public:
     // changes faster than it can be read is left out in the end.
     struct Search {
         bool isOver = false;
-        std::size_t next = 0;                     // candidate whose record may have to be made
-        unsigned passes = 0;                      // over all of them, so far
+        std::size_t next = 0;  // candidate whose record may have to be made
+        unsigned passes = 0;   // over all of them, so far
+        // So far, by the registry's record that each is of and keeps alive: what nobody else keeps, because the disk is
+        // full or the cache small, is not made again in the next turn.
+        std::unordered_map<const dravo::DVVeltoProxy*, std::shared_ptr<VTDPlugIn>> made;
         std::vector<LeftOut>* leftOut = nullptr;  // where to say what no candidate comes of; null: nowhere
     };
     std::optional<PlugIns> findPlugIns(const rules::Rules& rules, Search& search);

@@ -137,14 +137,17 @@ std::optional<VTDatabase::PlugIns> VTDatabase::findPlugIns(const rules::Rules& r
             leaveOut(proxy, LeftOut::Why::installing);
             continue;
         }
-        if (!mayMake && !VTDPlugIn::initWithImage(proxy)) {
+        const auto earlier = search.made.find(proxy.get());
+        const bool isMade = earlier != search.made.end();
+        if (!mayMake && !isMade && !VTDPlugIn::initWithImage(proxy)) {
             ++changing;
             leaveOut(proxy, LeftOut::Why::changing);
             continue;
         }
         const std::uint64_t before = made_;
-        auto plugIn = plugInForProxy(proxy, bundleInfo);
+        auto plugIn = isMade ? earlier->second : plugInForProxy(proxy, bundleInfo);
         if (!plugIn && search.leftOut != nullptr) search.leftOut->push_back(refusalOf(proxy));
+        if (made_ != before && plugIn) search.made.emplace(proxy.get(), plugIn);
         if (plugIn && seen.add(plugIn->uuid())) candidates.push_back(std::move(plugIn));
         if (made_ == before || Clock::now() < deadline) continue;
         if (search.passes < kMostPasses) {

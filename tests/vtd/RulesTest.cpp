@@ -149,6 +149,7 @@ void expectExplained(const Value& explanations, const std::vector<GateAnswers>& 
 TEST_F(RandomWorld, DiscoveryLetsThroughWhatItShould) {
     std::vector<Known> all;
     std::size_t found = 0;
+    int costly = 0;
     for (int round = 0; round < 10'000; ++round) {
         if (round % 250 == 0) {
             all.clear();
@@ -210,6 +211,12 @@ TEST_F(RandomWorld, DiscoveryLetsThroughWhatItShould) {
         ASSERT_TRUE(discovery.isAffordable(candidates.size()));
         std::vector<std::optional<Discovery::Refusal>> refusals;
         for (const Known* const known : candidates) refusals.push_back(discovery.visit(*known->plugIn));
+        // The rules of chance may ask more of a candidate than its share.
+        const auto isCostly = [](const auto& refusal) { return refusal && refusal->gate == nullptr; };
+        if (std::any_of(refusals.begin(), refusals.end(), isCostly)) {
+            ASSERT_LT(++costly, 50) << "worlds";
+            continue;
+        }
         const Host host{std::make_shared<mox::PeerIdentity>()};
         explain::Explanation explanation{discovery, {host, {}, {}, true}, [](auto) { return true; }};
         for (std::size_t i = 0; i < candidates.size(); ++i) explanation.add(*candidates[i]->plugIn, refusals[i]);

@@ -70,6 +70,15 @@ class ImagesTest(WorldTest):
             form['extensions'] = set(form.get('extensions', {}))
         return forms
 
+    def test_all_are_found_where_nothing_can_be_kept(self):
+        os.makedirs(self.world / IMAGES)
+        keys = {f'key{number}': number for number in range(3000)}
+        for number in range(300):  # which take longer than one turn
+            self.world.install(f'system/PlugIns/p{number}', {'KXExtensionAttributes': keys})
+        self.world.start()
+        for _ in range(2):
+            self.assertEqual(len(self.world.client().found()), 300)
+
     def test_what_is_found_is_what_is_there_however_it_changed_meanwhile(self):
         for name, change in CHANGES.items():
             with self.subTest(name):
