@@ -27,6 +27,7 @@ struct Discovery::Visit {
     std::size_t& leftOut;
     const std::uint64_t shareForTokens;
     std::optional<VTForm> form;  // once the candidate has been exported
+    std::optional<value::Value> replacePlugIn;
     bool sharesTooMuch = false;
 
     bool asksFor(std::uint64_t flag) const { return (query.flags & flag) != 0; }
@@ -109,6 +110,8 @@ struct Discovery::Gates {
         }
         // Judged before the next gate, which makes older copies go.
         visit.sharesTooMuch = visit.candidate.priceOfTokens() > visit.shareForTokens;
+        visit.replacePlugIn = visit.candidate.valueForEntitlement(kReplacePlugInEntitlement);
+        static_cast<void>(effort::take(MatchList::priceOf(visit.replacePlugIn)));
         if (visit.form) return {};
         return Reason{"has no form", error ? error->localizedDescription() : std::string{}};
     }
@@ -152,7 +155,7 @@ std::optional<Discovery::Refusal> Discovery::visit(const VTDPlugIn& candidate) {
     const auto tooMuch = [] { return Refusal{kEffortGate, "needs more effort than one may", {}}; };
     effort::Account own{account_, effort::kShare + priceOfRules_ + exclusions};
     const effort::Charging charging{own};
-    Visit visit{candidate, query_, matches_, complaints_, leftOut_, shareForTokens_, {}};
+    Visit visit{candidate, query_, matches_, complaints_, leftOut_, shareForTokens_, {}, {}};
     for (const Gate& gate : Gates::kInOrder) {
         if (gate.scope == Gate::Scope::unlessAll && visit.asksFor(VTDiscoverAll)) continue;
         auto reason = gate.examine(visit);
@@ -167,8 +170,7 @@ std::optional<Discovery::Refusal> Discovery::visit(const VTDPlugIn& candidate) {
         const effort::Charging toTokens{tokens};
         candidate.augmentForm(*visit.form);
     }
-    const auto replacePlugIn = candidate.valueForEntitlement(kReplacePlugInEntitlement);
-    matches_.append(*std::move(visit.form), replacePlugIn ? &*replacePlugIn : nullptr);
+    matches_.append(*std::move(visit.form), std::move(visit.replacePlugIn));
     return {};
 }
 

@@ -2,7 +2,7 @@
 
 #include <cstddef>
 #include <cstdint>
-#include <string>
+#include <optional>
 #include <string_view>
 #include <unordered_map>
 #include <vector>
@@ -25,9 +25,13 @@ public:
     // is charged; once that is spent, no.
     bool admits(const VTForm& candidate);
 
+    // What a plug-in's entitlement to replace others costs, in units of effort. It follows from what the plug-in says,
+    // and not from who asks.
+    static std::uint64_t priceOf(const std::optional<value::Value>& replacePlugIn);
+
     // Adds an admitted form at the end. The entitlement, if any, names what the plug-in replaces: a text or a list of
-    // texts, which the registry has bounded; of several plug-ins that claim one identifier the last counts.
-    void append(VTForm form, const value::Value* replacePlugIn);
+    // texts; of several plug-ins that claim one identifier the last counts.
+    void append(VTForm form, std::optional<value::Value> replacePlugIn);
 
     // Of the forms that are in the list, as VTForm::encodedSizeHint() has it.
     std::size_t encodedBytes() const { return encodedBytes_; }
@@ -44,6 +48,13 @@ private:
     struct Copies {
         Position first;
         Position last;
+        Position overrider = kNone;  // while the list is finished
+    };
+
+    // What a form says that it replaces: names that are mostly of no match, and are looked up among the matches only.
+    struct Claim {
+        Position by;
+        value::Value names;
     };
 
     void remove(Position position);
@@ -55,6 +66,6 @@ private:
     std::vector<Position> nextCopy_;  // by position
     std::size_t encodedBytes_ = 0;
     bool anyRemoved_ = false;
-    std::unordered_map<std::string_view, Copies> copies_;   // by identifier, whose text a form's base owns
-    std::unordered_map<std::string, Position> overriders_;  // by the identifier that is replaced
+    std::unordered_map<std::string_view, Copies> copies_;  // by identifier, whose text a form's base owns
+    std::vector<Claim> claims_;                            // in the order of the list
 };
