@@ -27,8 +27,10 @@ public:
     // The bundle that contains the executable; when it sits in none, whatever is found at the path as a directory.
     static std::shared_ptr<VTBundle> initWithExecutablePath(const std::string& path);
 
-    static std::shared_ptr<VTBundle> initWithMoxBundle(std::shared_ptr<const bundle::Bundle> bundle);  // never null
+    static std::shared_ptr<VTBundle> initWithMoxBundle(std::shared_ptr<const bundle::Bundle> bundle);
 
+    // Shares the bundle, which must not be null here nor in setBundle(): where there is none at a path, the platform's
+    // reader answers one without properties. The initialisers above never answer null.
     explicit VTBundle(std::shared_ptr<const bundle::Bundle> bundle);
     VTBundle(const VTBundle&) = delete;
     VTBundle& operator=(const VTBundle&) = delete;

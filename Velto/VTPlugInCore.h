@@ -136,6 +136,9 @@ public:
         return isOwn(kIdentifier) ? stored().identifier.load() : std::string{image_->identifier()};
     }
     void setIdentifier(std::string value) { change(kIdentifier, &Stored::identifier, std::move(value)); }
+    // Under which the registry first knew the plug-in: its bundle's own identifier where that has one. It differs from
+    // `identifier` in a multiplexed bundle, whose plug-ins have their own. Set by whoever builds the record, after the
+    // setup; empty until then.
     std::string originalIdentifier() const {
         return isOwn(kOriginalIdentifier) ? stored().originalIdentifier.load()
                                           : std::string{image_->originalIdentifier()};
@@ -145,13 +148,13 @@ public:
     }
     std::string url() const { return isOwn(kUrl) ? stored().url.load() : std::string{image_->path()}; }
     void setUrl(std::string value) { change(kUrl, &Stored::url, std::move(value)); }
-    std::optional<std::string> containingUrl() const;
+    std::optional<std::string> containingUrl() const;  // of the application around it; nothing when it lies in none
     void setContainingUrl(std::optional<std::string> value) {
         change(kContainingUrl, &Stored::containingUrl, std::move(value));
     }
     value::Dictionary bundleInfoDictionary() const;
     void setBundleInfoDictionary(value::Dictionary value);
-    std::uint32_t hubProtocolVersion() const {
+    std::uint32_t hubProtocolVersion() const {  // of the plug-in protocol: 1 or 2 in the daemon, from a form any
         return isOwn(kHubProtocolVersion) ? stored().hubProtocolVersion.load() : image_->hubProtocolVersion();
     }
     void setHubProtocolVersion(std::uint32_t value) { change(kHubProtocolVersion, &Stored::hubProtocolVersion, value); }
@@ -174,34 +177,39 @@ public:
     }
     std::optional<value::Dictionary> annotations() const { return stored().annotations.load(); }
     void setAnnotations(std::optional<value::Dictionary> value) { changeable().annotations.store(std::move(value)); }
-    std::int32_t lastModified() const {
+    std::int32_t lastModified() const {  // when it was registered: seconds since 1970, UTC
         return isOwn(kLastModified) ? stored().lastModified.load() : image_->lastModified();
     }
     void setLastModified(std::int32_t value) { change(kLastModified, &Stored::lastModified, value); }
     value::Uuid uuid() const;  // a programming error before the setup
     void setUuid(value::Uuid value) { change(kUuid, &Stored::uuid, std::optional{value}); }
+    // The hash of the plug-in's code and what its signature demands: only ever from a form, never worked out here.
     std::optional<value::Data> cdhash() const { return stored().cdhash.load(); }
     void setCdhash(std::optional<value::Data> value) { changeable().cdhash.store(std::move(value)); }
     std::string requirement() const { return stored().requirement.load(); }
     void setRequirement(std::string value) { changeable().requirement.store(std::move(value)); }
 
-    // --- Derived properties, worked out on every call
+    // --- Derived properties, worked out on every call from what is set at that moment
+    //
+    // Where an entry is named it is the plug-in dictionary's, unless said otherwise.
 
     std::string path() const;  // the url without slashes at its end
     std::string containingPath() const { return containingUrl().value_or(std::string{}); }
-    value::Dictionary attributes() const;
-    std::string version() const;  // that of the attributes; a number as its text
-    std::string protocolSpec() const;
-    std::optional<value::Value> sdkSpec() const;  // of any kind
-    std::string embeddedCodePath() const { return {}; }
-    std::string embeddedProtocolSpec() const;
-    bool isAppExtension() const;
-    bool isMultiplexed() const;
-    bool isHybrid() const;
-    bool isDedicated() const;
-    bool isData() const;
-    value::Date timestamp() const;
-    bool oldStyle() const;  // a record without either style of description is a programming error
+    value::Dictionary attributes() const;                // "KXExtensionAttributes"; empty when not there
+    std::string version() const;                         // that of the attributes; a number as its text
+    std::string protocolSpec() const;                    // "KXExtensionProtocol": what it speaks with its host
+    std::optional<value::Value> sdkSpec() const;         // "KXExtensionPointIdentifier": names its SDK; of any kind
+    std::string embeddedCodePath() const { return {}; }  // code for the host's own process: never any here
+    std::string embeddedProtocolSpec() const;  // "EmbeddedProtocol", which such code speaks, else protocolSpec()
+    bool isAppExtension() const;               // its path ends in ".appex", in lower case
+    bool isMultiplexed() const;  // several plug-ins in one bundle: the top dictionary has "Multiple", of whatever kind
+    bool isHybrid() const;       // it has "EmbeddedCode", of whatever kind; diagnose() refuses such
+    bool isDedicated() const;    // "Dedicated": only the application around it finds it
+    bool isData() const;         // its protocol is "#Data": it is never started
+    value::Date timestamp() const;  // lastModified() as a point in time
+    // Described under "Velto" and not under "KXExtension". A record with neither is a programming error; one that a
+    // setup has accepted has the latter.
+    bool oldStyle() const;
 
     // What the plug-in dictionary has under the key. What is no container costs next to nothing.
     std::optional<value::Value> plugInValue(std::string_view key) const;

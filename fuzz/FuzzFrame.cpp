@@ -1,7 +1,7 @@
 #include <vector>
 
 #include "fuzz/Fuzz.h"
-#include "platform/mox/FrameReader.h"
+#include "platform/mox/transport/FrameReader.h"
 
 namespace {
 

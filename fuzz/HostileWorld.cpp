@@ -5,7 +5,7 @@
 #include <thread>
 
 #include "platform/bundle/Bundle.h"
-#include "platform/dravo/Bounds.h"
+#include "platform/dravo/scan/Bounds.h"
 #include "platform/logging/Log.h"
 #include "tests/vtd/World.h"
 #include "vtd/VTDAnnotationStore.h"
@@ -169,9 +169,12 @@ HostileWorld::HostileWorld(Size size) : isCrowded{size == Size::crowded} {
     installMany();
     server_ = World::get().serve(kService);
     server_->setCacheLimit(1'000);
-    for (const auto& plugIn : server_->findPlugIns({}).value_or(VTDatabase::PlugIns{})) {
-        plugIns.push_back(plugIn->uuid());
-        if (paths.size() < 20) paths.push_back(plugIn->path());
+    for (VTDatabase::Search search; !search.isOver;) {
+        const auto found = server_->findPlugIns({}, search).value_or(VTDatabase::PlugIns{});
+        for (const auto& plugIn : found) {
+            plugIns.push_back(plugIn->uuid());
+            if (paths.size() < 20) paths.push_back(plugIn->path());
+        }
     }
     const std::size_t expected = isCrowded ? 420 : 20;  // fewer: they are refused, and nothing is tried
     if (plugIns.size() < expected) throw std::runtime_error{std::to_string(plugIns.size()) + " plug-ins are too few"};

@@ -117,7 +117,7 @@ struct Discovery::Gates {
     }
 
     static Verdict duplicates(Visit& visit) {
-        if (visit.matches.admits(*visit.form)) return {};
+        if (visit.matches.makeWayFor(*visit.form)) return {};
         return Reason{"is superseded by another copy"};
     }
 

@@ -7,6 +7,7 @@
 #include "Velto/VTProtocol.h"
 #include "Velto/VTVersionComparison.h"
 #include "platform/effort/Effort.h"
+#include "platform/logging/Invariant.h"
 
 namespace {
 
@@ -20,7 +21,7 @@ constexpr std::uint64_t kUnitsAName = 8;  // to look one up: it lies in memory t
 
 }  // namespace
 
-bool MatchList::admits(const VTForm& candidate) {
+bool MatchList::makeWayFor(const VTForm& candidate) {
     const bool everyVersion = (flags_ & VTDiscoverEveryVersion) != 0;
     if (everyVersion && (flags_ & VTDiscoverEveryCopy) != 0) return true;
     const auto copies = copies_.find(candidate.identifier());
@@ -45,6 +46,8 @@ bool MatchList::admits(const VTForm& candidate) {
 }
 
 void MatchList::remove(Position position) {
+    INVARIANT(!removed_[position]);
+    INVARIANT(encodedBytes_ >= forms_[position].encodedSizeHint());
     removed_[position] = true;
     encodedBytes_ -= forms_[position].encodedSizeHint();
     anyRemoved_ = true;
@@ -57,6 +60,7 @@ std::uint64_t MatchList::priceOf(const std::optional<value::Value>& replacePlugI
 
 void MatchList::append(VTForm form, std::optional<value::Value> replacePlugIn) {
     const Position position = forms_.size();
+    INVARIANT(removed_.size() == position && nextCopy_.size() == position);
     encodedBytes_ += form.encodedSizeHint();
     forms_.push_back(std::move(form));
     removed_.push_back(false);

@@ -19,11 +19,11 @@ class MatchList {
 public:
     explicit MatchList(std::uint64_t flags) : flags_{flags} {}
 
-    // Whether the candidate goes into the list beside, or instead of, the copies of it that are there; those it is to
-    // stand in for are removed. Without VTDiscoverEveryVersion the newest copy stays, and among copies of one version:
-    // the candidate, when it lives on the system volume and the other does not, or else was registered later. Comparing
-    // is charged; once that is spent, no.
-    bool admits(const VTForm& candidate);
+    // Removes the copies that the candidate is to stand in for, and answers whether it goes into the list at all:
+    // beside those that are left, or instead of them. Without VTDiscoverEveryVersion the newest copy stays, and among
+    // copies of one version: the candidate, when it lives on the system volume and the other does not, or else was
+    // registered later. Comparing is charged; once that is spent, no.
+    [[nodiscard]] bool makeWayFor(const VTForm& candidate);
 
     // What a plug-in's entitlement to replace others costs, in units of effort. It follows from what the plug-in says,
     // and not from who asks.

@@ -74,10 +74,17 @@ void Transaction::dispatch() {
     if (!name) {
         fail(VTErrorRequest, "invalid request format (missing type)");
     } else if (const Handler* const handler = handlerNamed(*name)) {
+        handler_ = handler;
         (this->*handler->run)();
     } else {
         fail(VTErrorRequest, "unrecognized request");
     }
+}
+
+void Transaction::goOn() {
+    isToGoOn_ = false;
+    const effort::Charging charging{account_};
+    if (client_->acceptWork()) (this->*handler_->run)();
 }
 
 bool Transaction::marshalPaths(const PathHandler& handler, const Settlement& settle) {

@@ -11,6 +11,7 @@
 #include "platform/mox/Connection.h"
 #include "platform/value/Value.h"
 #include "vtd/VTDAnnotationRound.h"
+#include "vtd/VTDatabase.h"
 
 class RequestPaths;
 class VTDMoxClient;
@@ -48,6 +49,10 @@ public:
     Transaction& operator=(const Transaction&) = delete;
 
     void dispatch();
+
+    // What the handler has begun it goes on with, in its client's next turn: it has not replied yet.
+    bool isToGoOn() const { return isToGoOn_; }
+    void goOn();
 
     // What is done with all the paths that went before, when there are no more of them or the next is malformed.
     // Answers whether that went well; else it has already replied.
@@ -116,4 +121,7 @@ private:
     effort::Account own_;
     effort::Account& account_;  // that of the paths, where they have begun one
     VTAtomic<std::uint64_t> version_;
+    const Handler* handler_ = nullptr;  // once it has begun
+    bool isToGoOn_ = false;
+    VTDatabase::Search search_;  // for candidates
 };

@@ -6,6 +6,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <numeric>
 #include <string_view>
 #include <utility>
 
@@ -13,6 +14,7 @@
 #include "Velto/VTProtocol.h"
 #include "platform/effort/Effort.h"
 #include "platform/file/File.h"
+#include "platform/logging/Invariant.h"
 #include "platform/logging/Log.h"
 #include "platform/paths/Paths.h"
 #include "platform/plist/Plist.h"
@@ -221,6 +223,8 @@ std::optional<value::Error> VTDAnnotationStore::saveDb() {
 }
 
 std::optional<value::Error> VTDAnnotationStore::writeFile() const {
+    INVARIANT(size_ == std::accumulate(table_.begin(), table_.end(), std::size_t{0},
+                                       [](std::size_t sum, const auto& entry) { return sum + entry.second.size(); }));
     static_cast<void>(effort::take(kSaveEffort + effort::ofBytes(size_)));
     // The text of an empty table, and where in it the records belong.
     constexpr std::string_view kNoRecords = "\t<dict/>\n";
@@ -378,6 +382,7 @@ VTDAnnotationStore::Record VTDAnnotationStore::recordOf(const std::string& annot
 
 void VTDAnnotationStore::replace(const std::string& annotationKey, std::optional<Record> record) {
     const auto found = table_.find(annotationKey);
+    INVARIANT(found == table_.end() || size_ >= found->second.size());
     if (found != table_.end()) size_ -= found->second.size();
     if (record) size_ += record->size();
     const std::lock_guard lock{mutex_};

@@ -135,9 +135,10 @@ void VTDMoxClient::handleRequest(const mox::Request& request) {
     const bool isReady = !paths || paths->resolveAtHand();
     // The transaction is made where it runs: until then the request and the client are all there is to it.
     auto work = [request, paths, client = shared_from_this()]() mutable {
-        Transaction transaction{std::move(request), std::move(client), std::move(paths)};
-        transaction.client()->countRequest();
-        transaction.dispatch();
+        const auto transaction = std::make_shared<Transaction>(std::move(request), std::move(client), std::move(paths));
+        transaction->client()->countRequest();
+        transaction->dispatch();
+        transaction->client()->goOnWith(transaction);
     };
     if (isReady) return lane_.async(std::move(work));
 
@@ -156,6 +157,14 @@ void VTDMoxClient::handleRequest(const mox::Request& request) {
             paths->setOutcome(isDone ? RequestPaths::Outcome::done : RequestPaths::Outcome::refused);
             if (const auto client = weak.lock()) client->lane_.ready(ticket);
         });
+}
+
+void VTDMoxClient::goOnWith(const std::shared_ptr<Transaction>& begun) {
+    if (!begun->isToGoOn()) return;
+    lane_.asyncNext([this, begun] {  // which keeps this
+        begun->goOn();
+        goOnWith(begun);
+    });
 }
 
 queue::Owner VTDMoxClient::owner() const {

@@ -17,6 +17,7 @@
 #include "platform/value/Value.h"
 #include "vtd/rules/Rules.h"
 
+class Transaction;
 class VTDServer;
 
 // One peer process connected to the daemon's service: knows who it is, makes a transaction of each request and queues
@@ -76,6 +77,7 @@ private:
     void handleOther(const mox::Object& object);
     void countRequest();
     queue::Owner owner() const;
+    void goOnWith(const std::shared_ptr<Transaction>& begun);
 
     const std::weak_ptr<mox::Connection> connection_;
     const pid_t pid_;

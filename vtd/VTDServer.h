@@ -114,6 +114,7 @@ private:
 
     struct Release;
     void releasePart(std::shared_ptr<Release> release);
+    void sayReleased(std::vector<VTDHoldTable::Hold> holds);
 
     const std::string name_;  // of the service
     const std::shared_ptr<queue::SerialQueue> moxQueue_;

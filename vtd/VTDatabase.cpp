@@ -171,6 +171,7 @@ std::shared_ptr<VTDPlugIn> VTDatabase::createPlugInForProxy(const std::shared_pt
 
 std::shared_ptr<VTDPlugIn> VTDatabase::buildPlugIn(const std::shared_ptr<const dravo::DVVeltoProxy>& proxy,
                                                    BundleInfo& bundleInfo, logging::Transcript::Writing writing) {
+    ++made_;
     logging::Transcript transcript{writing};
     VTDPlugIn::Refusal refusal{};
     auto plugIn = VTDPlugIn::initWithDVData(proxy, bundleInfo, refusal);

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <atomic>
 #include <cstddef>
 #include <cstdint>
 #include <memory>
@@ -67,7 +68,16 @@ public:
     // that name identifiers, extension points and elections literally; leaves out what the rules accept only where the
     // election filter is narrower than they are (it compares the low byte, as text). Nothing when the registry has no
     // list.
-    std::optional<PlugIns> findPlugIns(const rules::Rules& rules);
+    //
+    // How long it takes to make records of files is up to who wrote these: where there are many to make, it is done in
+    // several turns. As long as the search is not over nothing is answered, and it is to be asked again, later. What
+    // changes faster than it can be read is left out in the end.
+    struct Search {
+        bool isOver = false;
+        std::size_t next = 0;  // candidate whose record may have to be made
+        unsigned passes = 0;   // over all of them, so far
+    };
+    std::optional<PlugIns> findPlugIns(const rules::Rules& rules, Search& search);
 
     // Whether the record is of what is installed now: its directory is still that directory, and the registry has
     // neither announced that the plug-in goes nor made another record since. For whoever acts on a record; what cannot
@@ -167,7 +177,8 @@ private:
     // On _sync.
     Cache cache_;
     RecordNotes notes_;
-    bool leavesElectionsOut_ = false;  // the last automatic election was refused
+    std::atomic<std::uint64_t> made_ = 0;  // records, of files
+    bool leavesElectionsOut_ = false;      // the last automatic election was refused
     // Announced as going but still known to the registry: a record built of one now is not kept, since nobody would
     // announce again that it is stale.
     std::unordered_map<value::Uuid, std::weak_ptr<const dravo::DVVeltoProxy>> departing_;

@@ -1,6 +1,7 @@
 #include <bit>
 #include <bitset>
 #include <charconv>
+#include <chrono>
 #include <functional>
 #include <string>
 #include <system_error>
@@ -8,6 +9,7 @@
 #include <vector>
 
 #include "platform/logging/Log.h"
+#include "platform/text/Format.h"
 #include "vtd/BundleInfo.h"
 #include "vtd/VTDAnnotationStore.h"
 #include "vtd/VTDPlugIn.h"
@@ -18,6 +20,12 @@
 // record is built.
 
 namespace {
+
+using Clock = std::chrono::steady_clock;
+
+// How long records are made in one turn, and how often all are gone through for it.
+constexpr std::chrono::milliseconds kTurn{10};
+constexpr unsigned kMostPasses = 3;
 
 // The low bytes of the elections that a list of texts admits.
 std::bitset<256> bytesIn(const std::vector<std::string>& elections) {
@@ -83,7 +91,7 @@ private:
 
 }  // namespace
 
-std::optional<VTDatabase::PlugIns> VTDatabase::findPlugIns(const rules::Rules& rules) {
+std::optional<VTDatabase::PlugIns> VTDatabase::findPlugIns(const rules::Rules& rules, Search& search) {
     const auto electionTexts = rules.writtenTexts(rules::kElectionAttribute);
     const auto elections = electionTexts ? std::optional{bytesIn(*electionTexts)} : std::nullopt;
     const auto identifiers = rules.plainTexts(rules::kIdentifierAttribute);
@@ -106,17 +114,39 @@ std::optional<VTDatabase::PlugIns> VTDatabase::findPlugIns(const rules::Rules& r
         proxies = registry->plugins(identifiers, extensionPoints, std::nullopt, passesElection);
     }
     if (!proxies) proxies = registry->installedPlugins();
+    search.isOver = !proxies;
     if (!proxies) return {};
 
+    const std::size_t begin = std::exchange(search.next, 0);
+    const auto deadline = Clock::now() + kTurn;
+    bool mayMake = true;
+    std::size_t leftOut = 0;
     PlugIns candidates;
     candidates.reserve(proxies->size());
     UuidSet seen{proxies->size()};
     Installing isStillInstalling;
     BundleInfo bundleInfo;
-    for (const auto& proxy : *proxies) {
+    for (std::size_t i = begin; i < proxies->size(); ++i) {
+        const auto& proxy = (*proxies)[i];
         if (!proxy->bundlePath() || isStillInstalling(*proxy)) continue;
+        if (!mayMake && !VTDPlugIn::initWithImage(proxy)) {
+            ++leftOut;
+            continue;
+        }
+        const std::uint64_t before = made_;
         auto plugIn = plugInForProxy(proxy, bundleInfo);
         if (plugIn && seen.add(plugIn->uuid())) candidates.push_back(std::move(plugIn));
+        if (made_ == before || Clock::now() < deadline) continue;
+        if (search.passes < kMostPasses) {
+            search.next = i + 1;
+            return {};
+        }
+        mayMake = false;
     }
-    return candidates;
+    // A turn that did not begin with the first only made records. Now those who asked may have them all.
+    search.isOver = begin == 0;
+    if (!search.isOver) ++search.passes;
+    if (leftOut > 0)
+        logging::notice(text::format("{} candidates left out: they change faster than they are read", leftOut));
+    return search.isOver ? std::optional{std::move(candidates)} : std::nullopt;
 }

@@ -3,8 +3,8 @@
 #include <memory>
 #include <string>
 
-#include "platform/dravo/Facts.h"
-#include "platform/dravo/InfoFile.h"
+#include "platform/dravo/records/Facts.h"
+#include "platform/dravo/scan/InfoFile.h"
 #include "platform/value/Error.h"
 
 namespace dravo {

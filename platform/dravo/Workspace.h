@@ -3,7 +3,7 @@
 #include <memory>
 
 #include "platform/dravo/Dravo.h"
-#include "platform/dravo/Registrar.h"
+#include "platform/dravo/registrar/Registrar.h"
 
 namespace dravo {
 

@@ -30,6 +30,10 @@ inline constexpr std::uint64_t ofCharacters(std::size_t count) {  // looked at o
     return count / 8;
 }
 
+inline constexpr std::uint64_t ofParsing(std::size_t bytes) {  // of a property list, to make values of it
+    return bytes * 2;
+}
+
 // One account. Belongs to one thread at a time; may be handed on to another.
 class Account {
 public:

@@ -6,6 +6,8 @@
 #include <cerrno>
 #include <utility>
 
+#include "platform/effort/Effort.h"
+#include "platform/file/Beneath.h"
 #include "platform/file/File.h"
 #include "platform/logging/Log.h"
 #include "platform/mox/PeerProgram.h"
@@ -30,16 +32,12 @@ const char* distrust(uid_t owner, mode_t mode) {
     return (mode & (S_IWGRP | S_IWOTH)) != 0 ? "writable by others" : nullptr;
 }
 
-bool isBeneath(const std::string& path, const std::string& directory) {
-    return path.size() > directory.size() && path.starts_with(directory) && path[directory.size()] == '/';
-}
-
 // Whether the open directory is, right now, what lies at its path, and the path a part of the system volume. Asked only
 // when there is a private name to decide about.
 bool onSystemVolume(const struct stat& directory, const std::string& bundlePath) {
     const auto canonical = file::canonicalPath(bundlePath);
     const auto volume = file::canonicalPath(paths::directories().systemVolume);
-    if (!canonical || !volume || !isBeneath(*canonical, *volume)) return false;
+    if (!canonical || !volume || !file::isBeneath(*canonical, *volume)) return false;
     struct stat found {};
     return lstat(canonical->c_str(), &found) == 0 && found.st_dev == directory.st_dev &&
            found.st_ino == directory.st_ino;
@@ -80,6 +78,7 @@ value::Result<value::Dictionary> ofBundle(int bundleDirectory, const std::string
     const std::string path = bundlePath + "/" + kFile;
     if (const char* reason = distrust(contents->owner, contents->mode)) return refusal(path, reason);
 
+    static_cast<void>(effort::take(effort::kFileOpened + effort::ofParsing(contents->bytes.size())));
     const auto list = plist::read(contents->bytes, {.bytes = kLimit, .values = kMostValues});
     if (!list) {
         value::Error error = list.error();

@@ -13,6 +13,12 @@
 #include "platform/file/File.h"
 #include "platform/text/Format.h"
 
+// How it works. The directory is opened first, and everything else happens beneath that descriptor, so that a directory
+// that is exchanged meanwhile does not split the write over two. The content goes into a temporary of a random name, as
+// a file that nobody else may open; it is synced before it is renamed, since a rename that reaches the disk before the
+// bytes do would leave an empty file behind a power cut, and the directory after it, since the rename itself may wait.
+// Whatever fails before the rename removes the temporary; after it there is nothing to undo. A process that is killed
+// in between leaves the temporary, which removeLeftovers() knows by its name.
 namespace file {
 
 namespace {

@@ -65,6 +65,16 @@ bool isLackingCall(int errorNumber) {  // filters of older containers answer EPE
 
 }  // namespace
 
+bool isBeneath(std::string_view path, std::string_view directory) {
+    if (directory.empty() || path.size() <= directory.size() || !path.starts_with(directory)) return false;
+    return directory == "/" || path[directory.size()] == '/';
+}
+
+std::string nameBeneath(std::string_view path, std::string_view directory) {
+    if (!isBeneath(path, directory)) return {};
+    return std::string{path.substr(directory == "/" ? 1 : directory.size() + 1)};
+}
+
 value::Result<UniqueFd> openBeneath(int directory, const std::string& relativePath, int flags) {
     if (const int refused = refusalOf(relativePath); refused != 0) return value::posixError(refused, relativePath);
     UniqueFd opened = openInOneCall(directory, relativePath, flags, RESOLVE_BENEATH);

@@ -13,6 +13,7 @@
 #include <memory>
 #include <string_view>
 
+#include "platform/file/Beneath.h"
 #include "platform/file/File.h"
 #include "platform/text/Format.h"
 
@@ -78,10 +79,6 @@ std::optional<std::string> resolveByComponents(const std::string& path) {
     return result;
 }
 
-bool isBeneath(const std::string& directory, const std::string& path) {
-    return path.size() > directory.size() && path.starts_with(directory) && path[directory.size()] == '/';
-}
-
 // Whether the kernel would take it.
 bool isPath(const std::string& path) {
     if (path.find('\0') != std::string::npos)
@@ -121,10 +118,10 @@ std::optional<std::string> canonicalPathAtHand(const std::string& path) {
 
 std::optional<std::string> canonicalPathWithin(const std::string& directory, const std::string& path) {
     if (!isPath(path)) return {};
-    if (!isBeneath(directory, path)) return failed(EXDEV);
+    if (!isBeneath(path, directory)) return failed(EXDEV);
     const UniqueFd base{::open(directory.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC)};
     if (!base) return {};
-    const UniqueFd opened = openWithin(base.get(), directory, path.substr(directory.size() + 1));
+    const UniqueFd opened = openWithin(base.get(), directory, nameBeneath(path, directory));
     return opened ? pathOf(opened.get(), Asking::mayBlock) : std::nullopt;
 }
 
@@ -136,11 +133,11 @@ UniqueFd openWithin(int directory, const std::string& directoryPath, const std::
         std::array<char, kLongest + 1> text;  // NOLINT(*-member-init): the kernel fills what is read
         const ssize_t length = ::readlinkat(directory, name.c_str(), text.data(), text.size());
         const std::string target{text.data(), static_cast<std::size_t>(std::max<ssize_t>(length, 0))};
-        if (!isBeneath(directoryPath, target)) {
+        if (!isBeneath(target, directoryPath)) {
             errno = EXDEV;
             return {};
         }
-        opened = openToResolve(target.substr(directoryPath.size() + 1), RESOLVE_NO_XDEV, directory);
+        opened = openToResolve(nameBeneath(target, directoryPath), RESOLVE_NO_XDEV, directory);
     }
     if (!opened && isLackingCall(errno)) opened = UniqueFd{::openat(directory, name.c_str(), O_PATH | O_CLOEXEC)};
     return opened;

@@ -3,7 +3,8 @@
 #include <algorithm>
 #include <tuple>
 
-#include "platform/mox/Descriptors.h"
+#include "platform/logging/Invariant.h"
+#include "platform/mox/transport/Descriptors.h"
 
 namespace mox {
 
@@ -36,6 +37,11 @@ constexpr std::chrono::milliseconds kLeaving{100};
 // Who waits asks again far sooner.
 constexpr std::chrono::milliseconds kAsking{50};
 
+bool covers(const Holdings& all, const Holdings& part) {
+    return all.backlog >= part.backlog && all.partial >= part.partial && all.kept >= part.kept &&
+           all.requests >= part.requests && all.connections >= part.connections && all.descriptors >= part.descriptors;
+}
+
 bool exceeds(const Holdings& held, const Holdings& bound) {
     return held.backlog > bound.backlog || held.requests >= bound.requests;
 }
@@ -53,6 +59,7 @@ Holdings& Holdings::operator+=(const Holdings& other) {
 }
 
 Holdings& Holdings::operator-=(const Holdings& other) {
+    INVARIANT(covers(*this, other));  // nothing is given back twice
     backlog -= other.backlog;
     partial -= other.partial;
     kept -= other.kept;
@@ -256,9 +263,17 @@ bool Ledger::isOver(const Account& account) const {
     return exceeds(account.held_, bounds_.connection) || exceeds(account.process_->held, bounds_.process);
 }
 
+Holdings Ledger::sumOf(const std::vector<Account*>& accounts) {
+    Holdings sum;
+    for (const Account* const account : accounts) sum += account->held_;
+    return sum;
+}
+
 // Takes the account, with all that is charged to it, out of the counts.
 void Ledger::remove(Account& account, Notices& notices) {
     Process& process = *std::exchange(account.process_, nullptr);
+    INVARIANT(process.held == sumOf(process.accounts));
+    INVARIANT(covers(total_, process.held) && process.paused <= process.accounts.size());
     total_ -= account.held_;
     process.held -= account.held_;
     if (account.paused_) --process.paused;
@@ -299,6 +314,7 @@ void Ledger::shed(Measure measure, std::size_t bound, const Account* newcomer, N
 }
 
 void Ledger::end(Account& account, Notices& notices) {
+    INVARIANT(account.process_ != nullptr && account.closing_ == 0);  // nobody is ended twice
     notices.excessive.push_back(account.holder_);
     account.closing_ = account.held_.descriptors;
     account.closingRound_ = closingRound_;
@@ -340,6 +356,7 @@ std::size_t Ledger::leaving(Clock::time_point now) {
 void Ledger::forget(Account& account) {
     const std::lock_guard lock{mutex_};
     if (account.closingRound_ != closingRound_) return;
+    INVARIANT(closing_ >= account.closing_);
     closing_ -= account.closing_;
     closingChanged_ = Clock::now();
 }

@@ -120,6 +120,7 @@ private:
     void close(Account& account);
     void forget(Account& account);
 
+    static Holdings sumOf(const std::vector<Account*>& accounts);
     static bool isServed(const Account& account, Clock::time_point now);
     bool isOver(const Account& account) const;
     bool isExcessive() const;

@@ -14,10 +14,10 @@
 #include <system_error>
 #include <utility>
 
-#include "platform/mox/FrameReader.h"
-#include "platform/mox/OutputQueue.h"
-#include "platform/mox/Receive.h"
 #include "platform/mox/ServiceSocket.h"
+#include "platform/mox/transport/FrameReader.h"
+#include "platform/mox/transport/OutputQueue.h"
+#include "platform/mox/transport/Receive.h"
 #include "platform/paths/Paths.h"
 #include "platform/queue/Reactor.h"
 #include "platform/text/Format.h"

@@ -7,6 +7,7 @@
 #include <utility>
 
 #include "platform/entitlements/Entitlements.h"
+#include "platform/file/Beneath.h"
 #include "platform/mounts/Mounts.h"
 #include "platform/mox/Encoder.h"
 #include "platform/queue/Errands.h"
@@ -42,10 +43,11 @@ queue::Errands& errands() {
 void readEntitlements(PeerProgram& program, const FileId& executable) {
     const std::string& path = *program.executablePath;
     const auto bundlePath = program.bundle->bundlePath();
-    if (!bundlePath || !path.starts_with(*bundlePath + "/")) return;
+    if (!bundlePath || !file::isBeneath(path, *bundlePath)) return;
     const file::UniqueFd directory{::open(bundlePath->c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC)};
     if (!directory) return;
-    const std::string inside = text::format("/proc/self/fd/{}{}", directory.get(), path.substr(bundlePath->size()));
+    const std::string inside =
+        text::format("/proc/self/fd/{}/{}", directory.get(), file::nameBeneath(path, *bundlePath));
     if (identify(inside, AT_SYMLINK_NOFOLLOW) != executable) return;
     program.entitlements = entitlements::ofBundle(directory.get(), *bundlePath);
 }

@@ -3,7 +3,7 @@
 #include <optional>
 #include <string>
 
-// The four places that hold everything. With HALVERN_ROOT set they all lie under that one directory (run/ state/
+// The five places that hold everything. With HALVERN_ROOT set they all lie under that one directory (run/ state/
 // config/ user/ system/) and the XDG variables and HOME have no say; otherwise they are the XDG directories with
 // "halvern/" appended and /usr/share/halvern for the system volume. No path ends in a separator.
 namespace paths {

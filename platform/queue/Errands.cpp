@@ -5,6 +5,7 @@
 
 #include <pthread.h>
 
+#include "platform/logging/Invariant.h"
 #include "platform/queue/WithoutSignals.h"
 
 namespace queue {
@@ -28,6 +29,7 @@ Errands::~Errands() {
     ending_ = true;
     admitted_.notify_all();
     ended_.wait(lock, [this] { return threads_ == 0; });
+    INVARIANT(running_.empty() && idle_ == 0 && writtenOff_ == 0);
 }
 
 void Errands::run(const Owner& owner, Work work, Finish finish) {
@@ -76,6 +78,7 @@ bool Errands::mayStartThread(List& refused) {
         refused.push_back({worst->owner, {}, std::exchange(worst->finish, {})});
     }
     ++threads_;
+    INVARIANT(writtenOff_ < threads_ && threads_ <= bounds_.threadsInAll);
     return true;
 }
 
@@ -124,6 +127,7 @@ void Errands::threadRuns() {
         --idle_;
         if (!isWanted) break;
     }
+    INVARIANT(idle_ < threads_);
     --threads_;
     ended_.notify_all();
 }
@@ -148,6 +152,7 @@ void Errands::runOne(std::unique_lock<std::mutex>& lock) {
 // comes for it, or where none can be had.
 void Errands::release(Processes::iterator owner) {
     Process& process = owner->second;
+    INVARIANT(process.running > 0 && process.running <= bounds_.ofOneOwner);
     --process.running;
     if (!process.waiting.empty()) {
         ++process.running;

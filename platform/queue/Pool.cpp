@@ -12,6 +12,7 @@
 
 #include <pthread.h>
 
+#include "platform/logging/Invariant.h"
 #include "platform/queue/SystemCall.h"
 #include "platform/queue/WithoutSignals.h"
 
@@ -219,6 +220,7 @@ void Pool::workUntil(const std::function<bool()>& done) {
     }
     {
         const std::lock_guard lock{mutex_};
+        INVARIANT(std::count(lenders_.begin(), lenders_.end(), &lender) == 1 && !lender.recalled);
         std::erase(lenders_, &lender);
     }
     beforeBlocking();
@@ -272,6 +274,8 @@ Pool::Taken Pool::takeEvents(Place place, Lender* lender) {
             polls_.store(polls_.load(std::memory_order_relaxed) + 1, std::memory_order_relaxed);
         count = ::epoll_wait(epoll.get(), events.data(), kEventsAtOnce, place == Place::passing ? 0 : -1);
     } while (place == Place::standby && count == 1 && events.front().data.u64 == kReminder && !isTakeOverDue());
+    INVARIANT(place != Place::poller || polling_);  // one polls at a time
+    INVARIANT(place != Place::standby || standbys_ > 0);
     if (place == Place::poller) polling_.store(false, std::memory_order_release);
     if (place == Place::standby) --standbys_;
     itemsSinceEvents = 0;
@@ -325,6 +329,7 @@ bool Pool::comeBack(Lender& lender) {
     const std::lock_guard lock{mutex_};
     lender.waiting = false;
     if (!std::exchange(lender.recalled, false)) return false;
+    INVARIANT(recalledLenders_ > 0);
     if (--recalledLenders_ == 0) {
         clear(recall_);
         lendersCameBack_.notify_all();

@@ -4,6 +4,7 @@
 #include <cstddef>
 #include <memory>
 
+#include "platform/logging/Invariant.h"
 #include "platform/queue/State.h"
 
 namespace queue {
@@ -35,6 +36,7 @@ public:
             if (!lane.first) continue;
             std::shared_ptr<SerialQueue::State> queue = std::move(lane.first);
             lane.first = std::move(queue->nextScheduled);
+            INVARIANT(queue->listed && size_ > 0);
             queue->listed = false;
             --size_;
             return queue;

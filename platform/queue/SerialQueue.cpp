@@ -2,6 +2,7 @@
 
 #include <utility>
 
+#include "platform/logging/Invariant.h"
 #include "platform/queue/State.h"
 
 namespace queue {
@@ -30,6 +31,7 @@ SerialQueue::Presence::Presence(const State& state) : state_{state}, outer_{inne
 }
 
 SerialQueue::Presence::~Presence() {
+    INVARIANT(innermost_ == this);
     innermost_ = outer_;
 }
 

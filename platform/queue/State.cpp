@@ -2,6 +2,7 @@
 
 #include <utility>
 
+#include "platform/logging/Invariant.h"
 #include "platform/logging/Log.h"
 #include "platform/queue/Pool.h"
 
@@ -13,7 +14,14 @@ void ItemList::push(Item& item) {
     tail_ = &item;
 }
 
+void ItemList::pushFront(Item& item) {
+    item.next_ = head_;
+    if (head_ == nullptr) tail_ = &item;
+    head_ = &item;
+}
+
 Item& ItemList::pop() {
+    INVARIANT(head_ != nullptr);
     Item& item = *head_;
     head_ = item.next_;
     return item;
@@ -24,6 +32,7 @@ SerialQueue::State::State(std::string name, QualityOfService qos) : label{std::m
 bool SerialQueue::State::append(Item& item, Claim claim) {
     const std::lock_guard lock{mutex_};
     const bool isIdle = phase_ == Phase::idle;
+    INVARIANT(!isIdle || items_.empty());
     if (!isIdle || claim == Claim::pool) items_.push(item);
     if (isIdle) phase_ = claim == Claim::caller ? Phase::running : Phase::scheduled;
     return isIdle;
@@ -38,12 +47,14 @@ void SerialQueue::State::submit(Item& item) {
 Item* SerialQueue::State::take() {
     const std::lock_guard lock{mutex_};
     if (phase_ != Phase::scheduled) return nullptr;
+    INVARIANT(!items_.empty());
     phase_ = Phase::running;
     return &items_.pop();
 }
 
 SerialQueue::State::Next SerialQueue::State::next(unsigned budget) {
     const std::lock_guard lock{mutex_};
+    INVARIANT(phase_ == Phase::running);  // the turn is the caller's
     if (items_.empty()) {
         phase_ = Phase::idle;
         return {nullptr, false};

@@ -25,6 +25,7 @@ public:
     bool empty() const { return head_ == nullptr; }
     Item& front() const { return *head_; }
     void push(Item& item);
+    void pushFront(Item& item);
     Item& pop();
 
 private:

@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <utility>
 
+#include "platform/logging/Invariant.h"
 #include "platform/queue/SystemCall.h"
 
 namespace queue {
@@ -41,8 +42,10 @@ void TimerTable::add(const std::shared_ptr<TimerState>& timer, std::chrono::mill
     constexpr std::chrono::milliseconds kLongest = std::chrono::hours{24 * 365};
     const auto deadline = Clock::now() + std::clamp(delay, std::chrono::milliseconds::zero(), kLongest);
     const std::lock_guard lock{mutex_};
+    INVARIANT(!timer->at_);
     timer->at_ = deadlines_.emplace_hint(deadlines_.end(), deadline, timer);
     if (deadline < setFor_) set(deadline);
+    INVARIANT(setFor_ <= deadlines_.begin()->first);
 }
 
 void TimerTable::remove(TimerState& timer) {
@@ -58,6 +61,7 @@ void TimerTable::expire() {
     const auto now = Clock::now();
     while (!deadlines_.empty() && deadlines_.begin()->first <= now) {
         auto node = deadlines_.extract(deadlines_.begin());
+        INVARIANT(node.mapped()->at_.has_value());
         node.mapped()->at_.reset();
         node.mapped()->fire();
         due.insert(due.end(), std::move(node));

@@ -2,6 +2,8 @@
 
 #include <algorithm>
 
+#include "platform/logging/Invariant.h"
+
 namespace queue {
 
 Turns::Turns(const SerialQueue& queue) : queue_{SerialQueue::State::of(queue)} {}
@@ -16,6 +18,7 @@ void Turns::list(Lane& lane) {
     if (process.ready.empty()) ready_.splice(ready_.end(), process.place);
     process.ready.splice(process.ready.end(), lane.place_);
     lane.isListed_ = true;
+    INVARIANT(process.place.empty() && lane.place_.empty());
 }
 
 void Turns::unlist(Lane& lane) {
@@ -23,17 +26,20 @@ void Turns::unlist(Lane& lane) {
     Process& process = lane.process_;
     lane.place_.splice(lane.place_.end(), process.ready, lane.node_);
     if (process.ready.empty()) process.place.splice(process.place.end(), ready_, process.node);
+    INVARIANT(process.place.empty() != process.ready.empty());
 }
 
 // Whose turn it is; its process and it go to the end. Null when what waited was dropped.
 Item* Turns::next() {
     if (ready_.empty()) return nullptr;
     Process& process = *ready_.front();
+    INVARIANT(!process.ready.empty());
     Lane& lane = *process.ready.front();
     lane.place_.splice(lane.place_.end(), process.ready, process.ready.begin());
     lane.isListed_ = false;
     process.place.splice(process.place.end(), ready_, ready_.begin());
     if (!process.ready.empty()) ready_.splice(ready_.end(), process.place);
+    INVARIANT(!lane.works_.empty());
     Item& work = lane.works_.pop();
     list(lane);
     return &work;
@@ -73,14 +79,16 @@ Turns::Lane::Lane(std::shared_ptr<Turns> turns, const Owner& owner)
 Turns::Lane::~Lane() {
     drop();
     const std::lock_guard lock{turns_->mutex_};
+    INVARIANT(!isListed_ && place_.size() == 1);  // nobody will come for it
+    INVARIANT(process_.lanes > 0);
     if (--process_.lanes == 0) turns_->processes_.erase(turns_->processes_.find(process_.owner));
 }
 
-void Turns::Lane::submit(std::unique_ptr<Work> work) {
+void Turns::Lane::submit(std::unique_ptr<Work> work, void (ItemList::*place)(Item&)) {
     bool queues = false;
     {
         const std::lock_guard lock{turns_->mutex_};
-        works_.push(*work.release());
+        (works_.*place)(*work.release());
         turns_->list(*this);
         queues = turns_->isToBeQueued();
     }

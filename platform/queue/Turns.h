@@ -49,8 +49,14 @@ public:
             submit(std::make_unique<Closure<std::decay_t<F>, Work>>(std::forward<F>(work)));
         }
 
-        // The same, but not before ready() is called with what this answers. What comes into the lane later waits
-        // behind it; other lanes go on.
+        // The same, before all that waits in the lane: for what was begun in a turn of it and goes on in its next.
+        template <typename F>
+        void asyncNext(F&& work) {
+            submit(std::make_unique<Closure<std::decay_t<F>, Work>>(std::forward<F>(work)), &ItemList::pushFront);
+        }
+
+        // The same as async(), but not before ready() is called with what this answers. What comes into the lane later
+        // waits behind it; other lanes go on.
         using Ticket = std::uint64_t;
         template <typename F>
         [[nodiscard]] Ticket asyncWhenReady(F&& work) {
@@ -63,7 +69,7 @@ public:
     private:
         friend class Turns;
 
-        void submit(std::unique_ptr<Work> work);
+        void submit(std::unique_ptr<Work> work, void (ItemList::*place)(Item&) = &ItemList::push);
         Ticket submitUnready(std::unique_ptr<Work> work);
 
         const std::shared_ptr<Turns> turns_;

@@ -2,6 +2,8 @@
 
 #include <utility>
 
+#include "platform/logging/Invariant.h"
+
 namespace queue {
 namespace {
 
@@ -30,6 +32,7 @@ void WatchTable::remove(std::uint64_t id) {
     std::shared_ptr<WatchState> removed;  // goes after the lock has
     const std::lock_guard lock{mutex_};
     Slot& slot = slots_[slotOf(id)];
+    INVARIANT(slot.watch && slot.generation == static_cast<std::uint32_t>(id));  // removed once
     removed = std::move(slot.watch);
     ++slot.generation;
     free_.push_back(slotOf(id));

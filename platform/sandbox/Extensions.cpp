@@ -6,6 +6,7 @@
 #include <cerrno>
 #include <utility>
 
+#include "platform/file/Beneath.h"
 #include "platform/file/File.h"
 #include "platform/file/Identity.h"
 
@@ -48,14 +49,13 @@ value::Result<file::UniqueFd> Extensions::open(std::int64_t handle, const std::s
     const auto found = byHandle_.find(handle);
     if (found == byHandle_.end()) return value::posixError(EBADF, "no such handle");
     const Extension& extension = found->second;
-    const std::size_t rootSize = extension.path.size();
     const bool atRoot = path == extension.path;
-    if (!atRoot && (!path.starts_with(extension.path) || path[rootSize] != '/')) return value::posixError(EACCES, path);
+    if (!atRoot && !file::isBeneath(path, extension.path)) return value::posixError(EACCES, path);
 
     // First without opening it for reading: what is another file by now is not even touched.
     const auto root = file::openSame(extension.path, extension.identity, O_PATH | O_CLOEXEC);
     if (!root) return root.error();
-    if (!atRoot) return file::openRegularBeneath(root->get(), path.substr(rootSize + 1));
+    if (!atRoot) return file::openRegularBeneath(root->get(), file::nameBeneath(path, extension.path));
     const file::UniqueFd top{::open("/", O_PATH | O_DIRECTORY | O_CLOEXEC)};
     if (!top) return value::posixError(errno, "/");
     auto opened = file::openRegularBeneath(top.get(), path.substr(1));

@@ -23,6 +23,8 @@ public:
     std::int64_t consume(std::string_view token);  // kRefused for a token not issued here, or one too many
     void release(std::int64_t handle);
 
+    std::size_t size() const { return byHandle_.size(); }
+
     // The one that the handle stands for, alone, for use elsewhere; nothing when there is none.
     std::optional<Extensions> only(std::int64_t handle) const;
 

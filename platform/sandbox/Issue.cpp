@@ -105,9 +105,8 @@ std::optional<std::string> nameBeneath(const std::string& directory, const file:
     const auto canonical = file::pathOf(opened);
     if (!canonical) return {};
     if (*canonical == directory) return ".";
-    const std::string prefix = directory == "/" ? directory : directory + "/";
-    if (!canonical->starts_with(prefix)) return refuse(EXDEV);
-    return canonical->substr(prefix.size());
+    if (!file::isBeneath(*canonical, directory)) return refuse(EXDEV);
+    return file::nameBeneath(*canonical, directory);
 }
 
 }  // namespace

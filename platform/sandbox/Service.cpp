@@ -61,7 +61,11 @@ bool awaitDescriptor(mox::Reply& reply) {
 struct Consumer {
     Extensions extensions;
     queue::Errands::Owner process;
+    mox::Charge charge;  // for the extensions
 };
+
+// Roughly, in memory.
+constexpr std::size_t kBytesAnExtension = 768;
 
 // On a thread that may block: the token's path may lie on a file system that never answers. The extensions are copied,
 // since the handle may be given back meanwhile.
@@ -105,9 +109,13 @@ void openElsewhere(const Consumer& consumer, const mox::Request& request, const 
 void answer(Consumer& consumer, const mox::Request& request, mox::Reply& reply) {
     const std::string_view name = text(request.view(), kRequestKey);
     if (name == kConsumeRequest) {
-        reply.set(kHandleKey, consumer.extensions.consume(text(request.view(), kTokenKey)));
+        const bool hasRoom = consumer.charge.reserve({.kept = kBytesAnExtension});
+        const std::int64_t handle = hasRoom ? consumer.extensions.consume(text(request.view(), kTokenKey)) : kRefused;
+        reply.set(kHandleKey, handle);
+        consumer.charge.change({.kept = consumer.extensions.size() * kBytesAnExtension});
     } else if (name == kReleaseRequest) {
         consumer.extensions.release(handleIn(request.view()));
+        consumer.charge.change({.kept = consumer.extensions.size() * kBytesAnExtension});
     } else {
         setError(reply, value::posixError(EINVAL, "unrecognized request"));
     }
@@ -116,17 +124,17 @@ void answer(Consumer& consumer, const mox::Request& request, mox::Reply& reply) 
 // The handler owns what the peer has consumed; the connection drops it, and so closes everything, when it is invalid.
 void serve(const std::shared_ptr<mox::Connection>& connection) {
     const auto& peer = *connection->identity();
-    connection->setEventHandler(
-        [weak = std::weak_ptr{connection},
-         consumer = std::make_shared<Consumer>(Consumer{{}, {peer.pid, peer.startTime}})](const mox::Event& event) {
-            const auto* request = std::get_if<mox::Request>(&event);
-            const auto connected = weak.lock();
-            if (request == nullptr || !connected) return;
-            if (text(request->view(), kRequestKey) == kOpenRequest) return openElsewhere(*consumer, *request, weak);
-            mox::Reply reply{*request};
-            answer(*consumer, *request, reply);
-            connected->send(reply);
-        });
+    connection->setEventHandler([weak = std::weak_ptr{connection},
+                                 consumer = std::make_shared<Consumer>(Consumer{
+                                     {}, {peer.pid, peer.startTime}, connection->charge(0)})](const mox::Event& event) {
+        const auto* request = std::get_if<mox::Request>(&event);
+        const auto connected = weak.lock();
+        if (request == nullptr || !connected) return;
+        if (text(request->view(), kRequestKey) == kOpenRequest) return openElsewhere(*consumer, *request, weak);
+        mox::Reply reply{*request};
+        answer(*consumer, *request, reply);
+        connected->send(reply);
+    });
     connection->resume();
 }
 

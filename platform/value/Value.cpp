@@ -6,6 +6,8 @@
 #include <limits>
 #include <type_traits>
 
+#include "platform/logging/Invariant.h"
+
 namespace value {
 
 namespace {
@@ -110,7 +112,11 @@ Dictionary::Dictionary() {
     storage_ = empty;
 }
 
-Dictionary::Dictionary(Storage sorted) : storage_{std::make_shared<const Storage>(std::move(sorted))} {}
+Dictionary::Dictionary(Storage sorted) : storage_{std::make_shared<const Storage>(std::move(sorted))} {
+    INVARIANT(std::adjacent_find(storage_->begin(), storage_->end(), [](const Entry& a, const Entry& b) {
+                  return a.key.compare(b.key) >= 0;
+              }) == storage_->end());
+}
 
 Dictionary::Dictionary(std::initializer_list<Entry> entries) {
     Builder builder;

@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
 # Dependencies run one way: platform knows nothing above it, Velto nothing of the daemon, and a third-party header appears
-# only in platform/, and in vtctl/'s own front. The include root is the whole tree, so the compiler cannot tell.
+# only in platform/, and in vtctl/'s own front; a service's insides only in it. The include root is the whole tree, so the compiler cannot tell.
 set -euo pipefail
 cd "$1"
 
@@ -23,4 +23,13 @@ if grep -lE "^# *include +$third_party" platform/*/*.h | grep -vxE 'platform/tex
     echo 'a public header names a third-party type' >&2
     status=1
 fi
+# The face of a service is at the top of its folder; the rooms below are its own, and that of its tests and fuzz targets.
+for room in platform/*/*/; do
+    service=${room%/*/}
+    if grep -rnE "^ *# *include +\"$room" platform Velto vtd vtctl bench tests --include='*.h' --include='*.cpp' |
+        grep -vE "^(tests/)?$service/"; then
+        echo "$room is included from outside of $service/" >&2
+        status=1
+    fi
+done
 exit $status

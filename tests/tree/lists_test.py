@@ -51,6 +51,8 @@ class Lists(unittest.TestCase):
         self.assertEqual({name for name, _ in requests},
                          set(re.findall(r'\{VTRequest::(\w+), &Transaction::', read('vtd/Transaction.cpp'))))
         self.assertEqual({name.capitalize() + '.cpp' for name, _ in requests}, set(os.listdir(os.path.join(ROOT, 'vtd/requests'))))
+        self.assertEqual({name for name, _ in requests},
+                         set(re.findall(r'\{VTRequest::(\w+), \[', read('fuzz/RequestGenerator.cpp'))))
         rows = {re.match(r'`"(\w+)"`', cell).group(1) for cell in first_column(read('doc/wire.md'), '| request | further')}
         self.assertEqual({text for _, text in requests}, rows)
 

@@ -65,8 +65,10 @@ protected:
         install("user/Applications/A.app/PlugIns/inside", {{"KXExtensionProtocol", "P"}});
         server = World::get().serve("errors");
         server->setCacheLimit(150);
-        const auto plugIns = server->findPlugIns({}).value_or(VTDatabase::PlugIns{});
-        for (const auto& plugIn : plugIns) uuids[plugIn->identifier()] = plugIn->uuid();
+        for (VTDatabase::Search search; !search.isOver;) {
+            const auto plugIns = server->findPlugIns({}, search).value_or(VTDatabase::PlugIns{});
+            for (const auto& plugIn : plugIns) uuids[plugIn->identifier()] = plugIn->uuid();
+        }
     }
 
     void install(const std::string& bundle, const Dictionary& extension) const {

@@ -25,8 +25,9 @@ void Transaction::addPlugIns() {
         for (std::size_t i = 0; i < asked; ++i) probes::pluginAdd(bundles[i].path);
         if (!failure) {
             bundles.clear();
-            return true;
+            return mayGoOn();
         }
+        if (!mayGoOn()) return false;  // those before are registered
         const std::string& path = bundles[failure->place].path;
         server()->log("failed to register plug-in at {}", path);
         fail(VTErrorRegistry, text::format("unable to register plug-in at {}", path));

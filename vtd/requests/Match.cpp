@@ -60,7 +60,10 @@ void Transaction::matchPlugIns() {
     }
     if (const auto& bundle = client()->bundle()) query.clientPlugInsPath = [bundle] { return bundle->plugInsPath(); };
 
-    const VTDatabase::PlugIns candidates = server()->findPlugIns(query.wanted).value_or(VTDatabase::PlugIns{});
+    const auto found = server()->findPlugIns(query.wanted, search_);
+    isToGoOn_ = !search_.isOver;
+    if (isToGoOn_) return;
+    const VTDatabase::PlugIns candidates = found.value_or(VTDatabase::PlugIns{});
     probes::discoverRaw(candidates.size());
     if (!candidates.empty()) {  // what follows looks at the disk
         query.isOnHold = [this](const VTDPlugIn& plugIn) { return server()->holdOnPlugIn(plugIn); };

@@ -10,7 +10,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include "platform/dravo/Images.h"
+#include "platform/dravo/store/Images.h"
 #include "tests/support/LogLines.h"
 #include "tests/support/TemporaryDirectory.h"
 

@@ -1,4 +1,5 @@
-#include "platform/dravo/Store.h"
+#include "platform/dravo/store/Columns.h"
+#include "platform/dravo/store/Store.h"
 #include "tests/platform/dravo/Installation.h"
 
 namespace dravo {
@@ -76,6 +77,81 @@ TEST(Store, OfAnEarlierVersionIsUpgradedWithAllThatItHolds) {
     }
     EXPECT_EQ(*Database::open(path)->number("PRAGMA user_version"), 3);
     EXPECT_THAT(world.log.take(), IsEmpty());
+}
+
+// A value of a fact's type that no other number gives.
+template <typename Fact>
+void make(int number, Fact& fact) {
+    const auto unsignedNumber = static_cast<std::uint64_t>(number);
+    if constexpr (std::is_same_v<Fact, bool>)
+        fact = !fact;
+    else if constexpr (std::is_same_v<Fact, double>)
+        fact = number + 0.5;
+    else if constexpr (std::is_same_v<Fact, std::uint64_t>)
+        fact = ~unsignedNumber;
+    else if constexpr (requires { fact.has_value(); })
+        make(number, fact.emplace());
+    else if constexpr (std::is_same_v<Fact, value::Uuid>)
+        fact = value::Uuid{{static_cast<std::uint8_t>(number)}};
+    else if constexpr (requires { fact.inode; })
+        fact.device = unsignedNumber, fact.inode = 1;
+    else if constexpr (requires { fact.directory; })
+        make(number, fact.directory), make(-number, fact.entitlements);
+    else if constexpr (std::is_same_v<Fact, Dictionary>)
+        fact = {{"a", number}};
+    else if constexpr (std::is_same_v<Fact, Texts>)
+        fact = {"a", std::to_string(number)};
+    else
+        fact = "text" + std::to_string(number);
+}
+
+template <typename Columns, typename Facts>
+void makeAll(const Columns& columns, int number, Facts& facts) {
+    columns::forEach(columns, [&](const auto& column) { make(number += 2, facts.*column.member); });
+}
+
+// What does not count when two records are compared, by the names of their columns.
+const std::set<std::string> kBookkeeping{"info",    "identity",    "stamps",    "identifier of bundle",
+                                         "version", "displayName", "shortName", "remark"};
+
+template <typename Columns, typename Facts>
+void expectSame(const Columns& columns, const Facts& written, const Facts& read, const std::string& of) {
+    columns::forEach(columns, [&](const auto& column) {
+        EXPECT_TRUE(written.*column.member == read.*column.member) << column.name << of << " is not read back";
+        Facts other = written;
+        make(101, other.*column.member);
+        const bool isKept = kBookkeeping.contains(column.name) || kBookkeeping.contains(column.name + of);
+        EXPECT_EQ(sameFacts(columns, written, other), isKept) << column.name << of;
+        other.*column.member = {};
+        EXPECT_EQ(sameFacts(columns, written, other), isKept || column.name == std::string{"sdk"}) << column.name;
+    });
+}
+
+TEST(Store, GivesEveryFactBackAndTellsWhichMakeAnotherRecord) {
+    const support::TemporaryDirectory directory;
+    const std::string path = directory / "Registry.db";
+    ApplicationFacts application;
+    BundleFacts bundle;
+    application.row = 1;
+    bundle.row = 2;
+    makeAll(kApplicationColumns, 10, application);
+    makeAll(kBundleColumns, 20, bundle);
+    for (const int first : {0, 40}) makeAll(kPlugInColumns, first, bundle.plugIns.emplace_back());
+    Store::Changes changes;
+    changes.applicationsNew = {std::make_shared<const ApplicationRecord>("/a", application)};
+    changes.bundlesNew = {std::make_shared<const BundleRecord>(
+        BundlePlace{"/b", false, nullptr}, bundle, std::make_shared<Surroundings>("", directory / "images"))};
+    changes.registrationsNew = {"/b"};
+    ASSERT_FALSE(Store::open(path)->store->save(changes));
+    const Store::Contents read = Store::open(path)->contents;
+    ASSERT_EQ(read.applications.size() * read.bundles.size(), 1U);
+    EXPECT_EQ(read.applications[0].first + read.bundles[0].first + read.registrations.at(0), "/a/b/b");
+    EXPECT_EQ(read.lastRow, 2);
+    expectSame(kApplicationColumns, application, read.applications[0].second, " of application");
+    expectSame(kBundleColumns, bundle, read.bundles[0].second, " of bundle");
+    ASSERT_EQ(read.bundles[0].second.plugIns.size(), 2U);
+    for (int i : {0, 1})
+        expectSame(kPlugInColumns, bundle.plugIns[i], read.bundles[0].second.plugIns[i], " of plug-in");
 }
 
 // A writer that is killed at any moment leaves what was before its last transaction, or what is after it.

@@ -5,6 +5,7 @@
 
 #include <cstddef>
 
+#include "platform/file/Beneath.h"
 #include "platform/file/File.h"
 #include "platform/mounts/Mounts.h"
 #include "tests/support/ChildProcess.h"
@@ -57,6 +58,25 @@ TEST(CanonicalPath, ResolvesLinksAndDotsAndSaysWhyNot) {
             EXPECT_FALSE(resolve(path)) << path;
             EXPECT_EQ(errno, error) << path;
         }
+    }
+}
+
+TEST(Beneath, ToldByWholeNames) {
+    const struct {
+        const char *path, *directory, *name;
+    } rows[] = {
+        {"/a.app/b/c", "/a.app", "b/c"},
+        {"/a.app/b", "/", "a.app/b"},
+        {"/a.app", "/a.app", ""},
+        {"/a.app2/b", "/a.app", ""},
+        {"/a", "/a.app", ""},
+        {"/a.app/b", "", ""},
+        {"/", "/", ""},
+        {"/b/a.app/c", "/a.app", ""},
+    };
+    for (const auto& [path, directory, name] : rows) {
+        EXPECT_EQ(nameBeneath(path, directory), name) << path << " in " << directory;
+        EXPECT_EQ(isBeneath(path, directory), *name != '\0') << path << " in " << directory;
     }
 }
 

@@ -3,7 +3,7 @@
 #include <deque>
 
 #include "platform/mox/Charges.h"
-#include "platform/mox/Descriptors.h"
+#include "platform/mox/transport/Descriptors.h"
 #include "tests/support/Words.h"
 
 namespace mox {

@@ -17,7 +17,9 @@ TEST(Turns, GoToProcessesAndThenToTheirLanesAndKeepTheOrderOfEach) {
         const auto work = [&order](char name) { return [&order, name] { order += name; }; };
         std::latch go{1};
         queue.async([&go] { go.wait(); });
-        for (const char name : {'a', 'b', 'c', 'd'}) a.async(work(name));
+        a.async(work('a'));
+        a.async([&] { a.asyncNext(work('b')); });  // what goes on is in its place
+        for (const char name : {'c', 'd'}) a.async(work(name));
         for (const char name : {'1', '2'}) b.async(work(name));
         reused.async(work('R'));
         const auto ticket = late.asyncWhenReady(work('l'));
@@ -29,11 +31,11 @@ TEST(Turns, GoToProcessesAndThenToTheirLanesAndKeepTheOrderOfEach) {
         go.count_down();
         const auto ran = [&] { return queue.sync([&order] { return order.size(); }); };
         while (ran() < 7) continue;
-        EXPECT_EQ(order, "aR1b2cd");
+        EXPECT_EQ(order, "aR12bcd");
         late.ready(ticket);
         while (ran() < 9) continue;
     }
-    EXPECT_EQ(order, "aR1b2cdlm");
+    EXPECT_EQ(order, "aR12bcdlm");
 }
 
 }  // namespace
