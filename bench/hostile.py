@@ -537,6 +537,21 @@ def _(world):
         one.end()
 
 
+def replacing(count, names):
+    def install(world):
+        plug_ins(world, count)
+        for number in range(count):
+            world.write(f'user/Applications/App{number}.app/PlugIns/p{number}.appex/Entitlements.plist',
+                        {'halvern.developer.replace-plugin': [f'no.such.{number}.{one}' for one in range(names)]})
+    return install
+
+
+@Row('match: 1,000 plug-ins that replace 500 names each', install=replacing(1_000, 500))
+@Row('match: 1,000 plug-ins that replace 200 names each', install=replacing(1_000, 200))
+def _(world):
+    play(world, *[request('match', rules={})] * 3)
+
+
 def refused(world):
     for number in range(30):
         plug_ins(world, 1)

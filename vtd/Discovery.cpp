@@ -64,8 +64,7 @@ std::optional<Discovery::Refusal> Discovery::visit(const VTDPlugIn& candidate) {
         const effort::Charging toTokens{tokens};
         candidate.augmentForm(*visit.form);
     }
-    const auto replacePlugIn = candidate.valueForEntitlement(kReplacePlugInEntitlement);
-    matches_.append(*std::move(visit.form), visit.admission, replacePlugIn ? &*replacePlugIn : nullptr);
+    matches_.append(*std::move(visit.form), visit.admission, std::move(visit.replacePlugIn));
     return {};
 }
 

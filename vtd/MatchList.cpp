@@ -1,5 +1,7 @@
 #include "vtd/MatchList.h"
 
+#include <algorithm>
+#include <string>
 #include <utility>
 
 #include "Velto/VTProtocol.h"
@@ -14,6 +16,8 @@ bool winsTie(const VTForm& candidate, const VTForm& listed) {
     if (candidate.systemResident() && !listed.systemResident()) return true;
     return candidate.lastModified() > listed.lastModified();
 }
+
+constexpr std::uint64_t kUnitsAName = 8;  // to look one up: it lies in memory that nothing else has touched lately
 
 }  // namespace
 
@@ -58,7 +62,12 @@ void MatchList::remove(Position position) {
     anyRemoved_ = true;
 }
 
-void MatchList::append(VTForm form, const Admission& admission, const value::Value* replacePlugIn) {
+std::uint64_t MatchList::priceOf(const std::optional<value::Value>& replacePlugIn) {
+    const value::Array* const list = replacePlugIn ? replacePlugIn->array() : nullptr;
+    return list != nullptr ? list->size() * kUnitsAName : 0;
+}
+
+void MatchList::append(VTForm form, const Admission& admission, std::optional<value::Value> replacePlugIn) {
     if (admission.other != kNone) {
         remove(admission.other);
         // There was no other copy to look at: the next one need not walk past all that have been removed.
@@ -77,22 +86,25 @@ void MatchList::append(VTForm form, const Admission& admission, const value::Val
         copies->second.last = position;
     }
 
-    if (replacePlugIn == nullptr) return;
-    if (const std::string* replaced = replacePlugIn->string()) overriders_[*replaced] = position;
-    if (const value::Array* list = replacePlugIn->array()) {
-        for (const value::Value& element : *list) {
-            if (const std::string* replaced = element.string()) overriders_[*replaced] = position;
-        }
-    }
+    if (replacePlugIn) claims_.push_back({position, *std::move(replacePlugIn)});
 }
 
 void MatchList::link() {
-    if (overriders_.empty()) return;
+    if (claims_.empty()) return;
+    for (const Claim& claim : claims_) {
+        const auto grant = [&](const value::Value& name) {
+            const std::string* const replaced = name.string();
+            const auto copies = replaced != nullptr ? copies_.find(*replaced) : copies_.end();
+            if (copies != copies_.end()) copies->second.overrider = claim.by;
+        };
+        grant(claim.names);
+        if (const value::Array* list = claim.names.array()) std::for_each(list->begin(), list->end(), grant);
+    }
     for (Position at = 0; at < forms_.size(); ++at) {
         if (removed_[at]) continue;
-        const auto found = overriders_.find(std::string{forms_[at].identifier()});
-        if (found == overriders_.end()) continue;
-        VTForm& overrider = forms_[found->second];
+        const Position by = copies_.find(forms_[at].identifier())->second.overrider;
+        if (by == kNone) continue;
+        VTForm& overrider = forms_[by];
         forms_[at].set(VTFormKey::overrider, overrider.uuid());
         overrider.set(VTFormKey::overriding, forms_[at].identifier());
     }

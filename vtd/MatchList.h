@@ -2,7 +2,7 @@
 
 #include <cstddef>
 #include <cstdint>
-#include <string>
+#include <optional>
 #include <string_view>
 #include <unordered_map>
 #include <vector>
@@ -34,10 +34,13 @@ public:
     // no.
     Admission judge(const VTForm& candidate) const;
 
+    // What a plug-in's entitlement to replace others costs, in units of effort. It follows from what the plug-in says,
+    // and not from who asks.
+    static std::uint64_t priceOf(const std::optional<value::Value>& replacePlugIn);
+
     // Adds an admitted form at the end, and removes what it stands in for. The entitlement, if any, names what the
-    // plug-in replaces: a text or a list of texts, which the registry has bounded; of several plug-ins that claim one
-    // identifier the last counts.
-    void append(VTForm form, const Admission& admission, const value::Value* replacePlugIn);
+    // plug-in replaces: a text or a list of texts; of several plug-ins that claim one identifier the last counts.
+    void append(VTForm form, const Admission& admission, std::optional<value::Value> replacePlugIn);
 
     // The copy that stands in the list for a form that was appended: itself, or what it had to go for. Null: none.
     const VTForm* standingFor(const VTForm& appended) const;
@@ -55,6 +58,13 @@ private:
     struct Copies {
         Position first;
         Position last;
+        Position overrider = kNone;  // while the list is finished
+    };
+
+    // What a form says that it replaces: names that are mostly of no match, and are looked up among the matches only.
+    struct Claim {
+        Position by;
+        value::Value names;
     };
 
     void remove(Position position);
@@ -66,6 +76,6 @@ private:
     std::vector<Position> nextCopy_;  // by position
     std::size_t encodedBytes_ = 0;
     bool anyRemoved_ = false;
-    std::unordered_map<std::string_view, Copies> copies_;   // by identifier, whose text a form's base owns
-    std::unordered_map<std::string, Position> overriders_;  // by the identifier that is replaced
+    std::unordered_map<std::string_view, Copies> copies_;  // by identifier, whose text a form's base owns
+    std::vector<Claim> claims_;                            // in the order of the list
 };

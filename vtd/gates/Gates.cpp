@@ -2,6 +2,7 @@
 
 #include <utility>
 
+#include "platform/effort/Effort.h"
 #include "vtd/Exclusions.h"
 
 namespace gates {
@@ -56,6 +57,8 @@ Verdict exported(Visit& visit) {
         visit.form && visit.matches.encodedBytes() + visit.form->encodedSizeHint() > visit.query.mostEncodedBytes;
     if (visit.isFull) return Reason{kFull};
     visit.sharesTooMuch = visit.candidate.priceOfTokens() > visit.shareForTokens;
+    visit.replacePlugIn = visit.candidate.valueForEntitlement(kReplacePlugInEntitlement);
+    static_cast<void>(effort::take(MatchList::priceOf(visit.replacePlugIn)));
     if (visit.form) return {};
     return Reason{"has no form", visit.exportError ? visit.exportError->localizedDescription() : std::string{}};
 }

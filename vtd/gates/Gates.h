@@ -56,6 +56,7 @@ struct Visit {
     // What the gates find out on the way.
     std::optional<VTForm> form = {};  // once the candidate has been exported
     std::optional<value::Error> exportError = {};
+    std::optional<value::Value> replacePlugIn = {};  // the candidate's entitlement
     bool sharesTooMuch = false;
     MatchList::Admission admission = {};
 };
