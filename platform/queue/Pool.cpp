@@ -16,6 +16,27 @@
 #include "platform/queue/SystemCall.h"
 #include "platform/queue/WithoutSignals.h"
 
+// How it works. A thread of the pool goes round in workOnce(): it takes a scheduled queue and drains it; with none on
+// the list it sends the replies that were held back (deferred_); with none of those it waits. The first that waits is
+// the poller, in epoll_; all others stand by, in standby_, which holds nothing but the means to wake one of them. So
+// there are three states that the wake-ups distinguish: one polls, some stand by, or all are at work.
+//
+// What arrives wakes the poller, which gives up the place before it works, and does not hand it on: it will be back in
+// microseconds. Only when it is not, a second thread is worth its change of core, and only the clock can tell: before
+// work of unknown length the poller arms the reminder, which expires a millisecond later among those that stand by.
+// That one looks whether anybody has polled since (polls_ against pollsReminded_): if so, it arms the reminder again
+// and goes on standing by; if not, it runs what is left behind and becomes the poller. The reminder is armed once for
+// many requests, not once for each: under load it costs one system call in a millisecond.
+//
+// A lender is a foreign thread that works until what it waits for has happened. That may happen on another thread while
+// the lender sleeps in epoll_wait, and no call wakes one sleeper among several. recall() therefore raises a level: the
+// recall_ event stays readable until each recalled lender has come back, and whoever else it wakes waits aside for that
+// (waitForEvents), so that the kernel can only wake a lender next. recallsSeen closes the gap between asking `done` and
+// going to sleep.
+//
+// Order of locks: mutex_ is taken last, nothing is called under it but the lists themselves. polling_ and standbys_ are
+// raised under it and read without: who reads them too high wakes somebody in vain, who reads them too low is at work
+// itself and looks at the list before it sleeps.
 namespace queue {
 namespace {
 

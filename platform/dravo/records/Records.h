@@ -154,4 +154,12 @@ bool sameContent(const BundleRecord& a, const BundleRecord& b);
 // known counts as the same.
 bool sameDirectory(const BundleRecord& a, const BundleRecord& b);
 
+// Where a record of either kind is, and what it goes by in lists.
+inline const std::string& pathOf(const ApplicationRecord& application) {
+    return application.bundlePath();
+}
+inline const std::string& pathOf(const BundleRecord& bundle) {
+    return bundle.path();
+}
+
 }  // namespace dravo

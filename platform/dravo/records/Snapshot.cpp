@@ -2,9 +2,11 @@
 
 #include <algorithm>
 #include <functional>
+#include <set>
 #include <utility>
 
 #include "platform/effort/Effort.h"
+#include "platform/file/Beneath.h"
 #include "platform/logging/Invariant.h"
 #include "platform/text/NumericCompare.h"
 #include "platform/text/NumericKey.h"
@@ -22,18 +24,18 @@ namespace dravo {
 
 namespace {
 
-const std::string& pathOf(const ApplicationRecord& application) {
-    return application.bundlePath();
-}
-const std::string& pathOf(const BundleRecord& bundle) {
-    return bundle.path();
-}
-
 constexpr std::uint64_t kUnitsAName = 20;  // to find what a narrowing names
 constexpr std::size_t kFewLists = 8;       // that are searched one by one
 
 bool isSame(const std::string& one, const std::string& other) {
     return text::compareNumerically(one, other) == std::weak_ordering::equivalent;
+}
+
+// The first of the records, which are in the order of their paths, that is not before the path.
+template <typename Records>
+auto firstFrom(const Records& records, const std::string& path) {
+    return std::lower_bound(records.begin(), records.end(), path,
+                            [](const auto& record, const std::string& bound) { return pathOf(*record) < bound; });
 }
 
 std::uint64_t pathHash(const std::string& path) {
@@ -252,13 +254,36 @@ std::vector<bool> Snapshot::unionOf(const std::vector<const Numbers*>& lists) co
     return set;
 }
 
+Snapshot::Place Snapshot::at(const std::string& path) const {
+    Place place;
+    const auto add = [&path](const auto& records, auto& found) {
+        for (auto at = firstFrom(records, path); at != records.end() && pathOf(**at).starts_with(path); ++at) {
+            if (pathOf(**at) == path || file::isBeneath(pathOf(**at), path)) found.push_back(*at);
+        }
+    };
+    add(applications_, place.applications);
+    add(bundles_, place.bundles);
+    return place;
+}
+
+std::vector<std::string> Snapshot::entriesOf(const std::string& directory) const {
+    std::set<std::string> names;
+    const std::string prefix = directory + "/";
+    const auto collect = [&](const auto& records) {
+        for (auto at = firstFrom(records, prefix); at != records.end() && pathOf(**at).starts_with(prefix); ++at) {
+            names.insert(pathOf(**at).substr(prefix.size(), pathOf(**at).find('/', prefix.size()) - prefix.size()));
+        }
+    };
+    collect(applications_);
+    collect(bundles_);
+    return {names.begin(), names.end()};
+}
+
 PluginList Snapshot::plugInsWithin(const std::string& applicationPath) const {
     // What lies beneath one path is one run of the list.
     const std::string prefix = applicationPath + "/";
     PluginList found;
-    auto at = std::lower_bound(bundles_.begin(), bundles_.end(), prefix,
-                               [](const auto& bundle, const std::string& p) { return bundle->path() < p; });
-    for (; at != bundles_.end() && (*at)->path().starts_with(prefix); ++at) {
+    for (auto at = firstFrom(bundles_, prefix); at != bundles_.end() && (*at)->path().starts_with(prefix); ++at) {
         const auto& application = (*at)->application();
         if (application && application->bundlePath() == applicationPath) addPlugIns(*at, found);
     }

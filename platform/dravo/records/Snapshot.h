@@ -50,6 +50,16 @@ public:
 
     PluginList plugInsWithin(const std::string& applicationPath) const;
 
+    // What is installed at the path, or beneath it.
+    struct Place {
+        Applications applications;
+        Bundles bundles;
+    };
+    Place at(const std::string& path) const;
+
+    // The names of the directory's entries at which, or beneath which, something is installed. Ascending.
+    std::vector<std::string> entriesOf(const std::string& directory) const;
+
 private:
     const PlugInRecord& record(std::uint32_t number) const {
         return static_cast<const PlugInRecord&>(*plugIns_[number]);

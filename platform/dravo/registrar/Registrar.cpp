@@ -8,6 +8,7 @@
 #include <system_error>
 #include <utility>
 
+#include "platform/dravo/registrar/Remembered.h"
 #include "platform/effort/Effort.h"
 #include "platform/file/Beneath.h"
 #include "platform/file/File.h"
@@ -34,56 +35,14 @@ constexpr std::size_t kSdkLinksLimit = 1000;
 constexpr std::uint64_t kUnitsAPlugIn = 50;  // in a table that is made anew
 constexpr int kPollShare = 50;               // at most one part in so many of the time goes into polling
 
-// What the store remembers, as a snapshot to compare the disk with.
-std::shared_ptr<const Snapshot> remembered(Store::Contents&& contents,
-                                           const std::shared_ptr<Surroundings>& surroundings, SdkParts& sdks) {
-    std::unordered_map<std::string, std::shared_ptr<const ApplicationRecord>> applications;
-    Snapshot::Applications allApplications;
-    for (auto& [path, facts] : contents.applications) {
-        allApplications.push_back(std::make_shared<const ApplicationRecord>(path, std::move(facts)));
-        applications.emplace(path, allApplications.back());
-    }
-    const std::string system = installationRoots().back().volume;
-    Snapshot::Bundles bundles;
-    bundles.reserve(contents.bundles.size());
-    for (auto& [path, facts] : contents.bundles) {
-        BundlePlace place{path, file::isBeneath(path, system), nullptr};
-        for (std::size_t end = path.rfind(".app/"); end != std::string::npos && end > 0 && !place.application;
-             end = path.rfind(".app/", end - 1)) {
-            const auto found = applications.find(path.substr(0, end + 4));
-            if (found != applications.end()) place.application = found->second;
-        }
-        bundles.push_back(std::make_shared<const BundleRecord>(std::move(place), std::move(facts), surroundings));
-    }
-    return std::make_shared<const Snapshot>(std::move(allApplications), std::move(bundles), sdks);
-}
-
-const std::string& pathOf(const ApplicationRecord& application) {
-    return application.bundlePath();
-}
-const std::string& pathOf(const BundleRecord& bundle) {
-    return bundle.path();
-}
-
-// The first of the records, which are in the order of their paths, that is not before the path.
+// The records of paths that the finding has none of.
 template <typename Records>
-auto firstFrom(const Records& records, const std::string& path) {
-    return std::lower_bound(records.begin(), records.end(), path,
-                            [](const auto& record, const std::string& bound) { return pathOf(*record) < bound; });
-}
-
-// The entries of the directory in which something is known to be installed.
-std::vector<std::string> entriesKnown(const Snapshot& snapshot, const std::string& directory) {
-    std::set<std::string> names;
-    const std::string prefix = directory + "/";
-    const auto collect = [&](const auto& records) {
-        for (auto at = firstFrom(records, prefix); at != records.end() && pathOf(**at).starts_with(prefix); ++at) {
-            names.insert(pathOf(**at).substr(prefix.size(), pathOf(**at).find('/', prefix.size()) - prefix.size()));
-        }
-    };
-    collect(snapshot.applications());
-    collect(snapshot.bundles());
-    return {names.begin(), names.end()};
+void addWhereNew(const Records& records, Records& found) {
+    for (const auto& record : records) {
+        const bool isThere = std::any_of(found.begin(), found.end(),
+                                         [&](const auto& other) { return pathOf(*other) == pathOf(*record); });
+        if (!isThere) found.push_back(record);
+    }
 }
 
 }  // namespace
@@ -375,7 +334,7 @@ void Registrar::lookAtEverything() {
         auto names = scanner_.entries(root);
         if (scanner_.uncertain()) {
             retryLater();
-            names = entriesKnown(*known, root.path);
+            names = known->entriesOf(root.path);
         }
         for (const std::string& name : names) lookAtEntry(root, name);
     }
@@ -464,25 +423,15 @@ bool Registrar::passesBy(const Topic& topic) {
 
 // Known from an earlier look, or since before the start from the store.
 void Registrar::addWhatIsKnown(const Topic& topic, Finding& finding) {
-    const auto add = [](const auto& record, auto& found) {
-        const bool isThere = std::any_of(found.begin(), found.end(),
-                                         [&](const auto& other) { return pathOf(*other) == pathOf(*record); });
-        if (!isThere) found.push_back(record);
-    };
-    if (const auto known = findings_.find(topic); known != findings_.end()) {
-        for (const auto& application : known->second.applications) add(application, finding.applications);
-        for (const auto& bundle : known->second.bundles) add(bundle, finding.bundles);
-        return;
+    const auto known = findings_.find(topic);
+    if (known != findings_.end()) {
+        addWhereNew(known->second.applications, finding.applications);
+        addWhereNew(known->second.bundles, finding.bundles);
+    } else {
+        const Snapshot::Place before = snapshot()->at(topic.path);
+        addWhereNew(before.applications, finding.applications);
+        addWhereNew(before.bundles, finding.bundles);
     }
-    const auto before = snapshot();
-    const auto addFrom = [&](const auto& records, auto& found) {
-        for (auto at = firstFrom(records, topic.path); at != records.end() && pathOf(**at).starts_with(topic.path);
-             ++at) {
-            if (pathOf(**at) == topic.path || file::isBeneath(pathOf(**at), topic.path)) add(*at, found);
-        }
-    };
-    addFrom(before->applications(), finding.applications);
-    addFrom(before->bundles(), finding.bundles);
 }
 
 // What a record was made of belongs to it: when an SDK is another, so are the records of its plug-ins.

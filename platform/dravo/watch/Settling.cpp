@@ -5,6 +5,10 @@
 
 #include "platform/logging/Invariant.h"
 
+// How it works. Each change starts the timer anew, to expire when nothing has changed for kQuiet: what is looked at in
+// the middle of a copy is looked at twice. But somebody who changes something for ever must not keep everybody else's
+// changes from being seen, so the timer never expires later than kLongest after the first change that nobody has looked
+// at; since_ is that moment. rest() belongs to the look itself, whatever brought it about, and begins the next burst.
 namespace dravo {
 
 namespace {

@@ -15,6 +15,20 @@
 #include "platform/mox/transport/Receive.h"
 #include "platform/text/Format.h"
 
+// How it works. The stages follow each other and none comes twice: the hello goes out and the peer's echo proves that
+// it reads what it is sent (greeting); its program is looked at, elsewhere, since the disk may take its time
+// (identifying); the listener's handler has the connection (delivered) and resumes it (open). Until it is open nothing
+// more is read: what a stranger sends waits in the kernel's buffers, at the stranger's expense.
+//
+// Three owners share what is below, and each member says whose it is. The queue reads, and ends the connection. Whoever
+// answers sends, on its own thread, under outputLock_. The account (Charges.h) pauses reading and ends the connection
+// when it is asked to, from any thread, and therefore only through later() or the lock. Closing the descriptor happens
+// in one place, end(), on the queue and under the lock, so that no number is used that the kernel has given to somebody
+// else; everybody else who wants the connection gone shuts the socket down and lets the queue find out.
+//
+// What the peer makes us keep is charged in three parts that change with the bytes themselves: partialCharge_ for a
+// frame that is half there, a Ticket for each request until its last user lets go of it, outputCharge_ for replies that
+// are not read. A pause stops only reading: replies go out, which is what ends the pause.
 namespace mox {
 
 namespace {
