@@ -81,12 +81,9 @@ std::optional<std::string> resolveByComponents(const std::string& path) {
 
 // Whether the kernel would take it.
 bool isPath(const std::string& path) {
-    if (path.find('\0') != std::string::npos)
-        errno = EINVAL;
-    else if (path.size() >= PATH_MAX)
-        errno = ENAMETOOLONG;
-    else
-        return true;
+    const bool isText = path.find('\0') == std::string::npos;
+    if (isText && path.size() < PATH_MAX) return true;
+    errno = isText ? ENAMETOOLONG : EINVAL;
     return false;
 }
 
