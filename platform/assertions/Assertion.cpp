@@ -47,14 +47,10 @@ OwnFiles& ownFiles() {
     return files;
 }
 
-bool isSame(const struct stat& a, const struct stat& b) {
-    return a.st_dev == b.st_dev && a.st_ino == b.st_ino;
-}
-
 // Whether the path still leads to the file: it is unlinked by whoever finds it without a lock.
 bool isInPlace(const LockedFile& file) {
     struct stat now {};
-    return ::lstat(file.path.c_str(), &now) == 0 && isSame(now, file.status);
+    return ::lstat(file.path.c_str(), &now) == 0 && file::isSameFile(now, file.status);
 }
 
 // Writes first and locks then: what is locked is complete. Nothing, with errno set, when the name is not to be had.
@@ -99,7 +95,7 @@ std::unique_lock<std::mutex> lockOwnFiles() {
 
 bool isOwn(const struct stat& status) {
     for (const auto& [directory, taken] : ownFiles().byDirectory) {
-        if (taken.pid == ::getpid() && isSame(taken.file.status, status)) return true;
+        if (taken.pid == ::getpid() && file::isSameFile(taken.file.status, status)) return true;
     }
     return false;
 }

@@ -114,9 +114,9 @@ private:
     const std::optional<value::Dictionary> info_;
 };
 
-bool isSameFile(const std::string& path, const struct stat& file) {
+bool liesAt(const std::string& path, const struct stat& file) {
     struct stat status {};
-    return ::lstat(path.c_str(), &status) == 0 && status.st_dev == file.st_dev && status.st_ino == file.st_ino;
+    return ::lstat(path.c_str(), &status) == 0 && file::isSameFile(status, file);
 }
 
 std::shared_ptr<const Bundle> bundleOfExecutable(const std::string& path) {
@@ -130,8 +130,7 @@ std::shared_ptr<const Bundle> bundleOfExecutable(const std::string& path) {
         auto info = readInfo(directory);
         const auto named =
             info != nullptr && info->dictionary ? executableInBundle(directory, *info->dictionary) : std::nullopt;
-        if (named && isSameFile(*named, status))
-            return std::make_shared<const BundleOnDisk>(directory, std::move(info));
+        if (named && liesAt(*named, status)) return std::make_shared<const BundleOnDisk>(directory, std::move(info));
         if (!directory.has_relative_path()) break;  // the root
     }
     return notFound;

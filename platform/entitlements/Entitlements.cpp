@@ -39,8 +39,7 @@ bool onSystemVolume(const struct stat& directory, const std::string& bundlePath)
     const auto volume = file::canonicalPath(paths::directories().systemVolume);
     if (!canonical || !volume || !file::isBeneath(*canonical, *volume)) return false;
     struct stat found {};
-    return lstat(canonical->c_str(), &found) == 0 && found.st_dev == directory.st_dev &&
-           found.st_ino == directory.st_ino;
+    return lstat(canonical->c_str(), &found) == 0 && file::isSameFile(found, directory);
 }
 
 bool ownedBySystem(uid_t owner) {

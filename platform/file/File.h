@@ -33,6 +33,12 @@ inline bool isSameFile(const Stamp& a, const Stamp& b) {
     return a.device == b.device && a.inode == b.inode;
 }
 
+// Whether two looks were at one file, of which one is open: its number cannot have been given again meanwhile. For who
+// looks only once there is Identity.
+inline bool isSameFile(const struct stat& one, const struct stat& other) {
+    return one.st_dev == other.st_dev && one.st_ino == other.st_ino;
+}
+
 Stamp stampOf(const struct stat& status);
 std::optional<Stamp> stampOf(const std::string& path);  // follows links; nothing when it cannot be read
 

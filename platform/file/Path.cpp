@@ -35,8 +35,7 @@ constexpr std::string_view kDeleted = " (deleted)";
 bool isStillThere(int fd, const std::string& path) {
     struct stat opened {};
     struct stat named {};
-    return ::fstat(fd, &opened) == 0 && ::lstat(path.c_str(), &named) == 0 && opened.st_dev == named.st_dev &&
-           opened.st_ino == named.st_ino;
+    return ::fstat(fd, &opened) == 0 && ::lstat(path.c_str(), &named) == 0 && isSameFile(opened, named);
 }
 
 enum class Asking : std::uint8_t { mayBlock, never };

@@ -11,6 +11,7 @@
 #include <string_view>
 #include <thread>
 
+#include "platform/file/File.h"
 #include "platform/text/Format.h"
 
 namespace lock {
@@ -59,7 +60,7 @@ bool LockFile::isAt(const std::string& path) const {
     struct stat held {};
     struct stat there {};
     return ::fstat(descriptor_.get(), &held) == 0 && ::lstat(path.c_str(), &there) == 0 &&
-           held.st_dev == there.st_dev && held.st_ino == there.st_ino;
+           file::isSameFile(held, there);
 }
 
 // By trying again: the kernel's own wait cannot be given an end without a signal.

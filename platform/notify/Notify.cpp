@@ -7,6 +7,7 @@
 #include <cerrno>
 #include <utility>
 
+#include "platform/file/File.h"
 #include "platform/file/UniqueFd.h"
 #include "platform/logging/Log.h"
 #include "platform/notify/Counter.h"
@@ -61,7 +62,7 @@ private:
             if (have && ours.st_nlink == 0) counter_.reset();
             return false;
         }
-        if (have && found.st_dev == ours.st_dev && found.st_ino == ours.st_ino) return false;
+        if (have && file::isSameFile(found, ours)) return false;
         file::UniqueFd opened{open(path_.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY | O_CLOEXEC)};
         if (!opened) return false;
         counter_ = std::move(opened);

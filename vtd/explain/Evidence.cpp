@@ -107,7 +107,7 @@ void tellLocation(Evidence& evidence, const VTDPlugIn& plugIn) {
 
 void tellDedication(Evidence& evidence, const gates::Visit& visit) {
     const auto own = visit.query.clientPlugInsPath ? visit.query.clientPlugInsPath() : std::nullopt;
-    evidence.wanted = own && !own->empty() ? text::format("a plug-in in {}", *own) : "a host with plug-ins of its own";
+    evidence.wanted = own ? text::format("a plug-in in {}", *own) : "a host with plug-ins of its own";
     evidence.found = visit.candidate.path();
     evidence.file = fileIn(visit.candidate.path(), bundle::kInfoFile);
     evidence.key = keyOf(visit.candidate, VTInfoKey::dedicated);

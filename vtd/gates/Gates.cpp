@@ -22,7 +22,7 @@ Verdict location(Visit& visit) {
 Verdict dedication(Visit& visit) {
     if (!visit.candidate.isDedicated()) return {};
     const auto own = visit.query.clientPlugInsPath ? visit.query.clientPlugInsPath() : std::nullopt;
-    if (own && !own->empty() && visit.candidate.path().starts_with(*own)) return {};
+    if (own && visit.candidate.path().starts_with(*own)) return {};
     return Reason{"is dedicated to another application"};
 }
 

@@ -8,8 +8,8 @@
 
 namespace dravo {
 
-// What the store remembers, as the snapshot that the first look at the disk is compared with. A bundle gets the innermost
-// application that is remembered around it.
+// What the store remembers, as the snapshot that the first look at the disk is compared with. A bundle gets the
+// innermost application that is remembered around it.
 std::shared_ptr<const Snapshot> remembered(Store::Contents&& contents,
                                            const std::shared_ptr<Surroundings>& surroundings, SdkParts& sdks);
 

@@ -80,6 +80,19 @@ TEST(Beneath, ToldByWholeNames) {
     }
 }
 
+TEST(IsSameFile, AsksForDeviceAndNumber) {
+    struct stat one {};
+    one.st_dev = 1;
+    one.st_ino = 2;
+    struct stat onAnotherDevice = one;
+    struct stat another = one;
+    onAnotherDevice.st_dev = 3;
+    another.st_ino = 4;
+    EXPECT_TRUE(isSameFile(one, one));
+    EXPECT_FALSE(isSameFile(one, onAnotherDevice));
+    EXPECT_FALSE(isSameFile(one, another));
+}
+
 TEST(EncodedName, EscapesWhatAFileNameMustNotHoldAndKeepsLongTextsApart) {
     const std::string stem(199, 'x'), longest(200, 'x');
     const std::pair<std::string, std::string> rows[] = {{"org.example.Plug-In_1", "org.example.Plug-In_1"},
