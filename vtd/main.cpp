@@ -1,5 +1,6 @@
 #include <unistd.h>
 
+#include <chrono>
 #include <csignal>
 #include <cstdlib>
 #include <optional>
@@ -11,6 +12,7 @@
 #include "Velto/VTAssertion.h"
 #include "Velto/VTProtocol.h"
 #include "platform/logging/Log.h"
+#include "platform/notify/Notify.h"
 #include "platform/paths/Paths.h"
 #include "vtd/VTDServer.h"
 
@@ -82,5 +84,6 @@ int main(int argc, char** argv) {
         end(kFailed);
     }
     server.reset();
+    notify::settlePosts(std::chrono::milliseconds{100});  // who observes has nothing else to go by
     end(kStopped);
 }

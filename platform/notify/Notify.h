@@ -1,5 +1,6 @@
 #pragma once
 
+#include <chrono>
 #include <cstdint>
 #include <functional>
 #include <memory>
@@ -17,6 +18,10 @@ namespace notify {
 // keeps the counter's lock the posts are owed, and made as soon as it can be had: the first of them waits 20 ms or so,
 // the others not at all. Failures are returned, not fatal. Any thread.
 [[nodiscard]] std::optional<value::Error> post(const std::string& name, std::uint64_t times = 1);
+
+// For a process that is about to end: tries to make the posts that it owes for that long. Whether it owes none any
+// more.
+bool settlePosts(std::chrono::milliseconds patience);
 
 // Calls the handler on the queue after each post, with how many posts happened since the last call (never 0): none is
 // lost, several may be told at once. A counter that was deleted, replaced or spoilt meanwhile counts on from there.

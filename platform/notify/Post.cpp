@@ -24,11 +24,30 @@ constexpr int kAttempts = 100;
 // The posts of this process that wait for another one to give a counter's lock back. Those of one notification add up.
 class Posts {
 public:
+    static Posts& shared() {
+        static Posts& posts = *new Posts;  // never destroyed: queues may still post while the process ends
+        return posts;
+    }
+
     std::optional<value::Error> make(const std::string& name, std::uint64_t times) {
         const std::lock_guard lock{mutex_};
         const auto [waiting, isFirst] = waiting_.try_emplace(name);
         waiting->second += times;
         return isFirst ? settle(name, kAttempts) : std::nullopt;
+    }
+
+    // The lock of these posts is given back between the tries, each of which takes 20 ms or so where another process
+    // has the counter's.
+    bool settleAll(milliseconds patience) {
+        const auto end = std::chrono::steady_clock::now() + patience;
+        for (;;) {
+            const std::lock_guard lock{mutex_};
+            const std::map<std::string, std::uint64_t> waiting = waiting_;
+            for (const auto& [name, posts] : waiting) {
+                if (const auto error = settle(name, kAttempts)) logging::error(error->localizedDescription());
+            }
+            if (waiting_.empty() || std::chrono::steady_clock::now() >= end) return waiting_.empty();
+        }
     }
 
 private:
@@ -76,8 +95,11 @@ private:
 }  // namespace
 
 std::optional<value::Error> post(const std::string& name, std::uint64_t times) {
-    static Posts& posts = *new Posts;  // never destroyed: queues may still post while the process ends
-    return posts.make(name, times);
+    return Posts::shared().make(name, times);
+}
+
+bool settlePosts(milliseconds patience) {
+    return Posts::shared().settleAll(patience);
 }
 
 }  // namespace notify

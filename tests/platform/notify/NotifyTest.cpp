@@ -48,7 +48,7 @@ TEST_F(Notify, LosesNoPostOfManyProcesses) {
         for (std::uint64_t j = 0; j < kPosts; ++j) {
             if (post("n")) _exit(1);
         }
-        _exit(0);
+        _exit(settlePosts(std::chrono::seconds{20}) ? 0 : 1);  // a holder of the lock may have been off the processor
     }
     for (int status = 0; wait(&status) > 0;) EXPECT_EQ(status, 0);
     EXPECT_EQ(one.waitFor(kProcesses * kPosts), kProcesses * kPosts);
