@@ -330,7 +330,7 @@ std::optional<value::Error> VTPlugInCore::diagnose() const {
     };
     const value::Dictionary& own = plugInDictionary();
 
-    if (const auto fault = stored().sdkFault.load()) return fault;
+    if (auto fault = stored().sdkFault.load()) return fault;
     if (identifier().empty()) {
         return VTError(kCode, "missing identifier (no KXExtensionIdentifier, nor even QFBundleIdentifier)");
     }

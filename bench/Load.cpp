@@ -49,9 +49,10 @@ double requestsASecond(const std::string& socketPath, std::size_t clients, bool 
     std::array<epoll_event, 64> events;
     while ((elapsed = microsecondsSince(start) / 1e6) < seconds) {
         const int count = epoll_wait(epoll.get(), events.data(), events.size(), 1000);
-        if (count <= 0)
+        if (count <= 0) {
             throw std::runtime_error("the service at " + socketPath + " stopped answering after " +
                                      std::to_string(answered));
+        }
         for (int i = 0; i < count; ++i) {
             auto& connection = *static_cast<RawConnection*>(events[static_cast<std::size_t>(i)].data.ptr);
             if (!connection.readFrame()) continue;

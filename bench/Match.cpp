@@ -30,6 +30,7 @@ std::vector<Row> discoveries() {
     pinToCore(0);
     const std::array<std::size_t, 3> sizes{700, 7'000, 70'000};
     std::vector<std::unique_ptr<Discovering>> worlds;
+    worlds.reserve(sizes.size());
     for (const std::size_t size : sizes) worlds.push_back(std::make_unique<Discovering>(size));
     for (int i = 0; i < MatchClient::kRepetitions; ++i) {
         for (const auto& one : worlds) one->figures.push_back(one->client.microsecondsAMatch());

@@ -41,7 +41,7 @@ std::optional<value::Error> View::error() const {
     const std::byte* at = contents();
     const auto text = [&at] {
         const std::size_t length = encoding::load<std::uint32_t>(at);
-        const std::string result{reinterpret_cast<const char*>(at + encoding::kLengthSize), length};
+        std::string result{reinterpret_cast<const char*>(at + encoding::kLengthSize), length};
         at += encoding::kLengthSize + length;
         return result;
     };

@@ -146,7 +146,7 @@ std::optional<Extension> parse(std::string_view text) {
 
 std::string seal(const Extension& extension) {
     const file::Identity& identity = extension.identity;
-    constexpr std::size_t kAllButThePath = sizeof kReadOnlyFileClass + std::size_t{4 * 17} + 2 * kMacSize + 1;
+    constexpr std::size_t kAllButThePath = sizeof kReadOnlyFileClass + std::size_t{4} * 17 + 2 * kMacSize + 1;
     std::string token;
     token.reserve(kAllButThePath + extension.path.size());
     token.append(kReadOnlyFileClass) += ';';

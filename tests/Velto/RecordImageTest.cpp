@@ -27,9 +27,10 @@ public:
         if (flip()) plugIn.set(VTInfoKey::dedicated, values_());
         if (flip()) plugIn.set(VTInfoKey::shared, values_());
         Dictionary top = std::move(plugIn).build();
-        if (flip())
-            top =
-                Dictionary{{VTInfoKey::multiple, Dictionary{{"the.plugin", top}, {"other", someEntries()}}}, {"x", 1}};
+        if (flip()) {
+            const Dictionary several{{"the.plugin", top}, {"other", someEntries()}};
+            top = Dictionary{{VTInfoKey::multiple, several}, {"x", 1}};
+        }
         Dictionary::Builder info{someEntries()};
         info.set("KXExtension", top);
         if (flip()) info.set("QFBundleShortVersionString", values_());

@@ -52,7 +52,7 @@ public:
 
     // Takes all the space that is left, in a file of its own whose path is answered.
     std::string fill() const {
-        const std::string ballast = at_ + "/ballast";
+        std::string ballast = at_ + "/ballast";
         std::ofstream filler{ballast, std::ios::binary};
         while (filler << std::string(4096, 'x') << std::flush) {
         }

@@ -138,9 +138,10 @@ void AcceptedConnection::begin() {
     });
     if (!socketWatch_ || !processWatch_) return breakOff("it cannot be watched");
     handshakeTimer_ = queue::after(bounds_.handshakeDeadline, queue_, [weak] {
-        if (const auto self = weak.lock())
-            self->breakOff(self->stage_ == Stage::greeting ? "it did not answer the hello in time"
-                                                           : "its program cannot be read in time");
+        const auto self = weak.lock();
+        if (!self) return;
+        const bool isGreeting = self->stage_ == Stage::greeting;
+        self->breakOff(isGreeting ? "it did not answer the hello in time" : "its program cannot be read in time");
     });
     nonce_ = freshNonce();
     const std::lock_guard lock{outputLock_};
@@ -304,9 +305,10 @@ void AcceptedConnection::send(Reply& reply) {
     const std::size_t size = reply.framed({}).size;
     if (size - wire::kHeaderSize > kReplyLimits.bytes)
         return later([](AcceptedConnection& self) { self.breakOff("a reply to it is above the limit"); });
-    if (!reply.reserveRest(size))
+    if (!reply.reserveRest(size)) {
         return later(
             [](AcceptedConnection& self) { self.breakOff("replies to it are more than it may have waiting"); });
+    }
     if (size >= kLarge) memory::giveBackSoon();
     OutgoingFrame frame{wire::FrameKind::reply, ticket.replyId, &reply, reply.descriptor(), reply.takeCharge()};
 

@@ -51,9 +51,10 @@ void Complaints::sayHowOften() {
         timer_.reset();
         if (!said_.empty()) startTimer();
     }
-    for (const auto& [text, how] : repeated)
+    for (const auto& [text, how] : repeated) {
         logging::notice(text::format("mox: service {}: {} times more within a second, the last for process {}: {}",
                                      service_, how.times, how.lastPid, text));
+    }
 }
 
 }  // namespace mox

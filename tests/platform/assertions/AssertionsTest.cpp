@@ -65,7 +65,7 @@ TEST_F(Assertions, EndWithTheirProcessEvenIfAChildOfItLivesOn) {
     ASSERT_GE(busy, 0);
     if (busy == 0) {
         ::setpgid(0, 0);
-        const auto assertion = Assertion::take(kIdentifier);
+        const auto assertion = Assertion::take(kIdentifier);  // NOLINT(*-DeadStores): it lasts as long as it lives
         const pid_t child = seenByAnother() == "busy " ? ::fork() : -1;
         if (child == 0) ::pause();
         ::_exit(child > 0 ? 0 : 1);
@@ -116,7 +116,9 @@ TEST_F(Assertions, AreNotTakenOnAFullDiskNorFillIt) {
 TEST_F(Assertions, AreNeverSweptByWhoLooksWhileTheyAreTaken) {
     const pid_t looking = ::fork();
     ASSERT_GE(looking, 0);
-    while (looking == 0) seen();
+    if (looking == 0) {
+        for (;;) seen();
+    }
     int lost = 0;
     for (int i = 0; i < 1000; ++i) {
         root_.write(own_.substr(root_.path().size()), "stale");

@@ -211,7 +211,7 @@ TEST(Changes, ARecordMeansTheDirectoryThatWasReadAndNoOther) {
     const auto linked = [&](const std::string& at, const std::string& from) {
         world.move(at, "away");
         fs::create_directory_symlink(world.root / from, world.root / at);
-        const std::string outcome = opened();
+        std::string outcome = opened();
         fs::remove(world.root / at);
         world.move("away", at);
         return outcome;
@@ -219,7 +219,7 @@ TEST(Changes, ARecordMeansTheDirectoryThatWasReadAndNoOther) {
     const auto exchanged = [&](const std::string& at, const std::string& from) {
         world.move(at, "away");
         world.move(from, at);
-        const std::string outcome = opened();
+        std::string outcome = opened();
         world.move(at, from);
         world.move("away", at);
         return outcome;
