@@ -1,7 +1,6 @@
 #include "platform/dravo/store/Images.h"
 
 #include <fcntl.h>
-#include <sys/mman.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -14,17 +13,19 @@
 #include <utility>
 #include <vector>
 
+#include "platform/dravo/store/WriteAll.h"
 #include "platform/file/File.h"
 #include "platform/logging/Invariant.h"
 #include "platform/logging/Log.h"
 #include "platform/text/Format.h"
 
-// The file is a header and entries, one behind the other, each of a header and an image, padded to 16 bytes. It is
-// mapped once, as far as it may ever grow, so that what is appended is there without another mapping and nothing that
-// was handed out ever moves. A generation is one such file: compacting writes another and puts it in the place of the
-// first, which stays mapped for as long as somebody reads it.
+// The file is a header and entries, one behind the other, each of a header and an image, padded to 16 bytes. A
+// generation is one such file: compacting writes another and puts it in the place of the first. It has a name, and so
+// anybody with the right to may cut or overwrite it at any time; therefore it is only ever read, and what is read is
+// held against its checksum. What is found sound goes into the working copy, and is used where that is mapped.
 //
-// A place is a generation's number (never 0) and an offset in units of 16 bytes.
+// A place is a working copy's number (never 0) and an offset in units of 16 bytes. The copy is not compacted: once it
+// is mostly of what is gone another one is begun, and fills again with what is asked for.
 
 namespace dravo {
 
@@ -35,6 +36,7 @@ constexpr std::size_t kWorthCompacting = std::size_t{1} << 20;
 constexpr std::chrono::minutes kCompactAgain{10};  // after a failure
 constexpr std::size_t kUnit = 16;
 constexpr char kNewSuffix[] = ".new";
+constexpr char kWorkingSuffix[] = ".used";
 constexpr std::uint64_t kFileMagic = 0x3130'6567'616d'4956;  // "VImage01"
 constexpr std::uint32_t kEntryMagic = 0x79'72'74'6e;         // "ntry"
 
@@ -75,36 +77,12 @@ digest::Fingerprint thisProgram() {
     return digest::fingerprint(std::as_bytes(std::span{facts}));
 }
 
-// All of it, or an error number.
-int writeAll(int fd, std::span<const std::byte> bytes, std::uint64_t offset) {
-    while (!bytes.empty()) {
-        const ssize_t written = ::pwrite(fd, bytes.data(), bytes.size(), static_cast<off_t>(offset));
-        if (written < 0 && errno == EINTR) continue;
-        if (written < 0) return errno;
-        bytes = bytes.subspan(static_cast<std::size_t>(written));
-        offset += static_cast<std::uint64_t>(written);
-    }
-    return 0;
-}
-
-std::atomic<std::uint64_t> lastNumber{0};
-
 }  // namespace
 
 class Images::Generation {
 public:
-    // Null, with errno set, when it cannot be had.
-    static std::shared_ptr<Generation> of(file::UniqueFd file) {
-        void* const base = ::mmap(nullptr, kMostBytes, PROT_READ, MAP_SHARED | MAP_NORESERVE, file.get(), 0);
-        if (base == MAP_FAILED) return nullptr;
-        return std::shared_ptr<Generation>{new Generation{std::move(file), static_cast<const std::byte*>(base)}};
-    }
-    ~Generation() { ::munmap(const_cast<std::byte*>(base_), kMostBytes); }
-    Generation(const Generation&) = delete;
-    Generation& operator=(const Generation&) = delete;
+    explicit Generation(file::UniqueFd file) : file_{std::move(file)} {}
 
-    std::uint64_t number() const { return number_; }
-    const std::byte* base() const { return base_; }
     std::size_t live() const { return live_; }
     std::size_t size() const { return size_; }
 
@@ -132,12 +110,6 @@ public:
         for (const auto& [uuid, entry] : places_) visit(entry.offset);
     }
 
-    EntryHeader headerAt(std::uint64_t offset) const {
-        EntryHeader header;
-        std::memcpy(&header, base_ + offset, sizeof header);
-        return header;
-    }
-
     // Starts an empty file, whatever it held; an error number.
     int begin() {
         places_.clear();
@@ -150,8 +122,7 @@ public:
         return writeAll(file_.get(), std::as_bytes(std::span{&header, 1}), 0);
     }
 
-    // Finds what is in the file. False when it is not one of this program's; what follows damage is cut off. It is
-    // read, and not looked at where it is mapped: what a disk does not give is an error here, and a signal there.
+    // Finds what is in the file. False when it is not one of this program's; what follows damage is cut off.
     bool read() {
         struct stat status {};
         if (::fstat(file_.get(), &status) != 0 || status.st_size < ssize_t{sizeof(FileHeader)}) return false;
@@ -179,13 +150,20 @@ public:
         return ::ftruncate(file_.get(), static_cast<off_t>(size_)) == 0;
     }
 
-    // The image's bytes, read from the file when its checksum is right; nothing otherwise.
-    std::optional<std::vector<std::byte>> readImage(std::uint64_t offset) const {
+    // What the file holds there, when the checksums are right; nothing otherwise.
+    struct Kept {
         EntryHeader header;
-        if (!readAll(std::as_writable_bytes(std::span{&header, 1}), offset)) return {};
-        std::vector<std::byte> image(header.size);
-        if (!readAll(image, offset + sizeof header) || digest::checksum(image) != header.imageChecksum) return {};
-        return image;
+        std::vector<std::byte> image;
+    };
+    std::optional<Kept> readEntry(std::uint64_t offset) const {
+        Kept kept;
+        if (!readAll(std::as_writable_bytes(std::span{&kept.header, 1}), offset) ||
+            kept.header.checksum != checksumOf(kept.header))
+            return {};
+        kept.image.resize(kept.header.size);
+        if (!readAll(kept.image, offset + sizeof kept.header)) return {};
+        return digest::checksum(kept.image) == kept.header.imageChecksum ? std::optional{std::move(kept)}
+                                                                         : std::nullopt;
     }
 
     // The offset, or nothing with errno set; then nothing has changed.
@@ -217,15 +195,7 @@ public:
         return offset;
     }
 
-    std::span<const std::byte> imageAt(std::uint64_t offset) const {
-        std::uint32_t size = 0;
-        std::memcpy(&size, base_ + offset + offsetof(EntryHeader, size), sizeof size);
-        return {base_ + offset + sizeof(EntryHeader), size};
-    }
-
 private:
-    Generation(file::UniqueFd file, const std::byte* base) : file_{std::move(file)}, base_{base} {}
-
     struct Entry {
         std::uint64_t offset;
         std::size_t size;  // with its header, in the file
@@ -250,8 +220,6 @@ private:
     }
 
     const file::UniqueFd file_;
-    const std::byte* const base_;
-    const std::uint64_t number_ = ++lastNumber;
 
     // Under the mutex of the images.
     std::size_t size_ = 0;  // of the file
@@ -264,8 +232,8 @@ namespace {
 constexpr unsigned kOffsetBits = 40;
 
 std::uint64_t placeOf(std::uint64_t number, std::uint64_t offset) {
-    INVARIANT(offset % kUnit == 0 && offset / kUnit < std::uint64_t{1} << kOffsetBits);
-    return number << kOffsetBits | offset / kUnit;
+    INVARIANT(offset % WorkingCopy::kUnit == 0 && offset / WorkingCopy::kUnit < std::uint64_t{1} << kOffsetBits);
+    return number << kOffsetBits | offset / WorkingCopy::kUnit;
 }
 
 }  // namespace
@@ -279,9 +247,9 @@ Images::Images(std::string path) : path_{std::move(path)} {
         giveUp("open", errno);
     } else if (!S_ISREG(status.st_mode)) {
         giveUp("open", EINVAL);
-    } else if (generation_ = Generation::of(std::move(file)); !generation_) {
-        giveUp("map", errno);
-    } else if (!generation_->read()) {
+    } else if (working_ = WorkingCopy::make(path_ + kWorkingSuffix); !working_) {
+        giveUp("map a copy of", errno);
+    } else if (generation_ = std::make_shared<Generation>(std::move(file)); !generation_->read()) {
         if (status.st_size != 0) {
             logging::notice("the images of plug-ins are another program's, or damaged; they are made again");
         }
@@ -297,19 +265,36 @@ void Images::giveUp(const char* what, int error) {
     generation_.reset();
 }
 
-std::shared_ptr<Images::Generation> Images::current() const {
+std::shared_ptr<WorkingCopy> Images::workingCopy() const {
     const std::lock_guard lock{mutex_};
-    return generation_;
+    return working_;
+}
+
+// Under the mutex. Nothing, with errno set, when there is no room.
+std::optional<DVImage> Images::copyOf(std::span<const std::byte> image, Place& place) {
+    if (working_->size() > 2 * std::max(generation_->live(), kWorthCompacting)) {
+        auto another = WorkingCopy::make(path_ + kWorkingSuffix);
+        if (another) working_ = std::move(another);
+    }
+    const auto offset = working_->append(image);
+    if (!offset) return {};
+    place.store(placeOf(working_->number(), *offset), std::memory_order_release);
+    return DVImage{working_->at(*offset), working_};
+}
+
+// Under the mutex.
+void Images::complainOnce(const std::string& what) {
+    if (!std::exchange(complained_, true)) logging::warning(what);
 }
 
 std::optional<DVImage> Images::at(const Place& place) const {
     const std::uint64_t known = place.load(std::memory_order_acquire);
     if (known == 0) return {};
-    auto generation = current();
-    if (!generation || known >> kOffsetBits != generation->number()) return {};
-    const auto offset = (known & ((std::uint64_t{1} << kOffsetBits) - 1)) * kUnit;
-    const auto bytes = generation->imageAt(offset);
-    return DVImage{bytes, std::move(generation)};
+    auto working = workingCopy();
+    if (!working || known >> kOffsetBits != working->number()) return {};
+    const auto offset = (known & ((std::uint64_t{1} << kOffsetBits) - 1)) * WorkingCopy::kUnit;
+    const auto bytes = working->at(offset);
+    return DVImage{bytes, std::move(working)};
 }
 
 std::optional<DVImage> Images::find(const Key& key, Place& place, DVImage::IsSound isSound) {
@@ -321,31 +306,22 @@ std::optional<DVImage> Images::find(const Key& key, Place& place, DVImage::IsSou
         if (generation) offset = generation->find(key.uuid);
     }
     if (!offset) return {};
-    // Read before it is believed where it is mapped. Nobody changes what is in the file.
-    const auto image = generation->readImage(*offset);
-    if (image && generation->headerAt(*offset).madeOf != key.madeOf) return {};
-    if (!image || !isSound(*image)) {
-        const std::lock_guard lock{mutex_};
-        if (!std::exchange(complained_, true)) {
-            logging::notice("an image of a plug-in is damaged; it is made again (others will not be logged)");
-        }
+    const auto kept = generation->readEntry(*offset);
+    if (kept && kept->header.madeOf != key.madeOf) return {};
+    const std::lock_guard lock{mutex_};
+    if (!kept || kept->header.uuid != key.uuid.bytes() || !isSound(kept->image)) {
+        complainOnce("an image of a plug-in is damaged; it is made again (others will not be logged)");
         generation->forget(key.uuid);
         return {};
     }
-    place.store(placeOf(generation->number(), *offset), std::memory_order_release);
-    const auto bytes = generation->imageAt(*offset);
-    return DVImage{bytes, std::move(generation)};
+    return generation_ ? copyOf(kept->image, place) : std::nullopt;
 }
 
 void Images::keep(const Key& key, std::span<const std::byte> image, Place& place) {
     const std::lock_guard lock{mutex_};
     if (!generation_) return;
-    const auto offset = generation_->append(key.uuid, key.madeOf, image);
-    if (offset) return place.store(placeOf(generation_->number(), *offset), std::memory_order_release);
-    if (!std::exchange(complained_, true)) {
-        logging::warning(
-            text::format("cannot write {}: {}; plug-ins will be slower to discover", path_, std::strerror(errno)));
-    }
+    if (generation_->append(key.uuid, key.madeOf, image) && copyOf(image, place)) return;
+    complainOnce(text::format("cannot write {}: {}; plug-ins will be slower to discover", path_, std::strerror(errno)));
 }
 
 void Images::forgetOthers(const IsInstalled& isInstalled) {
@@ -374,15 +350,13 @@ void Images::compact() {
 
     const std::string temporary = path_ + kNewSuffix;
     ::unlink(temporary.c_str());
-    const auto after = Generation::of(file::UniqueFd{
+    const auto after = std::make_shared<Generation>(file::UniqueFd{
         ::open(temporary.c_str(), O_RDWR | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, S_IRUSR | S_IWUSR)});
-    bool isDone = after && after->begin() == 0;
+    bool isDone = after->begin() == 0;
     // What is damaged is left out.
     const auto copy = [&](std::uint64_t offset) {
-        const auto image = isDone ? before->readImage(offset) : std::nullopt;
-        if (!image) return;
-        const EntryHeader header = before->headerAt(offset);
-        isDone = after->append(value::Uuid{header.uuid}, header.madeOf, *image).has_value();
+        const auto kept = isDone ? before->readEntry(offset) : std::nullopt;
+        if (kept) isDone = after->append(value::Uuid{kept->header.uuid}, kept->header.madeOf, kept->image).has_value();
     };
     for (const std::uint64_t offset : wanted) copy(offset);
 

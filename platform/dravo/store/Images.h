@@ -13,14 +13,16 @@
 
 #include "platform/digest/Checksum.h"
 #include "platform/dravo/Dravo.h"
+#include "platform/dravo/store/WorkingCopy.h"
 #include "platform/file/UniqueFd.h"
 #include "platform/value/Uuid.h"
 
 namespace dravo {
 
-// The images that the registry keeps for its user (DVVeltoProxy::image), in one mapped file beside the store. All of it
-// is derived: whatever is damaged, from another build of the program or for another state of a plug-in is passed over,
-// and made again by whoever wants it. Deleting the file costs that, and nothing else. doc/platform.md has its layout.
+// The images that the registry keeps for its user (DVVeltoProxy::image), in one file beside the store. All of it is
+// derived: whatever is damaged, from another build of the program or for another state of a plug-in is passed over, and
+// made again by whoever wants it. Deleting the file costs that, and nothing else. doc/platform.md has its layout. What
+// of it is used is used in a copy (WorkingCopy), so that the file may be cut, overwritten or deleted at any time.
 //
 // New images are appended; one that is no longer good stays until the file is compacted. The file is never synced: what
 // a power cut takes from it is seen by the checksums.
@@ -65,12 +67,15 @@ public:
 private:
     class Generation;
 
-    std::shared_ptr<Generation> current() const;
+    std::shared_ptr<WorkingCopy> workingCopy() const;
+    std::optional<DVImage> copyOf(std::span<const std::byte> image, Place& place);
+    void complainOnce(const std::string& what);
     void giveUp(const char* what, int error);
 
     const std::string path_;
     mutable std::mutex mutex_;
     std::shared_ptr<Generation> generation_;  // under the mutex, as what follows; null when nothing can be kept
+    std::shared_ptr<WorkingCopy> working_;    // not null while there is a generation
     bool complained_ = false;
     std::chrono::steady_clock::time_point notBefore_{};  // a compaction has failed
 };

@@ -145,7 +145,7 @@ TEST(Images, AreCompactedWhileOthersReadThem) {
     reader.join();
     EXPECT_LT(std::filesystem::file_size(path), 2 * large.size());
     EXPECT_EQ(textOf(before->bytes), large) << "what was handed out stays";
-    EXPECT_FALSE(images.at(place)) << "it has moved";
+    EXPECT_EQ(textOf(images.at(place)->bytes), large) << "and is found there";
     EXPECT_EQ(find(images, 0, 20), large);
     EXPECT_EQ(find(images, 2), std::nullopt);
     EXPECT_THAT(log.take(), IsEmpty());
@@ -167,6 +167,25 @@ TEST(Images, AreNotTakenForSoundBecauseTheyWereCopied) {
     images.compact();
     EXPECT_EQ(find(images, 0), std::nullopt);
     EXPECT_EQ(find(images, 1), contentOf(1));
+}
+
+TEST(Images, StayAsTheyWereFoundWhateverHappensToTheFileMeanwhile) {
+    const support::TemporaryDirectory directory;
+    const std::string path = directory / "images";
+    support::LogLines log;
+    for (const std::size_t left : {0U, 100U, 1U << 20}) {
+        Images images{path};
+        keep(images, 1, contentOf(1));
+        keep(images, 2, contentOf(2));
+        Images::Place place{0};
+        ASSERT_TRUE(images.find(keyOf(1), place, isSound));
+        std::filesystem::resize_file(path, std::min<std::size_t>(left, readFile(path).size()));
+        std::fstream{path, std::ios::in | std::ios::out | std::ios::binary} << std::string(left, '\xff');
+        EXPECT_EQ(textOf(images.at(place)->bytes), contentOf(1)) << left;
+        EXPECT_EQ(find(images, 2), std::nullopt) << left;
+        keep(images, 2, contentOf(2));
+        EXPECT_EQ(find(images, 2), contentOf(2)) << left;
+    }
 }
 
 TEST(Images, AreNotKeptWhereThereIsNoRoomAndTheLogSaysSoOnce) {
