@@ -1,11 +1,15 @@
 #include "vtd/VTDAgeRating.h"
 
+#include <fcntl.h>
+#include <sys/stat.h>
+
 #include <cerrno>
 #include <mutex>
 #include <optional>
-#include <string_view>
+#include <string>
 #include <unordered_map>
 
+#include "platform/effort/Effort.h"
 #include "platform/file/File.h"
 #include "platform/logging/Log.h"
 #include "platform/plist/Plist.h"
@@ -16,49 +20,68 @@ namespace {
 constexpr char kFile[] = "JorunMetadata.plist";
 constexpr plist::Limits kLimits{.bytes = std::size_t{1} << 20};
 
-// The files that have been complained about, as they were then: records are made again and again from one file.
-class Complaints {
+// The ranks that were read, with their files as they were then: many records are made from one file, and a record that
+// was purged is made again.
+class KnownRanks {
 public:
-    void complain(const std::string& path, const std::string& why) {
-        const file::Stamp now = file::stampOf(path).value_or(file::Stamp{});
+    std::optional<std::int64_t> find(const std::string& path, const file::Stamp& now) {
         const std::lock_guard lock{mutex_};
-        const auto known = about_.find(path);
-        if (known != about_.end() && known->second == now) return;
-        if (about_.size() >= kMost) about_.clear();
-        about_[path] = now;
-        logging::error("age rating unknown, " + path + ": " + why);
+        const auto known = ranks_.find(path);
+        const bool isGood = known != ranks_.end() && known->second.settled && known->second.file == now;
+        return isGood ? std::optional{known->second.rank} : std::nullopt;
+    }
+
+    // Whether the file is not what was noted of it before.
+    bool note(const std::string& path, const file::Stamp& file, bool settled, std::int64_t rank) {
+        const std::lock_guard lock{mutex_};
+        if (ranks_.size() >= kMost && !ranks_.contains(path)) ranks_.clear();
+        const auto [known, isFirst] = ranks_.try_emplace(path);
+        const bool isNews = isFirst || known->second.file != file;
+        known->second = {file, settled, rank};
+        return isNews;
     }
 
 private:
-    static constexpr std::size_t kMost = 1000;
+    static constexpr std::size_t kMost = 10'000;
+
+    struct Known {
+        file::Stamp file;
+        bool settled = false;
+        std::int64_t rank = kUnknownAgeRating;
+    };
 
     std::mutex mutex_;
-    std::unordered_map<std::string, file::Stamp> about_;
+    std::unordered_map<std::string, Known> ranks_;
 };
 
-Complaints& complaints() {
-    static Complaints& all = *new Complaints;  // never destroyed: queues may still read while the process ends
+KnownRanks& knownRanks() {
+    static KnownRanks& all = *new KnownRanks;  // never destroyed: queues may still read while the process ends
     return all;
+}
+
+value::Result<std::int64_t> rankIn(const std::string& bytes) {
+    static_cast<void>(effort::take(effort::ofParsing(bytes.size())));
+    const auto list = plist::read(bytes, kLimits);
+    if (!list) return list.error();
+    if (list->dictionary() == nullptr) return value::Error{"rating", EINVAL, "not a dictionary"};
+    const value::Dictionary* rating = list->dictionary()->dictionary("rating");
+    const value::Value* rank = rating != nullptr ? rating->find("rank") : nullptr;
+    return rank != nullptr && rank->isNumber() ? rank->integerValue().value_or(kUnknownAgeRating) : kUnknownAgeRating;
 }
 
 }  // namespace
 
 std::int64_t ageRatingInContainer(int containerDirectory, const std::string& containerPath) {
+    static_cast<void>(effort::take(effort::kFileOpened));
     const std::string path = containerPath + '/' + kFile;
-    const auto refuse = [&path](const std::string& why) {
-        complaints().complain(path, why);
+    struct stat status {};
+    if (::fstatat(containerDirectory, kFile, &status, AT_SYMLINK_NOFOLLOW) != 0 && errno == ENOENT)
         return kUnknownAgeRating;
-    };
+    if (const auto known = knownRanks().find(path, file::stampOf(status))) return *known;
     const auto contents = file::readRegularBeneath(containerDirectory, kFile, kLimits.bytes);
-    if (!contents) {
-        const bool missing = contents.error().code == ENOENT;
-        return missing ? kUnknownAgeRating : refuse(contents.error().localizedDescription());
-    }
-    const auto list = plist::read(contents->bytes, kLimits);
-    if (!list) return refuse(list.error().localizedDescription());
-    if (list->dictionary() == nullptr) return refuse("not a dictionary");
-    const value::Dictionary* rating = list->dictionary()->dictionary("rating");
-    const value::Value* rank = rating != nullptr ? rating->find("rank") : nullptr;
-    if (rank == nullptr || !rank->isNumber()) return kUnknownAgeRating;
-    return rank->integerValue().value_or(kUnknownAgeRating);
+    const auto rank = contents ? rankIn(contents->bytes) : value::Result<std::int64_t>{contents.error()};
+    const bool isNews = knownRanks().note(path, contents ? contents->stamp : file::stampOf(status),
+                                          contents && contents->settled, rank ? *rank : kUnknownAgeRating);
+    if (!rank && isNews) logging::error("age rating unknown, " + path + ": " + rank.error().localizedDescription());
+    return rank ? *rank : kUnknownAgeRating;
 }

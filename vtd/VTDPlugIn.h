@@ -163,6 +163,10 @@ public:
     // file of its own, or when the service manager refuses, which is logged.
     [[nodiscard]] std::optional<value::Error> enableForPid(pid_t pid) const;
 
+    // What that costs (platform/effort/Effort.h): the files that it reads again, the application's for a keyboard that
+    // wants open access.
+    std::uint64_t effortToEnable() const;
+
     // The privacy services that the user granted to the containing application; none without one, or when that cannot
     // be found out, which is logged.
     std::set<std::string> allowedWexaServices() const;

@@ -2,7 +2,10 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
+#include <cstddef>
+#include <cstdint>
 #include <cstdlib>
 #include <optional>
 #include <string>
@@ -12,7 +15,9 @@
 #include "Velto/VTInfoKeys.h"
 #include "Velto/VTProtocol.h"
 #include "platform/consent/Consent.h"
+#include "platform/effort/Effort.h"
 #include "platform/logging/Log.h"
+#include "platform/mox/Encoder.h"
 #include "platform/services/Manager.h"
 #include "platform/text/Format.h"
 #include "vtd/VTDPlugIn.h"
@@ -46,6 +51,11 @@ bool requestsOpenAccess(const VTDPlugIn& plugIn) {
     return requested != nullptr && *requested == value::Value{true};
 }
 
+bool mayGetOpenAccess(const VTDPlugIn& plugIn) {
+    const std::string* const point = plugIn.plugInDictionary().string(VTInfoKey::extensionPoint);
+    return point != nullptr && *point == kKeyboardPoint && requestsOpenAccess(plugIn);
+}
+
 // The daemon's choice: of what the plug-in says, only its kind and the wish for open access count.
 const char* sandboxProfile(const VTDPlugIn& plugIn) {
     const std::string* const point = plugIn.plugInDictionary().string(VTInfoKey::extensionPoint);
@@ -53,7 +63,7 @@ const char* sandboxProfile(const VTDPlugIn& plugIn) {
     if (*point == kFilterPoint) return kFilterProfile;
     if (*point != kKeyboardPoint) return kUsualProfile;
     const bool open =
-        requestsOpenAccess(plugIn) && plugIn.allowedWexaServices().count(consent::kKeyboardNetworkService) != 0;
+        mayGetOpenAccess(plugIn) && plugIn.allowedWexaServices().count(consent::kKeyboardNetworkService) != 0;
     return open ? kUsualProfile : kKeyboardProfile;
 }
 
@@ -97,7 +107,22 @@ std::optional<std::string> executableOf(const VTBundle& bundle, int directory) {
     return runs ? path : std::nullopt;
 }
 
+std::size_t infoSize(const dravo::DVApplicationProxy& application) {
+    const auto directory = application.openBundle();
+    struct stat status {};
+    const bool isThere = directory && ::fstatat(directory->get(), bundle::kInfoFile, &status, AT_SYMLINK_NOFOLLOW) == 0;
+    return isThere ? static_cast<std::size_t>(std::max<off_t>(status.st_size, 0)) : 0;
+}
+
 }  // namespace
+
+std::uint64_t VTDPlugIn::effortToEnable() const {
+    std::uint64_t units = effort::kFileOpened + effort::ofParsing(mox::encodedSize(bundleInfoDictionary()));
+    const auto around = mayGetOpenAccess(*this) ? dvproxy()->containingBundle() : std::nullopt;
+    if (around && around->application)
+        units += 2 * effort::kFileOpened + effort::ofParsing(infoSize(*around->application));
+    return units;
+}
 
 std::optional<value::Error> VTDPlugIn::enableForPid(pid_t pid) const {
     const std::string name = identifier();

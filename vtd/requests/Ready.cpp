@@ -1,11 +1,8 @@
-#include <cstddef>
-#include <cstdint>
 #include <memory>
 #include <vector>
 
 #include "Velto/VTProtocol.h"
 #include "platform/effort/Effort.h"
-#include "platform/mox/Encoder.h"
 #include "platform/restrictions/Restrictions.h"
 #include "platform/text/Format.h"
 #include "vtd/Probes.h"
@@ -13,10 +10,6 @@
 #include "vtd/VTDMoxClient.h"
 #include "vtd/VTDPlugIn.h"
 #include "vtd/VTDServer.h"
-
-namespace {
-constexpr std::uint64_t kUnitsAByteRead = 2;  // of an Info.plist
-}
 
 // Every plug-in is checked before any is enabled: a request that names one refused plug-in enables none.
 void Transaction::readyPlugIns() {
@@ -43,11 +36,8 @@ void Transaction::readyPlugIns() {
     });
     if (!all) return;
     complaints.write();
-    // To enable one reads its Info.plist again, to be sure of its executable. Judged before the first is enabled.
-    for (const auto& plugIn : allowed) {
-        const std::size_t bytes = mox::encodedSize(plugIn->bundleInfoDictionary());
-        static_cast<void>(account().take(effort::kFileOpened + bytes * kUnitsAByteRead));
-    }
+    // Judged before the first is enabled.
+    for (const auto& plugIn : allowed) static_cast<void>(account().take(plugIn->effortToEnable()));
     if (!mayGoOn()) return;
     for (const auto& plugIn : allowed) {
         const auto error = plugIn->enableForPid(client()->pid());

@@ -29,8 +29,7 @@ std::atomic<std::uint64_t> lastNumber{0};
 
 std::shared_ptr<WorkingCopy> WorkingCopy::make(const std::string& path) {
     ::unlink(path.c_str());  // of a run that was killed in between
-    file::UniqueFd file{
-        ::open(path.c_str(), O_RDWR | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, S_IRUSR | S_IWUSR)};
+    file::UniqueFd file{::open(path.c_str(), O_RDWR | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, S_IRUSR | S_IWUSR)};
     if (!file || ::unlink(path.c_str()) != 0) return nullptr;
     void* const base = ::mmap(nullptr, kMostBytes, PROT_READ, MAP_SHARED | MAP_NORESERVE, file.get(), 0);
     if (base == MAP_FAILED) return nullptr;

@@ -20,7 +20,8 @@ class WorkingCopy {
 public:
     static constexpr std::size_t kUnit = 16;  // of offsets, bytes
 
-    // In the path's directory; the name is used for the moment of making it. Null, with errno set, when it cannot be had.
+    // In the path's directory; the name is used for the moment of making it. Null, with errno set, when it cannot be
+    // had.
     static std::shared_ptr<WorkingCopy> make(const std::string& path);
     ~WorkingCopy();
     WorkingCopy(const WorkingCopy&) = delete;
