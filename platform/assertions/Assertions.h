@@ -49,8 +49,9 @@ private:
 // whose file does not say the identifier under which it lies has no entry for it: it is known incompletely.
 //
 // What dead processes left is removed. Whatever else lies there (files without a lock of that kind, pipes, directories,
-// links) is passed over; at most 4096 entries of a directory are looked at, and nothing is waited for. Any thread.
-// Where there are no instances it is one system call.
+// links) is passed over; at most 4096 entries of a directory are looked at, each of which is charged: what was not
+// looked at for want of effort is missing here. Nothing is waited for. Any thread. Where there are no instances it is
+// one system call.
 std::vector<value::Dictionary> busyInstances(std::span<const std::string> bundleIdentifiers);
 
 }  // namespace assertions

@@ -5,12 +5,14 @@
 #include <algorithm>
 #include <array>
 #include <cerrno>
+#include <cstdint>
 #include <memory>
 #include <optional>
 #include <string_view>
 
 #include "platform/assertions/Assertions.h"
 #include "platform/assertions/OwnFiles.h"
+#include "platform/effort/Effort.h"
 #include "platform/file/UniqueFd.h"
 #include "platform/logging/Log.h"
 
@@ -19,6 +21,7 @@ namespace assertions {
 namespace {
 
 constexpr int kMostEntries = 4096;
+constexpr std::uint64_t kUnitsAnEntry = 7 * effort::kUnitsAMicrosecond;
 constexpr std::size_t kMostIncomplete = 16;  // of one directory: each is a line in the log of who asks
 
 struct DirectoryCloser {
@@ -99,6 +102,7 @@ void addInstances(const std::string& identifier, std::vector<value::Dictionary>&
         if (entry == nullptr) return;
         const bool mayBeFile = entry->d_type == DT_REG || entry->d_type == DT_UNKNOWN;
         if (!mayBeFile || !isName(entry->d_name)) continue;
+        if (!effort::take(kUnitsAnEntry)) return;
         auto instance = examine(at, entry->d_name, identifier);
         if (!instance) continue;
         const bool isComplete = !instance->empty();

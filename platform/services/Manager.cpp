@@ -7,6 +7,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <charconv>
+#include <cstring>
 #include <filesystem>
 #include <optional>
 #include <set>
@@ -85,7 +86,8 @@ std::shared_ptr<Manager> Manager::open(std::string directory) {
     return manager;
 }
 
-Manager::Manager(std::string directory) : directory_{std::move(directory)} {}
+Manager::Manager(std::string directory)
+    : directory_{std::move(directory)}, discards_{std::make_shared<Discards>(directory_ + "/.discarded")} {}
 
 int Manager::add(pid_t host, const PlugIn& plugIn, const std::string& executable, const bundle::Bundle& bundle,
                  const mox::Dictionary& overlay) {
@@ -146,6 +148,7 @@ void Manager::forget(pid_t pid) {
     const auto host = hosts_.find(pid);
     if (host != hosts_.end()) {
         for (const auto& [key, entry] : host->second.registered) {
+            ::unlink((directoryOf(pid) + '/' + entry.fileName).c_str());  // what stays goes with the directory
             const auto hosts = hostsOf_.find(key.first);
             if (hosts == hostsOf_.end()) continue;  // another plug-in of the bundle came before
             hosts->second.erase(pid);
@@ -158,12 +161,11 @@ void Manager::forget(pid_t pid) {
 
 // Removes the directory with whatever is in it, pieces of a write that a kill cut short among it.
 void Manager::dropDirectory(pid_t pid) {
-    std::error_code error;
-    fs::remove_all(directoryOf(pid), error);
-    if (!error) return;
+    const int error = discards_->discard(directoryOf(pid));
+    if (error == 0) return;
     if (owed_.count(pid) == 0) {
         logging::warning(
-            text::format("the services registered for process {} cannot be withdrawn: {}", pid, error.message()));
+            text::format("the services registered for process {} cannot be withdrawn: {}", pid, std::strerror(error)));
     }
     owe(pid);
 }
@@ -294,6 +296,7 @@ void Manager::takeOver() {
         const pid_t pid = pidNamed(name);
         if (pid > 0 && std::to_string(pid) == name) takeOver(pid, directoryOf(pid));
     }
+    discards_->removeLater();  // what an earlier run did not come to
 }
 
 void Manager::takeOver(pid_t pid, const std::string& directory) {
@@ -315,8 +318,7 @@ void Manager::takeOver(pid_t pid, const std::string& directory) {
             hostsOf_[bundlePathOf(*registration)].insert(pid);
         } else {
             // What cannot be removed names another host, or none: nobody starts anything by it.
-            std::error_code ignored;
-            fs::remove_all(path, ignored);
+            static_cast<void>(discards_->discard(path));
         }
     }
     if (host.registered.empty()) forget(pid);

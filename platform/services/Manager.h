@@ -18,6 +18,7 @@
 #include "platform/mox/Dictionary.h"
 #include "platform/queue/Reactor.h"
 #include "platform/queue/SerialQueue.h"
+#include "platform/services/Discards.h"
 #include "platform/services/Registration.h"
 
 namespace services {
@@ -114,6 +115,7 @@ private:
     std::string directoryOf(pid_t pid) const;
 
     const std::string directory_;
+    const std::shared_ptr<Discards> discards_;
     const std::shared_ptr<queue::SerialQueue> queue_ = std::make_shared<queue::SerialQueue>("services");
     Hosts hosts_;                                               // those that have something registered
     std::unordered_map<std::string, std::set<pid_t>> hostsOf_;  // by the path of the bundle that is registered for them

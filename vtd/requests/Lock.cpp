@@ -96,6 +96,7 @@ void Transaction::lockDownPlugIns() {
 
     if (flags != VTHoldPlugIn) {
         BusyPlugIns busy = busyAmong(chosen.plugIns());
+        if (!mayGoOn()) return;
         if (!busy.plugIns.empty()) {
             server()->debug("hold rejected. Busy plug-ins:{}", busy);
             reply().set(VTKey::conflicts, value::Array{std::move(busy.conflicts)});
