@@ -4,6 +4,7 @@
 #include <utility>
 
 #include "platform/logging/Log.h"
+#include "platform/sandbox/Sandbox.h"
 #include "platform/text/Format.h"
 #include "vtd/Exclusions.h"
 #include "vtd/VTDPlugIn.h"
@@ -12,8 +13,8 @@ namespace {
 
 // For the tokens of what candidates share with their hosts, which the client's rules do not ask for: so much for all of
 // them together, in equal parts, and as much for each as honest ones need.
-constexpr std::uint64_t kTokensInAll = effort::kLimit / 4;
-constexpr std::uint64_t kTokensAtLeast = 2 * effort::kShare;
+constexpr std::uint64_t kTokensInAll = effort::kLimit / 2;
+constexpr std::uint64_t kTokensAtLeast = 4 * sandbox::kUnitsAToken;
 
 }  // namespace
 

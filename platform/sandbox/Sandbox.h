@@ -22,7 +22,7 @@ namespace sandbox {
 inline constexpr char kReadOnlyFileClass[] = "halvern.file-read";
 
 // What a token beneath a directory costs, in units of effort, when it was issued before for the same unchanged file.
-inline constexpr std::uint64_t kUnitsAToken = 2 * effort::kUnitsAMicrosecond;
+inline constexpr std::uint64_t kUnitsAToken = 6 * effort::kUnitsAMicrosecond;
 
 // Issues a token for the canonical form of the path, of a directory or a regular file: class, path and file identity
 // under a MAC whose key never leaves this process and is new at each start. Nothing on refusal, with errno set: ENOENT,
