@@ -1,6 +1,8 @@
 #include "vtctl/CommandLine.h"
 
 #include <algorithm>
+#include <chrono>
+#include <cmath>
 #include <cstdint>
 #include <iostream>
 #include <memory>
@@ -11,6 +13,7 @@
 #include "Velto/VTProtocol.h"
 #include "vtctl/Access.h"
 #include "vtctl/Call.h"
+#include "vtctl/Connection.h"
 #include "vtctl/Elect.h"
 #include "vtctl/Exclusions.h"
 #include "vtctl/Explain.h"
@@ -172,7 +175,7 @@ void addUse(CLI::App& app, const SharedLine& line) {
 // are no options.
 bool takesCommand(const Words& arguments) {
     for (std::size_t i = 0; i < arguments.size(); ++i) {
-        if (arguments[i] == "-S" || arguments[i] == "--service") {
+        if (arguments[i] == "-S" || arguments[i] == "--service" || arguments[i] == "--timeout") {
             ++i;
         } else if (!arguments[i].starts_with('-')) {
             return arguments[i] == "hold" || arguments[i] == "ready";
@@ -190,6 +193,10 @@ std::variant<std::function<int()>, ExitStatus> readCommandLine(int argc, const c
     app.fallthrough();  // -S may stand behind the verb too
     app.set_version_flag("--version", std::string{VTD_VERSION});
     app.add_option("-S,--service", line->serviceName, "The daemon's service name")->capture_default_str();
+    app.add_option_function<double>(
+           "--timeout", [](double seconds) { setPatience(std::chrono::milliseconds{std::llround(seconds * 1000)}); },
+           "How many seconds to wait for each answer of the daemon (30)")
+        ->check(CLI::Range(0.001, 86400.0));
     addMatch(app, line);
     addExplain(app, line);
     addElection(app, line, "enable", "Choose plug-ins for use", Election::use);

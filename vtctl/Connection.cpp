@@ -1,11 +1,31 @@
 #include "vtctl/Connection.h"
 
+#include <cerrno>
 #include <memory>
 #include <mutex>
 #include <optional>
 
 #include "platform/queue/Reactor.h"
+#include "platform/text/Format.h"
 #include "vtctl/Terminal.h"
+
+namespace {
+
+std::chrono::milliseconds patience = std::chrono::seconds{30};
+
+constexpr char kDomain[] = "vtctl";  // of the error that stands for a reply that did not come
+
+mox::Object noAnswer() {
+    const double seconds = std::chrono::duration<double>{patience}.count();
+    return mox::Object{value::Value{
+        value::Error{kDomain, ETIMEDOUT, text::format("no answer within {} s; --timeout allows longer", seconds)}}};
+}
+
+}  // namespace
+
+void setPatience(std::chrono::milliseconds duration) {
+    patience = duration;
+}
 
 mox::Object sendAndWait(VTDaemonClient& client, const mox::Dictionary& request) {
     struct Answer {
@@ -15,7 +35,13 @@ mox::Object sendAndWait(VTDaemonClient& client, const mox::Dictionary& request) 
     const auto answer = std::make_shared<Answer>();
     client.send(request, [answer](const mox::Object& reply) {
         const std::lock_guard lock{answer->mutex};
-        answer->reply = reply;
+        if (!answer->reply) answer->reply = reply;
+        queue::wake();
+    });
+    const auto queue = std::make_shared<queue::SerialQueue>("patience");
+    const auto timer = queue::after(patience, queue, [answer] {
+        const std::lock_guard lock{answer->mutex};
+        if (!answer->reply) answer->reply = noAnswer();
         queue::wake();
     });
     queue::runUntil([&answer] {
@@ -30,7 +56,11 @@ ExitStatus reportErrorIn(VTDaemonClient& client, const mox::Object& reply, const
                          Advice advice) {
     if (reply.isError()) {
         terminal::complain(mox::errorDescription(reply));
-        terminal::complain("is the daemon running? Start vtd, or name its service with -S (now " + serviceName + ")");
+        const auto error = reply.view().error();
+        terminal::complain(error && error->domain == kDomain
+                               ? "the daemon is busy, or what serves " + serviceName + " is none"
+                               : "is the daemon running? Start vtd, or name its service with -S (now " + serviceName +
+                                     ")");
         return ExitStatus::unreachable;
     }
     const auto error = client.errorInReply(reply);

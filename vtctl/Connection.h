@@ -1,5 +1,6 @@
 #pragma once
 
+#include <chrono>
 #include <cstdint>
 #include <initializer_list>
 #include <string>
@@ -11,7 +12,10 @@
 #include "platform/mox/Object.h"
 #include "vtctl/ExitStatus.h"
 
-// Sends one request and waits for its reply: a dictionary, or the Mox layer's error.
+// How long sendAndWait() waits for a reply: half a minute unless it is said.
+void setPatience(std::chrono::milliseconds patience);
+
+// Sends one request and waits for its reply: a dictionary, or an error: the Mox layer's, or that none came in time.
 mox::Object sendAndWait(VTDaemonClient& client, const mox::Dictionary& request);
 
 // What to do about an error of a code; the codes that a verb has nothing to say about are left out.

@@ -281,6 +281,13 @@ class VtctlTest(WorldTest):
                           ['access', 'quick'], ['unhold', '00000000-0000-4000-8000-000000000000']):
             self.check(arguments, 7, '', 'is the daemon running')
 
+    def test_a_service_that_says_nothing_is_not_waited_for_for_ever(self):
+        with socket.socket(socket.AF_UNIX) as silent:
+            silent.bind(self.world.root + '/run/silent')
+            silent.listen()
+            for verb in ['match'], ['access', 'x'], ['call', 'match']:
+                self.check(['-S', 'silent', '--timeout', '0.1', *verb], 7, '', 'no answer within 0.1 s')
+
     def test_each_line_has_an_answer_whatever_becomes_of_the_connection(self):
         client = self.world.client()
         self.assertIn('matches', client.ask('match'))
