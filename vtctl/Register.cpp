@@ -6,7 +6,8 @@
 #include "Velto/VTProtocol.h"
 #include "vtctl/Connection.h"
 #include "vtctl/Paths.h"
-#include "vtctl/Verify.h"
+#include "vtctl/verify/Report.h"
+#include "vtctl/verify/Verify.h"
 
 namespace {
 
@@ -18,7 +19,7 @@ ExitStatus sendPaths(const std::string& serviceName, const char* request, const 
     const ExitStatus status = sendAndReport(client, client.request(request, *absolute), serviceName, advice);
     if (std::string_view{request} != VTRequest::add || status == ExitStatus::unreachable) return status;
     // What the daemon says in its log only, and what it accepts though it is not meant.
-    for (const std::string& path : *absolute) printProblems(diagnosis::ofPath(path), std::cerr);
+    for (const std::string& path : *absolute) verify::print(verify::ofPath(path), std::cerr);
     return status;
 }
 
