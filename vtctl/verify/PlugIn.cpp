@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <filesystem>
+#include <functional>
 #include <set>
 #include <string_view>
 #include <utility>
@@ -9,10 +10,10 @@
 #include "Velto/VTInfoKeys.h"
 #include "platform/bundle/Bundle.h"
 #include "platform/entitlements/Entitlements.h"
-#include "platform/paths/Paths.h"
 #include "platform/plist/Plist.h"
 #include "platform/text/Format.h"
 #include "vtctl/Nearest.h"
+#include "vtctl/verify/Installed.h"
 #include "vtctl/verify/Verify.h"
 
 namespace verify {
@@ -27,42 +28,19 @@ constexpr char kObjectClass[] = "KXObject";
 constexpr char kOwnIdentifier[] = "KXExtensionIdentifier";
 constexpr char kReplaced[] = "halvern.developer.replace-plugin";
 
-// Calls with each bundle that is installed, and with each application.
-template <typename Visit>
-void forEachInstalled(Visit&& visit) {
-    const auto each = [](const fs::path& directory, auto&& call) {
-        std::error_code error;
-        for (fs::directory_iterator entry{directory, error}, end; !error && entry != end; entry.increment(error)) {
-            call(entry->path());
-        }
-    };
-    const auto application = [&](const fs::path& path) {
-        visit(path);
-        each(path / "PlugIns", visit);
-    };
-    for (const std::string& volume : {paths::directories().userVolume, paths::directories().systemVolume}) {
-        each(volume + "/PlugIns", visit);
-        each(volume + "/Applications", [&](const fs::path& path) {
-            if (path.extension() == ".app") return application(path);
-            each(path, [&](const fs::path& inside) {
-                if (inside.extension() == ".app") application(inside);
-            });
-        });
-    }
-}
-
 std::optional<value::Dictionary> dictionaryIn(const fs::path& file) {
     const auto list = plist::readFile(file.string());
     return list && list->dictionary() != nullptr ? std::optional{*list->dictionary()} : std::nullopt;
 }
 
 bool anyInstalled(const char* file, const std::function<bool(const value::Dictionary&)>& test) {
-    bool found = false;
-    forEachInstalled([&](const fs::path& bundle) {
-        const auto held = found ? std::nullopt : dictionaryIn(bundle / file);
-        found = found || (held && test(*held));
-    });
-    return found;
+    const auto holds = [&](const std::string& bundle) {
+        const auto held = dictionaryIn(fs::path{bundle} / file);
+        return held && test(*held);
+    };
+    const auto plugIns = installedPlugIns(), applications = installedApplications();
+    return std::any_of(plugIns.begin(), plugIns.end(), holds) ||
+           std::any_of(applications.begin(), applications.end(), holds);
 }
 
 bool isControl(unsigned char c) {

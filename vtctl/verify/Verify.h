@@ -23,7 +23,7 @@ std::optional<value::Dictionary> readInfo(Findings& findings, const std::string&
 std::optional<value::Dictionary> readEntitlements(Findings& findings, const std::string& bundle, Level level);
 void judgeExecutable(Findings& findings, const std::string& bundle, const value::Dictionary& info);
 
-// Where SDK files are installed, and what extension points there are.
+// Where SDK files are installed.
 std::string sdkDirectory();
 
 }  // namespace verify
