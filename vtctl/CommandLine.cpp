@@ -22,7 +22,7 @@
 #include "vtctl/Ready.h"
 #include "vtctl/Register.h"
 #include "vtctl/Terminal.h"
-#include "vtctl/Verify.h"
+#include "vtctl/verify/Report.h"
 
 namespace {
 
@@ -81,11 +81,28 @@ void addExplain(CLI::App& app, const SharedLine& line) {
     verb->add_option("rules", options->patterns, "KEY=PATTERN, as for match");
     verb->add_option("--host", options->host, "The host that asks: a pid, or the path of an application");
     verb->add_flag("--json", line->asJson, "Print the explanations as JSON");
+}
 
-    CLI::App* verify = addVerb(app, line, "verify", "Say all that is wrong with plug-ins, without the daemon",
-                               [line = line.get()] { return number(runVerify(line->words, line->asJson)); });
-    verify->add_option("paths", line->words, "Plug-ins' folders, or applications")->required();
-    verify->add_flag("--json", line->asJson, "Print the problems as JSON");
+void addVerify(CLI::App& app, const SharedLine& line) {
+    struct Wish {
+        bool asSarif = false, keys = false, rules = false;
+    };
+    const auto wish = std::make_shared<Wish>();
+    CLI::App* verb =
+        addVerb(app, line, "verify", "Say all that is wrong with plug-ins, applications, SDK files, without the daemon",
+                [line = line.get(), wish] {
+                    if (wish->keys) return number(runListKeys());
+                    if (wish->rules) return number(runListRules());
+                    if (line->words.empty()) return refused("verify takes the paths of what is to be verified");
+                    return number(runVerify(line->words, wish->asSarif  ? verify::Form::sarif
+                                                         : line->asJson ? verify::Form::json
+                                                                        : verify::Form::lines));
+                });
+    verb->add_option("paths", line->words, "Plug-ins' folders, applications, or SDK files");
+    CLI::Option* json = verb->add_flag("--json", line->asJson, "Print the problems as JSON");
+    verb->add_flag("--sarif", wish->asSarif, "Print them as SARIF, which editors and CI systems read")->excludes(json);
+    verb->add_flag("--keys", wish->keys, "List the keys that are read instead");
+    verb->add_flag("--rules", wish->rules, "List the rules that problems are named by");
 }
 
 void addCall(CLI::App& app, const SharedLine& line) {
@@ -199,6 +216,7 @@ std::variant<std::function<int()>, ExitStatus> readCommandLine(int argc, const c
         ->check(CLI::Range(0.001, 86400.0));
     addMatch(app, line);
     addExplain(app, line);
+    addVerify(app, line);
     addElection(app, line, "enable", "Choose plug-ins for use", Election::use);
     addElection(app, line, "disable", "Choose plug-ins not to be used", Election::ignore);
     addElection(app, line, "default", "Take the choice about plug-ins back", Election::undecided);

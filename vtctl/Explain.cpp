@@ -12,14 +12,14 @@
 #include "Velto/VTProtocol.h"
 #include "platform/file/File.h"
 #include "vtctl/Connection.h"
-#include "vtctl/Diagnosis.h"
 #include "vtctl/Explanations.h"
 #include "vtctl/Json.h"
 #include "vtctl/Nearest.h"
 #include "vtctl/Paths.h"
 #include "vtctl/Rules.h"
 #include "vtctl/Terminal.h"
-#include "vtctl/Verify.h"
+#include "vtctl/verify/Report.h"
+#include "vtctl/verify/Verify.h"
 
 namespace {
 
@@ -127,8 +127,8 @@ void printJson(const std::vector<const Explanation*>& found) {
 // What the daemon knows nothing of: the disk may tell why.
 ExitStatus explainUnknownPath(const std::string& path) {
     terminal::complain("the daemon knows no plug-in at " + path);
-    const auto problems = diagnosis::ofPath(path);
-    printProblems(problems, std::cerr);
+    const auto problems = verify::ofPath(path);
+    verify::print(problems, std::cerr);
     if (problems.empty()) {
         terminal::complain(
             "nothing is wrong with what lies there: a plug-in is found in an application's PlugIns, or "
@@ -198,7 +198,7 @@ ExitStatus runExplain(const ExplainOptions& options) {
     }
     for (const Explanation* one : found) {
         print(*one);
-        if (!path.empty() && one->gate == VTGate::bundle) printProblems(diagnosis::ofPath(one->path), std::cout);
+        if (!path.empty() && one->gate == VTGate::bundle) verify::print(verify::ofPath(one->path), std::cout);
     }
     return ExitStatus::success;
 }

@@ -9,6 +9,7 @@
 #include "platform/plist/Plist.h"
 #include "vtctl/Connection.h"
 #include "vtctl/Explanations.h"
+#include "vtctl/Grounds.h"
 #include "vtctl/Json.h"
 #include "vtctl/Rules.h"
 #include "vtctl/Terminal.h"
@@ -77,14 +78,7 @@ std::vector<std::string> rowOf(mox::View form) {
 // Why nothing was found, as far as that can be told: what held back those that the rules name, and what was probably
 // misspelt.
 void tellWhatWouldMatch(VTDaemonClient& client, const value::Dictionary& rules, std::uint64_t flags) {
-    const auto explained = [&](const value::Dictionary& asked) {
-        mox::Dictionary request = client.request(VTRequest::match);
-        request.set(VTKey::rules, asked);
-        request.set(VTKey::flags, flags);
-        request.set(VTKey::explain, true);
-        return sendAndWait(client, request);
-    };
-    const mox::Object named = explained(rules), everything = explained({});
+    const mox::Object named = grounds::ask(client, rules, flags), everything = grounds::ask(client, {}, flags);
     if (named.isError() || everything.isError()) return;
     for (const std::string& line : explanations::misspellings(rules, everything)) terminal::complain(line);
     const auto looked = explanations::in(named), all = explanations::in(everything);
@@ -93,6 +87,12 @@ void tellWhatWouldMatch(VTDaemonClient& client, const value::Dictionary& rules, 
     terminal::complain("of " + std::to_string(all->size()) + " plug-ins there are the rules name " +
                        std::to_string(looked->size()) + (counts.empty() ? "" : ", held back: " + counts) +
                        "; `vtctl explain PLUGIN RULE...` says more of one");
+    constexpr std::size_t kMostTold = 5;
+    const auto isNearly = [](const auto& one) { return one.gate != "rules"; };  // all that the rules ask for it has
+    if (!grounds::tell(*looked, isNearly, kMostTold) && looked->size() <= kMostTold) {
+        grounds::tell(*looked, [](const auto&) { return true; });
+    }
+    grounds::tellSuspects(*all);
 }
 
 void tellRejected(const mox::Object& reply) {

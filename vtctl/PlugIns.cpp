@@ -3,7 +3,9 @@
 #include <algorithm>
 #include <functional>
 #include <iostream>
+#include <iterator>
 #include <optional>
+#include <set>
 #include <tuple>
 #include <unordered_set>
 #include <utility>
@@ -12,6 +14,9 @@
 #include "Velto/VTProtocol.h"
 #include "Velto/VTValueHelpers.h"
 #include "vtctl/Connection.h"
+#include "vtctl/Explanations.h"
+#include "vtctl/Grounds.h"
+#include "vtctl/Nearest.h"
 #include "vtctl/Terminal.h"
 
 namespace plugins {
@@ -87,6 +92,10 @@ std::vector<const Listed*> named(const std::vector<Listed>& all, const std::stri
     return {};
 }
 
+const std::string& identifierOf(const explanations::Explanation& one) {
+    return one.identifier;
+}
+
 bool isAmbiguous(const std::vector<const Listed*>& found) {
     return std::any_of(found.begin(), found.end(), [&found](const Listed* one) {
         return one->plugIn.identifier != found.front()->plugIn.identifier;
@@ -107,11 +116,24 @@ void reportAmbiguous(const std::string& word, std::vector<const Listed*> found) 
     terminal::printTable(rows, std::cerr, "    ");
 }
 
-void reportUnknown(const std::string& word) {
-    terminal::complain(
-        "no plug-in is called \"" + word +
-        "\"; `vtctl match` lists those there are. One that is on hold, excluded by the user, or meant for "
-        "other hosts is not listed: name it by its UUID");
+// There may be one that is not offered; that it is called so is known to explanations.
+void reportUnknown(VTDaemonClient& client, const std::string& word) {
+    const mox::Object reply = grounds::ask(client);
+    const auto all = reply.isError() ? std::nullopt : explanations::in(reply);
+    const auto isCalledSo = [&](const auto& one) {
+        return !word.empty() && one.identifier.find(word) != std::string::npos;
+    };
+    const bool isThere = all && std::any_of(all->begin(), all->end(), isCalledSo);
+    std::set<std::string> names;
+    if (all) std::transform(all->begin(), all->end(), std::inserter(names, names.end()), identifierOf);
+    const auto meant = isThere ? std::nullopt : nearest::to(word, names);
+    terminal::complain("no plug-in is called \"" + word + '"' +
+                       (isThere
+                            ? " that is offered; one that is not can be named by its UUID, which `vtctl explain` shows"
+                        : meant ? "; did you mean " + *meant + "?"
+                                : "; `vtctl match` lists those there are"));
+    if (!all || word.empty()) return;
+    if (!grounds::tell(*all, isCalledSo) && !isThere) grounds::tellSuspects(*all);
 }
 
 }  // namespace
@@ -156,7 +178,7 @@ Resolution resolve(VTDaemonClient& client, const std::string& serviceName, const
         }
         resolution.status = ExitStatus::usage;
         if (found.empty()) {
-            reportUnknown(word);
+            reportUnknown(client, word);
         } else {
             reportAmbiguous(word, found);
         }

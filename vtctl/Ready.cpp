@@ -13,9 +13,12 @@
 #include "platform/services/Registration.h"
 #include "vtctl/Attendance.h"
 #include "vtctl/Connection.h"
+#include "vtctl/Grounds.h"
 #include "vtctl/Json.h"
 #include "vtctl/PlugIns.h"
 #include "vtctl/Terminal.h"
+#include "vtctl/verify/Report.h"
+#include "vtctl/verify/Verify.h"
 
 namespace {
 
@@ -70,6 +73,22 @@ void report(const std::vector<plugins::PlugIn>& plugIns, bool asJson) {
     if (asJson) std::cout << json::indentedText(list) << "\n";
 }
 
+// What keeps them from being started, from the disk, or from being offered at all.
+void tellWhy(VTDaemonClient& client, const std::vector<plugins::PlugIn>& plugIns) {
+    const mox::Object reply = grounds::ask(client);
+    const auto all = reply.isError() ? std::nullopt : explanations::in(reply);
+    for (const plugins::PlugIn& plugIn : plugIns) {
+        const auto isIt = [id = plugIn.uuid.string()](const auto& one) { return one.uuid == id; };
+        std::string path = plugIn.path;
+        if (all) {
+            const auto found = std::find_if(all->begin(), all->end(), isIt);
+            if (path.empty() && found != all->end()) path = found->path;
+            if (grounds::tell(*all, isIt)) continue;
+        }
+        if (!path.empty()) verify::print(verify::ofPath(path), std::cerr);
+    }
+}
+
 }  // namespace
 
 int runReady(const ReadyOptions& options) {
@@ -84,11 +103,11 @@ int runReady(const ReadyOptions& options) {
     mox::Dictionary request = client.request(VTRequest::ready);
     VTDaemonClient::set(request, plugins::uuidsOf(resolved.plugIns));
     request.set(VTKey::flags, std::uint64_t{0});
-    const ExitStatus status = sendAndReport(
-        client, request, options.serviceName,
-        {{VTErrorRequest,
-          "the daemon's log has the reason; plug-ins named before it may have been made ready, until now"},
-         {VTErrorAccess, "none of the plug-ins was made ready"}});
+    const ExitStatus status =
+        sendAndReport(client, request, options.serviceName,
+                      {{VTErrorRequest, "plug-ins named before it may have been made ready, until now"},
+                       {VTErrorAccess, "none of the plug-ins was made ready"}});
+    if (status == ExitStatus::errorReply) tellWhy(client, resolved.plugIns);
     if (status != ExitStatus::success) return static_cast<int>(status);
     const auto announce = [&] { report(resolved.plugIns, options.asJson); };
     if (options.command.empty()) return attendance.untilInterrupted(announce, kLoss);

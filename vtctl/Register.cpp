@@ -1,14 +1,32 @@
 #include "vtctl/Register.h"
 
 #include <iostream>
+#include <set>
 #include <string_view>
 
+#include "Velto/VTExplanation.h"
 #include "Velto/VTProtocol.h"
+#include "platform/file/File.h"
 #include "vtctl/Connection.h"
+#include "vtctl/Grounds.h"
 #include "vtctl/Paths.h"
-#include "vtctl/Verify.h"
+#include "vtctl/verify/Report.h"
+#include "vtctl/verify/Verify.h"
 
 namespace {
+
+// What is wrong on the disk, also where it was accepted; and what was registered and no host is shown all the same.
+void tellWhatIsNotOffered(VTDaemonClient& client, const std::vector<std::string>& paths) {
+    std::set<std::string> resolved;
+    for (const std::string& path : paths) {
+        verify::print(verify::ofPath(path), std::cerr);
+        resolved.insert(file::canonicalPath(path).value_or(path));
+    }
+    const mox::Object reply = grounds::ask(client);
+    const auto all = reply.isError() ? std::nullopt : explanations::in(reply);
+    if (!all) return;
+    grounds::tell(*all, [&](const auto& one) { return one.gate != VTGate::bundle && resolved.count(one.path) > 0; });
+}
 
 ExitStatus sendPaths(const std::string& serviceName, const char* request, const std::vector<std::string>& paths,
                      Advice advice) {
@@ -17,8 +35,7 @@ ExitStatus sendPaths(const std::string& serviceName, const char* request, const 
     VTDaemonClient client{serviceName};
     const ExitStatus status = sendAndReport(client, client.request(request, *absolute), serviceName, advice);
     if (std::string_view{request} != VTRequest::add || status == ExitStatus::unreachable) return status;
-    // What the daemon says in its log only, and what it accepts though it is not meant.
-    for (const std::string& path : *absolute) printProblems(diagnosis::ofPath(path), std::cerr);
+    tellWhatIsNotOffered(client, *absolute);
     return status;
 }
 

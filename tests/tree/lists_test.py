@@ -70,6 +70,27 @@ class Lists(unittest.TestCase):
         self.assertEqual(missing - {'--service'}, set(), 'options that the manual does not have')
         self.assertEqual(set(re.findall(r'(?<![\w-])--[a-z]+', manual)) - found, set(), 'options that no verb has')
 
+    def test_every_key_and_rule_of_a_bundle_is_in_the_tool_and_on_the_page(self):
+        page = read('doc/plugin.md')
+
+        def listed(option, column):
+            shown = subprocess.run([VTCTL, 'verify', option], capture_output=True, text=True, check=True).stdout
+            return {re.split('  +', line)[column] for line in shown.splitlines()[1:]}
+
+        def named(header):
+            return {name for cell in first_column(page, header) for name in re.findall('`(.*?)`', cell)}
+        keys = listed('--keys', 1)
+        documented = named('| key | kind | missing') | named("| key | kind | what it does |\n|---|---|---|\n| `KXExtensionIdentifier`")
+        documented |= named("| key | kind | what it does |\n|---|---|---|\n| `KXExtensionVersion`") | named('| key | kind | of')
+        self.assertEqual(keys - {'EnvironmentVariables'}, documented)
+        in_code = set(re.findall(r'char \w+\[\] =\s+"(\w[\w.-]+)";', read('Velto/VTInfoKeys.h')))
+        in_code |= set(re.findall(r'char k\w+Key\[\] = "(\w+)"', read('platform/bundle/Bundle.h')))
+        in_code |= set(re.findall(r'char k\w+Entitlement\[\] = "([\w.-]+)"', sources('vtd')))
+        self.assertEqual(keys - in_code, {'KXExtensionIdentifier', 'EnvironmentVariables'})
+        self.assertEqual(in_code - keys, {'QFBundleInfoPlistURL'})  # which the daemon takes out
+        self.assertEqual(listed('--rules', 0), named('| rule |'))
+        self.assertEqual(subprocess.run([os.path.join(ROOT, 'script/manual'), '--check']).returncode, 0)
+
     def test_every_file_that_is_named_in_the_code_is_documented(self):
         named = set(re.findall(r'"/?([A-Za-z.-]+\.(?:plist|db))"', sources('platform', 'vtd')))
         page = read('doc/platform.md')

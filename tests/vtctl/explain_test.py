@@ -1,6 +1,5 @@
 """What people are told about a plug-in that is not offered: by the daemon, gate by gate, and by the tool, from the disk."""
 import os
-import re
 import subprocess
 
 from world import VTCTL, Client, WorldTest, main
@@ -61,43 +60,6 @@ class ExplainTest(WorldTest):
             self.assertEqual({told['identifier'] for told in reply['explanations']}, known)
             self.assertEqual(client.ask('match', explain=True, forPid=os.getpid())['error'], f'no such host: {os.getpid()}')
             self.assertNotIn('explanations', client.ask('match', explain=False))
-
-    def test_a_bundle_is_verified_without_the_daemon(self):
-        self.world.kill_daemon()
-        extension = {'KXExtensionPointIdentifier': 'p', 'KXExtensionProtocol': 'P'}
-        whole = {'QFBundleIdentifier': 'x', 'QFBundleExecutable': 'run', 'KXExtension': extension}
-
-        def having(**keys):
-            return {**whole, 'KXExtension': {**extension, **keys}}
-
-        def lacking(key):
-            return {name: content for name, content in whole.items() if name != key}
-        for info, problem in [
-            (whole, None),
-            (b'{"QFBundleIdentifier": "x"}', 'error: .*'),
-            ([1], 'error: is an array; a dictionary'),
-            (b'<plist><dict></plist>', 'line 1'),
-            (lacking('QFBundleIdentifier'), 'error: QFBundleIdentifier: is missing'),
-            (lacking('QFBundleExecutable'), 'error: QFBundleExecutable: is missing'),
-            ({**whole, 'QFBundleExecutable': 'bin/run'}, 'error: QFBundleExecutable: "bin/run" is no file name'),
-            ({**whole, 'QFBundleExecutable': 'gone'}, '/gone: error: is missing'),
-            ({**lacking('KXExtension'), 'KXExtention': extension}, 'KXExtention: nobody reads this key; KXExtension is read'),
-            ({**whole, 'KXExtension': [extension]}, 'error: KXExtension: is an array'),
-            (having(KXExtensionPointIdentifier=5), 'KXExtension.KXExtensionPointIdentifier: is a number'),
-            (having(KXExtensionPointIdentifier='q'), r'there is no extension point "q" \(did you mean p\?'),
-            (having(KXExtensionProtocol=5), 'KXExtension.KXExtensionProtocol: is a number'),
-            (having(EmbeddedCode='x'), 'KXExtension.EmbeddedCode: no plug-in'),
-            (having(Multiple=[]), 'KXExtension.Multiple: is an array'),
-            (having(Shared='/etc'), 'KXExtension.Shared: "/etc" is absolute'),
-            (having(KXExtensionHostEntitlemnt='e'), 'KXExtensionHostEntitlement is read'),
-            (having(KXExtensionHostEntitlement=['e']), 'KXExtension.KXExtensionHostEntitlement: is an array'),
-        ]:
-            with self.subTest(info):
-                bundle = self.world.install('elsewhere/x', {})
-                self.world.write('elsewhere/x/Info.plist', info)
-                told = self.told('verify', bundle)
-                self.assertEqual(told == '', problem is None, told)
-                self.assertTrue(re.search(problem or '', told), told)
 
 
 if __name__ == '__main__':

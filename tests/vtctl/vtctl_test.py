@@ -60,7 +60,7 @@ class VtctlTest(WorldTest):
              {'example.postcard.share': 2}),
             # Nothing of these may change anything.
             (['disable', 'quick', 'sketch'], 2, '', r'"sketch" can be any.*\n.*note .*\n.*note\.extra .*\n.*nothing was changed', {}),
-            (['disable', 'quick', ''], 2, '', 'no plug-in is called "".*UUID', {}),
+            (['disable', 'quick', ''], 2, '', 'no plug-in is called "".*vtctl match', {}),
             (['disable', 'quick', none], 1, '', 'nothing was changed', {}),
             (['disable'], 2, '', 'required', {}),
         ]:
@@ -191,7 +191,7 @@ class VtctlTest(WorldTest):
         form = self.found()['halvern.quicknote']
         for arguments, status, error in [
             (['ready', 'lingua.keyboard'], 2, 'no plug-in is called'),
-            (['ready', 'frames.oval'], 1, 'cannot obtain executable path.*\n.*log has the reason'),
+            (['ready', 'frames.oval'], 1, 'cannot obtain executable path.*\n.*may have been.*\n.*no-executable-key'),
             (['hold', form['path'], '--', VTCTL, 'ready', form['uuid']], 1, 'on hold.*\n.*none of the plug-ins'),
             (['ready', 'quick', '--', 'no-such-program'], 127, 'cannot run'),
             (['ready', 'e'], 2, 'can be any.*nothing was made ready'),
@@ -222,7 +222,7 @@ class VtctlTest(WorldTest):
         place = self.world.root + '/elsewhere'
         shutil.copytree(EXAMPLES + '/world/system/PlugIns/Emoji.bundle', place + '/New.bundle')
         for arguments, status, error in [
-            (['add', 'New.bundle'], 0, ''),
+            (['add', 'New.bundle'], 0, 'no containing application'),
             (['remove', './New.bundle'], 0, ''),
             (['remove', 'New.bundle'], 1, f'no plugin at {place}/New.bundle.*\n.*only what `vtctl add`'),
             (['add', 'New.bundle', 'Missing.bundle'], 1, f'invalid plugin path: {place}/Missing.bundle'),

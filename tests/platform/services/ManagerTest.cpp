@@ -51,8 +51,9 @@ protected:
     Texts files() const {
         Texts names;
         std::error_code none;
-        for (const auto& entry : fs::recursive_directory_iterator{directory, none}) {
-            if (!entry.is_directory()) names.push_back(fs::relative(entry.path(), directory));
+        for (fs::recursive_directory_iterator at{directory, none}, end; !none && at != end; at.increment(none)) {
+            if (at->path().filename() == ".discarded") at.disable_recursion_pending();  // goes behind our back
+            if (!at->is_directory(none)) names.push_back(fs::relative(at->path(), directory));
         }
         std::sort(names.begin(), names.end());
         return names;
